@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Sets everything up, builds, and runs the whole test suite twice: a release
+# build, then a build under AddressSanitizer + UndefinedBehaviorSanitizer.
+# Set QZ_SKIP_SANITIZERS=1 to run the release pass only.
+set -euo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+jobs=$(nproc 2>/dev/null || echo 2)
+bash "$here/scripts/setup.sh"
+
+echo "== release build and tests"
+bash "$here/scripts/build.sh" "$here/build"
+ctest --test-dir "$here/build" --output-on-failure -j "$jobs"
+
+if [ "${QZ_SKIP_SANITIZERS:-0}" != 1 ]; then
+  echo "== address,undefined sanitizer build and tests"
+  bash "$here/scripts/build.sh" "$here/build-asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DQZMATH_SANITIZE=address,undefined -DQZMATH_BUILD_BENCHMARKS=OFF
+  # MKL's threaded runtime keeps per-thread buffers until exit; only our own
+  # leaks matter, and LeakSanitizer still reports those.
+  export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+  export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+  ctest --test-dir "$here/build-asan" --output-on-failure -j "$jobs" -LE slow
+fi
+echo "== all tests passed"

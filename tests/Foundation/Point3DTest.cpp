@@ -1,0 +1,246 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "QZmath/Foundation/Point3D.h"
+#include "QZsys/CpuConf.h"
+
+using namespace REmath;
+
+TEST(Library, SettlesCpuConfigurationWhenLoaded) { EXPECT_TRUE(IsCPUconfSettled()); }
+
+TEST(Point3D, ConstructorsAndArrays)
+{
+  Point3D a;
+  EXPECT_EQ(a.x(), 0.f);
+  EXPECT_EQ(Point3D(2).y(), 2.f);
+  EXPECT_EQ(Point3D(2.5f).z(), 2.5f);
+  EXPECT_EQ(Point3D(0.1).x(), static_cast<float>(0.1));
+  Point3D b(1, 2, 3);
+  EXPECT_EQ(b.z(), 3.f);
+  double const dd[3] = {1.1, 2.2, 3.3};
+  Point3D c(dd);
+  EXPECT_EQ(c.y(), static_cast<float>(2.2));
+  float f[3];
+  c.toArray(f);
+  EXPECT_EQ(f[2], static_cast<float>(3.3));
+  double d[3];
+  c.toArray(d);
+  EXPECT_EQ(d[0], static_cast<double>(static_cast<float>(1.1)));
+  float const *p = c.asArray();
+  EXPECT_EQ(p, &c.x());
+  EXPECT_EQ(p[1], c.y());
+  c.y() = 7;
+  EXPECT_EQ(c.asArray()[1], 7.f);
+  static_assert(sizeof(Point3D) == 3 * sizeof(float), "plain value");
+  static_assert(sizeof(HPoint3D_d) == 4 * sizeof(double), "plain value");
+  static_assert(std::is_trivially_copyable<Point3D>::value, "plain value");
+}
+
+TEST(Point3D, DoubleOperandsRoundOnce)
+{
+  // 1/3 in double, rounded once, differs from float arithmetic for some values
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> u(-100.f, 100.f);
+  for (int i = 0; i < 1000; ++i)
+  {
+    float const v = u(rng);
+    double const s = 1.0 / 3.0;
+    Point3D p(v);
+    p *= s;
+    EXPECT_EQ(p.x(), static_cast<float>(static_cast<double>(v) * s));
+    Point3D q(v);
+    q /= 3.0;
+    EXPECT_EQ(q.y(), static_cast<float>(static_cast<double>(v) / 3.0));
+    Point3D r(v);
+    r /= 3.0f; // true float division, not multiplication by the inverse
+    EXPECT_EQ(r.z(), v / 3.0f);
+    Point3D t(v);
+    t *= 0.1f;
+    EXPECT_EQ(t.z(), v * 0.1f);
+  }
+  Point3D a(1, 2, 3), b(0.5, 0.5, 0.5);
+  a += b;
+  EXPECT_EQ(a.x(), 1.5f);
+  a -= b;
+  a -= b;
+  EXPECT_EQ(a.z(), 2.5f);
+}
+
+TEST(Point3D, NormalizeFollowsMixedPrecisionRule)
+{
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<float> u(-10.f, 10.f);
+  for (int i = 0; i < 1000; ++i)
+  {
+    Point3D p(u(rng), u(rng), u(rng));
+    float const n2 = p.x() * p.x() + p.y() * p.y() + p.z() * p.z();
+    double const inv = 1.0 / std::sqrt(static_cast<double>(n2));
+    Point3D const n = p.unitLength();
+    EXPECT_EQ(n.x(), static_cast<float>(p.x() * inv));
+    EXPECT_EQ(n.y(), static_cast<float>(p.y() * inv));
+    EXPECT_EQ(n.z(), static_cast<float>(p.z() * inv));
+  }
+  Point3D z(0);
+  z.normalize();
+  EXPECT_TRUE(std::isnan(z.x()));
+}
+
+TEST(Point3D_d, LengthUnitAndAngle)
+{
+  Point3D_d a(3, 4, 12);
+  EXPECT_EQ(a.length(), 13.0);
+  EXPECT_FALSE(a.isUnitLength());
+  Point3D_d u = a.unitLength();
+  EXPECT_TRUE(u.isUnitLength());
+  EXPECT_TRUE(Point3D_d(1, 0, 0).isUnitLength());
+  EXPECT_TRUE(Point3D_d(1 + 2.220446049250313e-16, 0, 0).isUnitLength());
+  EXPECT_FALSE(Point3D_d(1 + 8 * 2.220446049250313e-16, 0, 0).isUnitLength());
+  Point3D_d x(2, 0, 0);
+  EXPECT_DOUBLE_EQ(x.angleCos(Point3D_d(0, 5, 0)), 0.0);
+  EXPECT_DOUBLE_EQ(x.angleCos(Point3D_d(-1, 0, 0)), -1.0);
+  EXPECT_DOUBLE_EQ(x.angleCos(Point3D_d(1, 1, 0)), std::sqrt(0.5));
+  EXPECT_TRUE(std::isnan(x.angleCos(Point3D_d(0.0))));
+  Point3D_d z(0);
+  z.normalize();
+  EXPECT_TRUE(std::isnan(z.x()));
+  Point3D_d m(1.5, 2, 3);
+  m *= 2.0f;
+  m /= 4.0;
+  EXPECT_EQ(m.x(), 0.75);
+  float f[3];
+  m.toArray(f);
+  EXPECT_EQ(f[1], 1.f);
+}
+
+TEST(HPoint3D, OrderComparesNorm2Only)
+{
+  HPoint3D a(1, 2, 2, 9), b(3, 0, 0, 0);
+  EXPECT_FALSE(a < b);
+  EXPECT_FALSE(b < a);
+  EXPECT_TRUE(a <= b);
+  EXPECT_TRUE(a >= b);
+  EXPECT_TRUE(a != b);
+  EXPECT_EQ(a.norm2(), 9.0);
+  EXPECT_EQ(a.norm(), 3.0);
+  EXPECT_TRUE(HPoint3D(1, 1, 1, 0) < HPoint3D(0, 0, 2, 0));
+  EXPECT_TRUE(HPoint3D(0, 0, 2, 0) > HPoint3D(-1, 1, 1, 100));
+  EXPECT_TRUE(HPoint3D(1, 2, 3, 4) == HPoint3D(1, 2, 3, 4));
+  EXPECT_FALSE(HPoint3D(1, 2, 3, 4) == HPoint3D(1, 2, 3, 5));
+
+  HPoint3D_d c(1, 2, 2, 9), d(-3, 0, 0, 1);
+  EXPECT_FALSE(c < d);
+  EXPECT_FALSE(d < c);
+  EXPECT_TRUE(c != d);
+}
+
+TEST(HPoint3D, Norm2SquaresInFloatSumsInDouble)
+{
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<float> u(-1e3f, 1e3f);
+  for (int i = 0; i < 1000; ++i)
+  {
+    HPoint3D p(u(rng), u(rng), u(rng), u(rng));
+    float const xx = p.x() * p.x(), yy = p.y() * p.y(), zz = p.z() * p.z();
+    double const expect = static_cast<double>(xx) + static_cast<double>(yy) + static_cast<double>(zz);
+    EXPECT_EQ(p.norm2(), expect);
+  }
+}
+
+TEST(HPoint3D, ConversionsAndProjection)
+{
+  HPoint3D_d h(Point3D_d(1, 2, 3));
+  EXPECT_EQ(h.w(), 1.0);
+  Point3D_d p = h.projectW();
+  EXPECT_EQ(p.x(), 1.0);
+  EXPECT_EQ(p.z(), 3.0);
+  h.w() = 2;
+  p = h.projectW();
+  EXPECT_EQ(p.y(), 2.0); // no division by w
+  EXPECT_EQ(p.z(), 3.0);
+
+  HPoint3D f(Point3D(4, 5, 6));
+  EXPECT_EQ(f.w(), 1.f);
+  f.w() = 0;
+  EXPECT_EQ(f.projectW().x(), 4.f);
+  f = 2.5;
+  EXPECT_EQ(f, HPoint3D(2.5f, 2.5f, 2.5f, 2.5f));
+  f = Point3D(1, 1, 1);
+  EXPECT_EQ(f.w(), 1.f);
+  EXPECT_EQ(HPoint3D(3), HPoint3D(3, 3, 3, 3));
+  EXPECT_EQ(HPoint3D_d(3), HPoint3D_d(3, 3, 3, 3));
+  float const four[4] = {1, 2, 3, 4};
+  EXPECT_EQ(HPoint3D_d(four), HPoint3D_d(1, 2, 3, 4));
+  EXPECT_EQ(HPoint3D(four).w(), 4.f);
+}
+
+TEST(HPoint3D, ScalarArithmeticOnAllFour)
+{
+  HPoint3D a(1, 2, 3, 4);
+  a += 1.0f;
+  EXPECT_EQ(a, HPoint3D(2, 3, 4, 5));
+  a *= 2.0;
+  EXPECT_EQ(a, HPoint3D(4, 6, 8, 10));
+  a /= 2.0f;
+  a -= 1.0;
+  EXPECT_EQ(a, HPoint3D(1, 2, 3, 4));
+  HPoint3D t(1.0f);
+  t /= 3.0;
+  EXPECT_EQ(t.w(), static_cast<float>(1.0 / 3.0));
+  HPoint3D_d b(1, 2, 3, 4);
+  b *= 0.5f;
+  b += 1.0;
+  EXPECT_EQ(b, HPoint3D_d(1.5, 2, 2.5, 3));
+}
+
+TEST(NormalizeVector, GuardsZeroAndScalesInDouble)
+{
+  float z[3] = {0, 0, 0};
+  EXPECT_EQ(NormalizeVector(z), 0.0);
+  EXPECT_EQ(z[0], 0.f);
+  EXPECT_EQ(z[2], 0.f);
+  double zd[3] = {0, 0, 0};
+  NormalizeVectorNoZeroCheck(zd);
+  EXPECT_EQ(zd[1], 0.0);
+  float zf[3] = {0, -0.0f, 0};
+  NormalizeVectorNoZeroCheck(zf);
+  EXPECT_FALSE(std::isnan(zf[0]));
+
+  float v[3] = {3, 4, 12};
+  EXPECT_EQ(NormalizeVector(v), 13.0);
+  EXPECT_EQ(v[0], static_cast<float>(3.0 / 13.0));
+  double w[3] = {1e-100, 0, 0};
+  NormalizeVector(w);
+  EXPECT_EQ(w[0], 1.0);
+  // tiny float vectors whose float square would underflow still normalise
+  float tiny[3] = {1e-30f, 0, 0};
+  NormalizeVector(tiny);
+  EXPECT_FLOAT_EQ(tiny[0], 1.f);
+}
+
+TEST(NoValueMark, BitsOfTheMagicNumber)
+{
+  float const m = NO_VALUE_MARK;
+  std::uint32_t bits;
+  std::memcpy(&bits, &m, sizeof bits);
+  EXPECT_EQ(bits, 0x606710AFu);
+  EXPECT_TRUE(isNoValueMark(6.66e19));
+  EXPECT_FALSE(isNoValueMark(6.6e19));
+}
+
+TEST(CPtVecAdapder, ViewsAVectorWithoutOwning)
+{
+  std::vector<Point3D> pts = {Point3D(1, 2, 3), Point3D(4, 5, 6)};
+  CPtVecAdapder<std::vector<Point3D>> view(pts);
+  ICoord3DRefs const & refs = view;
+  EXPECT_EQ(ICoord3DRefs::DIM, 3);
+  EXPECT_EQ(refs.getPointsNumber(), 2);
+  EXPECT_EQ(refs.getPointCoords(1), pts[1].asArray());
+  EXPECT_EQ(refs.getPointCoords(1)[2], 6.f);
+  pts.push_back(Point3D(7));
+  EXPECT_EQ(refs.getPointsNumber(), 3); // a view, not a copy
+}

@@ -1,0 +1,404 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "QZsys/ConsoleProgressBar.h"
+#include "QZsys/Progress.h"
+
+namespace
+{
+struct Recorder : IProgressObserver
+{
+  std::vector<double> positions;
+  std::vector<std::string> names;
+  void onProgress(double pos, std::string const & name) override
+  {
+    positions.push_back(pos);
+    names.push_back(name);
+  }
+};
+
+bool nonDecreasing(std::vector<double> const & v)
+{
+  for (std::size_t i = 1; i < v.size(); ++i)
+    if (v[i] < v[i - 1])
+      return false;
+  return true;
+}
+} // namespace
+
+TEST(ProgressCounter, NestedRangesMapToGlobalPosition)
+{
+  CProgressCounter c;
+  c.SetPosFloat(0.1);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.1);
+  c.PushRange(0.2, 0.5); // [0.2, 0.7]
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.2);
+  c.SetPosFloat(0.5);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.45);
+  c.PushRange(0.5, 0.5); // [0.45, 0.7]
+  c.SetPosFloat(0.4);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.45 + 0.25 * 0.4);
+  EXPECT_EQ(c.GetRangeDepth(), 2);
+  c.PopRange(true);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.7);
+  EXPECT_DOUBLE_EQ(c.GetLocalPosFloat(), 1.0); // the parent's own position follows
+  c.PopRange(true);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.7);
+  c.PopRange(true); // nothing open: no effect
+  EXPECT_EQ(c.GetRangeDepth(), 0);
+}
+
+TEST(ProgressCounter, ClampsOutOfRangeAndBackwardValues)
+{
+  CProgressCounter c;
+  Recorder rec;
+  c.AddObserver(&rec);
+  c.SetPosFloat(0.6);
+  c.SetPosFloat(0.3); // backwards: ignored
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.6);
+  c.SetPosFloat(7.0);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
+  c.SetPosFloat(std::nan(""));
+  c.SetPosFloat(-3);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
+  EXPECT_TRUE(nonDecreasing(rec.positions));
+  EXPECT_EQ(rec.positions.back(), 1.0);
+
+  CProgressCounter d;
+  d.PushRange(0.8, 0.5); // length cut to the end of the parent
+  d.SetPosFloat(1.0);
+  EXPECT_DOUBLE_EQ(d.GetPosFloat(), 1.0);
+}
+
+TEST(ProgressCounter, ResetKeepsInterruption)
+{
+  CProgressCounter c;
+  c.PushRange(0.5, 0.5);
+  c.SetPosFloat(1);
+  c.RequestInterrupt();
+  c.Reset();
+  EXPECT_EQ(c.GetPosFloat(), 0.0);
+  EXPECT_EQ(c.GetRangeDepth(), 0);
+  EXPECT_THROW(c.SetPosFloat(0.1), CUserIntrException);
+  c.ClearInterrupt();
+  EXPECT_NO_THROW(c.SetPosFloat(0.1));
+}
+
+TEST(ProgressCounter, InterruptionFromAnotherThreadThrowsOnNextCall)
+{
+  CProgressCounter c;
+  std::thread([&] { c.RequestInterrupt(); }).join();
+  EXPECT_TRUE(c.IsInterrupted());
+  EXPECT_THROW(c.SetPosFloat(0.5), CUserIntrException);
+  EXPECT_THROW(c.SetPosFloat(0.5), CUserIntrException); // sticky
+  EXPECT_THROW(CPrgCntSubPhase(&c, 0.0, 0.5, 0, true), CUserIntrException);
+  EXPECT_EQ(c.GetRangeDepth(), 0); // a failed sub-phase leaves no range open
+}
+
+TEST(ProgressCounter, InterruptionWhileWorkerLoops)
+{
+  CProgressCounter c;
+  std::atomic<bool> started{false};
+  std::thread requester([&] {
+    while (!started.load())
+      std::this_thread::yield();
+    c.RequestInterrupt();
+  });
+  bool thrown = false;
+  try
+  {
+    for (long i = 0;; ++i)
+    {
+      started.store(true);
+      c.SetPosFloat(static_cast<double>(i % 1000) / 1000.0);
+    }
+  }
+  catch (CUserIntrException const &)
+  {
+    thrown = true;
+  }
+  requester.join();
+  EXPECT_TRUE(thrown);
+}
+
+namespace
+{
+class CancelAfter : public CProgressCounter
+{
+public:
+  explicit CancelAfter(int calls) : m_calls(calls) {}
+
+private:
+  bool OnCheckInterrupt() const override { return --m_calls < 0; }
+  mutable int m_calls;
+};
+} // namespace
+
+TEST(ProgressCounter, OverridableCheck)
+{
+  CancelAfter c(2);
+  c.SetPosFloat(0.1);
+  c.SetPosFloat(0.2);
+  EXPECT_THROW(c.SetPosFloat(0.3), CUserIntrException);
+}
+
+TEST(ProgressCounter, InterruptSourceIsFollowed)
+{
+  CProgressCounter parent, child;
+  child.SetInterruptSource(&parent);
+  parent.RequestInterrupt();
+  EXPECT_THROW(child.SetPosFloat(0.1), CUserIntrException);
+  child.SetInterruptSource(nullptr);
+  EXPECT_NO_THROW(child.SetPosFloat(0.1));
+}
+
+TEST(PrgCntSubPhase, FractionAndPercentForms)
+{
+  CProgressCounter c;
+  {
+    CPrgCntSubPhase a(&c, 10, 40, 0, true); // [0.1, 0.5]
+    c.SetPosFloat(0.5);
+    EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.3);
+    {
+      CPrgCntSubPhase b(&c, 0.5, 0.25, 1, true); // [0.3, 0.4]
+      EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.3);
+      c.SetPosFloat(1.0);
+      EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.4);
+    }
+    EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.4);
+    a.Finish();
+    EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.5);
+    a.Finish(); // twice: nothing
+    EXPECT_EQ(c.GetRangeDepth(), 0);
+  }
+  EXPECT_EQ(c.GetRangeDepth(), 0);
+  {
+    CPrgCntSubPhase left(&c, 0.5, 0.5, 0, false);
+    c.SetPosFloat(0.2);
+  }
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.6); // not moved to the end
+}
+
+TEST(PrgCntSubPhase, NullCounterAndNoThrowFromDestructor)
+{
+  {
+    CPrgCntSubPhase a(nullptr, 0.0, 0.5, 0, true);
+    CPrgCntSubPhase b(nullptr, 0, 50, 0, true);
+    a.Finish();
+    EXPECT_EQ(a.GetCounter(), nullptr);
+  }
+  CProgressCounter c;
+  EXPECT_NO_THROW({
+    CPrgCntSubPhase s(&c, 0.0, 0.5, 0, true);
+    c.RequestInterrupt();
+  }); // the destructor swallows nothing because it checks nothing
+  c.ClearInterrupt();
+  CPrgCntSubPhase s(&c, 0.0, 1.0, 0, true);
+  c.RequestInterrupt();
+  EXPECT_THROW(s.Finish(), CUserIntrException);
+  EXPECT_EQ(c.GetRangeDepth(), 0); // closed before the check threw
+}
+
+TEST(MultiPhaseManager, WeightsInRegistrationOrder)
+{
+  CProgressCounter c;
+  Recorder rec;
+  c.AddObserver(&rec);
+  VsPCnt::CMultiPhaseManager m(&c);
+  m.showPhaseName();
+  m.RegisterPhase("tree", 10);
+  m.RegisterPhase("solve", 30);
+  m.RegisterPhase("skipped", -5);
+  m.RegisterPhase("surface", 60);
+  EXPECT_DOUBLE_EQ(m.GetTotalWeight(), 100);
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase p(&m, "tree");
+    EXPECT_EQ(c.GetPhaseName(), "tree");
+    c.SetPosFloat(0.5);
+    EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.05);
+  }
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.1);
+  m.StartPhase("surface");
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.4);
+  EXPECT_EQ(m.GetCurrentPhaseName(), "surface");
+  m.StartPhase("solve"); // finishes "surface" first
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
+  m.FinishCurrentPhase();
+  m.FinishCurrentPhase();
+  EXPECT_FALSE(m.HasOpenPhase());
+  EXPECT_TRUE(nonDecreasing(rec.positions));
+  EXPECT_EQ(rec.names.back(), "solve");
+}
+
+TEST(MultiPhaseManager, UnregisteredAndDuplicatePhasesAreLogicErrors)
+{
+  VsPCnt::CMultiPhaseManager m(nullptr);
+  m.RegisterPhase("a", 1);
+  EXPECT_THROW(m.RegisterPhase("a", 2), std::logic_error);
+  EXPECT_THROW(m.StartPhase("b"), std::logic_error);
+  EXPECT_THROW(VsPCnt::CMultiPhaseManagerSingleSubPhase(&m, "b"), std::logic_error);
+  EXPECT_NO_THROW(m.StartPhase("a")); // null counter is fine
+  EXPECT_NO_THROW(m.FinishCurrentPhase());
+}
+
+TEST(MultiPhaseManager, InterruptionDuringPhase)
+{
+  CProgressCounter c;
+  VsPCnt::CMultiPhaseManager m(&c);
+  m.RegisterPhase("a", 1);
+  m.RegisterPhase("b", 1);
+  try
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase p(&m, "a");
+    c.RequestInterrupt();
+    c.SetPosFloat(0.5);
+    FAIL() << "no interruption";
+  }
+  catch (CUserIntrException const &)
+  {
+  }
+  EXPECT_FALSE(m.HasOpenPhase());
+  EXPECT_EQ(c.GetRangeDepth(), 0);
+  EXPECT_THROW(m.StartPhase("b"), CUserIntrException);
+  EXPECT_EQ(c.GetRangeDepth(), 0);
+}
+
+TEST(MultiPhaseManager, ZeroTotalWeight)
+{
+  CProgressCounter c;
+  VsPCnt::CMultiPhaseManager m(&c);
+  m.RegisterPhase("a", 0);
+  m.StartPhase("a");
+  c.SetPosFloat(0.7);
+  m.FinishCurrentPhase();
+  EXPECT_LE(c.GetPosFloat(), 1.0);
+}
+
+TEST(LongJobPosition, RisesPastTheEstimate)
+{
+  using VsPCnt::prgCntLongJobPosition;
+  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(0, 100, 0.3), 0.0);
+  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(50, 100, 0.3), 0.35);
+  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(100, 100, 0.3), 0.7);
+  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(200, 100, 0.3), 0.85);
+  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(1000, 100, 0.3), 0.97);
+  // continuous at the estimate and strictly rising beyond it
+  EXPECT_LT(prgCntLongJobPosition(101, 100, 0.3), prgCntLongJobPosition(102, 100, 0.3));
+  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(5, 0, 0.3), 1.0);
+  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(0, 0, 0.3), 0.0);
+}
+
+TEST(PrgCntIntegerScope, HoldsItsValues)
+{
+  CProgressCounter c;
+  CPrgCntIntegerScope s;
+  EXPECT_EQ(s.GetCounter(), nullptr);
+  EXPECT_EQ(s.GetTotal(), 0);
+  EXPECT_EQ(s.GetCurrent(), 0);
+  s.SetCounter(&c);
+  s.SetTotal(7);
+  s.SetCurrent(3);
+  EXPECT_EQ(s.GetCounter(), &c);
+  EXPECT_EQ(s.GetTotal(), 7);
+  EXPECT_EQ(s.GetCurrent(), 3);
+}
+
+TEST(PrgCntBlocksTreaded, JoinsWorkerProgressByBlocks)
+{
+  CProgressCounter parent, w1, w2;
+  CPrgCntBlocksTreaded b(&parent);
+  b.SetBlocksNumber(4);
+  b.AddChildPrgCnt(&w1);
+  b.AddChildPrgCnt(&w2);
+  b.BindChildToBlock(0, &w1);
+  b.BindChildToBlock(2, &w2);
+  w1.SetPosFloat(0.5);
+  w2.SetPosFloat(1.0);
+  b.UpdateParentPrgCnt();
+  EXPECT_DOUBLE_EQ(parent.GetPosFloat(), 1.5 / 4);
+  b.OnOneBlockMoreFinished(0, &w1);
+  b.BindChildToBlock(1, &w1); // reset for its new block
+  EXPECT_EQ(w1.GetPosFloat(), 0.0);
+  b.UpdateParentPrgCnt();
+  EXPECT_DOUBLE_EQ(parent.GetPosFloat(), 2.0 / 4);
+  // the children follow the parent's interruption
+  parent.RequestInterrupt();
+  EXPECT_THROW(w2.SetPosFloat(1), CUserIntrException);
+  EXPECT_THROW(b.UpdateParentPrgCnt(), CUserIntrException);
+  b.RemoveChildPrgCnt(&w2);
+  EXPECT_NO_THROW(w2.SetPosFloat(1));
+}
+
+TEST(PrgCntBlocksTreaded, WorkersOnThreads)
+{
+  CProgressCounter parent;
+  CPrgCntBlocksTreaded b(&parent);
+  int const blocks = 64;
+  b.SetBlocksNumber(blocks);
+  std::atomic<int> next{0};
+  auto worker = [&] {
+    CProgressCounter own;
+    b.AddChildPrgCnt(&own);
+    for (int k; (k = next.fetch_add(1)) < blocks;)
+    {
+      b.BindChildToBlock(k, &own);
+      for (int s = 1; s <= 10; ++s)
+        own.SetPosFloat(s / 10.0);
+      b.OnOneBlockMoreFinished(k, &own);
+    }
+    b.RemoveChildPrgCnt(&own);
+  };
+  std::thread t1(worker), t2(worker);
+  double last = 0;
+  for (int i = 0; i < 100; ++i)
+  {
+    b.UpdateParentPrgCnt();
+    EXPECT_GE(parent.GetPosFloat(), last);
+    last = parent.GetPosFloat();
+  }
+  t1.join();
+  t2.join();
+  b.UpdateParentPrgCnt();
+  EXPECT_DOUBLE_EQ(parent.GetPosFloat(), 1.0);
+}
+
+TEST(ConsoleProgressBar, FormatsBarPercentAndPhase)
+{
+  EXPECT_EQ(CConsoleProgressBar::formatLine(0.0, "", 10), "[          ]   0.0%");
+  EXPECT_EQ(CConsoleProgressBar::formatLine(0.5, "solve", 10), "[#####     ]  50.0%  solve");
+  EXPECT_EQ(CConsoleProgressBar::formatLine(1.0, "x", 4), "[####] 100.0%  x");
+  EXPECT_EQ(CConsoleProgressBar::formatLine(3.0, "", 2), "[##] 100.0%");
+}
+
+TEST(ConsoleProgressBar, DrawsOnAStreamAsAnObserver)
+{
+  std::FILE * f = std::tmpfile();
+  ASSERT_NE(f, nullptr);
+  {
+    CProgressCounter c;
+    CConsoleProgressBar bar(f, 10, 0);
+    c.AddObserver(&bar);
+    VsPCnt::CMultiPhaseManager m(&c);
+    m.showPhaseName();
+    m.RegisterPhase("one", 1);
+    m.RegisterPhase("two", 1);
+    m.StartPhase("one");
+    c.SetPosFloat(0.5);
+    m.StartPhase("two");
+    m.FinishCurrentPhase();
+    bar.finish();
+    c.RemoveObserver(&bar);
+  }
+  std::rewind(f);
+  std::string text;
+  for (int ch; (ch = std::fgetc(f)) != EOF;)
+    text += static_cast<char>(ch);
+  std::fclose(f);
+  EXPECT_NE(text.find("[##        ]  25.0%  one"), std::string::npos) << text;
+  EXPECT_NE(text.find("[##########] 100.0%  two\n"), std::string::npos) << text;
+}

@@ -1,0 +1,251 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "QZsys/CpuConf.h"
+#include "QZsys/Threading.h"
+
+using namespace std::chrono_literals;
+
+namespace
+{
+struct FnTask : IVescaInvokeProc
+{
+  std::function<void()> fn;
+  explicit FnTask(std::function<void()> f) : fn(std::move(f)) {}
+  void run() override { fn(); }
+};
+
+struct CountingObserver : IVescaThreadOnTimerObserver
+{
+  std::atomic<int> events{0};
+  std::thread::id seenOn;
+  unsigned period = 5;
+  int throwAfter = -1;
+
+private:
+  unsigned onGetMillisecondsTimeOut() override { return period; }
+  void onProcessTimerEvent() override
+  {
+    seenOn = std::this_thread::get_id();
+    if (++events == throwAfter)
+      throw std::runtime_error("observer");
+  }
+};
+
+// Every task waits until all have started: it can only finish when the tasks
+// really run at the same time. The time-out keeps a serial runner from hanging.
+struct Rendezvous
+{
+  std::mutex m;
+  std::condition_variable cv;
+  int arrived = 0;
+  bool meet(int n)
+  {
+    std::unique_lock<std::mutex> lock(m);
+    ++arrived;
+    cv.notify_all();
+    return cv.wait_for(lock, 5s, [&] { return arrived >= n; });
+  }
+};
+} // namespace
+
+TEST(PerformInParallel, RunsTasksConcurrently)
+{
+  int const n = 4;
+  Rendezvous r;
+  std::atomic<int> met{0};
+  std::vector<std::unique_ptr<FnTask>> owned;
+  std::vector<IVescaInvokeProc *> tasks;
+  for (int i = 0; i < n; ++i)
+  {
+    owned.emplace_back(new FnTask([&] { met += r.meet(n) ? 1 : 0; }));
+    tasks.push_back(owned.back().get());
+  }
+  CVescaThreadingTasksHelper::performInParallel(tasks.data(), n, nullptr);
+  EXPECT_EQ(met.load(), n);
+}
+
+TEST(PerformInParallel, PumpsTheObserverOnTheCallingThread)
+{
+  CountingObserver obs;
+  FnTask slow([] { std::this_thread::sleep_for(150ms); });
+  IVescaInvokeProc * tasks[] = {&slow, nullptr};
+  CVescaThreadingTasksHelper::performInParallel(tasks, 2, &obs);
+  EXPECT_GE(obs.events.load(), 5);
+  EXPECT_EQ(obs.seenOn, std::this_thread::get_id());
+}
+
+TEST(PerformInParallel, RethrowsTaskExceptionAfterAllJoined)
+{
+  std::atomic<bool> slowFinished{false};
+  FnTask bad([] { throw std::out_of_range("task failed"); });
+  FnTask slow([&] {
+    std::this_thread::sleep_for(100ms);
+    slowFinished = true;
+  });
+  IVescaInvokeProc * tasks[] = {&bad, &slow};
+  CountingObserver obs;
+  try
+  {
+    CVescaThreadingTasksHelper::performInParallel(tasks, 2, &obs);
+    FAIL() << "no exception";
+  }
+  catch (std::out_of_range const & e)
+  {
+    EXPECT_STREQ(e.what(), "task failed");
+    EXPECT_TRUE(slowFinished.load());
+  }
+}
+
+TEST(PerformInParallel, ObserverExceptionWaitsForTasks)
+{
+  std::atomic<bool> finished{false};
+  FnTask slow([&] {
+    std::this_thread::sleep_for(100ms);
+    finished = true;
+  });
+  IVescaInvokeProc * tasks[] = {&slow};
+  CountingObserver obs;
+  obs.throwAfter = 2;
+  EXPECT_THROW(CVescaThreadingTasksHelper::performInParallel(tasks, 1, &obs), std::runtime_error);
+  EXPECT_TRUE(finished.load());
+  EXPECT_EQ(obs.events.load(), 2); // pumping stopped at the exception
+}
+
+TEST(PerformInParallel, EmptyAndNullInput)
+{
+  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(nullptr, 3, nullptr));
+  IVescaInvokeProc * none[] = {nullptr};
+  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(none, 1, nullptr));
+  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(none, 0, nullptr));
+}
+
+TEST(PhysicalThreads, CountedAtLeastOneAndSettable)
+{
+  int const counted = CVescaThreadingTasksHelper::getNumOfPhisicalThread();
+  EXPECT_GE(counted, 1);
+  EXPECT_LE(counted, static_cast<int>(std::max(1u, std::thread::hardware_concurrency())));
+  CVescaThreadingTasksHelper::setNumOfPhisicalThread(7);
+  EXPECT_EQ(CVescaThreadingTasksHelper::getNumOfPhisicalThread(), 7);
+  CVescaThreadingTasksHelper::setNumOfPhisicalThread(0);
+  EXPECT_EQ(CVescaThreadingTasksHelper::getNumOfPhisicalThread(), counted);
+  InitCPUconf();
+  EXPECT_TRUE(IsCPUconfSettled());
+}
+
+TEST(ThreadingFactory, SingletonIsOneInstance)
+{
+  EXPECT_EQ(&CVescaSingletonT<IVescaThreadingFactory>::instance(), CVescaSingletonT<IVescaThreadingFactory>::get());
+}
+
+TEST(ThreadingFactory, AutoResetEventWithTimeouts)
+{
+  auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
+  std::unique_ptr<IVescaBlockingEvent> e(f.createBlockingEvent());
+  EXPECT_FALSE(e->wait(0)); // poll
+  e->set();
+  e->set(); // setting twice is still one event
+  EXPECT_TRUE(e->wait(0));
+  EXPECT_FALSE(e->wait(0)); // consumed
+  auto const t0 = std::chrono::steady_clock::now();
+  EXPECT_FALSE(e->wait(30));
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, 25ms);
+  std::thread setter([&] {
+    std::this_thread::sleep_for(20ms);
+    e->set();
+  });
+  EXPECT_TRUE(e->wait(5000));
+  setter.join();
+  std::thread setter2([&] { e->set(); });
+  EXPECT_TRUE(e->wait(VESCA_INFINITE));
+  setter2.join();
+}
+
+TEST(ThreadingFactory, RecursiveMutexAndLock)
+{
+  auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
+  IVescaMutexPtr m(f.createMutex());
+  std::atomic<int> counter{0};
+  std::optional<CVescaMutexLock> outer, inner;
+  outer.emplace(m);
+  inner.emplace(m.get()); // recursive on the same thread
+  std::thread other([&] {
+    CVescaMutexLock l(m);
+    counter = 2;
+  });
+  std::this_thread::sleep_for(30ms);
+  EXPECT_EQ(counter.load(), 0); // blocked while we hold it
+  counter = 1;
+  inner.reset();
+  std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(counter.load(), 1); // still held once
+  outer.reset();
+  other.join();
+  EXPECT_EQ(counter.load(), 2);
+  CVescaMutexLock none(nullptr); // a null mutex is accepted
+}
+
+TEST(ThreadingFactory, ThreadRunsWaitsAndSwallows)
+{
+  auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
+  std::atomic<bool> go{false}, ran{false};
+  FnTask task([&] {
+    while (!go.load())
+      std::this_thread::sleep_for(1ms);
+    ran = true;
+  });
+  std::unique_ptr<IVescaThread> t(f.createThread());
+  EXPECT_TRUE(t->wait(0)); // never started
+  t->setProc(&task);
+  t->start();
+  EXPECT_FALSE(t->wait(0));
+  go = true;
+  EXPECT_TRUE(t->wait(5000));
+  EXPECT_TRUE(ran.load());
+  EXPECT_FALSE(t->hasFailed());
+
+  FnTask bad([] { throw 42; });
+  std::unique_ptr<IVescaThread> t2(f.createThread());
+  t2->setProc(&bad);
+  t2->start();
+  EXPECT_TRUE(t2->wait(VESCA_INFINITE));
+  EXPECT_TRUE(t2->hasFailed());
+
+  // deleting a running thread waits for its end
+  std::atomic<bool> done{false};
+  FnTask slow([&] {
+    std::this_thread::sleep_for(30ms);
+    done = true;
+  });
+  std::unique_ptr<IVescaThread> t3(f.createThread());
+  t3->setProc(&slow);
+  t3->start();
+  t3.reset();
+  EXPECT_TRUE(done.load());
+}
+
+TEST(ThreadingFactory, TimerKnowsItsThreadAndSleeperSleeps)
+{
+  auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
+  CountingObserver obs;
+  std::unique_ptr<IVescaTimer> timer(f.createTimer(&obs));
+  EXPECT_TRUE(timer->isCallingThreadOwner());
+  EXPECT_EQ(timer->getObserver(), &obs);
+  bool otherOwner = true;
+  std::thread([&] { otherOwner = timer->isCallingThreadOwner(); }).join();
+  EXPECT_FALSE(otherOwner);
+  std::unique_ptr<IVescaSleeper> s(f.createSleeper());
+  auto const t0 = std::chrono::steady_clock::now();
+  s->sleep(20);
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, 18ms);
+}
