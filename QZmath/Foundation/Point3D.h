@@ -372,7 +372,7 @@ private:
 class ICoord3DRefs
 {
 public:
-  static const int DIM = 3;
+  static constexpr int DIM = 3;
   virtual ~ICoord3DRefs() = default;
   virtual int getPointsNumber() const = 0;
   /// Address of DIM coordinates of point `index`.

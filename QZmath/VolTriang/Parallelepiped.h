@@ -31,7 +31,7 @@ private:
 class CParallelepiped
 {
 public:
-  static const int DIM = 3;
+  static constexpr int DIM = 3;
 
   CParallelepiped() : m_min{0.0, 0.0, 0.0}, m_max{0.0, 0.0, 0.0} {}
   CParallelepiped(double xmin, double xmax, double ymin, double ymax, double zmin, double zmax)

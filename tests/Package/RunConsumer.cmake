@@ -1,0 +1,26 @@
+# cmake -P script: install, build the consumer, run it.
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+
+function(run_step)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "step failed (${rc}): ${ARGN}\n${out}\n${err}")
+  endif()
+  set(step_output "${out}" PARENT_SCOPE)
+endfunction()
+
+run_step(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+foreach(f lib/libQZmath.so lib/libQZsys.so include/QZmath/QZmath.h include/QZsys/Progress.h
+          lib/cmake/QZmath/QZmathConfig.cmake lib/cmake/QZmath/QZmathConfigVersion.cmake)
+  if(NOT EXISTS ${prefix}/${f})
+    message(FATAL_ERROR "missing from the install: ${f}")
+  endif()
+endforeach()
+run_step(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run_step(${WORK_DIR}/build/consumer)
+if(NOT step_output MATCHES "consumer ok")
+  message(FATAL_ERROR "unexpected consumer output: ${step_output}")
+endif()
+message(STATUS "${step_output}")
