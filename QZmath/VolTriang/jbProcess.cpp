@@ -1,0 +1,479 @@
+#include "QZmath/VolTriang/jbProcess.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace VolTr
+{
+namespace
+{
+template <class T> T * jbAlloc(std::size_t count = 1)
+{
+  void * p = std::calloc(count, sizeof(T));
+  if (!p)
+    throw std::bad_alloc();
+  return static_cast<T *>(p);
+}
+
+inline int jbHash(int i, int j, int k) { return (((i & 31) << 5 | (j & 31)) << 5) | (k & 31); }
+
+inline bool lexLess(int i1, int j1, int k1, int i2, int j2, int k2)
+{
+  if (i1 != i2)
+    return i1 < i2;
+  if (j1 != j2)
+    return j1 < j2;
+  return k1 < k2;
+}
+
+inline int bit(int n, int b) { return (n >> b) & 1; }
+
+const int st_faceBit[6] = {2, 2, 1, 1, 0, 0};
+} // namespace
+
+int jbVertices::add(jbVertex const & v)
+{
+  if (count >= capacity)
+  {
+    int const newCapacity = capacity == 0 ? 10 : capacity * 2;
+    void * p = std::realloc(items, static_cast<std::size_t>(newCapacity) * sizeof(jbVertex));
+    if (!p)
+      throw std::bad_alloc();
+    items = static_cast<jbVertex *>(p);
+    capacity = newCapacity;
+  }
+  items[count] = v;
+  return count++;
+}
+
+jbProcess::jbProcess()
+    : function(nullptr), triangleProcessor(nullptr), size(0), delta(0), bounds{0, 0, 0}, start(),
+      cubes(nullptr), vertices{0, 0, nullptr}, centers(nullptr), corners(nullptr), edges(nullptr),
+      m_randState(1)
+{
+}
+
+Point3D_d jbProcess::setpoint(int i, int j, int k) const
+{
+  // The lattice runs against the axes as the indices rise, half a cube off the
+  // start: triangle orientation depends on this sign.
+  return Point3D_d(start.x() - (i - 0.5) * size, start.y() - (j - 0.5) * size, start.z() - (k - 0.5) * size);
+}
+
+jbCornerlist * jbProcess::setcorner(int i, int j, int k)
+{
+  int const h = jbHash(i, j, k);
+  for (jbCornerlist * l = corners[h]; l; l = l->next)
+    if (l->i == i && l->j == j && l->k == k)
+      return l;
+  jbCornerlist * c = jbAlloc<jbCornerlist>();
+  c->i = i, c->j = j, c->k = k;
+  c->flag = 0;
+  // Link only after a successful evaluation: an exception of the function must
+  // not leave a corner without a value in the table.
+  try
+  {
+    c->value = (*function)(setpoint(i, j, k), &c->flag);
+  }
+  catch (...)
+  {
+    std::free(c);
+    throw;
+  }
+  c->next = corners[h];
+  corners[h] = c;
+  return c;
+}
+
+int jbProcess::setcenter(int i, int j, int k)
+{
+  int const h = jbHash(i, j, k);
+  for (jbCenterlist * l = centers[h]; l; l = l->next)
+    if (l->i == i && l->j == j && l->k == k)
+      return 1;
+  jbCenterlist * c = jbAlloc<jbCenterlist>();
+  c->i = i, c->j = j, c->k = k;
+  c->next = centers[h];
+  centers[h] = c;
+  return 0;
+}
+
+void jbProcess::setedge(int i1, int j1, int k1, int i2, int j2, int k2, int vertex)
+{
+  if (lexLess(i2, j2, k2, i1, j1, k1))
+  {
+    std::swap(i1, i2);
+    std::swap(j1, j2);
+    std::swap(k1, k2);
+  }
+  int const h = jbHash(i1, j1, k1) + jbHash(i2, j2, k2);
+  jbEdgelist * e = jbAlloc<jbEdgelist>();
+  e->i1 = i1, e->j1 = j1, e->k1 = k1;
+  e->i2 = i2, e->j2 = j2, e->k2 = k2;
+  e->vertex = vertex;
+  e->next = edges[h];
+  edges[h] = e;
+}
+
+int jbProcess::getedge(int i1, int j1, int k1, int i2, int j2, int k2)
+{
+  if (lexLess(i2, j2, k2, i1, j1, k1))
+  {
+    std::swap(i1, i2);
+    std::swap(j1, j2);
+    std::swap(k1, k2);
+  }
+  int const h = jbHash(i1, j1, k1) + jbHash(i2, j2, k2);
+  for (jbEdgelist * e = edges[h]; e; e = e->next)
+    if (e->i1 == i1 && e->j1 == j1 && e->k1 == k1 && e->i2 == i2 && e->j2 == j2 && e->k2 == k2)
+      return e->vertex;
+  return -1;
+}
+
+jbTest jbProcess::find(int sign, Point3D_d from)
+{
+  jbTest test;
+  test.ok = 1;
+  test.value = 0;
+  double range = size;
+  for (int attempt = 0; attempt < 10000; ++attempt)
+  {
+    double const rx = nextRandom() / 32767.0;
+    double const ry = nextRandom() / 32767.0;
+    double const rz = nextRandom() / 32767.0;
+    test.point = Point3D_d((rx - 0.5) * range + from.x(), (ry - 0.5) * range + from.y(),
+                           (rz - 0.5) * range + from.z());
+    int flag = 0;
+    test.value = (*function)(test.point, &flag);
+    if ((test.value > 0) == (sign != 0) && flag == 0)
+      return test;
+    range *= 1.0005;
+  }
+  test.ok = 0;
+  return test;
+}
+
+Point3D_d jbProcess::converge(Point3D_d p1, Point3D_d p2, double value1)
+{
+  Point3D_d pos, neg;
+  if (value1 >= 0)
+    pos = p1, neg = p2;
+  else
+    pos = p2, neg = p1;
+  for (int n = 1;; ++n)
+  {
+    Point3D_d const out((pos.x() + neg.x()) * 0.5, (pos.y() + neg.y()) * 0.5, (pos.z() + neg.z()) * 0.5);
+    if (n == 11)
+      return out;
+    int local = 0; // the flag is computed but not used here
+    if ((*function)(out, &local) > 0)
+      pos = out;
+    else
+      neg = out;
+  }
+}
+
+int jbProcess::vertid(jbCornerlist * c1, jbCornerlist * c2)
+{
+  int const known = getedge(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k);
+  if (known != -1)
+    return known;
+  jbVertex v;
+  v.position = converge(setpoint(c1->i, c1->j, c1->k), setpoint(c2->i, c2->j, c2->k), c1->value);
+  v.normal = Point3D_d();
+  int const index = vertices.add(v);
+  setedge(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k, index);
+  return index;
+}
+
+int jbProcess::dotet(jbCube * cube, int a, int b, int c, int d)
+{
+  jbCornerlist * ca = cube->corners[a];
+  jbCornerlist * cb = cube->corners[b];
+  jbCornerlist * cc = cube->corners[c];
+  jbCornerlist * cd = cube->corners[d];
+  // A value of exactly 0 is on the negative side.
+  bool const apos = ca->value > 0, bpos = cb->value > 0, cpos = cc->value > 0, dpos = cd->value > 0;
+  int const index = 8 * apos + 4 * bpos + 2 * cpos + dpos;
+  int e1 = 0, e2 = 0, e3 = 0, e4 = 0, e5 = 0, e6 = 0;
+  if (apos != bpos)
+    e1 = vertid(ca, cb);
+  if (apos != cpos)
+    e2 = vertid(ca, cc);
+  if (apos != dpos)
+    e3 = vertid(ca, cd);
+  if (bpos != cpos)
+    e4 = vertid(cb, cc);
+  if (bpos != dpos)
+    e5 = vertid(cb, cd);
+  if (cpos != dpos)
+    e6 = vertid(cc, cd);
+
+  jbTriangleProcessor & sink = *triangleProcessor;
+  auto one = [&](int x, int y, int z) { return sink(x, y, z, vertices) != 0 ? 1 : 0; };
+  auto two = [&](int x1, int y1, int z1, int x2, int y2, int z2) {
+    if (!one(x1, y1, z1))
+      return 0;
+    return one(x2, y2, z2);
+  };
+  switch (index)
+  {
+  case 1:
+    return one(e5, e6, e3);
+  case 2:
+    return one(e2, e6, e4);
+  case 3:
+    return two(e3, e5, e4, e3, e4, e2);
+  case 4:
+    return one(e1, e4, e5);
+  case 5:
+    return two(e3, e1, e4, e3, e4, e6);
+  case 6:
+    return two(e1, e2, e6, e1, e6, e5);
+  case 7:
+    return one(e1, e2, e3);
+  case 8:
+    return one(e1, e3, e2);
+  case 9:
+    return two(e1, e5, e6, e1, e6, e2);
+  case 10:
+    return two(e1, e3, e6, e1, e6, e4);
+  case 11:
+    return one(e1, e5, e4);
+  case 12:
+    return two(e3, e2, e4, e3, e4, e5);
+  case 13:
+    return one(e6, e2, e4);
+  case 14:
+    return one(e5, e3, e6);
+  default:
+    return 1;
+  }
+}
+
+void jbProcess::testface(int i, int j, int k, jbCube * old, int face, int c1, int c2, int c3, int c4)
+{
+  bool const pos = old->corners[c1]->value > 0;
+  if ((old->corners[c2]->value > 0) == pos && (old->corners[c3]->value > 0) == pos &&
+      (old->corners[c4]->value > 0) == pos)
+    return; // the surface does not cross this face
+  if (std::abs(i) > bounds[0] || std::abs(j) > bounds[1] || std::abs(k) > bounds[2])
+    return;
+  if (setcenter(i, j, k))
+    return;
+  jbCubes * fresh = jbAlloc<jbCubes>();
+  jbCube & cube = fresh->cube;
+  cube.i = i, cube.j = j, cube.k = k;
+  int const shared[4] = {c1, c2, c3, c4};
+  int const flip = 1 << st_faceBit[face];
+  for (int c : shared)
+    cube.corners[c ^ flip] = old->corners[c];
+  try
+  {
+    for (int n = 0; n < 8; ++n)
+      if (!cube.corners[n])
+        cube.corners[n] = setcorner(i + bit(n, 2), j + bit(n, 1), k + bit(n, 0));
+  }
+  catch (...)
+  {
+    std::free(fresh);
+    throw;
+  }
+  // A flagged corner ends the surface here (a hole or the border of an open
+  // surface): the cube stays marked as seen and is not visited.
+  for (jbCornerlist * c : cube.corners)
+    if (c->flag != 0)
+    {
+      std::free(fresh);
+      return;
+    }
+  fresh->next = cubes;
+  cubes = fresh;
+}
+
+void jbProcess::begin(jbFunction & f, double s, jbTriangleProcessor & sink)
+{
+  function = &f;
+  triangleProcessor = &sink;
+  size = s;
+  delta = s / 100;
+  cubes = nullptr;
+  vertices = jbVertices{0, 0, nullptr};
+  centers = nullptr, corners = nullptr, edges = nullptr;
+  centers = jbAlloc<jbCenterlist *>(CENTERS_TABLE_SIZE);
+  corners = jbAlloc<jbCornerlist *>(CORNERS_TABLE_SIZE);
+  edges = jbAlloc<jbEdgelist *>(EDGES_TABLE_SIZE);
+  seed(1);
+}
+
+int jbProcess::polygonize(jbFunction & f, double s, int * b, Point3D_d startPoint, jbTriangleProcessor & sink)
+{
+  bounds[0] = b[0], bounds[1] = b[1], bounds[2] = b[2];
+  start = startPoint;
+  try
+  {
+    begin(f, s, sink);
+    jbTest const in = find(1, start);
+    jbTest const out = find(0, start);
+    if (!in.ok || !out.ok)
+    {
+      releaseAll();
+      return 1;
+    }
+    start = converge(in.point, out.point, in.value);
+
+    jbCubes * first = jbAlloc<jbCubes>();
+    first->cube.i = first->cube.j = first->cube.k = 0;
+    try
+    {
+      for (int n = 0; n < 8; ++n)
+        first->cube.corners[n] = setcorner(bit(n, 2), bit(n, 1), bit(n, 0));
+    }
+    catch (...)
+    {
+      std::free(first);
+      throw;
+    }
+    setcenter(0, 0, 0);
+    first->next = nullptr;
+    cubes = first;
+
+    while (cubes)
+    {
+      jbCube c = cubes->cube;
+      // Six tetrahedra sharing the diagonal from corner 1 to corner 6.
+      if (!dotet(&c, 0, 2, 4, 1) || !dotet(&c, 6, 2, 1, 4) || !dotet(&c, 6, 2, 3, 1) || !dotet(&c, 6, 4, 1, 5) ||
+          !dotet(&c, 6, 1, 3, 5) || !dotet(&c, 6, 3, 7, 5))
+      {
+        releaseAll();
+        return 2;
+      }
+      jbCubes * top = cubes;
+      cubes = cubes->next;
+      std::free(top);
+      testface(c.i - 1, c.j, c.k, &c, 0, 0, 1, 2, 3);
+      testface(c.i + 1, c.j, c.k, &c, 1, 4, 5, 6, 7);
+      testface(c.i, c.j - 1, c.k, &c, 2, 0, 1, 4, 5);
+      testface(c.i, c.j + 1, c.k, &c, 3, 2, 3, 6, 7);
+      testface(c.i, c.j, c.k - 1, &c, 4, 0, 2, 4, 6);
+      testface(c.i, c.j, c.k + 1, &c, 5, 1, 3, 5, 7);
+    }
+  }
+  catch (...)
+  {
+    // An interruption or exhausted memory: nothing of the walk survives it.
+    releaseAll();
+    throw;
+  }
+  releaseAll();
+  return 0;
+}
+
+int jbProcess::marchingcubes(jbFunction & f, double s, Point3D_d low, Point3D_d high, jbTriangleProcessor & sink)
+{
+  bounds[0] = bounds[1] = bounds[2] = 0;
+  try
+  {
+    begin(f, s, sink);
+    double const rx = nextRandom() / 32767.0;
+    double const ry = nextRandom() / 32767.0;
+    double const rz = nextRandom() / 32767.0;
+    // The jitter keeps lattice points off any special value of the function.
+    start = Point3D_d(high.x() - size * 0.5 - (rx * size * 0.001), high.y() - size * 0.5 - (ry * size * 0.001),
+                      high.z() - size * 0.5 - (rz * size * 0.001));
+    int const nx = static_cast<int>((high.x() - low.x()) / size);
+    int const ny = static_cast<int>((high.y() - low.y()) / size);
+    int const nz = static_cast<int>((high.z() - low.z()) / size);
+    for (int k = 0; k <= nz; ++k)
+      for (int j = 0; j <= ny; ++j)
+        for (int i = 0; i <= nx; ++i)
+        {
+          jbCube c;
+          c.i = i, c.j = j, c.k = k;
+          int positive = 0;
+          for (int n = 0; n < 8; ++n)
+          {
+            c.corners[n] = setcorner(i + bit(n, 2), j + bit(n, 1), k + bit(n, 0));
+            positive += c.corners[n]->value > 0;
+          }
+          if (positive == 0 || positive == 8)
+            continue;
+          dotet(&c, 0, 2, 4, 1);
+          dotet(&c, 6, 2, 1, 4);
+          dotet(&c, 6, 2, 3, 1);
+          dotet(&c, 6, 4, 1, 5);
+          dotet(&c, 6, 1, 3, 5);
+          dotet(&c, 6, 3, 7, 5);
+        }
+  }
+  catch (...)
+  {
+    releaseAll();
+    throw;
+  }
+  releaseAll();
+  return 0;
+}
+
+void jbProcess::freeprocess()
+{
+  if (centers)
+  {
+    for (int h = 0; h < CENTERS_TABLE_SIZE; ++h)
+      for (jbCenterlist * l = centers[h]; l;)
+      {
+        jbCenterlist * next = l->next;
+        std::free(l);
+        l = next;
+      }
+    std::free(centers);
+    centers = nullptr;
+  }
+  if (corners)
+  {
+    for (int h = 0; h < CORNERS_TABLE_SIZE; ++h)
+      for (jbCornerlist * l = corners[h]; l;)
+      {
+        jbCornerlist * next = l->next;
+        std::free(l);
+        l = next;
+      }
+    std::free(corners);
+    corners = nullptr;
+  }
+  if (edges)
+  {
+    for (int h = 0; h < EDGES_TABLE_SIZE; ++h)
+      for (jbEdgelist * l = edges[h]; l;)
+      {
+        jbEdgelist * next = l->next;
+        std::free(l);
+        l = next;
+      }
+    std::free(edges);
+    edges = nullptr;
+  }
+  if (vertices.items)
+  {
+    std::free(vertices.items);
+    vertices = jbVertices{0, 0, nullptr};
+  }
+}
+
+void jbProcess::freeCubes()
+{
+  while (cubes)
+  {
+    jbCubes * next = cubes->next;
+    std::free(cubes);
+    cubes = next;
+  }
+}
+
+void jbProcess::releaseAll()
+{
+  freeCubes();
+  freeprocess();
+}
+} // namespace VolTr

@@ -1,0 +1,150 @@
+#pragma once
+// A continuation polygoniser of implicit functions. From a start point it walks
+// a lattice of cubes along the surface, cuts each cube into six tetrahedra and
+// finds the surface vertices by bisection along the lattice edges.
+//
+// The records below are plain data on calloc/free: the polygoniser makes
+// millions of small records whose lifetime is one call.
+
+#include <cstdint>
+
+#include "QZmath/Foundation/Functor.h"
+#include "QZmath/Foundation/Point3D.h"
+
+namespace VolTr
+{
+using REmath::Point3D_d;
+
+struct jbVertex
+{
+  Point3D_d position;
+  Point3D_d normal;
+};
+
+struct jbVertices
+{
+  int count;
+  int capacity;
+  jbVertex * items;
+
+  /// Appends a vertex (capacity starts at 10 and doubles); returns its index.
+  /// Throws std::bad_alloc when memory is exhausted.
+  int add(jbVertex const & v);
+};
+
+struct jbTest
+{
+  Point3D_d point;
+  double value;
+  int ok;
+};
+
+struct jbCornerlist
+{
+  int i, j, k;
+  int flag;
+  double value;
+  jbCornerlist * next;
+};
+
+struct jbCenterlist
+{
+  int i, j, k;
+  jbCenterlist * next;
+};
+
+struct jbEdgelist
+{
+  int i1, j1, k1;
+  int i2, j2, k2;
+  int vertex;
+  jbEdgelist * next;
+};
+
+/// Corner n lies at (i + bit2(n), j + bit1(n), k + bit0(n)).
+struct jbCube
+{
+  int i, j, k;
+  jbCornerlist * corners[8];
+};
+
+struct jbCubes
+{
+  jbCube cube;
+  jbCubes * next;
+};
+
+/// The scalar field: positive on one side of the surface, not positive on the
+/// other. A non-null flag receives 0 for a usable point, non-zero for a point
+/// the walk must not cross.
+using jbFunction = REmath::Functor2<double, Point3D_d const &, int *>;
+/// The sink: three vertex indices and the vertex list of the moment. A result
+/// of 0 stops the polygoniser.
+using jbTriangleProcessor = REmath::Functor4<int, int, int, int, jbVertices>;
+
+class jbProcess
+{
+public:
+  static const int CENTERS_TABLE_SIZE = 32768;
+  static const int CORNERS_TABLE_SIZE = 32768;
+  static const int EDGES_TABLE_SIZE = 65536;
+
+  jbProcess();
+
+  /// Walks the surface component through the start point. Returns 0 when done,
+  /// 1 when no point on either side of the surface was found around `start`,
+  /// 2 when the sink refused a triangle. `bounds` limits the cube indices per
+  /// axis (three ints). Exceptions of the function or the sink pass through;
+  /// the polygoniser's own memory is freed on the way.
+  int polygonize(jbFunction & function, double size, int * bounds, Point3D_d start,
+                 jbTriangleProcessor & triangleProcessor);
+  /// Visits every cube of the box from `low` to `high`; returns 0.
+  int marchingcubes(jbFunction & function, double size, Point3D_d low, Point3D_d high,
+                    jbTriangleProcessor & triangleProcessor);
+
+  // The steps of the walk, public for callers that drive it themselves.
+  jbTest find(int sign, Point3D_d from);
+  Point3D_d converge(Point3D_d p1, Point3D_d p2, double value1);
+  int dotet(jbCube * cube, int a, int b, int c, int d);
+  void testface(int i, int j, int k, jbCube * old, int face, int c1, int c2, int c3, int c4);
+  jbCornerlist * setcorner(int i, int j, int k);
+  int setcenter(int i, int j, int k);
+  void setedge(int i1, int j1, int k1, int i2, int j2, int k2, int vertex);
+  int getedge(int i1, int j1, int k1, int i2, int j2, int k2);
+  int vertid(jbCornerlist * c1, jbCornerlist * c2);
+  Point3D_d setpoint(int i, int j, int k) const;
+  void freeprocess();
+
+  /// The private random sequence: the classic 15-bit linear congruential
+  /// generator, so that runs are repeatable and threads do not interfere.
+  void seed(std::uint32_t s) { m_randState = s; }
+  int nextRandom()
+  {
+    m_randState = m_randState * 214013u + 2531011u;
+    return static_cast<int>((m_randState >> 16) & 0x7fff);
+  }
+
+  jbVertices const & getVertices() const { return vertices; }
+
+private:
+  void begin(jbFunction & function, double size, jbTriangleProcessor & triangleProcessor);
+  void freeCubes();
+  void releaseAll();
+
+public:
+  jbFunction * function;
+  jbTriangleProcessor * triangleProcessor;
+  double size;
+  double delta;
+  int bounds[3];
+  Point3D_d start;
+  jbCubes * cubes;
+  jbVertices vertices;
+  jbCenterlist ** centers;
+  jbCornerlist ** corners;
+  jbEdgelist ** edges;
+
+private:
+  std::uint32_t m_randState;
+};
+} // namespace VolTr
