@@ -1,0 +1,213 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "CloudIO.h"
+
+using namespace qzrecon;
+
+namespace
+{
+std::string tempPath(std::string const & name) { return testing::TempDir() + "qzrecon_io_" + name; }
+
+void writeFile(std::string const & path, std::string const & bytes)
+{
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+template <class T> void appendValue(std::string & s, T v, bool bigEndian)
+{
+  char b[sizeof(T)];
+  std::memcpy(b, &v, sizeof(T));
+  if (bigEndian)
+    std::reverse(b, b + sizeof(T));
+  s.append(b, sizeof(T));
+}
+
+// A binary PLY with a leading element and extra properties around the ones we need.
+std::string binaryPly(bool bigEndian, bool asDouble, std::vector<std::array<double, 6>> const & rows,
+                      long declaredCount = -1)
+{
+  std::string h = "ply\nformat ";
+  h += bigEndian ? "binary_big_endian" : "binary_little_endian";
+  h += " 1.0\ncomment test\nelement camera 1\nproperty list uchar int ids\nproperty float f\n";
+  h += "element vertex " + std::to_string(declaredCount < 0 ? static_cast<long>(rows.size()) : declaredCount) + "\n";
+  std::string const t = asDouble ? "double" : "float";
+  h += "property uchar red\nproperty " + t + " x\nproperty " + t + " y\nproperty " + t + " z\n";
+  h += "property list uchar int extra\nproperty " + t + " nx\nproperty " + t + " ny\nproperty " + t + " nz\n";
+  h += "element face 0\nproperty list uchar int vertex_indices\nend_header\n";
+  std::string body;
+  appendValue<unsigned char>(body, 2, bigEndian);
+  appendValue<int>(body, 7, bigEndian);
+  appendValue<int>(body, 8, bigEndian);
+  appendValue<float>(body, 1.5f, bigEndian);
+  for (auto const & r : rows)
+  {
+    appendValue<unsigned char>(body, 200, bigEndian);
+    for (int k = 0; k < 3; ++k)
+      asDouble ? appendValue<double>(body, r[k], bigEndian) : appendValue<float>(body, static_cast<float>(r[k]), bigEndian);
+    appendValue<unsigned char>(body, 1, bigEndian);
+    appendValue<int>(body, 99, bigEndian);
+    for (int k = 3; k < 6; ++k)
+      asDouble ? appendValue<double>(body, r[k], bigEndian) : appendValue<float>(body, static_cast<float>(r[k]), bigEndian);
+  }
+  return h + body;
+}
+
+std::vector<std::array<double, 6>> const kRows = {
+    {0.5, -1.25, 2.0, 0, 0, 1}, {1e3, 2e-3, -7.5, 0.6, 0.8, 0}, {-0.125, 0.25, 3.5, 1, 0, 0}};
+
+void expectRows(OrientedCloud const & c)
+{
+  ASSERT_EQ(c.size(), kRows.size());
+  for (std::size_t i = 0; i < kRows.size(); ++i)
+    for (int k = 0; k < 3; ++k)
+    {
+      EXPECT_EQ(c.points[3 * i + k], static_cast<float>(kRows[i][k]));
+      EXPECT_EQ(c.normals[3 * i + k], static_cast<float>(kRows[i][k + 3]));
+    }
+}
+
+std::string errorOf(std::string const & path)
+{
+  try
+  {
+    readCloud(path);
+  }
+  catch (CloudReadError const & e)
+  {
+    return e.what();
+  }
+  return "";
+}
+} // namespace
+
+TEST(CloudIO, BinaryPlyBothEndiansFloatAndDouble)
+{
+  for (bool big : {false, true})
+    for (bool dbl : {false, true})
+    {
+      std::string const p = tempPath("bin.ply");
+      writeFile(p, binaryPly(big, dbl, kRows));
+      expectRows(readCloud(p));
+    }
+}
+
+TEST(CloudIO, AsciiPlyAndText)
+{
+  std::string const ply = "ply\r\nformat ascii 1.0\r\nelement vertex 3\r\nproperty float x\r\nproperty float y\r\n"
+                          "property float z\r\nproperty float nx\r\nproperty float ny\r\nproperty float nz\r\n"
+                          "property uchar alpha\r\nend_header\r\n"
+                          "0.5 -1.25 2 0 0 1 3\n1000 0.002 -7.5 0.6 0.8 0 4\n-0.125 0.25 3.5 1 0 0 5\n";
+  writeFile(tempPath("a.ply"), ply);
+  expectRows(readCloud(tempPath("a.ply")));
+
+  std::string const text = "# a comment\n0.5 -1.25 2 0 0 1\n\n1000,0.002,-7.5,0.6,0.8,0\n-0.125\t0.25 3.5 1 0 0  # end\n";
+  for (char const * ext : {"xyzn", "xyz", "pts", "txt"})
+  {
+    writeFile(tempPath(std::string("t.") + ext), text);
+    expectRows(readCloud(tempPath(std::string("t.") + ext)));
+  }
+}
+
+TEST(CloudIO, MalformedInputsNameTheFileAndPlace)
+{
+  std::string const p = tempPath("bad.xyzn");
+  writeFile(p, "0 0 0 0 0 1\n1 2 3\n");
+  EXPECT_NE(errorOf(p).find("bad.xyzn: line 2: no normal"), std::string::npos) << errorOf(p);
+  writeFile(p, "0 0 0 0 0 1\n1 2 nan 0 0 1\n");
+  EXPECT_NE(errorOf(p).find("line 2: non-finite"), std::string::npos) << errorOf(p);
+  writeFile(p, "0 0 0 0 0 1\n1 2 inf 0 0 1\n");
+  EXPECT_NE(errorOf(p).find("line 2"), std::string::npos);
+  writeFile(p, "0 0 0 0 0 x1\n");
+  EXPECT_NE(errorOf(p).find("line 1: not a number"), std::string::npos) << errorOf(p);
+  writeFile(p, "1 1 1e39 0 0 1\n"); // beyond float
+  EXPECT_NE(errorOf(p).find("line 1"), std::string::npos);
+  EXPECT_NE(errorOf(tempPath("missing.ply")).find("cannot read"), std::string::npos);
+
+  std::string const q = tempPath("bad.ply");
+  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\nend_header\n1 2 3\n");
+  EXPECT_NE(errorOf(q).find("no normals"), std::string::npos) << errorOf(q);
+  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\n"
+               "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 0 1\n");
+  EXPECT_NE(errorOf(q).find("line 12: unexpected end of file"), std::string::npos) << errorOf(q);
+  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\nproperty float z\n"
+               "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 nan 1\n");
+  EXPECT_NE(errorOf(q).find("line 11: non-finite"), std::string::npos) << errorOf(q);
+  writeFile(q, "plx\n");
+  EXPECT_NE(errorOf(q).find("not a PLY"), std::string::npos);
+  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 1\n");
+  EXPECT_NE(errorOf(q).find("unexpected end of the header"), std::string::npos);
+  writeFile(q, "ply\nformat ascii 1.0\nelement vertex -4\nend_header\n");
+  EXPECT_NE(errorOf(q).find("bad element"), std::string::npos);
+  writeFile(q, "ply\nformat binary_middle_endian 1.0\n");
+  EXPECT_NE(errorOf(q).find("unknown format"), std::string::npos);
+  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 1\nproperty int x\nproperty float y\nproperty float z\n"
+               "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 0 1\n");
+  EXPECT_NE(errorOf(q).find("not float or double"), std::string::npos);
+}
+
+TEST(CloudIO, TruncatedBinaryFailsAtEveryCut)
+{
+  std::string const full = binaryPly(false, false, kRows);
+  std::string const p = tempPath("cut.ply");
+  std::size_t const headerEnd = full.find("end_header\n") + 11;
+  for (std::size_t cut = 0; cut < full.size(); ++cut)
+  {
+    writeFile(p, full.substr(0, cut));
+    std::string const e = errorOf(p);
+    EXPECT_FALSE(e.empty()) << "cut at " << cut;
+    if (cut > headerEnd)
+    {
+      EXPECT_NE(e.find("byte "), std::string::npos) << e;
+    }
+  }
+}
+
+TEST(CloudIO, HugeDeclaredCountFailsCleanly)
+{
+  std::string const p = tempPath("huge.ply");
+  writeFile(p, binaryPly(false, true, kRows, 4000000000L));
+  std::string const e = errorOf(p);
+  EXPECT_NE(e.find("unexpected end of file in vertex"), std::string::npos) << e;
+}
+
+TEST(CloudIO, WrittenPlyReadsBackAsMesh)
+{
+  MeshData m;
+  m.vertices = {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1};
+  m.normals = {0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1};
+  m.triangles = {0, 1, 2, 0, 2, 3};
+  std::string const p = tempPath("mesh.ply");
+  writePly(p, m, true);
+  std::ifstream in(p, std::ios::binary);
+  std::string const bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string const header = "ply\nformat binary_little_endian 1.0\ncomment made by qzrecon\nelement vertex 4\n"
+                             "property float x\nproperty float y\nproperty float z\n"
+                             "property float nx\nproperty float ny\nproperty float nz\n"
+                             "element face 2\nproperty list uchar int vertex_indices\nend_header\n";
+  ASSERT_EQ(bytes.substr(0, header.size()), header);
+  ASSERT_EQ(bytes.size(), header.size() + 4 * 6 * 4 + 2 * (1 + 12));
+  // The vertices read back through our own reader.
+  OrientedCloud const c = readPly(p);
+  ASSERT_EQ(c.size(), 4u);
+  EXPECT_EQ(c.points[3], 1.f);
+  EXPECT_EQ(c.normals[11], 1.f);
+  std::size_t const faces = header.size() + 4 * 24;
+  EXPECT_EQ(static_cast<unsigned char>(bytes[faces]), 3);
+  int idx;
+  std::memcpy(&idx, bytes.data() + faces + 1 + 4 * 5 + 1 - 4 + 4, 4); // second face, third index
+  EXPECT_EQ(idx, 3);
+
+  writePly(p, m, false);
+  std::ifstream in2(p, std::ios::binary);
+  std::string const bytes2((std::istreambuf_iterator<char>(in2)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(bytes2.find("property float nx"), std::string::npos);
+  EXPECT_THROW(writePly("/nonexistent-dir/mesh.ply", m, false), std::runtime_error);
+}
