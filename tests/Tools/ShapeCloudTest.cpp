@@ -59,7 +59,9 @@ TEST(ShapeCloud, PointsLieOnTheirShapeWithOutwardNormals)
       }
     }
     if (s == Shape::NestedSpheres)
+    {
       EXPECT_NEAR(inner, 400, 80);
+    }
   }
   Shape s;
   EXPECT_FALSE(shapeFromName("cube", s));
