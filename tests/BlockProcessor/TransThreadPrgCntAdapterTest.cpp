@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
+
+namespace
+{
+struct Recorder : IProgressObserver
+{
+  std::vector<double> positions;
+  std::thread::id thread;
+  bool otherThread = false;
+  void onProgress(double pos, std::string const &) override
+  {
+    if (std::this_thread::get_id() != thread)
+      otherThread = true;
+    positions.push_back(pos);
+  }
+};
+
+struct Counting : IVescaInvokeProc
+{
+  CTransThreadPrgCntAdapter * adapter;
+  int steps;
+  int sleepEvery;
+  Counting(CTransThreadPrgCntAdapter * a, int n, int every = 50) : adapter(a), steps(n), sleepEvery(every) {}
+  void run() override
+  {
+    for (int i = 0; i < steps; ++i)
+    {
+      adapter->increment();
+      if (i % sleepEvery == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+};
+} // namespace
+
+TEST(TransThreadPrgCntAdapter, OwningThreadPassesStepsAtOnce)
+{
+  CProgressCounter c;
+  CTransThreadPrgCntAdapter a;
+  a.refresh(&c, 4);
+  a.increment();
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.25);
+  a.increment();
+  a.increment();
+  a.increment();
+  a.increment(); // past the total: stays at the total
+  EXPECT_EQ(a.getCurrent(), 4);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
+  EXPECT_EQ(static_cast<IVescaThreadOnTimerObserver &>(a).getMillisecondsTimeOut(), 100u);
+}
+
+TEST(TransThreadPrgCntAdapter, NegativeTotalActsAsZero)
+{
+  CProgressCounter c;
+  CTransThreadPrgCntAdapter a;
+  a.refresh(&c, -5);
+  EXPECT_EQ(a.getTotal(), 0);
+  a.increment();
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
+  a.refresh(nullptr, 3); // no counter: only counts
+  a.increment();
+  EXPECT_EQ(a.getCurrent(), 1);
+}
+
+TEST(TransThreadPrgCntAdapter, WorkersCountAndTheTimerMovesTheCounter)
+{
+  CProgressCounter c;
+  Recorder rec;
+  rec.thread = std::this_thread::get_id();
+  c.AddObserver(&rec);
+  CTransThreadPrgCntAdapter a;
+  a.refresh(&c, 1000);
+  Counting t1(&a, 500), t2(&a, 500);
+  IVescaInvokeProc * tasks[] = {&t1, &t2};
+  CVescaThreadingTasksHelper::performInParallel(tasks, 2, &a);
+  // Workers never touch the counter; what remains is passed on here.
+  EXPECT_FALSE(rec.otherThread);
+  static_cast<IVescaThreadOnTimerObserver &>(a).processTimerEvent();
+  EXPECT_EQ(a.getCurrent(), 1000);
+  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
+  for (std::size_t i = 1; i < rec.positions.size(); ++i)
+    EXPECT_GE(rec.positions[i], rec.positions[i - 1]);
+}
+
+TEST(TransThreadPrgCntAdapter, InterruptionReachesTheCallerThroughTheTimer)
+{
+  CProgressCounter c;
+  CTransThreadPrgCntAdapter a;
+  a.refresh(&c, 100000);
+  c.RequestInterrupt();
+  Counting t1(&a, 300, 1); // outlasts a timer period
+  IVescaInvokeProc * tasks[] = {&t1};
+  EXPECT_THROW(CVescaThreadingTasksHelper::performInParallel(tasks, 1, &a), CUserIntrException);
+}
