@@ -1,0 +1,228 @@
+#include "QZmath/VolTriang/VolumetricTriangulator.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <memory>
+#include <sstream>
+#include <vector>
+
+#include "QZmath/VolTriang/Octree.h"
+#include "QZsys/DebugLog.h"
+#include "QZsys/Progress.h"
+#include "QZsys/Threading.h"
+
+bool b_MEASURE_TRIANG_TIME_On = true;
+
+namespace VolTr
+{
+// ----------------------------------------------------- CVolTriangulationParams
+
+CVolTriangulationParams::CVolTriangulationParams()
+    : m_octreeDepth(-1), m_reconstructFactor(1.0f), m_closed(true), m_estimateResultNormals(false),
+      m_phaseNameShown(false), m_useCenter(true), m_kernelScaleFactor(0.95f), m_debugLog(nullptr),
+      m_variableDensity(true), m_densityEstimationDepthDelta(2), m_detalizationLevel(-1), m_prefferedSolver(0)
+{
+}
+
+CVolTriangulationParams::~CVolTriangulationParams() = default;
+
+float CVolTriangulationParams::getCellFactor() const
+{
+  // (1 << octreeDepth) taken to float; ldexp gives the same for every depth
+  // where the shift is defined and stays defined for the others.
+  return std::ldexp(1.0f, m_octreeDepth) * m_reconstructFactor;
+}
+
+float CVolTriangulationParams::estimateTriangleSize(float modelSize) const { return modelSize / getCellFactor(); }
+
+int CVolTriangulationParams::estimateTrianglesNumber() const
+{
+  float const f = getCellFactor();
+  float const n = 6 * f * f;
+  if (!(n > 0.0f))
+    return 0;
+  if (n >= static_cast<float>(INT_MAX))
+    return INT_MAX;
+  return static_cast<int>(n);
+}
+
+IInputSamples::~IInputSamples() = default;
+ITriangulationTarget::~ITriangulationTarget() = default;
+
+// ------------------------------------------------- CVolumetricTriangulatorImpl
+
+namespace
+{
+/// One log line: the label, ": " and the values by plain stream insertion,
+/// separated by ", ". Nothing is formatted when there is no log.
+class tf_CLogLine
+{
+public:
+  explicit tf_CLogLine(VsUt::IDebugLog * log) : m_log(log) {}
+
+  template <class... V>
+  void operator()(char const * label, V const &... values) const
+  {
+    if (!m_log)
+      return;
+    std::ostringstream line;
+    line << label << ": ";
+    char const * separator = "";
+    ((line << separator << values, separator = ", "), ...);
+    m_log->getMessage(line.str().c_str());
+  }
+  /// A bare text, without colon.
+  void text(char const * text) const
+  {
+    if (m_log)
+      m_log->getMessage(text);
+  }
+  bool enabled() const { return m_log != nullptr; }
+
+private:
+  VsUt::IDebugLog * m_log;
+};
+} // namespace
+
+class CVolumetricTriangulatorImpl
+{
+public:
+  CVolumetricTriangulatorImpl(ITriangulationTarget * target, IInputSamples const * samples,
+                              CVolTriangulationParams const * params, CProgressCounter * progress)
+      : m_samples(samples), m_progress(progress), m_params(params ? *params : CVolTriangulationParams()),
+        m_target(target), m_debugLog(m_params.getDebugLog())
+  {
+    // The kernel (the approximate Gaussian) is made here once the kernel
+    // classes exist.
+  }
+  virtual ~CVolumetricTriangulatorImpl() = default;
+
+  void pipeline();
+
+private:
+  void logParameters(tf_CLogLine const & log) const;
+  void registerPhases(VsPCnt::CMultiPhaseManager & phases) const;
+  void buildTree(tf_CLogLine const & log);
+
+  IInputSamples const * m_samples;
+  std::unique_ptr<COctree> m_octree;
+  // Next to come with their stages, in this order: the basis of the unknown
+  // function, an array of three always-null owners, the solver, the matrix
+  // reservator and the solve details.
+  CProgressCounter * m_progress;
+  CVolTriangulationParams m_params;
+  ITriangulationTarget * m_target;
+  // The kernel (CProductPiecewisePolynom) goes here.
+  VsUt::IDebugLog * m_debugLog;
+  std::vector<float> m_densityWeights;
+  float m_averageDensity = 0.0f;
+  int m_densityEstimationLevel = -1;
+};
+
+void CVolumetricTriangulatorImpl::pipeline()
+{
+  tf_CLogLine const log(m_debugLog);
+  log.text("Volumetric triangulation core started");
+  logParameters(log);
+
+  // Scaling of the kernel's argument by 1 / kernelScaleFactor comes here.
+
+  VsPCnt::CMultiPhaseManager phases(m_progress);
+  if (m_params.getPhaseNameShown())
+    phases.showPhaseName();
+  registerPhases(phases);
+
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "tree");
+    buildTree(log);
+  }
+
+  // The later stages, each in its phase: "grad_basis", "density weights"
+  // (under variableDensity), "grad_div", the assembly ("right_part" and
+  // "matrix", or "matrix+right_part"), "update right part", "solve"
+  // (StartPhase/FinishCurrentPhase), "iso-value", "iso-surface", and the
+  // closing line "Volumetric triangulation core completed".
+}
+
+void CVolumetricTriangulatorImpl::logParameters(tf_CLogLine const & log) const
+{
+  if (!log.enabled())
+    return;
+  log("Octree depth", m_params.getOctreeDepth());
+  log("Kernel scale", m_params.getKernelScaleFactor());
+  log("Subdivision factor", m_params.getReconstructFactor());
+  log("Closed", m_params.getClosed());
+  log("Normals by gradient", m_params.getEstimateResultNormals());
+  log("Center scheme", m_params.getUseCenter());
+  log("Samples #", m_samples ? m_samples->pointsNumber() : 0);
+  log("Variable density", m_params.getVariableDensity());
+  if (m_params.getVariableDensity())
+    log("Density estimation level delta", m_params.getDensityEstimationDepthDelta());
+}
+
+void CVolumetricTriangulatorImpl::registerPhases(VsPCnt::CMultiPhaseManager & phases) const
+{
+  bool const twoThreads = CVescaThreadingTasksHelper::getNumOfPhisicalThread() >= 2;
+  phases.RegisterPhase("tree", 10);
+  phases.RegisterPhase("grad_basis", 2);
+  if (m_params.getVariableDensity())
+    phases.RegisterPhase("density weights", 30);
+  phases.RegisterPhase("grad_div", 10);
+  if (!twoThreads)
+  {
+    phases.RegisterPhase("right_part", 50);
+    phases.RegisterPhase("matrix", 50);
+  }
+  else
+    phases.RegisterPhase("matrix+right_part", 100);
+  phases.RegisterPhase("update right part", 5);
+  phases.RegisterPhase("solve", m_params.getOctreeDepth() >= 9 ? 200 : 30);
+  phases.RegisterPhase("iso-value", 10);
+  phases.RegisterPhase("iso-surface", 40);
+}
+
+void CVolumetricTriangulatorImpl::buildTree(tf_CLogLine const & log)
+{
+  m_octree.reset(); // the former tree goes before the new one is built
+  m_octree.reset(new COctree(m_samples, m_params.getOctreeDepth(), m_progress, m_params.getUseCenter(),
+                             m_params.getDetalizationLevel()));
+  COctree const & tree = *m_octree;
+  if (log.enabled())
+  {
+    log("Octree depth", tree.getLeafCellDepth());
+    log("Leaf cells", tree.getCellsNumberOnDeepestLevel());
+    log("Nodes number ", tree.getNodesNumber());
+    log("Node depth bounds", tree.getNodeDepthBegin(), tree.getNodeDepthEnd() - 1);
+    log("Leaf cell size", tree.getCellSize(m_params.getOctreeDepth() - 1));
+    CParallelepiped const cells = tree.getCellsBoundaryBox();
+    log("Cells box min", cells.getMin()[0], cells.getMin()[1], cells.getMin()[2]);
+    log("Cells box max", cells.getMax()[0], cells.getMax()[1], cells.getMax()[2]);
+    CParallelepiped const nodes = tree.getNodesBoundaryBox();
+    log("Node min", nodes.getMin()[0], nodes.getMin()[1], nodes.getMin()[2]);
+    log("Node max", nodes.getMax()[0], nodes.getMax()[1], nodes.getMax()[2]);
+  }
+
+  // The basis over the tree, and its line "Kernel support size in cells", come here.
+
+  if (m_params.getVariableDensity())
+  {
+    m_densityEstimationLevel = std::max(tree.getNodeDepthEnd() - m_params.getDensityEstimationDepthDelta() - 1,
+                                        tree.getNodeDepthBegin());
+    log("Density estimation level", m_densityEstimationLevel);
+  }
+}
+
+// ------------------------------------------------------ CVolumetricTriangulator
+
+CVolumetricTriangulator::CVolumetricTriangulator(ITriangulationTarget * target, IInputSamples const * samples,
+                                                 CVolTriangulationParams const * params,
+                                                 CProgressCounter * progress)
+    : m_impl(new CVolumetricTriangulatorImpl(target, samples, params, progress))
+{
+}
+
+CVolumetricTriangulator::~CVolumetricTriangulator() { delete m_impl; }
+
+void CVolumetricTriangulator::run() { m_impl->pipeline(); }
+} // namespace VolTr

@@ -1,0 +1,140 @@
+#pragma once
+// Synthetic oriented point clouds for tests and benchmarks: a cloud class over
+// plain arrays, and generators of spheres, tori, planes and random boxes.
+// Deterministic: a given seed gives the same cloud on every machine.
+//
+// Header-only so that the benchmarks can share it without linking the test
+// helpers.
+
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "QZmath/VolTriang/VolumetricTriangulator.h"
+
+namespace QZTest
+{
+/// A small deterministic generator (splitmix64).
+class CCloudRandom
+{
+public:
+  explicit CCloudRandom(std::uint64_t seed) : m_state(seed) {}
+  std::uint64_t nextBits()
+  {
+    std::uint64_t z = (m_state += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+  }
+  /// Uniform in [0, 1).
+  double uniform() { return static_cast<double>(nextBits() >> 11) * (1.0 / 9007199254740992.0); }
+  double uniform(double lo, double hi) { return lo + (hi - lo) * uniform(); }
+  int below(int n) { return static_cast<int>(uniform() * n); }
+
+private:
+  std::uint64_t m_state;
+};
+
+/// An oriented cloud held in arrays.
+class CSampleCloud : public VolTr::IInputSamples
+{
+public:
+  void add(float x, float y, float z, float nx = 0.0f, float ny = 0.0f, float nz = 1.0f, bool boundary = false)
+  {
+    m_coords.insert(m_coords.end(), {x, y, z});
+    m_normals.insert(m_normals.end(), {nx, ny, nz});
+    m_boundary.push_back(boundary ? 1 : 0);
+  }
+  void reserve(std::size_t n)
+  {
+    m_coords.reserve(3 * n);
+    m_normals.reserve(3 * n);
+    m_boundary.reserve(n);
+  }
+  int size() const { return static_cast<int>(m_boundary.size()); }
+  float * coordsMod(int i) { return &m_coords[3 * static_cast<std::size_t>(i)]; }
+
+private:
+  int onPointsNumber() const override { return size(); }
+  float const * onGetSampleCoords3(int i) const override { return &m_coords[3 * static_cast<std::size_t>(i)]; }
+  float const * onGetSampleNormal3(int i) const override { return &m_normals[3 * static_cast<std::size_t>(i)]; }
+  bool onIsBoundaryVertex(int i) const override { return m_boundary[static_cast<std::size_t>(i)] != 0; }
+
+  std::vector<float> m_coords;
+  std::vector<float> m_normals;
+  std::vector<char> m_boundary;
+};
+
+/// Points on a sphere, outward unit normals.
+inline CSampleCloud makeSphereCloud(int n, double radius = 1.0, std::uint64_t seed = 1, double cx = 0.0,
+                                    double cy = 0.0, double cz = 0.0)
+{
+  CCloudRandom rnd(seed);
+  CSampleCloud cloud;
+  cloud.reserve(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i)
+  {
+    double const z = rnd.uniform(-1.0, 1.0);
+    double const phi = rnd.uniform(0.0, 6.283185307179586);
+    double const r = std::sqrt(1.0 - z * z);
+    double const nx = r * std::cos(phi), ny = r * std::sin(phi);
+    cloud.add(static_cast<float>(cx + radius * nx), static_cast<float>(cy + radius * ny),
+              static_cast<float>(cz + radius * z), static_cast<float>(nx), static_cast<float>(ny),
+              static_cast<float>(z));
+  }
+  return cloud;
+}
+
+/// Points on a torus around the z axis (tube centre radius R, tube radius r).
+inline CSampleCloud makeTorusCloud(int n, double R = 1.0, double r = 0.3, std::uint64_t seed = 2)
+{
+  CCloudRandom rnd(seed);
+  CSampleCloud cloud;
+  cloud.reserve(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i)
+  {
+    double const u = rnd.uniform(0.0, 6.283185307179586);
+    double const v = rnd.uniform(0.0, 6.283185307179586);
+    double const nx = std::cos(v) * std::cos(u), ny = std::cos(v) * std::sin(u), nz = std::sin(v);
+    cloud.add(static_cast<float>((R + r * std::cos(v)) * std::cos(u)),
+              static_cast<float>((R + r * std::cos(v)) * std::sin(u)), static_cast<float>(r * nz),
+              static_cast<float>(nx), static_cast<float>(ny), static_cast<float>(nz));
+  }
+  return cloud;
+}
+
+/// A flat square patch at height z, normals +z; the samples within `edge` of
+/// the border are marked as boundary samples.
+inline CSampleCloud makePlaneCloud(int n, double halfSize = 1.0, double z = 0.0, std::uint64_t seed = 3,
+                                   double edge = 0.05)
+{
+  CCloudRandom rnd(seed);
+  CSampleCloud cloud;
+  cloud.reserve(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i)
+  {
+    double const x = rnd.uniform(-halfSize, halfSize), y = rnd.uniform(-halfSize, halfSize);
+    bool const boundary = halfSize - std::fabs(x) < edge || halfSize - std::fabs(y) < edge;
+    cloud.add(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z), 0.0f, 0.0f, 1.0f, boundary);
+  }
+  return cloud;
+}
+
+/// Points uniformly in an axis-aligned box, random unit normals.
+inline CSampleCloud makeBoxCloud(int n, double lo, double hi, std::uint64_t seed = 4)
+{
+  CCloudRandom rnd(seed);
+  CSampleCloud cloud;
+  cloud.reserve(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i)
+  {
+    double const x = rnd.uniform(lo, hi), y = rnd.uniform(lo, hi), z = rnd.uniform(lo, hi);
+    double const nz = rnd.uniform(-1.0, 1.0), phi = rnd.uniform(0.0, 6.283185307179586);
+    double const r = std::sqrt(1.0 - nz * nz);
+    cloud.add(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z),
+              static_cast<float>(r * std::cos(phi)), static_cast<float>(r * std::sin(phi)),
+              static_cast<float>(nz));
+  }
+  return cloud;
+}
+} // namespace QZTest

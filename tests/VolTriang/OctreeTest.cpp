@@ -1,0 +1,657 @@
+// The octree against a brute-force reference: a literal sample-by-sample
+// build over sorted maps, and iterators checked against full scans.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QZmath/VolTriang/Octree.h"
+#include "QZsys/Progress.h"
+#include "tests/Common/SampleClouds.h"
+
+using namespace VolTr;
+using QZTest::CSampleCloud;
+
+namespace
+{
+// ------------------------------------------------------------------ reference
+
+/// The tree built the slow way: one sample at a time, every node of every
+/// sample looked up in ordered maps.
+struct RefOctree
+{
+  bool center = false;
+  int depth = 0, size = 0, nodeDepthBegin = 0, nodeDepthEnd = 0;
+  double boxMin[3] = {0, 0, 0}, boxMax[3] = {0, 0, 0};
+  std::vector<int> sampleCells;
+  std::multimap<CInt3, int> cellSamples;
+  std::map<CInt3, int> cellIndexes;
+  std::vector<CInt3> cells;
+  std::map<CTreeNode, int> nodeIndexes;
+  std::vector<CTreeNode> nodes;
+
+  RefOctree(CSampleCloud const & cloud, int depth_, bool useCenter, int detalization)
+      : center(useCenter), depth(depth_), size(1 << depth_)
+  {
+    int const top = depth - (center ? 1 : 0);
+    int const clamped = (detalization < 0 || detalization > top) ? top : detalization;
+    nodeDepthBegin = top - clamped;
+    nodeDepthEnd = center ? depth : depth + 1;
+
+    int const n = cloud.pointsNumber();
+    float lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+    for (int i = 0; i < n; ++i)
+      for (int a = 0; a < 3; ++a)
+      {
+        float const v = cloud.getSampleCoords3(i)[a];
+        lo[a] = i == 0 ? v : std::min(lo[a], v);
+        hi[a] = i == 0 ? v : std::max(hi[a], v);
+      }
+    double extent = 1e-10;
+    for (int a = 0; a < 3; ++a)
+      extent = std::max(extent, double(hi[a]) - double(lo[a]));
+    double const boxSize = (0.25 / size + 1.0) * extent;
+    for (int a = 0; a < 3; ++a)
+    {
+      boxMin[a] = (double(lo[a]) + double(hi[a])) * 0.5 - boxSize * 0.5;
+      boxMax[a] = (double(lo[a]) + double(hi[a])) * 0.5 + boxSize * 0.5;
+    }
+    for (int i = 0; i < n; ++i)
+      insertPoint(i, cloud.getSampleCoords3(i));
+  }
+
+  double lattice(int a, double v) const
+  {
+    return boxMax[a] == boxMin[a] ? 0.0 : std::floor(size * (v - boxMin[a]) / (boxMax[a] - boxMin[a]));
+  }
+
+  CTreeNode makeCellNode(int d, CInt3 const & c, int corner) const
+  {
+    int const bit[3] = {corner & 1, (corner >> 1) & 1, (corner >> 2) & 1};
+    int out[3];
+    int const s = depth - d;
+    for (int a = 0; a < 3; ++a)
+    {
+      if (!center)
+        out[a] = ((c.coord(a) >> s) + bit[a]) << s;
+      else
+      {
+        int const h = 1 << (s - 1);
+        out[a] = (((c.coord(a) - h) >> s) + bit[a]) * (1 << s) + h;
+      }
+    }
+    return CTreeNode(d, CInt3(out));
+  }
+
+  int minNodeCoord(int d) const { return center ? -(1 << (depth - d - 1)) : 0; }
+  int maxNodeCoord(int d) const { return center ? (1 << (depth - d - 1)) + size : size; }
+
+  void insertPoint(int sample, float const * p)
+  {
+    int c[3];
+    for (int a = 0; a < 3; ++a)
+    {
+      double const v = lattice(a, p[a]);
+      c[a] = v >= size ? size - 1 : int(v);
+    }
+    CInt3 const cell(c);
+    if (!cellIndexes.count(cell))
+    {
+      cellIndexes[cell] = int(cells.size());
+      cells.push_back(cell);
+    }
+    sampleCells.push_back(cellIndexes[cell]);
+    cellSamples.insert(std::make_pair(cell, sample));
+    for (int d = nodeDepthBegin; d < nodeDepthEnd; ++d)
+      for (int corner = 0; corner < 8; ++corner)
+      {
+        CTreeNode const node = makeCellNode(d, cell, corner);
+        if (!nodeIndexes.count(node))
+        {
+          nodeIndexes[node] = int(nodes.size());
+          nodes.push_back(node);
+        }
+      }
+  }
+
+  /// Full scan: the nodes of depth d inside the lattice range of a box, the
+  /// range clamped to the node coordinates of the depth (so a box beyond the
+  /// tree meets the nodes on its border).
+  std::vector<int> nodesInBox(CParallelepiped const & box, int d) const
+  {
+    std::vector<int> out;
+    for (auto const & e : nodeIndexes)
+    {
+      if (e.first.depth() != d)
+        continue;
+      bool inside = true;
+      for (int a = 0; a < 3; ++a)
+      {
+        double const c = e.first.shift().coord(a);
+        auto clamp = [&](double v) { return std::max<double>(minNodeCoord(d), std::min<double>(maxNodeCoord(d), v)); };
+        inside = inside && c >= clamp(lattice(a, box.getMin()[a])) && c <= clamp(lattice(a, box.getMax()[a]) + 1);
+      }
+      if (inside)
+        out.push_back(e.second);
+    }
+    return out;
+  }
+
+  /// Full scan: the samples of the cells a box touches, at most `limit` a cell.
+  std::vector<int> samplesInBox(CParallelepiped const & box, int limit) const
+  {
+    double lo[3], hi[3];
+    for (int a = 0; a < 3; ++a)
+    {
+      lo[a] = std::max(0.0, std::min(size - 1.0, lattice(a, box.getMin()[a])));
+      hi[a] = std::max(0.0, std::min(size - 1.0, lattice(a, box.getMax()[a])));
+    }
+    std::vector<int> out;
+    CInt3 cell;
+    int count = 0;
+    for (auto const & e : cellSamples)
+    {
+      bool inside = true;
+      for (int a = 0; a < 3; ++a)
+        inside = inside && e.first.coord(a) >= lo[a] && e.first.coord(a) <= hi[a];
+      if (!inside)
+        continue;
+      if (!(e.first == cell))
+      {
+        cell = e.first;
+        count = 0;
+      }
+      if (limit > 0 && count >= limit)
+        continue;
+      ++count;
+      out.push_back(e.second);
+    }
+    return out;
+  }
+};
+
+// ------------------------------------------------------------------- helpers
+
+std::vector<int> walk(COctreeNodeIteratorBase it)
+{
+  std::vector<int> out;
+  for (; !it.isFinished(); it.next())
+    out.push_back(it.currentNodeIndex());
+  return out;
+}
+
+std::vector<int> walkSamples(CSampleCloud const & cloud, COctree const & tree, CParallelepiped const & box,
+                             int limit)
+{
+  std::vector<int> out;
+  for (CSamplePointsIteratorInBox it(cloud, tree, box, limit); !it.isFinished(); it.next())
+  {
+    int const s = it.currentSampleIndex();
+    out.push_back(s);
+    // The coordinates and the cell reported belong to the current sample.
+    for (int a = 0; a < 3; ++a)
+      EXPECT_EQ((*it)[a], double(cloud.getSampleCoords3(s)[a]));
+    EXPECT_EQ(it.currCellIntCoord(), tree.getCellOffset(tree.getCellByCoordinates(s)));
+  }
+  return out;
+}
+
+/// Query boxes: random ones around the nodes' box, and the special ones.
+std::vector<CParallelepiped> queryBoxes(COctree const & tree, int count, std::uint64_t seed)
+{
+  CParallelepiped const nodes = tree.getNodesBoundaryBox();
+  QZTest::CCloudRandom rnd(seed);
+  std::vector<CParallelepiped> boxes;
+  for (int k = 0; k < count; ++k)
+  {
+    double lo[3], hi[3];
+    for (int a = 0; a < 3; ++a)
+    {
+      double const span = nodes.getMax()[a] - nodes.getMin()[a];
+      double const u = rnd.uniform(nodes.getMin()[a] - 0.2 * span, nodes.getMax()[a] + 0.2 * span);
+      double const w = span * rnd.uniform() * (k % 3 == 0 ? 0.1 : 0.6);
+      lo[a] = u;
+      hi[a] = u + w;
+    }
+    boxes.emplace_back(lo, hi);
+  }
+  boxes.push_back(CParallelepiped(CInterval::all(), CInterval::all(), CInterval::all()));
+  boxes.push_back(tree.getCellsBoundaryBox());
+  boxes.push_back(tree.getNodesBoundaryBox());
+  double const far = 10 * (tree.getBoxMax()[0] - tree.getBoxMin()[0]) + 1;
+  boxes.push_back(CParallelepiped(tree.getBoxMax()[0] + far, tree.getBoxMax()[0] + 2 * far, 0, 1, 0, 1));
+  boxes.push_back(CParallelepiped(1, -1, 1, -1, 1, -1)); // inverted
+  return boxes;
+}
+
+/// Everything the tree exposes, against the reference.
+void expectSameTree(CSampleCloud const & cloud, int depth, bool center, int detalization, int boxes = 12)
+{
+  SCOPED_TRACE("depth " + std::to_string(depth) + (center ? " centre" : " corner") + " detalization " +
+               std::to_string(detalization) + " samples " + std::to_string(cloud.size()));
+  RefOctree const ref(cloud, depth, center, detalization);
+  COctree const tree(&cloud, depth, nullptr, center, detalization);
+
+  EXPECT_EQ(tree.getNodeDepthBegin(), ref.nodeDepthBegin);
+  EXPECT_EQ(tree.getNodeDepthEnd(), ref.nodeDepthEnd);
+  for (int a = 0; a < 3; ++a)
+  {
+    EXPECT_EQ(tree.getBoxMin()[a], ref.boxMin[a]);
+    EXPECT_EQ(tree.getBoxMax()[a], ref.boxMax[a]);
+  }
+  ASSERT_EQ(tree.getCellsNumberOnDeepestLevel(), int(ref.cells.size()));
+  for (int c = 0; c < tree.getCellsNumberOnDeepestLevel(); ++c)
+    ASSERT_EQ(tree.getCellOffset(c), ref.cells[c]) << "cell " << c;
+  for (int s = 0; s < cloud.size(); ++s)
+    ASSERT_EQ(tree.getCellByCoordinates(s), ref.sampleCells[s]) << "sample " << s;
+  ASSERT_EQ(tree.getNodesNumber(), int(ref.nodes.size()));
+  for (int i = 0; i < tree.getNodesNumber(); ++i)
+    ASSERT_EQ(tree.getNode(i), ref.nodes[i]) << "node " << i;
+
+  for (int c = 0; c < tree.getCellsNumberOnDeepestLevel(); ++c)
+    for (int d = ref.nodeDepthBegin; d < ref.nodeDepthEnd; ++d)
+    {
+      // The neighbours of a cell are its eight nodes, in sorted order.
+      std::vector<CTreeNode> around;
+      for (int corner = 0; corner < 8; ++corner)
+        around.push_back(ref.makeCellNode(d, ref.cells[c], corner));
+      std::sort(around.begin(), around.end());
+      std::vector<int> expected;
+      for (CTreeNode const & n : around)
+        expected.push_back(ref.nodeIndexes.at(n));
+      ASSERT_EQ(walk(COctreeNeighborNodeIterator(&tree, c, d)), expected) << "cell " << c << " depth " << d;
+    }
+
+  for (CParallelepiped const & box : queryBoxes(tree, boxes, depth * 7 + (center ? 1 : 0)))
+  {
+    for (int d = 0; d <= depth + 1; ++d)
+    {
+      std::vector<int> const expected = d < ref.nodeDepthBegin ? std::vector<int>() : ref.nodesInBox(box, d);
+      ASSERT_EQ(walk(COctreeInBoxNodeIterator(&tree, box, d)), expected) << "depth " << d;
+    }
+    for (int limit : {-1, 1, 2})
+      ASSERT_EQ(walkSamples(cloud, tree, box, limit), ref.samplesInBox(box, limit)) << "limit " << limit;
+  }
+}
+
+// ---------------------------------------------------------------- the clouds
+
+CSampleCloud coincidentCloud()
+{
+  CSampleCloud cloud;
+  for (int i = 0; i < 20; ++i)
+    cloud.add(0.25f, -1.5f, 3.0f);
+  cloud.add(1.0f, -1.0f, 3.5f);
+  for (int i = 0; i < 10; ++i)
+    cloud.add(0.25f, -1.5f, 3.0f);
+  return cloud;
+}
+
+CSampleCloud cubeCornersCloud()
+{
+  CSampleCloud cloud;
+  for (int corner = 0; corner < 8; ++corner)
+    cloud.add(float(corner & 1), float((corner >> 1) & 1), float((corner >> 2) & 1));
+  return cloud;
+}
+
+/// A source that counts the reads of coordinates.
+class CCountingSamples : public IInputSamples
+{
+public:
+  mutable int reads = 0;
+
+private:
+  int onPointsNumber() const override { return 3; }
+  float const * onGetSampleCoords3(int) const override
+  {
+    ++reads;
+    return m_p;
+  }
+  float const * onGetSampleNormal3(int) const override { return m_p; }
+  bool onIsBoundaryVertex(int) const override { return false; }
+  float m_p[3] = {0, 0, 0};
+};
+
+std::string whatOf(std::exception const & e) { return e.what(); }
+} // namespace
+
+// ===================================================================== tests
+
+TEST(CInt3, DefaultIsMinusOneAndCoordModIsChecked)
+{
+  CInt3 a;
+  EXPECT_EQ(a, CInt3(-1, -1, -1));
+  a.coordMod(1) = 5;
+  EXPECT_EQ(a.coord(1), 5);
+  for (int bad : {3, -1})
+  {
+    try
+    {
+      a.coordMod(bad);
+      FAIL() << "no exception for " << bad;
+    }
+    catch (std::exception const & e)
+    {
+      EXPECT_EQ(whatOf(e), "CInt3::coordMod incorrect argument");
+    }
+  }
+  // Lexicographic order, as the tables rely on it; depth first for nodes.
+  EXPECT_TRUE(CInt3(0, 5, 5) < CInt3(1, 0, 0));
+  EXPECT_TRUE(CInt3(1, 0, 9) < CInt3(1, 1, 0));
+  EXPECT_FALSE(CInt3(1, 1, 1) < CInt3(1, 1, 1));
+  EXPECT_TRUE(CTreeNode(0, CInt3(9, 9, 9)) < CTreeNode(1, CInt3(0, 0, 0)));
+  CInt3 b(1, 2, 3);
+  b += CInt3(1, 1, 1);
+  b -= CInt3(0, 2, 4);
+  EXPECT_EQ(b, CInt3(2, 1, 0));
+  EXPECT_EQ(b + CInt3(1, 1, 1), CInt3(3, 2, 1));
+}
+
+TEST(COctreeReference, RandomClouds)
+{
+  CSampleCloud const box = QZTest::makeBoxCloud(300, -2.0, 3.0, 11);
+  CSampleCloud const sphere = QZTest::makeSphereCloud(400, 1.5, 12, 0.5, -0.25, 2.0);
+  for (bool center : {false, true})
+    for (int depth : {2, 3, 5})
+    {
+      expectSameTree(box, depth, center, -1);
+      expectSameTree(sphere, depth, center, -1);
+    }
+  expectSameTree(box, 1, false, -1);
+  expectSameTree(QZTest::makeTorusCloud(300, 1.0, 0.3, 13), 4, true, -1);
+}
+
+TEST(COctreeReference, DetalizationLevels)
+{
+  CSampleCloud const sphere = QZTest::makeSphereCloud(250, 1.0, 21);
+  for (bool center : {false, true})
+    for (int level : {-5, 0, 1, 2, 3, 100})
+      expectSameTree(sphere, 4, center, level, 4);
+}
+
+TEST(COctreeReference, DegenerateClouds)
+{
+  // Flat: the cube stays a cube, only one layer of cells is used.
+  for (bool center : {false, true})
+  {
+    expectSameTree(QZTest::makePlaneCloud(300, 1.0, 0.5, 31), 4, center, -1);
+    expectSameTree(coincidentCloud(), 3, center, -1);
+    expectSameTree(cubeCornersCloud(), 2, center, -1);
+    CSampleCloud single;
+    single.add(1.0f, 2.0f, 3.0f);
+    expectSameTree(single, 3, center, -1);
+  }
+}
+
+TEST(COctree, SingleSampleMakesATinyCubeWithOneCell)
+{
+  CSampleCloud cloud;
+  cloud.add(1.0f, 2.0f, 3.0f);
+  for (bool center : {false, true})
+  {
+    COctree const tree(&cloud, 3, nullptr, center, -1);
+    EXPECT_EQ(tree.getBoxSize(), 1e-10 * (0.25 / 8 + 1.0));
+    EXPECT_EQ(tree.getCellsNumberOnDeepestLevel(), 1);
+    int const depths = tree.getNodeDepthEnd() - tree.getNodeDepthBegin();
+    EXPECT_EQ(tree.getNodesNumber(), 8 * depths);
+    double const p[3] = {1.0, 2.0, 3.0};
+    EXPECT_TRUE(tree.isInLeafCell(p));
+  }
+}
+
+TEST(COctree, CornerPolicyAtDepthOne)
+{
+  CSampleCloud const cloud = cubeCornersCloud();
+  COctree const tree(&cloud, 1, nullptr, false, -1);
+  EXPECT_EQ(tree.getLatticeSize(), 2);
+  EXPECT_EQ(tree.getCellsNumberOnDeepestLevel(), 8);
+  EXPECT_EQ(tree.getNodeDepthBegin(), 0);
+  EXPECT_EQ(tree.getNodeDepthEnd(), 2);
+  std::map<int, std::vector<int>> coords; // depth -> coordinates seen on x
+  for (CTreeNode const & n : tree.getNodesTable())
+    coords[n.depth()].push_back(n.shift().x());
+  for (auto & e : coords)
+  {
+    std::sort(e.second.begin(), e.second.end());
+    e.second.erase(std::unique(e.second.begin(), e.second.end()), e.second.end());
+  }
+  EXPECT_EQ(coords[0], (std::vector<int>{0, 2}));
+  EXPECT_EQ(coords[1], (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(tree.getNodesNumber(), 8 + 27);
+}
+
+TEST(COctree, CentrePolicyDepthsAndBoxes)
+{
+  CSampleCloud const cloud = QZTest::makeSphereCloud(200, 1.0, 41);
+  COctree const tree(&cloud, 4, nullptr, true, -1);
+  // The deepest nodes stand one depth above the leaves.
+  EXPECT_EQ(tree.getNodeDepthEnd(), 4);
+  EXPECT_FALSE(tree.isUniform());
+  for (CTreeNode const & n : tree.getNodesTable())
+    EXPECT_LT(n.depth(), 4);
+  // The nodes' box reaches half a coarsest cell beyond the cube.
+  CParallelepiped const nodes = tree.getNodesBoundaryBox();
+  double const half = tree.getCellSize(tree.getNodeDepthBegin()) * 0.5;
+  for (int a = 0; a < 3; ++a)
+  {
+    EXPECT_DOUBLE_EQ(nodes.getMin()[a], tree.getBoxMin()[a] - half);
+    EXPECT_DOUBLE_EQ(nodes.getMax()[a], tree.getBoxMax()[a] + half);
+  }
+  EXPECT_TRUE(COctree(&cloud, 4, nullptr, true, 0).isUniform());
+  EXPECT_TRUE(COctree(&cloud, 4, nullptr, false, 0).isUniform());
+}
+
+TEST(COctree, GeometryIdentities)
+{
+  CSampleCloud const cloud = QZTest::makeTorusCloud(300, 1.0, 0.4, 51);
+  for (bool center : {false, true})
+  {
+    COctree const tree(&cloud, 5, nullptr, center, -1);
+    double const unit = tree.getUnit();
+    EXPECT_EQ(unit, tree.getBoxSize() / 32);
+    EXPECT_EQ(tree.getCellSize(tree.getLeafCellDepth()), unit);
+    EXPECT_EQ(tree.getCellSize(2), 8 * unit);
+    for (int c = 0; c < tree.getCellsNumberOnDeepestLevel(); ++c)
+    {
+      CParallelepiped const cell = tree.getCellBox(c);
+      for (int d = tree.getNodeDepthBegin(); d < tree.getNodeDepthEnd(); ++d)
+      {
+        // The eight nodes span the neighbour box, and the leaf cell lies in it:
+        // trilinear weights measured there stay within [0, 1].
+        CParallelepiped const nb = tree.getBoxOnNbrNodes(c, d);
+        double first[3], last[3];
+        tree.cellCoordsToReal(first, tree.makeCellNode(d, c, 0).shift());
+        tree.cellCoordsToReal(last, tree.makeCellNode(d, c, 7).shift());
+        for (int a = 0; a < 3; ++a)
+        {
+          EXPECT_EQ(nb.getMin()[a], first[a]);
+          EXPECT_DOUBLE_EQ(nb.getMax()[a], last[a]);
+          EXPECT_LE(nb.getMin()[a], cell.getMin()[a]);
+          EXPECT_GE(nb.getMax()[a], cell.getMax()[a]);
+        }
+      }
+    }
+    for (int s = 0; s < cloud.size(); ++s)
+    {
+      double p[3];
+      for (int a = 0; a < 3; ++a)
+        p[a] = cloud.getSampleCoords3(s)[a];
+      EXPECT_TRUE(tree.isInLeafCell(p));
+    }
+    double const outside[3] = {0.0, 0.0, 0.0}; // the hole of the torus holds no sample
+    EXPECT_FALSE(tree.isInLeafCell(outside));
+    double const nan[3] = {std::nan(""), 0.0, 0.0};
+    EXPECT_FALSE(tree.isInLeafCell(nan));
+  }
+}
+
+TEST(COctree, SampleOnTheUpperFaceFallsInside)
+{
+  CSampleCloud cloud;
+  cloud.add(0.0f, 0.0f, 0.0f);
+  cloud.add(1.0f, 1.0f, 1.0f);
+  COctree const tree(&cloud, 3, nullptr, false, -1);
+  // Thanks to the margin the upper sample needs no clamping.
+  EXPECT_LT(tree.latticeCoordinate(0, 1.0), 8.0);
+  EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(1)), CInt3(7, 7, 7));
+  EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(0)), CInt3(0, 0, 0));
+}
+
+TEST(COctree, BadDepthFailsBeforeAnySampleIsRead)
+{
+  struct Case
+  {
+    int depth;
+    bool center;
+  };
+  for (Case c : {Case{-1, true}, Case{1, true}, Case{0, false}, Case{-1, false}, Case{30, false}})
+  {
+    CCountingSamples samples;
+    try
+    {
+      COctree tree(&samples, c.depth, nullptr, c.center, -1);
+      FAIL() << "no exception at depth " << c.depth;
+    }
+    catch (std::exception const & e)
+    {
+      EXPECT_EQ(whatOf(e), "Incorrect tree depth detected in VolTr::COctree constructor");
+    }
+    EXPECT_EQ(samples.reads, 0);
+  }
+  CCountingSamples samples;
+  EXPECT_NO_THROW(COctree(&samples, 1, nullptr, false, -1));
+  EXPECT_NO_THROW(COctree(&samples, 2, nullptr, true, -1));
+}
+
+TEST(COctree, NonFiniteCoordinatesAreRefusedWithTheSampleIndex)
+{
+  for (float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+                    -std::numeric_limits<float>::infinity()})
+  {
+    CSampleCloud cloud = QZTest::makeSphereCloud(20, 1.0, 61);
+    cloud.coordsMod(13)[1] = bad;
+    try
+    {
+      COctree tree(&cloud, 4, nullptr, true, -1);
+      FAIL() << "no exception for " << bad;
+    }
+    catch (std::exception const & e)
+    {
+      EXPECT_EQ(whatOf(e), "Sample 13 has a non-finite coordinate in VolTr::COctree constructor");
+    }
+  }
+}
+
+TEST(COctree, HugeFiniteCoordinatesBuild)
+{
+  CSampleCloud cloud;
+  cloud.add(-FLT_MAX, 0.0f, 0.0f);
+  cloud.add(FLT_MAX, 1.0f, 1.0f);
+  cloud.add(0.0f, FLT_MAX, 0.0f);
+  COctree const tree(&cloud, 3, nullptr, true, -1);
+  EXPECT_EQ(tree.getSamplesNumber(), 3);
+  EXPECT_TRUE(std::isfinite(tree.getBoxSize()));
+  EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(0)).x(), 0);
+  EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(1)).x(), 7);
+}
+
+TEST(COctree, EmptyCloudBuildsAnEmptyTree)
+{
+  CSampleCloud const empty;
+  for (bool center : {false, true})
+  {
+    COctree const tree(&empty, 4, nullptr, center, -1);
+    EXPECT_EQ(tree.getNodesNumber(), 0);
+    EXPECT_EQ(tree.getCellsNumberOnDeepestLevel(), 0);
+    EXPECT_EQ(tree.getSamplesNumber(), 0);
+    EXPECT_TRUE(std::isfinite(tree.getBoxSize()));
+    double c[3];
+    tree.getBoxCenter(c);
+    EXPECT_EQ(c[0], 0.0);
+    CParallelepiped const all(CInterval::all(), CInterval::all(), CInterval::all());
+    for (int d = 0; d < 5; ++d)
+      EXPECT_TRUE(COctreeInBoxNodeIterator(&tree, all, d).isFinished());
+    CSamplePointsIteratorInBox it(empty, tree, all, -1);
+    EXPECT_TRUE(it.isFinished());
+    EXPECT_EQ(it.currentSampleIndex(), -1);
+    EXPECT_EQ(it.currCellIntCoord(), CInt3());
+    EXPECT_THROW(COctreeNeighborNodeIterator(&tree, 0, 3), std::exception);
+  }
+  EXPECT_EQ(COctree(nullptr, 3, nullptr, false, -1).getNodesNumber(), 0);
+}
+
+TEST(COctree, ProgressRunsToTheEndAndInterruptionPasses)
+{
+  CSampleCloud const cloud = QZTest::makeSphereCloud(500, 1.0, 71);
+  CProgressCounter progress;
+  COctree const tree(&cloud, 4, &progress, true, -1);
+  EXPECT_DOUBLE_EQ(progress.GetPosFloat(), 1.0);
+  EXPECT_EQ(progress.GetRangeDepth(), 0);
+
+  CProgressCounter interrupted;
+  interrupted.RequestInterrupt();
+  EXPECT_THROW(COctree(&cloud, 4, &interrupted, true, -1), CUserIntrException);
+  EXPECT_EQ(interrupted.GetRangeDepth(), 0);
+}
+
+TEST(COctree, ReadFromTwoThreads)
+{
+  CSampleCloud const cloud = QZTest::makeSphereCloud(3000, 1.0, 81);
+  COctree const tree(&cloud, 6, nullptr, true, -1);
+  std::vector<CParallelepiped> const boxes = queryBoxes(tree, 40, 82);
+  auto query = [&](std::vector<std::vector<int>> & out)
+  {
+    for (CParallelepiped const & box : boxes)
+    {
+      for (int d = tree.getNodeDepthBegin(); d < tree.getNodeDepthEnd(); ++d)
+        out.push_back(walk(COctreeInBoxNodeIterator(&tree, box, d)));
+      std::vector<int> samples;
+      for (CSamplePointsIteratorInBox it(cloud, tree, box, -1); !it.isFinished(); it.next())
+        samples.push_back(it.currentSampleIndex());
+      out.push_back(samples);
+    }
+  };
+  std::vector<std::vector<int>> alone, first, second;
+  query(alone);
+  std::thread a([&] { query(first); });
+  std::thread b([&] { query(second); });
+  a.join();
+  b.join();
+  EXPECT_EQ(first, alone);
+  EXPECT_EQ(second, alone);
+}
+
+TEST(COctreeIterators, OutOfRangeDepthsAndBoxesYieldNothing)
+{
+  CSampleCloud const cloud = QZTest::makeSphereCloud(100, 1.0, 91);
+  COctree const tree(&cloud, 4, nullptr, false, 1);
+  CParallelepiped const all(CInterval::all(), CInterval::all(), CInterval::all());
+  EXPECT_FALSE(COctreeInBoxNodeIterator(&tree, all, 4).isFinished());
+  for (int d : {-3, 0, 2, 5, 40})
+  {
+    EXPECT_TRUE(COctreeInBoxNodeIterator(&tree, all, d).isFinished()) << d;
+    EXPECT_TRUE(COctreeNeighborNodeIterator(&tree, 0, d).isFinished()) << d;
+  }
+  double const nan = std::nan("");
+  EXPECT_TRUE(COctreeInBoxNodeIterator(&tree, CParallelepiped(nan, nan, 0, 1, 0, 1), 4).isFinished());
+  EXPECT_TRUE(CSamplePointsIteratorInBox(cloud, tree, CParallelepiped(nan, 1, 0, 1, 0, 1), -1).isFinished());
+  // A box beyond the nodes' range on all axes meets only the corner node of
+  // the range, which a sphere does not make.
+  CParallelepiped const beyond(10, 11, 10, 11, 10, 11);
+  EXPECT_TRUE(COctreeInBoxNodeIterator(&tree, beyond, 4).isFinished());
+  EXPECT_THROW(COctreeNeighborNodeIterator(&tree, tree.getCellsNumberOnDeepestLevel(), 4), std::exception);
+  // Copies walk on their own.
+  COctreeInBoxNodeIterator it(&tree, all, 3);
+  COctreeInBoxNodeIterator copy = it;
+  it.next();
+  EXPECT_NE(it.currentNodeIndex(), copy.currentNodeIndex());
+  EXPECT_EQ(walk(copy).size(), walk(it).size() + 1);
+}

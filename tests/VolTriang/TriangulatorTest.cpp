@@ -1,0 +1,307 @@
+// The reconstruction driver: parameters, log protocol, phases and failures of
+// the stages built so far.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "QZmath/VolTriang/VolumetricTriangulator.h"
+#include "QZsys/DebugLog.h"
+#include "QZsys/Progress.h"
+#include "QZsys/Threading.h"
+#include "tests/Common/SampleClouds.h"
+
+using namespace VolTr;
+using QZTest::CSampleCloud;
+
+namespace
+{
+class CRecordingTarget : public ITriangulationTarget
+{
+public:
+  int triangles = 0;
+  std::vector<double> lastDouble;
+  std::vector<float> lastFloat;
+
+private:
+  void onAddNewVertex(int, double const * c, double const *) override { lastDouble.assign(c, c + 3); }
+  void onAddNewVertex(int, float const * c, float const *) override { lastFloat.assign(c, c + 3); }
+  void onAddNewTriangle(int, int, int) override { ++triangles; }
+};
+
+struct CPhaseRecorder : IProgressObserver
+{
+  double last = 0.0;
+  std::vector<std::string> names;
+  void onProgress(double pos, std::string const & name) override
+  {
+    last = pos;
+    if (!name.empty() && (names.empty() || names.back() != name))
+      names.push_back(name);
+  }
+};
+
+CSampleCloud cubeCorners()
+{
+  CSampleCloud cloud;
+  for (int corner = 0; corner < 8; ++corner)
+    cloud.add(float(corner & 1), float((corner >> 1) & 1), float((corner >> 2) & 1));
+  return cloud;
+}
+
+/// Restores the counted number of cores after a test that overrode it.
+struct CThreadCountScope
+{
+  explicit CThreadCountScope(int n) { CVescaThreadingTasksHelper::setNumOfPhisicalThread(n); }
+  ~CThreadCountScope() { CVescaThreadingTasksHelper::setNumOfPhisicalThread(0); }
+};
+} // namespace
+
+TEST(CVolTriangulationParams, DefaultsAndAccessors)
+{
+  CVolTriangulationParams p;
+  EXPECT_EQ(p.getOctreeDepth(), -1);
+  EXPECT_EQ(p.getReconstructFactor(), 1.0f);
+  EXPECT_TRUE(p.getClosed());
+  EXPECT_FALSE(p.getEstimateResultNormals());
+  EXPECT_FALSE(p.getPhaseNameShown());
+  EXPECT_TRUE(p.getUseCenter());
+  EXPECT_EQ(p.getKernelScaleFactor(), 0.95f);
+  EXPECT_EQ(p.getDebugLog(), nullptr);
+  EXPECT_TRUE(p.getVariableDensity());
+  EXPECT_EQ(p.getDensityEstimationDepthDelta(), 2);
+  EXPECT_EQ(p.getDetalizationLevel(), -1);
+  EXPECT_EQ(p.getPrefferedSolver(), 0);
+
+  p.octreeDepth() = 3;
+  p.setReconstructFactor(2.0f);
+  CVolTriangulationParams copy(p);
+  p.setOctreeDepth(7);
+  EXPECT_EQ(copy.getOctreeDepth(), 3);
+  // (1 << 3) * 2 = 16 cells per axis, 6 * 16 * 16 triangles.
+  EXPECT_EQ(copy.getCellFactor(), 16.0f);
+  EXPECT_EQ(copy.estimateTriangleSize(4.0f), 0.25f);
+  EXPECT_EQ(copy.estimateTrianglesNumber(), 1536);
+  // Depths where the shift would be undefined still give defined numbers.
+  copy.setOctreeDepth(-1);
+  EXPECT_EQ(copy.getCellFactor(), 1.0f);
+  copy.setOctreeDepth(40);
+  EXPECT_EQ(copy.estimateTrianglesNumber(), 2147483647);
+}
+
+TEST(ITriangulationTarget, ForwardersCountVertices)
+{
+  CRecordingTarget t;
+  double const d[3] = {1, 2, 3};
+  float const f[3] = {4, 5, 6};
+  t.addNewVertex(0, d, d);
+  t.addNewVertex(1, f, f);
+  t.addNewTriangle(0, 1, 0);
+  EXPECT_EQ(t.debugCurrentVertexNumber(), 2);
+  EXPECT_EQ(t.lastDouble, (std::vector<double>{1, 2, 3}));
+  EXPECT_EQ(t.lastFloat, (std::vector<float>{4, 5, 6}));
+  EXPECT_EQ(t.triangles, 1);
+}
+
+TEST(CVolumetricTriangulator, LogsParametersAndTreeExactly)
+{
+  CSampleCloud const cloud = cubeCorners();
+  VsUt::CMemoryDebugLog log;
+  CVolTriangulationParams params;
+  params.setOctreeDepth(2);
+  params.setDebugLog(&log);
+  CRecordingTarget target;
+  CVolumetricTriangulator(&target, &cloud, &params, nullptr).run();
+
+  // Centre nodes at depth 2: the samples fill the corner cells 0 and 3 on each
+  // axis, giving 4^3 nodes at depth 1 and 3^3 at depth 0. The cube has edge
+  // 1 + 1/16 around the centre 0.5.
+  std::vector<std::string> const expected = {
+      "Volumetric triangulation core started",
+      "Octree depth: 2",
+      "Kernel scale: 0.95",
+      "Subdivision factor: 1",
+      "Closed: 1",
+      "Normals by gradient: 0",
+      "Center scheme: 1",
+      "Samples #: 8",
+      "Variable density: 1",
+      "Density estimation level delta: 2",
+      "Octree depth: 2",
+      "Leaf cells: 8",
+      "Nodes number : 91",
+      "Node depth bounds: 0, 1",
+      "Leaf cell size: 0.53125",
+      "Cells box min: -0.03125, -0.03125, -0.03125",
+      "Cells box max: 1.03125, 1.03125, 1.03125",
+      "Node min: -0.5625, -0.5625, -0.5625",
+      "Node max: 1.5625, 1.5625, 1.5625",
+      "Density estimation level: 0",
+  };
+  EXPECT_EQ(log.lines(), expected);
+}
+
+TEST(CVolumetricTriangulator, ParameterLinesFollowTheFlags)
+{
+  CSampleCloud const cloud = QZTest::makeSphereCloud(200, 1.0, 5);
+  VsUt::CMemoryDebugLog log;
+  CVolTriangulationParams params;
+  params.setOctreeDepth(5);
+  params.setUseCenter(false);
+  params.setVariableDensity(false);
+  params.setClosed(false);
+  params.setEstimateResultNormals(true);
+  params.setKernelScaleFactor(1.5f);
+  params.setReconstructFactor(0.5f);
+  params.setDetalizationLevel(1);
+  params.setDebugLog(&log);
+  CVolumetricTriangulator(nullptr, &cloud, &params, nullptr).run();
+  std::vector<std::string> const lines = log.lines();
+  ASSERT_GE(lines.size(), 13u);
+  EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 10),
+            (std::vector<std::string>{"Volumetric triangulation core started", "Octree depth: 5",
+                                      "Kernel scale: 1.5", "Subdivision factor: 0.5", "Closed: 0",
+                                      "Normals by gradient: 1", "Center scheme: 0", "Samples #: 200",
+                                      "Variable density: 0", "Octree depth: 5"}));
+  // Corner nodes reach the leaf depth; with detalization 1 two depths carry nodes.
+  EXPECT_EQ(lines[12], "Node depth bounds: 4, 5");
+  for (std::string const & l : lines)
+    EXPECT_EQ(l.find("Density estimation"), std::string::npos) << l;
+}
+
+TEST(CVolumetricTriangulator, DensityLevelIsClampedToTheNodeDepths)
+{
+  CSampleCloud const cloud = QZTest::makeSphereCloud(100, 1.0, 6);
+  for (int delta : {0, 2, 10})
+  {
+    VsUt::CMemoryDebugLog log;
+    CVolTriangulationParams params;
+    params.setOctreeDepth(5);
+    params.setDetalizationLevel(2);
+    params.setDensityEstimationDepthDelta(delta);
+    params.setDebugLog(&log);
+    CVolumetricTriangulator(nullptr, &cloud, &params, nullptr).run();
+    // Centre nodes: depths 2 to 4.
+    EXPECT_EQ(log.lines().back(), "Density estimation level: " + std::to_string(std::max(4 - delta, 2)));
+  }
+}
+
+TEST(CVolumetricTriangulator, SilentWithoutLog)
+{
+  CSampleCloud const cloud = QZTest::makeSphereCloud(50, 1.0, 7);
+  CVolTriangulationParams params;
+  params.setOctreeDepth(3);
+  EXPECT_NO_THROW(CVolumetricTriangulator(nullptr, &cloud, &params, nullptr).run());
+}
+
+TEST(CVolumetricTriangulator, DefaultOrNullParametersFailWithTheDepthText)
+{
+  CSampleCloud const cloud = cubeCorners();
+  CVolTriangulationParams const defaults;
+  for (CVolTriangulationParams const * p : {&defaults, static_cast<CVolTriangulationParams const *>(nullptr)})
+  {
+    CVolumetricTriangulator t(nullptr, &cloud, p, nullptr);
+    try
+    {
+      t.run();
+      FAIL() << "no exception";
+    }
+    catch (std::exception const & e)
+    {
+      EXPECT_STREQ(e.what(), "Incorrect tree depth detected in VolTr::COctree constructor");
+    }
+  }
+  // Depth 1 passes with corner nodes only.
+  CVolTriangulationParams p;
+  p.setOctreeDepth(1);
+  EXPECT_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, nullptr).run(), std::exception);
+  p.setUseCenter(false);
+  EXPECT_NO_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, nullptr).run());
+}
+
+TEST(CVolumetricTriangulator, ParametersAreCopied)
+{
+  CSampleCloud const cloud = cubeCorners();
+  VsUt::CMemoryDebugLog log;
+  CVolTriangulationParams p;
+  p.setOctreeDepth(3);
+  p.setDebugLog(&log);
+  CVolumetricTriangulator t(nullptr, &cloud, &p, nullptr);
+  p.setOctreeDepth(-1);
+  p.setDebugLog(nullptr);
+  EXPECT_NO_THROW(t.run());
+  EXPECT_EQ(log.lines().at(1), "Octree depth: 3");
+}
+
+TEST(CVolumetricTriangulator, PhaseWeightsDecideTheTreeShare)
+{
+  CSampleCloud const cloud = cubeCorners();
+  struct Case
+  {
+    int threads, depth;
+    bool density;
+    double total;
+  };
+  // tree 10, grad_basis 2, density 30, grad_div 10, assembly 100 (two phases
+  // of 50 on one core), update 5, solve 30 or 200, iso-value 10, iso-surface 40.
+  for (Case c : {Case{1, 4, true, 237}, Case{2, 4, true, 237}, Case{1, 4, false, 207}, Case{2, 8, true, 237},
+                 Case{2, 9, true, 407}, Case{1, 9, false, 377}})
+  {
+    CThreadCountScope threads(c.threads);
+    CProgressCounter progress;
+    CPhaseRecorder recorder;
+    progress.AddObserver(&recorder);
+    CVolTriangulationParams p;
+    p.setOctreeDepth(c.depth);
+    p.setVariableDensity(c.density);
+    p.setPhaseNameShown(true);
+    CVolumetricTriangulator(nullptr, &cloud, &p, &progress).run();
+    EXPECT_DOUBLE_EQ(recorder.last, 10.0 / c.total) << c.threads << " " << c.depth << " " << c.density;
+    EXPECT_EQ(recorder.names, std::vector<std::string>{"tree"});
+  }
+}
+
+TEST(CVolumetricTriangulator, EmptyCloudAndBadSamples)
+{
+  CSampleCloud const empty;
+  VsUt::CMemoryDebugLog log;
+  CVolTriangulationParams p;
+  p.setOctreeDepth(4);
+  p.setDebugLog(&log);
+  EXPECT_NO_THROW(CVolumetricTriangulator(nullptr, &empty, &p, nullptr).run());
+  EXPECT_EQ(log.lines().at(7), "Samples #: 0");
+  EXPECT_EQ(log.lines().at(12), "Nodes number : 0");
+
+  CSampleCloud bad = cubeCorners();
+  bad.coordsMod(5)[2] = std::numeric_limits<float>::quiet_NaN();
+  try
+  {
+    CVolumetricTriangulator(nullptr, &bad, &p, nullptr).run();
+    FAIL() << "no exception";
+  }
+  catch (std::exception const & e)
+  {
+    EXPECT_STREQ(e.what(), "Sample 5 has a non-finite coordinate in VolTr::COctree constructor");
+  }
+}
+
+TEST(CVolumetricTriangulator, InterruptionLeavesRun)
+{
+  CSampleCloud const cloud = QZTest::makeSphereCloud(100, 1.0, 8);
+  CProgressCounter progress;
+  progress.RequestInterrupt();
+  CVolTriangulationParams p;
+  p.setOctreeDepth(4);
+  EXPECT_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, &progress).run(), CUserIntrException);
+}
+
+TEST(CVolTriangulationError, KeepsItsText)
+{
+  CVolTriangulationError const e("Unexpected solver type");
+  EXPECT_STREQ(e.what(), "Unexpected solver type");
+  std::exception const & base = e;
+  EXPECT_STREQ(base.what(), "Unexpected solver type");
+}
