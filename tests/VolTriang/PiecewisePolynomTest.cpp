@@ -1,0 +1,240 @@
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <random>
+
+#include "QZmath/VolTriang/PiecewisePolynom.h"
+#include "QZmath/VolTriang/ProductPolynom.h"
+#include "tests/VolTriang/PolynomTestSupport.h"
+
+using namespace VolTr;
+using namespace qztest::poly;
+
+namespace
+{
+CPolynom constant(double c) { return CPolynom(CWeightedMonom(c, CMonom())); }
+
+// The box of [lo, hi] on `axis` and the whole line on the others.
+CParallelepiped slab(int axis, double lo, double hi)
+{
+  CParallelepiped b(CInterval::all(), CInterval::all(), CInterval::all());
+  b.setDimension(axis, CInterval(lo, hi));
+  return b;
+}
+
+// f(x_axis) in the general form: one term per piece, about f's shift.
+CPiecewisePolynom onAxis(CSingleVarLimitedPolynom const & f, int axis)
+{
+  double shift[3] = {0.0, 0.0, 0.0};
+  shift[axis] = f.getArgShift();
+  CPiecewisePolynom r;
+  for (int i = 0; i < f.getPiecesNumber(); ++i)
+  {
+    CPolynom p;
+    for (int k = 0; k < f.getPiece(i).getCoeffsNumber(); ++k)
+      p.insertWeightedMonom(CWeightedMonom(f.getPiece(i).getCoeff(k), CMonom::x_i_pow_d(axis, k)));
+    r.addTerm(CLimitedPolynom(p, slab(axis, f.getKnot(i) + shift[axis], f.getKnot(i + 1) + shift[axis]), shift));
+  }
+  return r;
+}
+
+// A separable function in the general form, as products of its axes.
+CPiecewisePolynom toGeneral(CProductPiecewisePolynom const & f)
+{
+  CPiecewisePolynom r;
+  for (int i = 0; i < f.summandsNumber(); ++i)
+  {
+    CProductPolynom const & s = f.getSummand(i);
+    r += onAxis(s.getMultiplier(0), 0) * onAxis(s.getMultiplier(1), 1) * onAxis(s.getMultiplier(2), 2);
+  }
+  return r;
+}
+
+CPiecewisePolynom randomPiecewise(std::mt19937 & rng, int terms)
+{
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  double const shift[3] = {u(rng), u(rng), u(rng)};
+  CPiecewisePolynom r;
+  for (int i = 0; i < terms; ++i)
+  {
+    CParallelepiped box;
+    for (int a = 0; a < 3; ++a)
+    {
+      double const x = u(rng), y = u(rng);
+      box.setDimension(a, CInterval(std::min(x, y), std::max(x, y)));
+    }
+    r.addTerm(CLimitedPolynom(randomPolynom3(rng, 1 + i % 5, 2), box, shift));
+  }
+  return r;
+}
+
+void boxBreaks(CPiecewisePolynom const & f, std::vector<double> (&b)[3])
+{
+  for (int i = 0; i < f.getTermsNumber(); ++i)
+    for (int a = 0; a < 3; ++a)
+    {
+      b[a].push_back(f.getTerm(i).getSupportRef().getMin()[a]);
+      b[a].push_back(f.getTerm(i).getSupportRef().getMax()[a]);
+    }
+}
+
+bool awayFrom3(double const * p, std::vector<double> const (&b)[3])
+{
+  return awayFrom(p[0], b[0]) && awayFrom(p[1], b[1]) && awayFrom(p[2], b[2]);
+}
+} // namespace
+
+TEST(PiecewisePolynom, BoundaryToleranceFavoursTheUpperPiece)
+{
+  CPiecewisePolynom f(CLimitedPolynom(constant(1.0), slab(0, -1.5, -0.5), nullptr));
+  f.addTerm(CLimitedPolynom(constant(2.0), slab(0, -0.5, 0.5), nullptr));
+  auto at = [&](double x) {
+    double const p[3] = {x, 0.0, 0.0};
+    return f.eval(p);
+  };
+  EXPECT_EQ(at(-0.5), 2.0);
+  EXPECT_EQ(at(-1.0), 1.0);
+  EXPECT_EQ(at(-1.5 - 0.5e-10), 1.0); // within the tolerance below a minimum
+  EXPECT_EQ(at(-1.5 - 2e-10), 0.0);
+  EXPECT_EQ(at(0.5 - 1e-9), 2.0);
+  EXPECT_EQ(at(0.5), 0.0); // the tolerance pushes the top bound out
+  EXPECT_TRUE(f.checkClassInvariants());
+
+  CPiecewisePolynom const empty;
+  double const zero[3] = {0.0, 0.0, 0.0};
+  EXPECT_EQ(empty.eval(zero), 0.0);
+  EXPECT_EQ(empty.integrateOnSupport(), 0.0);
+  EXPECT_EQ(empty.getCommonSupportRef().getMin()[1], DBL_MAX);
+  EXPECT_EQ(empty.getCommonSupportRef().getMax()[1], -DBL_MAX);
+  EXPECT_TRUE(empty.checkClassInvariants());
+  EXPECT_EQ((empty * f).getTermsNumber(), 0);
+}
+
+TEST(PiecewisePolynom, TouchingBoxesMultiplyToNothing)
+{
+  CPiecewisePolynom const a(CLimitedPolynom(constant(1.0), CParallelepiped(0, 1, 0, 1, 0, 1), nullptr));
+  double const shift[3] = {1.0, 0.0, 0.0};
+  CPiecewisePolynom const b(CLimitedPolynom(constant(3.0), CParallelepiped(1, 2, 0, 1, 0, 1), shift));
+  CPiecewisePolynom const ab = a * b;
+  EXPECT_EQ(ab.getTermsNumber(), 0);
+  EXPECT_EQ(ab.integrateOnSupport(), 0.0);
+  CPiecewisePolynom const sum = a + b;
+  EXPECT_EQ(sum.getTermsNumber(), 2);
+  EXPECT_EQ(sum.getCommonSupportRef().getMax()[0], 2.0);
+  EXPECT_NEAR(sum.integrateOnSupport(), 4.0, 1e-15);
+  EXPECT_TRUE(sum.checkClassInvariants());
+}
+
+TEST(PiecewisePolynom, ProductsAndIntegralsAgreeWithValuesAndQuadrature)
+{
+  std::mt19937 rng(43);
+  std::uniform_real_distribution<double> u(-1.2, 1.2);
+  for (int round = 0; round < 8; ++round)
+  {
+    CPiecewisePolynom const f = randomPiecewise(rng, 1 + round % 3), g = randomPiecewise(rng, 1 + round % 4);
+    CPiecewisePolynom const fg = f * g;
+    EXPECT_TRUE(fg.checkClassInvariants());
+    std::vector<double> breaks[3];
+    boxBreaks(f, breaks);
+    boxBreaks(g, breaks);
+    for (int i = 0; i < 50; ++i)
+    {
+      double const p[3] = {u(rng), u(rng), u(rng)};
+      if (awayFrom3(p, breaks))
+      {
+        EXPECT_TRUE(near(fg.eval(p), f.eval(p) * g.eval(p), 1e-10, 1e-11));
+      }
+    }
+    double const quad = integrate3D([&](double const * p) { return f.eval(p) * g.eval(p); }, breaks);
+    EXPECT_TRUE(near(fg.integrateOnSupport(), quad, 1e-9, 1e-12));
+  }
+}
+
+TEST(PiecewisePolynom, RandomShiftScaleSequencesKeepValuesAndInvariants)
+{
+  std::mt19937 rng(47);
+  std::uniform_real_distribution<double> u(-1.0, 1.0), us(0.5, 2.0);
+  std::uniform_int_distribution<int> op(0, 4);
+  for (int round = 0; round < 6; ++round)
+  {
+    CPiecewisePolynom const f0 = randomPiecewise(rng, 2 + round % 3);
+    std::vector<double> breaks[3];
+    boxBreaks(f0, breaks);
+    CPiecewisePolynom f = f0;
+    double m[3] = {1, 1, 1}, b[3] = {0, 0, 0}, k = 1.0; // f(p) = k f0(m p + b)
+    for (int step = 0; step < 10; ++step)
+    {
+      double v[3] = {u(rng), u(rng), u(rng)};
+      switch (op(rng))
+      {
+      case 0:
+        f.substituteArgPlusConst(v);
+        for (int a = 0; a < 3; ++a)
+          b[a] += m[a] * v[a];
+        break;
+      case 1:
+        f.changeShift(v);
+        break;
+      case 2:
+        for (double & x : v)
+          x = us(rng);
+        f.scaleArgument(v);
+        for (int a = 0; a < 3; ++a)
+          m[a] *= v[a];
+        break;
+      case 3:
+        f *= 3.0 * v[0];
+        k *= 3.0 * v[0];
+        break;
+      default:
+        if (f.getTermsNumber() > 32)
+          continue;
+        f += f;
+        k *= 2.0;
+        break;
+      }
+      ASSERT_TRUE(f.checkClassInvariants()) << "round " << round << " step " << step;
+      for (int i = 0; i < 10; ++i)
+      {
+        double const p[3] = {u(rng), u(rng), u(rng)};
+        double const q[3] = {m[0] * p[0] + b[0], m[1] * p[1] + b[1], m[2] * p[2] + b[2]};
+        if (awayFrom3(q, breaks))
+        {
+          EXPECT_TRUE(near(f.eval(p), k * f0.eval(q), 1e-9, 1e-10));
+        }
+      }
+    }
+  }
+}
+
+TEST(PolynomForms, GeneralAndSeparableFormsAgree)
+{
+  std::mt19937 rng(53);
+  std::uniform_real_distribution<double> u(-0.6, 0.6), us(0.7, 1.5);
+  for (int round = 0; round < 4; ++round)
+  {
+    CProductPiecewisePolynom f = randomSeparable(rng, 1 + round % 2, 2), g = randomSeparable(rng, 1, 3);
+    double const c[3] = {u(rng), u(rng), u(rng)}, s[3] = {us(rng), us(rng), us(rng)};
+    f.substituteArgPlusConst(c);
+    g.scaleArgument(s);
+    CPiecewisePolynom const F = toGeneral(f);
+    CPiecewisePolynom const G = toGeneral(g);
+    EXPECT_TRUE(F.checkClassInvariants());
+    CProductPiecewisePolynom const fg = f * g;
+    CPiecewisePolynom const FG = F * G;
+    EXPECT_TRUE(near(F.integrateOnSupport(), f.integrateOnSupport(), 1e-11, 1e-12));
+    EXPECT_TRUE(near(FG.integrateOnSupport(), fg.integrateOnSupport(), 1e-10, 1e-12));
+
+    std::vector<double> breaks[3];
+    breaksOf(f, breaks);
+    breaksOf(g, breaks);
+    for (int i = 0; i < 60; ++i)
+    {
+      double const p[3] = {4 * u(rng), 4 * u(rng), 4 * u(rng)};
+      if (!awayFrom3(p, breaks))
+        continue;
+      EXPECT_TRUE(near(F.eval(p), f.eval(p), 1e-11, 1e-12));
+      EXPECT_TRUE(near(FG.eval(p), fg.eval(p), 1e-10, 1e-11));
+    }
+  }
+}

@@ -1,0 +1,202 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "QZmath/VolTriang/Polynom.h"
+#include "tests/VolTriang/PolynomTestSupport.h"
+
+using namespace qztest::poly;
+
+namespace VolTr
+{
+// Reaches the private term list and the repair operation of CPolynom.
+class CPolynomTestAccess
+{
+public:
+  static std::vector<CWeightedMonom> & terms(CPolynom & p) { return p.m_terms; }
+  static void collect(CPolynom & p) { p.collectAndSortSimilarTerms(); }
+  static bool partialSorted(CPolynom const & p, size_t n) { return p.debugCheckTermsPartialSorted(n); }
+};
+} // namespace VolTr
+
+using namespace VolTr;
+
+namespace
+{
+CPolynom term(double w, int a, int b, int c) { return CPolynom(CWeightedMonom(w, CMonom(a, b, c))); }
+
+std::vector<int> exponentsOf(CPolynom const & p, int axis)
+{
+  std::vector<int> r;
+  for (int i = 0; i < p.getSummandNumber(); ++i)
+    r.push_back(p.getSummand(i).getMonomRef().getVarPower(axis));
+  return r;
+}
+} // namespace
+
+TEST(Monom, ZeroWeightsOrderAndPowers)
+{
+  int const e[3] = {1, 2, 3};
+  EXPECT_EQ(CWeightedMonom(0.0, 3, e).getMonomRef(), CMonom());
+  EXPECT_EQ(CWeightedMonom(0.5, 3, e).getMonomRef(), CMonom(1, 2, 3));
+  EXPECT_EQ(CWeightedMonom(0.0, CMonom(1, 2, 3)).getMonomRef(), CMonom(1, 2, 3));
+  EXPECT_TRUE(CMonom(0, 5, 5) < CMonom(1, 0, 0));
+  EXPECT_TRUE(CMonom(1, 0, 9) < CMonom(1, 1, 0));
+  EXPECT_FALSE(CMonom(1, 1, 0) < CMonom(1, 1, 0));
+  EXPECT_EQ(CMonom::x_i_pow_d(2, 4), CMonom(0, 0, 4));
+  // An exponent 0 gives the factor 1 even at a zero coordinate.
+  double const p[3] = {0.0, 3.0, -2.0};
+  EXPECT_EQ(CMonom(0, 2, 1).eval(p), -18.0);
+  EXPECT_EQ(CMonom(1, 2, 1).eval(p), 0.0);
+  EXPECT_EQ((2.5 * CMonom(1, 0, 0)).getCoeff(), 2.5);
+  // x y^2 on [0,1] x [1,2] x [-1,1]: 1/2 * 7/3 * 2.
+  EXPECT_DOUBLE_EQ(CMonom(1, 2, 0).integrateOnBox(CParallelepiped(0, 1, 1, 2, -1, 1)), 7.0 / 3.0);
+}
+
+TEST(Polynom, InsertionKeepsOrderAndDegree)
+{
+  CPolynom p = term(1.0, 2, 0, 0) + term(1.0, 0, 1, 0);
+  EXPECT_EQ(p.power(), 2);
+  CPolynom q = p;
+  p.insertWeightedMonom(CWeightedMonom(-1.0, CMonom(2, 0, 0))); // cancels the top term
+  EXPECT_EQ(p.getSummandNumber(), 1);
+  EXPECT_EQ(p.power(), 1);
+  q.insertWeightedMonom(CWeightedMonom(-1.0, CMonom(0, 1, 0))); // cancels a lower one
+  EXPECT_EQ(q.power(), 2);
+  q.insertWeightedMonom(CWeightedMonom(0.0, CMonom(0, 0, 3))); // a new zero term stays
+  EXPECT_EQ(q.getSummandNumber(), 2);
+  EXPECT_EQ(q.power(), 3);
+  EXPECT_TRUE(q.checkClassInvariants());
+  q += 0.0; // a constant zero term
+  EXPECT_EQ(q.getSummandNumber(), 3);
+  EXPECT_EQ(q.getSummand(0).getMonomRef(), CMonom());
+  q += q; // 0 + 0 erases both zero terms; losing z^3 lowers the degree
+  ASSERT_EQ(q.getSummandNumber(), 1);
+  EXPECT_EQ(q.getSummand(0).getCoeff(), 2.0);
+  EXPECT_EQ(q.power(), 2);
+  EXPECT_TRUE(q.checkClassInvariants());
+
+  // (x + y)(x - y): the mixed terms cancel exactly and disappear.
+  CPolynom const s = term(1, 1, 0, 0) + term(1, 0, 1, 0), d = term(1, 1, 0, 0) + term(-1, 0, 1, 0);
+  CPolynom const sd = s * d;
+  ASSERT_EQ(sd.getSummandNumber(), 2);
+  EXPECT_EQ(sd.getSummand(0).getMonomRef(), CMonom(0, 2, 0));
+  EXPECT_EQ(sd.getSummand(0).getCoeff(), -1.0);
+  EXPECT_EQ(sd.getSummand(1).getMonomRef(), CMonom(2, 0, 0));
+  CPolynom z = sd * 0.0;
+  EXPECT_EQ(z.getSummandNumber(), 2);
+  EXPECT_EQ(z.power(), 2);
+  z *= CMonom(0, 0, 1);
+  EXPECT_EQ(z.power(), 3);
+  EXPECT_TRUE(z.checkClassInvariants());
+}
+
+TEST(Polynom, ShiftByConstantExpandsBinomially)
+{
+  CPolynom p(CMonom(2, 0, 0));
+  double const one[3] = {1.0, 0.0, 0.0};
+  p.substituteArgPlusConst(one);
+  EXPECT_EQ(exponentsOf(p, 0), (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(p.getSummand(0).getCoeff(), 1.0);
+  EXPECT_EQ(p.getSummand(1).getCoeff(), 2.0);
+  EXPECT_EQ(p.getSummand(2).getCoeff(), 1.0);
+  EXPECT_EQ(p.power(), 2);
+
+  // Zero shifts and constants are left exactly as they are.
+  CPolynom c = term(3.5, 0, 0, 0) + term(0.0, 0, 0, 0);
+  CPolynom const c0 = c;
+  double const big[3] = {100.0, -7.0, 3.0}, zero[3] = {0.0, 0.0, 0.0};
+  c.substituteArgPlusConst(big);
+  EXPECT_EQ(c.getSummandNumber(), c0.getSummandNumber());
+  EXPECT_EQ(c.eval(zero), 3.5);
+  CPolynom r = term(2.0, 1, 1, 1);
+  r.substituteArgPlusConst(zero);
+  EXPECT_EQ(r.getSummandNumber(), 1);
+}
+
+TEST(Polynom, AlgebraAgreesWithValuesOnRandomPolynomials)
+{
+  std::mt19937 rng(31);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  CPolynom acc, scratch;
+  for (int round = 0; round < 30; ++round)
+  {
+    CPolynom const p = randomPolynom3(rng, 1 + round % 7, 2), q = randomPolynom3(rng, 1 + round % 4, 3);
+    double const c[3] = {u(rng), u(rng), u(rng)}, s[3] = {u(rng), 2 * u(rng), u(rng)};
+    double const minusC[3] = {-c[0], -c[1], -c[2]};
+    CPolynom const sum = p + q, prod = p * q;
+    CPolynom shifted(p), scaled(p), back(p);
+    shifted.substituteArgPlusConstWithBuffers(c, &acc, &scratch);
+    back.substituteArgPlusConst(c);
+    back.substituteArgPlusConst(minusC);
+    scaled.scaleArgument(s);
+    for (CPolynom const * x : std::initializer_list<CPolynom const *>{&sum, &prod, &shifted, &scaled, &back, &acc})
+      EXPECT_TRUE(x->checkClassInvariants());
+    EXPECT_EQ(shifted.power(), p.power());
+    for (int i = 0; i < 10; ++i)
+    {
+      double const x[3] = {u(rng), u(rng), u(rng)};
+      double const xc[3] = {x[0] + c[0], x[1] + c[1], x[2] + c[2]};
+      double const xs[3] = {s[0] * x[0], s[1] * x[1], s[2] * x[2]};
+      EXPECT_TRUE(near(sum.eval(x), p.eval(x) + q.eval(x), 1e-13, 1e-13));
+      EXPECT_TRUE(near(prod.eval(x), p.eval(x) * q.eval(x), 1e-12, 1e-12));
+      EXPECT_TRUE(near(shifted.eval(x), p.eval(xc), 1e-12, 1e-12));
+      EXPECT_TRUE(near(scaled.eval(x), p.eval(xs), 1e-13, 1e-13));
+      EXPECT_TRUE(near(back.eval(x), p.eval(x), 1e-12, 1e-12));
+    }
+    CParallelepiped const box(-0.5, 1.0, c[0], c[0] + 1.0, -1.0, s[2]);
+    std::vector<double> const breaks[3] = {{-0.5, 1.0}, {c[0], c[0] + 1.0}, {-1.0, s[2]}};
+    double const quad = integrate3D([&](double const * x) { return prod.eval(x); }, breaks);
+    EXPECT_TRUE(near(prod.integrateOnBox(box), quad, 1e-11, 1e-12));
+  }
+}
+
+TEST(Polynom, CollectAndSortRestoresOrderAfterDirectEdits)
+{
+  CPolynom p = term(1, 0, 0, 0) + term(2, 1, 0, 0) + term(3, 0, 2, 0) + term(4, 1, 1, 1);
+  double const x[3] = {0.3, -0.7, 1.9};
+  double const value = p.eval(x);
+  std::vector<CWeightedMonom> & t = CPolynomTestAccess::terms(p);
+  std::reverse(t.begin(), t.end());
+  t.push_back(CWeightedMonom(-1.0, CMonom(0, 2, 0)));
+  t.push_back(CWeightedMonom(5.0, CMonom(0, 0, 7)));
+  t.push_back(CWeightedMonom(-5.0, CMonom(0, 0, 7)));
+  EXPECT_FALSE(p.checkClassInvariants());
+  EXPECT_TRUE(CPolynomTestAccess::partialSorted(p, 1));
+  EXPECT_FALSE(CPolynomTestAccess::partialSorted(p, 2));
+  CPolynomTestAccess::collect(p);
+  EXPECT_TRUE(p.checkClassInvariants()); // the cached degree happens to stay right
+  EXPECT_EQ(p.getSummandNumber(), 4);
+  EXPECT_DOUBLE_EQ(p.eval(x), value - 0.49);
+}
+
+TEST(LimitedPolynom, LazyShiftAndRebaseKeepTheFunction)
+{
+  std::mt19937 rng(41);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  double const shift[3] = {0.5, -0.25, 1.0};
+  CLimitedPolynom const f(randomPolynom3(rng, 6, 2), CParallelepiped(-1, 1, -1, 1, -1, 1), shift);
+  CLimitedPolynom moved(f), rebased(f), origin(f), scaled(f);
+  double const c[3] = {0.2, 0.3, -0.4}, s[3] = {2.0, 0.5, -1.0};
+  moved.substituteArgPlusConst(c);
+  moved.substituteArgPlusConst(nullptr);
+  EXPECT_DOUBLE_EQ(moved.getSupportRef().getMin()[2], -0.6);
+  EXPECT_DOUBLE_EQ(moved.getArgShift3()[0], 0.3);
+  rebased.changeShift(c);
+  origin.changeShift(nullptr);
+  EXPECT_EQ(origin.getArgShift3()[1], 0.0);
+  scaled.scaleArgument(s);
+  // A negative factor does not swap the bounds.
+  EXPECT_EQ(scaled.getSupportRef().getMin()[2], 1.0);
+  for (int i = 0; i < 20; ++i)
+  {
+    double const x[3] = {u(rng), u(rng), u(rng)};
+    double const xc[3] = {x[0] + c[0], x[1] + c[1], x[2] + c[2]};
+    double const xs[3] = {s[0] * x[0], s[1] * x[1], s[2] * x[2]};
+    EXPECT_TRUE(near(moved.eval(x), f.eval(xc), 1e-13, 1e-13));
+    EXPECT_TRUE(near(rebased.eval(x), f.eval(x), 1e-12, 1e-12));
+    EXPECT_TRUE(near(origin.eval(x), f.eval(x), 1e-12, 1e-12));
+    EXPECT_TRUE(near(scaled.eval(x), f.eval(xs), 1e-12, 1e-12));
+  }
+}

@@ -1,0 +1,221 @@
+#pragma once
+// Independent references for the polynomial tests: Gauss-Legendre quadrature
+// built from the Legendre recurrence, naive power sums, and random functions
+// in the separable form.
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "QZmath/VolTriang/Polynom.h"
+#include "QZmath/VolTriang/ProductPolynom.h"
+#include "QZmath/VolTriang/SingleVarPolynom.h"
+
+namespace qztest
+{
+namespace poly
+{
+/// n-point Gauss-Legendre rule on [-1, 1], exact for degree 2n - 1.
+struct GaussRule
+{
+  std::vector<double> x, w;
+  explicit GaussRule(int n)
+  {
+    double const pi = std::acos(-1.0);
+    for (int i = 0; i < n; ++i)
+    {
+      double t = std::cos(pi * (i + 0.75) / (n + 0.5));
+      double dp = 1.0;
+      for (int it = 0; it < 100; ++it)
+      {
+        double p0 = 1.0, p1 = t;
+        for (int k = 2; k <= n; ++k)
+        {
+          double const p2 = ((2 * k - 1) * t * p1 - (k - 1) * p0) / k;
+          p0 = p1;
+          p1 = p2;
+        }
+        dp = n * (t * p1 - p0) / (t * t - 1.0);
+        double const dt = p1 / dp;
+        t -= dt;
+        if (std::fabs(dt) < 1e-16)
+          break;
+      }
+      x.push_back(t);
+      w.push_back(2.0 / ((1.0 - t * t) * dp * dp));
+    }
+  }
+};
+
+inline GaussRule const & rule8()
+{
+  static GaussRule const r(8);
+  return r;
+}
+
+inline GaussRule const & rule4()
+{
+  static GaussRule const r(4);
+  return r;
+}
+
+/// The integral of f over [a, b], one rule per cell between sorted breakpoints.
+template <class F> double integrate1D(F f, std::vector<double> breaks, GaussRule const & g = rule8())
+{
+  std::sort(breaks.begin(), breaks.end());
+  double sum = 0.0;
+  for (size_t c = 0; c + 1 < breaks.size(); ++c)
+  {
+    double const h = 0.5 * (breaks[c + 1] - breaks[c]);
+    double const m = 0.5 * (breaks[c + 1] + breaks[c]);
+    for (size_t i = 0; i < g.x.size(); ++i)
+      sum += g.w[i] * h * f(m + h * g.x[i]);
+  }
+  return sum;
+}
+
+/// The same over a grid of boxes given by breakpoints per axis, with the
+/// 4-point rule (exact up to degree 7 per axis).
+template <class F> double integrate3D(F f, std::vector<double> const (&breaks)[3])
+{
+  GaussRule const & g = rule4();
+  return integrate1D(
+      [&](double x) {
+        return integrate1D(
+            [&](double y) {
+              return integrate1D(
+                  [&](double z) {
+                    double const p[3] = {x, y, z};
+                    return f(p);
+                  },
+                  breaks[2], g);
+            },
+            breaks[1], g);
+      },
+      breaks[0], g);
+}
+
+/// sum c[k] x^k by powers, not by Horner.
+inline double naiveEval(std::vector<double> const & c, double x)
+{
+  double s = 0.0;
+  for (size_t k = 0; k < c.size(); ++k)
+    s += c[k] * std::pow(x, static_cast<double>(k));
+  return s;
+}
+
+inline VolTr::CSingleVarPolynom randomPolynom(std::mt19937 & rng, int degree)
+{
+  std::uniform_real_distribution<double> u(-2.0, 2.0);
+  std::vector<double> c(static_cast<size_t>(degree + 1));
+  for (double & v : c)
+    v = u(rng);
+  if (!c.empty() && c.back() == 0.0)
+    c.back() = 1.0;
+  return VolTr::CSingleVarPolynom(static_cast<int>(c.size()), c.data());
+}
+
+/// `pieces` random pieces of degree up to `maxDegree` on random ascending
+/// knots inside [lo, hi], about a random shift.
+inline VolTr::CSingleVarLimitedPolynom randomLimited(std::mt19937 & rng, int pieces, int maxDegree, double lo = -2.0,
+                                                     double hi = 2.0)
+{
+  std::uniform_real_distribution<double> u(lo, hi);
+  std::uniform_int_distribution<int> deg(0, maxDegree);
+  std::set<double> k;
+  while (static_cast<int>(k.size()) < pieces + 1)
+    k.insert(u(rng));
+  double const shift = std::uniform_real_distribution<double>(-1.0, 1.0)(rng);
+  std::vector<double> knots;
+  for (double v : k)
+    knots.push_back(v - shift);
+  std::vector<VolTr::CSingleVarPolynom> p;
+  for (int i = 0; i < pieces; ++i)
+    p.push_back(randomPolynom(rng, deg(rng)));
+  return VolTr::CSingleVarLimitedPolynom(shift, pieces, p.data(), pieces + 1, knots.data());
+}
+
+/// `terms` random terms with exponents up to `maxExp` on each axis.
+inline VolTr::CPolynom randomPolynom3(std::mt19937 & rng, int terms, int maxExp)
+{
+  std::uniform_int_distribution<int> e(0, maxExp);
+  std::uniform_real_distribution<double> w(-2.0, 2.0);
+  VolTr::CPolynom p;
+  for (int i = 0; i < terms; ++i)
+    p.insertWeightedMonom(VolTr::CWeightedMonom(w(rng), VolTr::CMonom(e(rng), e(rng), e(rng))));
+  return p;
+}
+
+/// The knots of f in x.
+inline std::vector<double> breaksOf(VolTr::CSingleVarLimitedPolynom const & f)
+{
+  std::vector<double> b;
+  for (int i = 0; i < f.getKnotsNumber(); ++i)
+    b.push_back(f.getKnot(i) + f.getArgShift());
+  return b;
+}
+
+/// A random one-variable factor whose support holds the origin.
+inline VolTr::CSingleVarLimitedPolynom randomFactorAroundOrigin(std::mt19937 & rng, int pieces, int maxDegree)
+{
+  for (;;)
+  {
+    VolTr::CSingleVarLimitedPolynom f = randomLimited(rng, pieces, maxDegree);
+    if (f.getLeftBound() < 0.0 && f.getRightBound() > 0.0)
+      return f;
+  }
+}
+
+/// A sum of `summands` random products whose boxes hold the origin, so that
+/// the sum satisfies its invariants.
+inline VolTr::CProductPiecewisePolynom randomSeparable(std::mt19937 & rng, int summands, int maxDegree)
+{
+  VolTr::CProductPiecewisePolynom f;
+  std::uniform_int_distribution<int> pieces(1, 3);
+  for (int i = 0; i < summands; ++i)
+    f.addSummand(VolTr::CProductPolynom(randomFactorAroundOrigin(rng, pieces(rng), maxDegree),
+                                        randomFactorAroundOrigin(rng, pieces(rng), maxDegree),
+                                        randomFactorAroundOrigin(rng, pieces(rng), maxDegree)));
+  return f;
+}
+
+/// All knots in x, y, z of all summands.
+inline void breaksOf(VolTr::CProductPiecewisePolynom const & f, std::vector<double> (&out)[3])
+{
+  for (int i = 0; i < f.summandsNumber(); ++i)
+    for (int a = 0; a < 3; ++a)
+    {
+      std::vector<double> const b = breaksOf(f.getSummand(i).getMultiplier(a));
+      out[a].insert(out[a].end(), b.begin(), b.end());
+    }
+}
+
+/// True when x is farther than eps from every breakpoint: values there do
+/// not depend on which side of a knot rounding puts the point.
+inline bool awayFrom(double x, std::vector<double> const & breaks, double eps = 1e-9)
+{
+  for (double b : breaks)
+    if (std::fabs(x - b) <= eps)
+      return false;
+  return true;
+}
+
+/// |a - b| within `rel` of the larger magnitude, or within `abs`.
+inline bool near(double a, double b, double rel = 1e-10, double abs = 1e-12)
+{
+  return std::fabs(a - b) <= std::max(abs, rel * std::max(std::fabs(a), std::fabs(b)));
+}
+
+/// The quadratic B-spline on knots -1.5, -0.5, 0.5, 1.5: the shape of the
+/// reconstruction kernel on one axis.
+inline VolTr::CSingleVarLimitedPolynom bsplineFactor()
+{
+  double const a[3] = {1.125, 1.5, 0.5}, b[3] = {0.75, 0.0, -1.0}, c[3] = {1.125, -1.5, 0.5};
+  VolTr::CSingleVarPolynom const p[3] = {{3, a}, {3, b}, {3, c}};
+  double const knots[4] = {-1.5, -0.5, 0.5, 1.5};
+  return VolTr::CSingleVarLimitedPolynom(0.0, 3, p, 4, knots);
+}
+} // namespace poly
+} // namespace qztest

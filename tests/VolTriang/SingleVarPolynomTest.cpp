@@ -1,0 +1,229 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <stdexcept>
+
+#include "QZmath/VolTriang/SingleVarPolynom.h"
+#include "tests/VolTriang/PolynomTestSupport.h"
+
+using namespace VolTr;
+using namespace qztest::poly;
+
+namespace
+{
+std::vector<double> coeffs(CSingleVarPolynom const & p) { return p.getCoeffs(); }
+} // namespace
+
+TEST(SingleVarPolynom, AlgebraAgreesWithPointwiseValues)
+{
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> ux(-1.5, 1.5), ua(-1.0, 1.0);
+  for (int round = 0; round < 50; ++round)
+  {
+    CSingleVarPolynom const p = randomPolynom(rng, round % 6), q = randomPolynom(rng, (round / 6) % 5);
+    double const a = ua(rng), s = ua(rng);
+    CSingleVarPolynom pq, dp, shifted(p), scaled(p), prim;
+    p.multiply(&pq, q);
+    p.makeDerivative(&dp);
+    p.makePrimitive(&prim);
+    shifted.substituteArgPlusConst(a);
+    scaled.scaleArgument(s);
+    for (int i = 0; i < 10; ++i)
+    {
+      double const x = ux(rng);
+      EXPECT_TRUE(near(p.eval(x), naiveEval(coeffs(p), x)));
+      EXPECT_TRUE(near(pq.eval(x), p.eval(x) * q.eval(x), 1e-12, 1e-12));
+      EXPECT_TRUE(near(shifted.eval(x), p.eval(x + a), 1e-12, 1e-12));
+      EXPECT_TRUE(near(scaled.eval(x), p.eval(s * x), 1e-12, 1e-12));
+      double const h = 1e-5;
+      EXPECT_TRUE(near(dp.eval(x), (p.eval(x + h) - p.eval(x - h)) / (2 * h), 1e-7, 1e-7));
+    }
+    double const lo = ux(rng), hi = ux(rng);
+    double const quad = integrate1D([&](double x) { return p.eval(x); }, {lo, hi}) * (hi < lo ? -1.0 : 1.0);
+    EXPECT_TRUE(near(p.integrateOnIntervalWithBuffer(lo, hi, &prim), quad, 1e-12, 1e-13));
+    // Shifting back restores the coefficients up to rounding.
+    shifted.substituteArgPlusConst(-a);
+    ASSERT_EQ(shifted.power(), p.power());
+    for (int k = 0; k <= p.power(); ++k)
+      EXPECT_NEAR(shifted.getCoeff(k), p.getCoeff(k), 1e-12);
+  }
+}
+
+TEST(SingleVarPolynom, ExactForms)
+{
+  double const x2[3] = {0.0, 0.0, 1.0};
+  CSingleVarPolynom sq(3, x2);
+  sq.substituteArgPlusConst(1.0);
+  EXPECT_EQ(coeffs(sq), (std::vector<double>{1.0, 2.0, 1.0}));
+  // x^3 shifted by 2 lays out the binomial rows: 8 + 12x + 6x^2 + x^3.
+  double const x3[4] = {0.0, 0.0, 0.0, 1.0};
+  CSingleVarPolynom cube(4, x3);
+  cube.substituteArgPlusConst(2.0);
+  EXPECT_EQ(coeffs(cube), (std::vector<double>{8.0, 12.0, 6.0, 1.0}));
+
+  double const c[2] = {3.0, 1.0};
+  CSingleVarPolynom p(2, c), empty;
+  p.scaleArgument(0.0);
+  EXPECT_EQ(coeffs(p), std::vector<double>{3.0});
+  empty.scaleArgument(0.0);
+  EXPECT_EQ(coeffs(empty), std::vector<double>{0.0});
+
+  CSingleVarPolynom z(2, c);
+  z *= 0.0;
+  EXPECT_EQ(z.power(), -1);
+  EXPECT_EQ(z.eval(5.0), 0.0);
+  CSingleVarPolynom prod;
+  CSingleVarPolynom(2, c).multiply(&prod, z);
+  EXPECT_EQ(prod.power(), -1);
+  // A product into one of its own operands.
+  CSingleVarPolynom self(2, c);
+  self.multiply(&self, self);
+  EXPECT_EQ(coeffs(self), (std::vector<double>{9.0, 6.0, 1.0}));
+  // Trailing zeros are stored as given and break the invariant.
+  double const trailing[2] = {1.0, 0.0};
+  EXPECT_FALSE(CSingleVarPolynom(2, trailing).checkClassInvariants());
+  EXPECT_TRUE(CSingleVarPolynom().checkClassInvariants());
+}
+
+TEST(SingleVarLimitedPolynom, RefusedArgumentsAndBoundaryConventions)
+{
+  CSingleVarPolynom const one[2] = {CSingleVarPolynom(1, std::vector<double>{7.0}.data()),
+                                    CSingleVarPolynom(1, std::vector<double>{9.0}.data())};
+  double const same[2] = {0.0, 0.0};
+  try
+  {
+    CSingleVarLimitedPolynom bad(0.0, 1, one, 2, same);
+    FAIL() << "no exception";
+  }
+  catch (std::exception const & e)
+  {
+    EXPECT_STREQ(e.what(), "VolTr::CSingleVarLimitedPolynom: ctor fails");
+  }
+  double const k01[2] = {0.0, 1.0}, k3[3] = {0.0, 1.0, 2.0}, nan3[3] = {0.0, std::nan(""), 2.0};
+  CSingleVarLimitedPolynom f(0.5, 1, one, 2, k01);
+  CSingleVarLimitedPolynom const before(f);
+  EXPECT_FALSE(f.assign(0.0, 1, one, 2, same));
+  EXPECT_FALSE(f.assign(0.0, 0, one, 1, k01));
+  EXPECT_FALSE(f.assign(0.0, 1, one, 3, k3));
+  EXPECT_FALSE(f.assign(0.0, 1, nullptr, 2, k01));
+  EXPECT_FALSE(f.assign(0.0, 2, one, 3, nan3));
+  EXPECT_TRUE(f == before);
+
+  // One piece on (0, 1): its value at t = 0, nothing at t = 1.
+  EXPECT_EQ(f.eval(0.5), 7.0);
+  EXPECT_EQ(f.eval(1.5), 0.0);
+  EXPECT_EQ(f.eval(0.5 - 1e-12), 0.0);
+  ASSERT_TRUE(f.assign(-1.0, 2, one, 3, k3));
+  EXPECT_EQ(f.eval(0.0), 9.0); // t = 1 is a knot: the piece on its right
+  EXPECT_EQ(f.eval(-1.0), 7.0);
+  EXPECT_EQ(f.eval(1.0), 0.0);
+  EXPECT_EQ(f.getLeftBound(), -1.0);
+  EXPECT_EQ(f.getRightBound(), 1.0);
+  EXPECT_EQ(CSingleVarLimitedPolynom().eval(0.0), 0.0);
+  EXPECT_EQ(CSingleVarLimitedPolynom().getRightBound(), 0.0);
+  EXPECT_THROW(f.getPiece(2), std::out_of_range);
+}
+
+TEST(SingleVarLimitedPolynom, DerivativeOfQuadraticVanishesAfterThreeSteps)
+{
+  double const c[3] = {1.0, -2.0, 3.0};
+  CSingleVarPolynom const q(3, c);
+  double const k[2] = {-1.0, 1.0};
+  CSingleVarLimitedPolynom f(0.25, 1, &q, 2, k);
+  f.makeDerivative(&f);
+  f.makeDerivative(&f);
+  EXPECT_EQ(f.maxPower(), 0);
+  f.makeDerivative(&f);
+  EXPECT_EQ(f.getPiecesNumber(), 1);
+  EXPECT_EQ(f.maxPower(), -1);
+  EXPECT_EQ(f.eval(0.25), 0.0);
+  EXPECT_TRUE(f.checkClassInvariants());
+}
+
+TEST(SingleVarLimitedPolynom, ShiftsScalesProductsAndIntegralsAgreeWithValues)
+{
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<double> ux(-3.5, 3.5), ua(-1.0, 1.0);
+  for (int round = 0; round < 60; ++round)
+  {
+    CSingleVarLimitedPolynom const f = randomLimited(rng, 1 + round % 4, 3);
+    CSingleVarLimitedPolynom const g = randomLimited(rng, 1 + round % 3, round % 4);
+    double const a = ua(rng), s = 0.5 + std::fabs(ua(rng));
+    CSingleVarLimitedPolynom moved(f), rebased(f), scaled(f), fg, gf, buffered, shiftBuffer;
+    moved.substituteArgPlusConst(a);
+    rebased.changeShift(a);
+    scaled.scaleArgument(s);
+    f.multiply(&fg, g);
+    g.multiply(&gf, f);
+    // The buffered form reuses one shift buffer and one output over calls.
+    for (int rep = 0; rep < 2; ++rep)
+      f.multiplyWithBuffer(&buffered, g, &shiftBuffer);
+    EXPECT_TRUE(buffered == fg);
+    // The operand of the greater degree keeps its shift.
+    EXPECT_EQ(fg.getArgShift(), g.maxPower() > f.maxPower() ? g.getArgShift() : f.getArgShift());
+    for (CSingleVarLimitedPolynom const * h : {&moved, &rebased, &scaled, &fg, &gf})
+      EXPECT_TRUE(h->checkClassInvariants());
+
+    std::vector<double> const fb = breaksOf(f), gb = breaksOf(g);
+    for (int i = 0; i < 20; ++i)
+    {
+      double const x = ux(rng);
+      if (awayFrom(x + a, fb))
+      {
+        EXPECT_TRUE(near(moved.eval(x), f.eval(x + a), 1e-11, 1e-11));
+      }
+      if (awayFrom(s * x, fb))
+      {
+        EXPECT_TRUE(near(scaled.eval(x), f.eval(s * x), 1e-11, 1e-11));
+      }
+      if (!awayFrom(x, fb) || !awayFrom(x, gb))
+        continue;
+      EXPECT_TRUE(near(rebased.eval(x), f.eval(x), 1e-11, 1e-11));
+      EXPECT_TRUE(near(fg.eval(x), f.eval(x) * g.eval(x), 1e-11, 1e-11));
+      EXPECT_TRUE(near(gf.eval(x), fg.eval(x), 1e-11, 1e-11));
+    }
+    // Products live on the intersection of the supports.
+    if (!fg.empty())
+    {
+      EXPECT_NEAR(fg.getLeftBound(), std::max(f.getLeftBound(), g.getLeftBound()), 1e-12);
+      EXPECT_NEAR(fg.getRightBound(), std::min(f.getRightBound(), g.getRightBound()), 1e-12);
+    }
+    std::vector<double> breaks = fb;
+    breaks.insert(breaks.end(), gb.begin(), gb.end());
+    CSingleVarPolynom buf;
+    double const quad = integrate1D([&](double x) { return f.eval(x) * g.eval(x); }, breaks);
+    EXPECT_TRUE(near(fg.integrateWithBuffer(&buf), quad, 1e-10, 1e-12));
+    EXPECT_TRUE(near(f.integrateWithBuffer(&buf),
+                     integrate1D([&](double x) { return f.eval(x); }, fb), 1e-11, 1e-12));
+    // changeShift back to the original shift restores the function exactly
+    // where it matters: the knots in x and the values.
+    rebased.changeShift(f.getArgShift());
+    EXPECT_NEAR(rebased.getLeftBound(), f.getLeftBound(), 1e-14);
+    EXPECT_EQ(rebased.getArgShift(), f.getArgShift());
+  }
+}
+
+TEST(SingleVarLimitedPolynom, DisjointOrTouchingSupportsMultiplyToNothing)
+{
+  CSingleVarLimitedPolynom const k = bsplineFactor();
+  CSingleVarLimitedPolynom touching(k), apart(k), overlap(k), out;
+  touching.substituteArgPlusConst(-3.0); // support [1.5, 4.5]
+  apart.substituteArgPlusConst(-5.0);
+  overlap.substituteArgPlusConst(-1.0);
+  k.multiply(&out, touching);
+  EXPECT_TRUE(out.empty());
+  EXPECT_TRUE(out.checkClassInvariants());
+  k.multiply(&out, apart);
+  EXPECT_TRUE(out.empty());
+  k.multiply(&out, CSingleVarLimitedPolynom());
+  EXPECT_TRUE(out.empty());
+  EXPECT_EQ(out.getArgShift(), 0.0);
+  // Overlap by one unit: knots -0.5, 0.5, 1.5 in x and two pieces.
+  k.multiply(&out, overlap);
+  ASSERT_EQ(out.getPiecesNumber(), 2);
+  EXPECT_EQ(out.getLeftBound(), -0.5);
+  EXPECT_EQ(out.getKnot(1) + out.getArgShift(), 0.5);
+  EXPECT_EQ(out.getRightBound(), 1.5);
+  // The kernel is scaled in 1D as in 3D: 8 * k = 2 * 2 * 2 * k.
+  EXPECT_EQ((8.0 * k).eval(0.0), 6.0);
+}
