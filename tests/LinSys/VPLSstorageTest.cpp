@@ -1,0 +1,300 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <random>
+#include <type_traits>
+#include <vector>
+
+#include "QZmath/LinSys/VPLSstorage.h"
+
+using namespace REmath;
+
+namespace
+{
+template <class T> struct ConstantInformer : IVertexPosInformer<T>
+{
+  T GetVertexPosition(int vertex) const override { return static_cast<T>(vertex % 7 - 3); }
+};
+
+/// A system of n free vertices (identifiers in falling order, so free indices
+/// do not rise with them) and m fixed ones, with random equations that keep a
+/// dense reference of their free coefficients.
+template <class T> struct RandomSystem
+{
+  int n, m;
+  std::vector<int> freeIds, fixedIds;
+  std::vector<CVertexLinearCombination<T>> equations;
+  std::vector<std::vector<T>> dense; // [row][free index]
+
+  RandomSystem(int n_, int m_, unsigned seed) : n(n_), m(m_)
+  {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> value(-2, 2);
+    std::uniform_int_distribution<int> freeCol(0, n - 1), fixedCol(0, m > 0 ? m - 1 : 0);
+    for (int i = 0; i < n; ++i)
+      freeIds.push_back(1000 - 3 * i);
+    for (int j = 0; j < m; ++j)
+      fixedIds.push_back(5000 + j);
+    dense.assign(n, std::vector<T>(n, T(0)));
+    for (int k = 0; k < n; ++k)
+    {
+      CVertexLinearCombination<T> e;
+      for (int t = 0; t < 3; ++t)
+      {
+        int const c = freeCol(rng);
+        T const v = static_cast<T>(value(rng));
+        e.AddVertex(freeIds[c], v);
+        dense[k][c] = e.VertexCoeff(freeIds[c]);
+      }
+      if (m > 0)
+        e.AddVertex(fixedIds[fixedCol(rng)], static_cast<T>(value(rng)));
+      equations.push_back(e);
+    }
+  }
+
+  template <class S> void build(S & s) const
+  {
+    for (int id : freeIds)
+      s.DefineFreeVertex(id);
+    for (int id : fixedIds)
+      s.DefineFixedVertex(id);
+    for (auto const & e : equations)
+      s.AddEquation(e);
+  }
+};
+
+template <class T> CVertexLinearCombination<T> equation(std::initializer_list<std::pair<int, double>> terms)
+{
+  CVertexLinearCombination<T> e;
+  for (auto const & t : terms)
+    e.AddVertex(t.first, static_cast<T>(t.second));
+  return e;
+}
+template <class S> using ElementOf = decltype(std::declval<S const &>().GetFreeVertCoeff(0, 0));
+} // namespace
+
+template <class S> class VPLSstorage : public ::testing::Test
+{
+};
+using Storages = ::testing::Types<CVPLSstorage<float, CStdVectorAsVPLSstorageRow<float>>,
+                                  CVPLSstorage<double, CStdVectorAsVPLSstorageRow<double>>,
+                                  CVPLSstorage<float, CShiftedVectorAsVPLstorageRow<float>>,
+                                  CVPLSstorage<double, CShiftedVectorAsVPLstorageRow<double>>,
+                                  CVPLSstorage<float, CSparseVectorAsVPLSstorageRow<float>>,
+                                  CVPLSstorage<double, CSparseVectorAsVPLSstorageRow<double>>>;
+TYPED_TEST_SUITE(VPLSstorage, Storages);
+
+TYPED_TEST(VPLSstorage, RowProductsMatchTheDenseReference)
+{
+  using S = TypeParam;
+  using T = ElementOf<S>;
+  double const tol = std::is_same<T, float>::value ? 1e-5 : 1e-12;
+  for (unsigned seed : {1u, 2u, 3u})
+  {
+    RandomSystem<T> const sys(12 + static_cast<int>(seed), 4, seed);
+    S s;
+    EXPECT_FALSE(s.IsMatrixAllocated());
+    sys.build(s);
+    ASSERT_FALSE(s.IsSpoiled());
+    ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
+    EXPECT_TRUE(s.IsMatrixAllocated());
+
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(-1, 1);
+    std::vector<T> x(sys.n);
+    for (T & v : x)
+      v = static_cast<T>(u(rng));
+    for (int k = 0; k < sys.n; ++k)
+    {
+      double ref = 0;
+      for (int c = 0; c < sys.n; ++c)
+        ref += static_cast<double>(sys.dense[k][c]) * static_cast<double>(x[c]);
+      EXPECT_NEAR(s.ScalarProductByMatrixRow(k, sys.n, x.data()), ref, tol) << "row " << k;
+    }
+  }
+}
+
+TYPED_TEST(VPLSstorage, MisuseSpoils)
+{
+  using S = TypeParam;
+  using T = ElementOf<S>;
+  {
+    // An equation with fixed vertices alone.
+    S s;
+    s.DefineFreeVertex(1);
+    s.DefineFixedVertex(2);
+    s.AddEquation(equation<T>({{2, 1.0}}));
+    EXPECT_TRUE(s.IsSpoiled());
+    EXPECT_EQ(s.GetEquationsNumber(), 0);
+  }
+  {
+    // One equation more than free vertices.
+    S s;
+    s.DefineFreeVertex(1);
+    s.AddEquation(equation<T>({{1, 1.0}}));
+    EXPECT_FALSE(s.IsSpoiled());
+    s.AddEquation(equation<T>({{1, 2.0}}));
+    EXPECT_TRUE(s.IsSpoiled());
+    EXPECT_EQ(s.GetEquationsNumber(), 1);
+    EXPECT_FALSE(s.IsCorrectlyDefinedSystem());
+  }
+  {
+    // Without fixed vertices, free ones may still come after the rows were
+    // made; they do not fit the rows, and the next equation spoils.
+    S s;
+    s.DefineFreeVertex(1);
+    s.DefineFreeVertex(2);
+    s.AddEquation(equation<T>({{1, 1.0}, {2, 1.0}}));
+    s.DefineFreeVertex(3);
+    EXPECT_FALSE(s.IsSpoiled());
+    s.AddEquation(equation<T>({{3, 1.0}}));
+    EXPECT_TRUE(s.IsSpoiled());
+  }
+  {
+    // A spoiled system allocates no rows.
+    S s;
+    s.DefineFreeVertex(1);
+    s.Spoil();
+    s.AllocateMatrix();
+    EXPECT_FALSE(s.IsMatrixAllocated());
+  }
+  {
+    // No free vertex: nothing to allocate, and reads of absent rows give 0.
+    S s;
+    s.AllocateMatrix();
+    EXPECT_FALSE(s.IsMatrixAllocated());
+    T const v[1] = {T(1)};
+    EXPECT_EQ(s.ScalarProductByMatrixRow(0, 1, v), T(0));
+    EXPECT_EQ(s.GetFreeVertCoeff(-1, 0), T(0));
+  }
+}
+
+TYPED_TEST(VPLSstorage, CopyIsDeepAndSymmetryIsOnlyAFlag)
+{
+  using S = TypeParam;
+  using T = ElementOf<S>;
+  S s;
+  EXPECT_FALSE(s.isSymmetric());
+  s.setSymmetric(true);
+  EXPECT_TRUE(s.isSymmetric());
+  s.DefineFreeVertex(10);
+  s.DefineFreeVertex(20);
+  s.AddEquation(equation<T>({{10, 2.0}, {20, 1.0}}));
+  std::unique_ptr<S> copy(s.Copy());
+  EXPECT_TRUE(copy->isSymmetric());
+  copy->AddEquation(equation<T>({{10, 1.0}, {20, 3.0}}));
+  EXPECT_TRUE(copy->IsCorrectlyDefinedSystem());
+  EXPECT_EQ(s.GetEquationsNumber(), 1);
+  T const x[2] = {T(1), T(10)};
+  // Full rows are kept in a symmetric system: the second row holds its
+  // element below the diagonal.
+  EXPECT_EQ(copy->ScalarProductByMatrixRow(1, 2, x), T(31));
+  EXPECT_EQ(copy->ScalarProductByMatrixRow(0, 2, x), T(12));
+  EXPECT_EQ(s.ScalarProductByMatrixRow(1, 2, x), T(0)); // not added to the original
+}
+
+// ---- element reads, per adapter -------------------------------------------------------
+
+template <class S> class VPLSstorageElements : public ::testing::Test
+{
+};
+using ElementStorages = ::testing::Types<CVPLSstorage<double, CStdVectorAsVPLSstorageRow<double>>,
+                                         CVPLSstorage<float, CSparseVectorAsVPLSstorageRow<float>>>;
+TYPED_TEST_SUITE(VPLSstorageElements, ElementStorages);
+
+TYPED_TEST(VPLSstorageElements, ElementsAreTheFreeCoefficients)
+{
+  using S = TypeParam;
+  using T = ElementOf<S>;
+  RandomSystem<T> const sys(9, 3, 5);
+  S s;
+  sys.build(s);
+  ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
+  for (int k = 0; k < sys.n; ++k)
+  {
+    for (int c = 0; c < sys.n; ++c)
+      EXPECT_EQ(s.GetFreeVertCoeff(k, c), sys.dense[k][c]);
+    EXPECT_EQ(s.GetFreeVertCoeff(k, sys.n), T(0));
+    EXPECT_EQ(s.GetFreeVertCoeff(k, -1), T(0));
+  }
+  // The fixed half went to the manager: the right part is -G p.
+  std::vector<T> rhs(sys.n);
+  s.SetSingleRightPart(rhs.data(), ConstantInformer<T>());
+  ConstantInformer<T> const p;
+  for (int k = 0; k < sys.n; ++k)
+  {
+    T expect = 0;
+    for (int id : sys.fixedIds)
+    {
+      T const c = sys.equations[k].VertexCoeff(id);
+      if (c != T(0))
+        expect += T(0) - c * p.GetVertexPosition(id);
+    }
+    EXPECT_EQ(rhs[k], expect);
+  }
+}
+
+TEST(VPLSstorageRows, ShiftedRowsTrimBothEnds)
+{
+  using A = CShiftedVectorAsVPLstorageRow<double>;
+  A::RowType row;
+  double const inner[5] = {0, 1, 0, 2, 0};
+  A::assignRowByArray(&row, 5, inner);
+  EXPECT_EQ(row.m_iFirstPos, 1);
+  EXPECT_EQ(row.m_values, (std::vector<double>{1, 0, 2}));
+  double const v[5] = {10, 20, 30, 40, 50};
+  EXPECT_EQ(A::scalarProduct(row, 5, v), 20 + 2 * 40.0);
+  // Single elements read at first position + column: the shifted index.
+  EXPECT_EQ(A::getCoeff(row, 0), 0.0);
+  EXPECT_EQ(A::getCoeff(row, 1), 2.0);
+  EXPECT_EQ(A::getCoeff(row, 2), 0.0); // past the values
+  EXPECT_EQ(A::getCoeff(row, -1), 1.0);
+
+  double const zeros[3] = {0, -0.0, 0};
+  A::assignRowByArray(&row, 3, zeros);
+  EXPECT_TRUE(row.m_values.empty());
+  EXPECT_EQ(A::scalarProduct(row, 3, v), 0.0);
+
+  double const nan[3] = {0, std::nan(""), 0};
+  A::assignRowByArray(&row, 3, nan);
+  EXPECT_EQ(row.m_iFirstPos, 1);
+  EXPECT_EQ(row.m_values.size(), 1u);
+  // A caller's short vector is not read past its end.
+  A::assignRowByArray(&row, 5, inner);
+  EXPECT_EQ(A::scalarProduct(row, 2, v), 20.0);
+}
+
+TEST(VPLSstorageRows, LastFreeVertexAloneGivesAOneValueShiftedRow)
+{
+  CVPLSstorage<float, CShiftedVectorAsVPLstorageRow<float>> s;
+  for (int i = 0; i < 6; ++i)
+    s.DefineFreeVertex(i);
+  for (int k = 0; k < 5; ++k)
+    s.AddEquation(equation<float>({{k, 1.0}}));
+  s.AddEquation(equation<float>({{5, 4.0}}));
+  ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
+  float const x[6] = {1, 1, 1, 1, 1, 0.5f};
+  EXPECT_EQ(s.ScalarProductByMatrixRow(5, 6, x), 2.0f);
+  // Element reads add the first position to the column: column 5, the
+  // matrix element, reads past the single value, and column -5 reads it.
+  EXPECT_EQ(s.GetFreeVertCoeff(5, 5), 0.0f);
+  EXPECT_EQ(s.GetFreeVertCoeff(5, -5), 4.0f);
+}
+
+TEST(VPLSstorageRows, DenseAndSparseRowsIgnoreWhatLiesPastSize)
+{
+  using D = CStdVectorAsVPLSstorageRow<float>;
+  using Sp = CSparseVectorAsVPLSstorageRow<float>;
+  float const a[4] = {1, 0, 2, 3};
+  float const v[4] = {1, 1, 1, 1};
+  D::RowType d;
+  D::assignRowByArray(&d, 4, a);
+  Sp::RowType s;
+  Sp::assignRowByArray(&s, 4, a);
+  EXPECT_EQ(s.GetNOfNonZeroElements(), 3);
+  EXPECT_EQ(D::scalarProduct(d, 3, v), 3.0f);
+  EXPECT_EQ(Sp::scalarProduct(s, 3, v), 3.0f);
+  EXPECT_EQ(D::scalarProduct(d, 10, v), 6.0f); // the row is only 4 long
+  EXPECT_EQ(Sp::scalarProduct(s, 0, v), 0.0f);
+}
