@@ -107,48 +107,54 @@ public:
 class tf_CInt3IndexMap
 {
 public:
-  explicit tf_CInt3IndexMap(std::size_t expected)
+  explicit tf_CInt3IndexMap(std::size_t expected) { reset(expected); }
+
+  /// Empties the map for about `expected` keys, reusing the buffer where it
+  /// is large enough: fresh pages would cost more than clearing old ones.
+  void reset(std::size_t expected)
   {
     std::size_t capacity = 16;
     while (capacity < expected * 2)
       capacity <<= 1;
-    m_slots.assign(capacity, Slot{0, 0, 0, -1});
+    if (capacity > m_slots.size())
+      std::vector<Slot>(capacity, Slot{0, 0, 0, -1}).swap(m_slots);
+    else
+      std::fill(m_slots.begin(), m_slots.begin() + static_cast<std::ptrdiff_t>(capacity), Slot{0, 0, 0, -1});
     m_mask = capacity - 1;
+    m_count = 0;
   }
+
+  /// Starts loading the slot where the search for `key` begins: the tables
+  /// are far larger than the caches, and a few loads in flight at once hide
+  /// most of their latency.
+  void prefetch(CInt3 const & key) const { __builtin_prefetch(&m_slots[hash(key) & m_mask]); }
 
   /// Stores `value` for `key` unless the key is present; true when stored.
   bool insert(CInt3 const & key, int value)
   {
-    if ((m_count + 1) * 2 > m_slots.size())
-      grow();
-    std::size_t i = hash(key) & m_mask;
-    while (m_slots[i].value != -1)
-    {
-      Slot const & s = m_slots[i];
-      if (s.x == key.x() && s.y == key.y() && s.z == key.z())
-        return false;
-      i = (i + 1) & m_mask;
-    }
-    m_slots[i] = Slot{key.x(), key.y(), key.z(), value};
-    ++m_count;
-    return true;
+    findOrInsert(key, value);
+    return m_inserted;
   }
 
   /// The value stored for `key`, or `value` after storing it there.
   int findOrInsert(CInt3 const & key, int value)
   {
-    if ((m_count + 1) * 2 > m_slots.size())
+    if ((m_count + 1) * 2 > m_mask + 1)
       grow();
     std::size_t i = hash(key) & m_mask;
     while (m_slots[i].value != -1)
     {
       Slot const & s = m_slots[i];
       if (s.x == key.x() && s.y == key.y() && s.z == key.z())
+      {
+        m_inserted = false;
         return s.value;
+      }
       i = (i + 1) & m_mask;
     }
     m_slots[i] = Slot{key.x(), key.y(), key.z(), value};
     ++m_count;
+    m_inserted = true;
     return value;
   }
 
@@ -172,9 +178,9 @@ private:
 
   void grow()
   {
-    std::vector<Slot> old(m_slots.size() * 2, Slot{0, 0, 0, -1});
-    old.swap(m_slots);
-    m_mask = m_slots.size() - 1;
+    std::size_t const oldCapacity = m_mask + 1;
+    std::vector<Slot> old(m_slots.begin(), m_slots.begin() + static_cast<std::ptrdiff_t>(oldCapacity));
+    reset(oldCapacity); // twice the capacity: reset sizes for half load
     for (Slot const & s : old)
     {
       if (s.value == -1)
@@ -183,15 +189,71 @@ private:
       while (m_slots[i].value != -1)
         i = (i + 1) & m_mask;
       m_slots[i] = s;
+      ++m_count;
     }
   }
 
   std::vector<Slot> m_slots;
   std::size_t m_mask = 0;
   std::size_t m_count = 0;
+  bool m_inserted = false;
 };
 
-bool tf_keyLess(SOctreeKeyIndex const & a, SOctreeKeyIndex const & b) { return a.key < b.key; }
+struct tf_KeyLess
+{
+  bool operator()(SOctreeKeyIndex const & a, SOctreeKeyIndex const & b) const { return a.key < b.key; }
+};
+
+/// Sorts table entries by key. Where the keys pack into 64 bits, as
+/// ((c - origin) >> shift) in `bits` bits per axis, x highest, an LSD radix
+/// sort does it in a few linear passes: the node tables of a large tree are
+/// millions of entries long. The packing keeps the lexicographic order, as
+/// long as the coordinates less `origin` are multiples of 1 << shift.
+void tf_sortByKey(std::vector<SOctreeKeyIndex> & v, int origin, int shift, int bits)
+{
+  if (3 * bits > 64)
+  {
+    std::sort(v.begin(), v.end(), tf_KeyLess());
+    return;
+  }
+  struct Entry
+  {
+    std::uint64_t key;
+    std::uint32_t pos;
+  };
+  std::size_t const n = v.size();
+  std::vector<Entry> a(n), b(n);
+  auto packed = [&](int c) { return static_cast<std::uint64_t>(static_cast<std::uint32_t>(c - origin) >> shift); };
+  for (std::size_t i = 0; i < n; ++i)
+  {
+    CInt3 const & k = v[i].key;
+    a[i] = Entry{(packed(k.x()) << (2 * bits)) | (packed(k.y()) << bits) | packed(k.z()),
+                 static_cast<std::uint32_t>(i)};
+  }
+  int const digitBits = 11;
+  std::size_t const buckets = std::size_t(1) << digitBits;
+  std::vector<std::size_t> count(buckets);
+  for (int low = 0; low < 3 * bits; low += digitBits)
+  {
+    std::fill(count.begin(), count.end(), 0);
+    for (Entry const & e : a)
+      ++count[(e.key >> low) & (buckets - 1)];
+    std::size_t sum = 0;
+    for (std::size_t & c : count)
+    {
+      std::size_t const here = c;
+      c = sum;
+      sum += here;
+    }
+    for (Entry const & e : a)
+      b[count[(e.key >> low) & (buckets - 1)]++] = e;
+    a.swap(b);
+  }
+  std::vector<SOctreeKeyIndex> sorted(n);
+  for (std::size_t i = 0; i < n; ++i)
+    sorted[i] = v[a[i].pos];
+  v.swap(sorted);
+}
 
 /// The most cells or nodes a depth can hold: (2^d + extra)^3, saturated.
 std::size_t tf_latticeCapacity(int d, int extra)
@@ -325,33 +387,46 @@ void COctree::insertSamples(int samplesNumber)
   int const cellsPerAxis = m_policy->getCellsPerAxis();
   m_sampleCells.reserve(static_cast<std::size_t>(samplesNumber));
   tf_CInt3IndexMap cellIndexes(std::min<std::size_t>(static_cast<std::size_t>(samplesNumber), 1u << 16));
-  for (int i = 0; i < samplesNumber; ++i)
+  // Samples go in batches: their cells are computed and their lookups
+  // prefetched first, then inserted in sample order.
+  int const batch = 16;
+  CInt3 batchCells[batch];
+  for (int first = 0; first < samplesNumber; first += batch)
   {
-    if (m_progress)
-      m_progress->SetPosFloat(static_cast<double>(i) / samplesNumber);
-    float const * p = m_samples->getSampleCoords3(i);
-    if (!p)
-      throw VsUt::CTextException("Sample " + std::to_string(i) +
-                                 " has no coordinates in VolTr::COctree constructor");
-    int c[3];
-    for (int a = 0; a < 3; ++a)
+    int const count = std::min(batch, samplesNumber - first);
+    for (int j = 0; j < count; ++j)
     {
-      double const v = latticeCoordinate(a, p[a]);
-      // Rounding can put a sample on the upper face of the cube; the margin
-      // keeps all of them above the lower face, and the lower clamp only
-      // guards against a source that changed its coordinates since.
-      if (!(v >= 0.0))
-        c[a] = 0;
-      else if (v >= cellsPerAxis)
-        c[a] = cellsPerAxis - 1;
-      else
-        c[a] = static_cast<int>(v);
+      int const i = first + j;
+      if (m_progress)
+        m_progress->SetPosFloat(static_cast<double>(i) / samplesNumber);
+      float const * p = m_samples->getSampleCoords3(i);
+      if (!p)
+        throw VsUt::CTextException("Sample " + std::to_string(i) +
+                                   " has no coordinates in VolTr::COctree constructor");
+      int c[3];
+      for (int a = 0; a < 3; ++a)
+      {
+        double const v = latticeCoordinate(a, p[a]);
+        // Rounding can put a sample on the upper face of the cube; the margin
+        // keeps all of them above the lower face, and the lower clamp only
+        // guards against a source that changed its coordinates since.
+        if (!(v >= 0.0))
+          c[a] = 0;
+        else if (v >= cellsPerAxis)
+          c[a] = cellsPerAxis - 1;
+        else
+          c[a] = static_cast<int>(v);
+      }
+      batchCells[j] = CInt3(c);
+      cellIndexes.prefetch(batchCells[j]);
     }
-    CInt3 const cell(c);
-    int const index = cellIndexes.findOrInsert(cell, static_cast<int>(m_cells.size()));
-    if (index == static_cast<int>(m_cells.size()))
-      m_cells.push_back(cell);
-    m_sampleCells.push_back(index);
+    for (int j = 0; j < count; ++j)
+    {
+      int const index = cellIndexes.findOrInsert(batchCells[j], static_cast<int>(m_cells.size()));
+      if (index == static_cast<int>(m_cells.size()))
+        m_cells.push_back(batchCells[j]);
+      m_sampleCells.push_back(index);
+    }
   }
 
   // The samples of each cell, in index order (a counting sort by cell).
@@ -370,7 +445,7 @@ void COctree::insertSamples(int samplesNumber)
   m_sortedCells.resize(cellsNumber);
   for (std::size_t c = 0; c < cellsNumber; ++c)
     m_sortedCells[c] = SOctreeKeyIndex{m_cells[c], static_cast<int>(c)};
-  std::sort(m_sortedCells.begin(), m_sortedCells.end(), tf_keyLess);
+  tf_sortByKey(m_sortedCells, 0, 0, m_depth);
 }
 
 // Node indices follow the first touch: samples in index order, for each the
@@ -391,29 +466,50 @@ void COctree::buildNodes()
   // Per depth: the nodes in the order of first touch, each with the index of
   // the first cell that touched it.
   std::vector<std::vector<SOctreeKeyIndex>> depthNodes(static_cast<std::size_t>(end));
-  for (int d = begin; d < end; ++d)
+  // The deepest depth first: it needs the largest tables, which the coarser
+  // depths then reuse.
+  {
+  tf_CInt3IndexMap groups(0), nodes(0);
+  for (int d = end - 1; d >= begin; --d)
   {
     int const s = m_depth - d;
     int const offset = policy->groupOffset(s);
     std::size_t const groupsBound = std::min(cellsNumber, tf_latticeCapacity(d, 1));
-    tf_CInt3IndexMap groups(groupsBound);
-    tf_CInt3IndexMap nodes(std::min(2 * groupsBound, tf_latticeCapacity(d, 2)));
+    groups.reset(groupsBound);
+    nodes.reset(std::min(2 * groupsBound, tf_latticeCapacity(d, 2)));
     std::vector<SOctreeKeyIndex> & out = depthNodes[static_cast<std::size_t>(d)];
     out.reserve(groupsBound);
-    for (std::size_t c = 0; c < cellsNumber; ++c)
+    // Cells go in batches whose lookups are prefetched first; the inserts
+    // themselves stay in cell order.
+    std::size_t const batch = 8;
+    CInt3 batchGroups[batch];
+    for (std::size_t first = 0; first < cellsNumber; first += batch)
     {
-      int const cell = static_cast<int>(c);
-      CInt3 const group = tf_groupOfCell(m_cells[c], s, offset);
-      if (!groups.insert(group, cell))
-        continue; // an earlier cell of the same group made all eight nodes
-      for (int corner = 0; corner < 8; ++corner)
+      std::size_t const count = std::min(batch, cellsNumber - first);
+      for (std::size_t j = 0; j < count; ++j)
       {
-        CInt3 const node = tf_groupNode(group, s, offset, corner);
-        if (nodes.insert(node, cell))
-          out.push_back(SOctreeKeyIndex{node, cell});
+        batchGroups[j] = tf_groupOfCell(m_cells[first + j], s, offset);
+        groups.prefetch(batchGroups[j]);
+      }
+      for (std::size_t j = 0; j < count; ++j)
+      {
+        int const cell = static_cast<int>(first + j);
+        CInt3 const & group = batchGroups[j];
+        if (!groups.insert(group, cell))
+          continue; // an earlier cell of the same group made all eight nodes
+        CInt3 around[8];
+        for (int corner = 0; corner < 8; ++corner)
+        {
+          around[corner] = tf_groupNode(group, s, offset, corner);
+          nodes.prefetch(around[corner]);
+        }
+        for (int corner = 0; corner < 8; ++corner)
+          if (nodes.insert(around[corner], cell))
+            out.push_back(SOctreeKeyIndex{around[corner], cell});
       }
     }
   }
+  } // the lookup tables go before the sorted ones are made
 
   std::size_t total = 0;
   for (auto const & v : depthNodes)
@@ -442,7 +538,9 @@ void COctree::buildSortedTables(std::vector<std::vector<SOctreeKeyIndex>> & dept
   for (int d = 0; d < end; ++d)
   {
     std::vector<SOctreeKeyIndex> & v = depthNodes[static_cast<std::size_t>(d)];
-    std::sort(v.begin(), v.end(), tf_keyLess);
+    // Node coordinates at depth d, less the smallest one, are multiples of
+    // 1 << (depth - d) up to (2^d + 1) times that.
+    tf_sortByKey(v, m_policy->getMinNodeCoord(d), m_depth - d, d + 2);
     m_sortedNodes.insert(m_sortedNodes.end(), v.begin(), v.end());
     std::vector<SOctreeKeyIndex>().swap(v);
     m_sortedNodesStart[static_cast<std::size_t>(d) + 1] = m_sortedNodes.size();
@@ -546,7 +644,7 @@ bool COctree::isInLeafCell(double const * p) const
     c[a] = static_cast<int>(v);
   }
   SOctreeKeyIndex const probe{CInt3(c), 0};
-  auto const it = std::lower_bound(m_sortedCells.begin(), m_sortedCells.end(), probe, tf_keyLess);
+  auto const it = std::lower_bound(m_sortedCells.begin(), m_sortedCells.end(), probe, tf_KeyLess());
   return it != m_sortedCells.end() && it->key == probe.key;
 }
 } // namespace VolTr
