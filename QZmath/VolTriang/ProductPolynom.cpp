@@ -127,7 +127,8 @@ void CProductPolynom::multiplyWithBuffer(CProductPolynom * out, CProductPolynom 
     CSingleVarLimitedPolynom const & o = other.m_multiplier[a];
     if (!(o.getLeftBound() < m.getRightBound()) || !(m.getLeftBound() < o.getRightBound()))
     {
-      out->clear();
+      for (CSingleVarLimitedPolynom & om : out->m_multiplier)
+        om.clearKeepingStorage();
       return;
     }
   }

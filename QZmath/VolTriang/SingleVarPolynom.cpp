@@ -222,10 +222,55 @@ bool CSingleVarLimitedPolynom::assign(double argShift, int pieceCount, CSingleVa
   return true;
 }
 
+CSingleVarLimitedPolynom::CSingleVarLimitedPolynom(CSingleVarLimitedPolynom const & other)
+    : m_pieces(other.m_pieces), m_knots(other.m_knots), m_argShift(other.m_argShift)
+{
+}
+
+CSingleVarLimitedPolynom & CSingleVarLimitedPolynom::operator=(CSingleVarLimitedPolynom const & other)
+{
+  if (this == &other)
+    return *this;
+  resizePieces(other.m_pieces.size());
+  for (size_t i = 0; i < m_pieces.size(); ++i)
+    m_pieces[i] = other.m_pieces[i];
+  m_knots = other.m_knots;
+  m_argShift = other.m_argShift;
+  return *this;
+}
+
+void CSingleVarLimitedPolynom::resizePieces(size_t n)
+{
+  while (m_pieces.size() > n)
+  {
+    m_sparePieces.push_back(std::move(m_pieces.back()));
+    m_pieces.pop_back();
+  }
+  if (m_pieces.capacity() < n)
+    m_pieces.reserve(n);
+  while (m_pieces.size() < n)
+  {
+    if (m_sparePieces.empty())
+      m_pieces.emplace_back();
+    else
+    {
+      m_pieces.push_back(std::move(m_sparePieces.back()));
+      m_sparePieces.pop_back();
+    }
+  }
+}
+
 void CSingleVarLimitedPolynom::clear()
 {
   m_argShift = 0.0;
   m_pieces.clear();
+  m_knots.clear();
+}
+
+void CSingleVarLimitedPolynom::clearKeepingStorage()
+{
+  m_argShift = 0.0;
+  resizePieces(0);
   m_knots.clear();
 }
 
@@ -320,7 +365,7 @@ void CSingleVarLimitedPolynom::multiplyWithBuffer(CSingleVarLimitedPolynom * out
   }
   if (m_pieces.empty() || other.m_pieces.empty())
   {
-    out->clear();
+    out->clearKeepingStorage();
     return;
   }
   if (m_argShift == other.m_argShift)
@@ -344,7 +389,9 @@ void CSingleVarLimitedPolynom::multiplyWithBuffer(CSingleVarLimitedPolynom * out
 
 // Both operands are non-empty and share the shift; `out` is neither of them.
 // The pieces of `out` are overwritten in place rather than destroyed, so that
-// a reused output keeps the capacity of its coefficient arrays.
+// a reused output keeps the capacity of its coefficient arrays. The result
+// has at most one piece per overlap, so the sum of both piece counts is
+// reserved first.
 void CSingleVarLimitedPolynom::multiplyAligned(CSingleVarLimitedPolynom * out,
                                                CSingleVarLimitedPolynom const & other) const
 {
@@ -352,6 +399,7 @@ void CSingleVarLimitedPolynom::multiplyAligned(CSingleVarLimitedPolynom * out,
   out->m_knots.clear();
   out->m_knots.reserve(m_knots.size() + other.m_knots.size());
   out->m_pieces.reserve(m_pieces.size() + other.m_pieces.size());
+  size_t const before = out->m_pieces.size();
 
   size_t produced = 0;
   double const otherEnd = other.m_knots.back();
@@ -377,12 +425,13 @@ void CSingleVarLimitedPolynom::multiplyAligned(CSingleVarLimitedPolynom * out,
         out->m_knots.push_back(lo);
       out->m_knots.push_back(hi);
       if (produced == out->m_pieces.size())
-        out->m_pieces.emplace_back();
+        out->resizePieces(produced + 1);
       m_pieces[i].multiply(&out->m_pieces[produced], other.m_pieces[j]);
       ++produced;
     }
   }
-  out->m_pieces.erase(out->m_pieces.begin() + static_cast<std::ptrdiff_t>(produced), out->m_pieces.end());
+  if (produced < before)
+    out->resizePieces(produced);
 }
 
 void CSingleVarLimitedPolynom::makeDerivative(CSingleVarLimitedPolynom * out) const
@@ -391,7 +440,7 @@ void CSingleVarLimitedPolynom::makeDerivative(CSingleVarLimitedPolynom * out) co
   {
     out->m_argShift = m_argShift;
     out->m_knots = m_knots;
-    out->m_pieces.resize(m_pieces.size());
+    out->resizePieces(m_pieces.size());
   }
   for (size_t i = 0; i < m_pieces.size(); ++i)
     m_pieces[i].makeDerivative(&out->m_pieces[i]);

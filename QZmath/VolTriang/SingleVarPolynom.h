@@ -75,9 +75,11 @@ public:
   /// ctor fails" on arguments that `assign` refuses.
   CSingleVarLimitedPolynom(double argShift, int pieceCount, CSingleVarPolynom const * pieces, int knotCount,
                            double const * knots);
-  CSingleVarLimitedPolynom(CSingleVarLimitedPolynom const &) = default;
+  /// Copies the value; the spare pieces (see below) stay behind.
+  CSingleVarLimitedPolynom(CSingleVarLimitedPolynom const & other);
   CSingleVarLimitedPolynom(CSingleVarLimitedPolynom &&) noexcept = default;
-  CSingleVarLimitedPolynom & operator=(CSingleVarLimitedPolynom const &) = default;
+  /// Reuses the storage of this object's pieces.
+  CSingleVarLimitedPolynom & operator=(CSingleVarLimitedPolynom const & other);
   CSingleVarLimitedPolynom & operator=(CSingleVarLimitedPolynom &&) noexcept = default;
   virtual ~CSingleVarLimitedPolynom() = default;
 
@@ -135,11 +137,22 @@ public:
   bool checkClassInvariants() const;
 
 private:
+  friend class CProductPolynom;
+
   void multiplyAligned(CSingleVarLimitedPolynom * out, CSingleVarLimitedPolynom const & other) const;
+  /// `clear` that parks the pieces among the spares.
+  void clearKeepingStorage();
+  /// Grows or shrinks the piece list to n through the spares.
+  void resizePieces(std::size_t n);
 
   std::vector<CSingleVarPolynom> m_pieces;
   std::vector<double> m_knots;
   double m_argShift = 0.0;
+  // Pieces dropped when a reused output got shorter, kept with the capacity
+  // of their coefficients for the next longer result: products into the same
+  // buffers then stop allocating even when their piece counts vary. Not part
+  // of the value: copies and comparisons ignore them.
+  std::vector<CSingleVarPolynom> m_sparePieces;
 };
 
 CSingleVarLimitedPolynom operator*(double x, CSingleVarLimitedPolynom const & f);

@@ -144,21 +144,23 @@ TEST(SingleVarLimitedPolynom, ShiftsScalesProductsAndIntegralsAgreeWithValues)
 {
   std::mt19937 rng(5);
   std::uniform_real_distribution<double> ux(-3.5, 3.5), ua(-1.0, 1.0);
+  // Reused across rounds, so that their piece counts grow and shrink.
+  CSingleVarLimitedPolynom buffered, shiftBuffer, assigned;
   for (int round = 0; round < 60; ++round)
   {
     CSingleVarLimitedPolynom const f = randomLimited(rng, 1 + round % 4, 3);
     CSingleVarLimitedPolynom const g = randomLimited(rng, 1 + round % 3, round % 4);
     double const a = ua(rng), s = 0.5 + std::fabs(ua(rng));
-    CSingleVarLimitedPolynom moved(f), rebased(f), scaled(f), fg, gf, buffered, shiftBuffer;
+    CSingleVarLimitedPolynom moved(f), rebased(f), scaled(f), fg, gf;
     moved.substituteArgPlusConst(a);
     rebased.changeShift(a);
     scaled.scaleArgument(s);
     f.multiply(&fg, g);
     g.multiply(&gf, f);
-    // The buffered form reuses one shift buffer and one output over calls.
-    for (int rep = 0; rep < 2; ++rep)
-      f.multiplyWithBuffer(&buffered, g, &shiftBuffer);
+    f.multiplyWithBuffer(&buffered, g, &shiftBuffer);
     EXPECT_TRUE(buffered == fg);
+    assigned = (round % 2) ? f : fg;
+    EXPECT_TRUE(assigned == ((round % 2) ? f : fg));
     // The operand of the greater degree keeps its shift.
     EXPECT_EQ(fg.getArgShift(), g.maxPower() > f.maxPower() ? g.getArgShift() : f.getArgShift());
     for (CSingleVarLimitedPolynom const * h : {&moved, &rebased, &scaled, &fg, &gf})
