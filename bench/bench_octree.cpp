@@ -63,7 +63,8 @@ VolTr::COctree const & tree(int n, int depth)
 
 /// Query boxes of the size of a kernel support at the deepest node depth
 /// (three of its cells), centred on samples.
-std::vector<VolTr::CParallelepiped> queryBoxes(VolTr::COctree const & t, CSampleCloud const & cloud, int count)
+std::vector<VolTr::CParallelepiped> queryBoxes(VolTr::COctree const & t, CSampleCloud const & cloud,
+                                               int count)
 {
   QZTest::CCloudRandom rnd(7);
   double const half = 1.5 * t.getCellSize(t.getNodeDepthEnd() - 1);

@@ -223,7 +223,8 @@ void tf_sortByKey(std::vector<SOctreeKeyIndex> & v, int origin, int shift, int b
   };
   std::size_t const n = v.size();
   std::vector<Entry> a(n), b(n);
-  auto packed = [&](int c) { return static_cast<std::uint64_t>(static_cast<std::uint32_t>(c - origin) >> shift); };
+  auto packed = [&](int c)
+  { return static_cast<std::uint64_t>(static_cast<std::uint32_t>(c - origin) >> shift); };
   for (std::size_t i = 0; i < n; ++i)
   {
     CInt3 const & k = v[i].key;
@@ -469,46 +470,46 @@ void COctree::buildNodes()
   // The deepest depth first: it needs the largest tables, which the coarser
   // depths then reuse.
   {
-  tf_CInt3IndexMap groups(0), nodes(0);
-  for (int d = end - 1; d >= begin; --d)
-  {
-    int const s = m_depth - d;
-    int const offset = policy->groupOffset(s);
-    std::size_t const groupsBound = std::min(cellsNumber, tf_latticeCapacity(d, 1));
-    groups.reset(groupsBound);
-    nodes.reset(std::min(2 * groupsBound, tf_latticeCapacity(d, 2)));
-    std::vector<SOctreeKeyIndex> & out = depthNodes[static_cast<std::size_t>(d)];
-    out.reserve(groupsBound);
-    // Cells go in batches whose lookups are prefetched first; the inserts
-    // themselves stay in cell order.
-    std::size_t const batch = 8;
-    CInt3 batchGroups[batch];
-    for (std::size_t first = 0; first < cellsNumber; first += batch)
+    tf_CInt3IndexMap groups(0), nodes(0);
+    for (int d = end - 1; d >= begin; --d)
     {
-      std::size_t const count = std::min(batch, cellsNumber - first);
-      for (std::size_t j = 0; j < count; ++j)
+      int const s = m_depth - d;
+      int const offset = policy->groupOffset(s);
+      std::size_t const groupsBound = std::min(cellsNumber, tf_latticeCapacity(d, 1));
+      groups.reset(groupsBound);
+      nodes.reset(std::min(2 * groupsBound, tf_latticeCapacity(d, 2)));
+      std::vector<SOctreeKeyIndex> & out = depthNodes[static_cast<std::size_t>(d)];
+      out.reserve(groupsBound);
+      // Cells go in batches whose lookups are prefetched first; the inserts
+      // themselves stay in cell order.
+      std::size_t const batch = 8;
+      CInt3 batchGroups[batch];
+      for (std::size_t first = 0; first < cellsNumber; first += batch)
       {
-        batchGroups[j] = tf_groupOfCell(m_cells[first + j], s, offset);
-        groups.prefetch(batchGroups[j]);
-      }
-      for (std::size_t j = 0; j < count; ++j)
-      {
-        int const cell = static_cast<int>(first + j);
-        CInt3 const & group = batchGroups[j];
-        if (!groups.insert(group, cell))
-          continue; // an earlier cell of the same group made all eight nodes
-        CInt3 around[8];
-        for (int corner = 0; corner < 8; ++corner)
+        std::size_t const count = std::min(batch, cellsNumber - first);
+        for (std::size_t j = 0; j < count; ++j)
         {
-          around[corner] = tf_groupNode(group, s, offset, corner);
-          nodes.prefetch(around[corner]);
+          batchGroups[j] = tf_groupOfCell(m_cells[first + j], s, offset);
+          groups.prefetch(batchGroups[j]);
         }
-        for (int corner = 0; corner < 8; ++corner)
-          if (nodes.insert(around[corner], cell))
-            out.push_back(SOctreeKeyIndex{around[corner], cell});
+        for (std::size_t j = 0; j < count; ++j)
+        {
+          int const cell = static_cast<int>(first + j);
+          CInt3 const & group = batchGroups[j];
+          if (!groups.insert(group, cell))
+            continue; // an earlier cell of the same group made all eight nodes
+          CInt3 around[8];
+          for (int corner = 0; corner < 8; ++corner)
+          {
+            around[corner] = tf_groupNode(group, s, offset, corner);
+            nodes.prefetch(around[corner]);
+          }
+          for (int corner = 0; corner < 8; ++corner)
+            if (nodes.insert(around[corner], cell))
+              out.push_back(SOctreeKeyIndex{around[corner], cell});
+        }
       }
     }
-  }
   } // the lookup tables go before the sorted ones are made
 
   std::size_t total = 0;
@@ -583,7 +584,10 @@ void COctree::getNodeOffset(int node, int * out3) const
   out3[2] = s.z();
 }
 
-void COctree::getNodePosition(int node, double * out3) const { cellCoordsToReal(out3, getNode(node).shift()); }
+void COctree::getNodePosition(int node, double * out3) const
+{
+  cellCoordsToReal(out3, getNode(node).shift());
+}
 
 void COctree::cellCoordsToReal(double * out3, CInt3 const & c) const
 {

@@ -58,7 +58,10 @@ inline bool operator<(CInt3 const & a, CInt3 const & b)
     return a.y() < b.y();
   return a.z() < b.z();
 }
-inline CInt3 operator+(CInt3 const & a, CInt3 const & b) { return CInt3(a.x() + b.x(), a.y() + b.y(), a.z() + b.z()); }
+inline CInt3 operator+(CInt3 const & a, CInt3 const & b)
+{
+  return CInt3(a.x() + b.x(), a.y() + b.y(), a.z() + b.z());
+}
 inline CInt3 & operator+=(CInt3 & a, CInt3 const & b)
 {
   a.xMod() += b.x();

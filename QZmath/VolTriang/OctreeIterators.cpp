@@ -27,8 +27,8 @@ int tf_toLattice(double v, int nanValue)
 /// or `end`. An entry outside moves the search to the next key where an entry
 /// inside could stand, by one seek; that key is always greater than the
 /// entry's, so the seek starts at `pos`.
-SOctreeKeyIndex const * tf_seekInside(SOctreeKeyIndex const * pos, SOctreeKeyIndex const * end, CInt3 const & lo,
-                                      CInt3 const & hi, int step)
+SOctreeKeyIndex const * tf_seekInside(SOctreeKeyIndex const * pos, SOctreeKeyIndex const * end,
+                                      CInt3 const & lo, CInt3 const & hi, int step)
 {
   while (pos != end)
   {
@@ -98,7 +98,8 @@ COctreeNodeIteratorBase::COctreeNodeIteratorBase(COctree const * octree, CInt3 c
     int const l = std::max(minCoord, std::min(maxCoord, lo.coord(a)));
     int const h = std::max(minCoord, std::min(maxCoord, hi.coord(a)));
     m_lower.shiftRefMod().coordMod(a) = static_cast<int>(std::ceil(static_cast<double>(l) / m_step)) * m_step;
-    m_upper.shiftRefMod().coordMod(a) = static_cast<int>(std::floor(static_cast<double>(h) / m_step)) * m_step;
+    m_upper.shiftRefMod().coordMod(a) =
+        static_cast<int>(std::floor(static_cast<double>(h) / m_step)) * m_step;
   }
   if (m_upper < m_lower)
     return;
@@ -180,9 +181,9 @@ CInt3 nodeShiftToNeighbor(COctree const * octree, int d)
 }
 
 COctreeNeighborNodeIterator::COctreeNeighborNodeIterator(COctree const * octree, int cell, int d)
-    : COctreeNodeIteratorBase(octree, tf_neighborLower(octree, cell, d),
-                              tf_neighborLower(octree, cell, d) + (octree ? nodeShiftToNeighbor(octree, d) : CInt3()),
-                              d)
+    : COctreeNodeIteratorBase(
+          octree, tf_neighborLower(octree, cell, d),
+          tf_neighborLower(octree, cell, d) + (octree ? nodeShiftToNeighbor(octree, d) : CInt3()), d)
 {
 }
 
@@ -190,8 +191,8 @@ COctreeNeighborNodeIterator::COctreeNeighborNodeIterator(COctree const * octree,
 
 CSamplePointsIteratorInBox::CSamplePointsIteratorInBox(IInputSamples const & samples, COctree const & octree,
                                                        CParallelepiped const & box, int maxSamplesPerCell)
-    : m_samples(&samples), m_octree(&octree), m_coords{0.0, 0.0, 0.0}, m_cellPos(nullptr), m_samplePos(nullptr),
-      m_sampleEnd(nullptr), m_end(nullptr), m_limit(maxSamplesPerCell), m_countInCell(0)
+    : m_samples(&samples), m_octree(&octree), m_coords{0.0, 0.0, 0.0}, m_cellPos(nullptr),
+      m_samplePos(nullptr), m_sampleEnd(nullptr), m_end(nullptr), m_limit(maxSamplesPerCell), m_countInCell(0)
 {
   for (int a = 0; a < 3; ++a)
     if (std::isnan(box.getMin()[a]) || std::isnan(box.getMax()[a]))

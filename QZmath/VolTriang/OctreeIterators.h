@@ -68,8 +68,8 @@ class CSamplePointsIteratorInBox
 {
 public:
   /// `maxSamplesPerCell` above 0 stops after that many samples of one cell.
-  CSamplePointsIteratorInBox(IInputSamples const & samples, COctree const & octree, CParallelepiped const & box,
-                             int maxSamplesPerCell);
+  CSamplePointsIteratorInBox(IInputSamples const & samples, COctree const & octree,
+                             CParallelepiped const & box, int maxSamplesPerCell);
   virtual ~CSamplePointsIteratorInBox() = default;
 
   bool isFinished() const { return m_cellPos == m_end; }

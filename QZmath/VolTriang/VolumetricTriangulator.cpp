@@ -34,7 +34,10 @@ float CVolTriangulationParams::getCellFactor() const
   return std::ldexp(1.0f, m_octreeDepth) * m_reconstructFactor;
 }
 
-float CVolTriangulationParams::estimateTriangleSize(float modelSize) const { return modelSize / getCellFactor(); }
+float CVolTriangulationParams::estimateTriangleSize(float modelSize) const
+{
+  return modelSize / getCellFactor();
+}
 
 int CVolTriangulationParams::estimateTrianglesNumber() const
 {
@@ -61,8 +64,7 @@ class tf_CLogLine
 public:
   explicit tf_CLogLine(VsUt::IDebugLog * log) : m_log(log) {}
 
-  template <class... V>
-  void operator()(char const * label, V const &... values) const
+  template <class... V> void operator()(char const * label, V const &... values) const
   {
     if (!m_log)
       return;
@@ -207,8 +209,8 @@ void CVolumetricTriangulatorImpl::buildTree(tf_CLogLine const & log)
 
   if (m_params.getVariableDensity())
   {
-    m_densityEstimationLevel = std::max(tree.getNodeDepthEnd() - m_params.getDensityEstimationDepthDelta() - 1,
-                                        tree.getNodeDepthBegin());
+    m_densityEstimationLevel = std::max(
+        tree.getNodeDepthEnd() - m_params.getDensityEstimationDepthDelta() - 1, tree.getNodeDepthBegin());
     log("Density estimation level", m_densityEstimationLevel);
   }
 }

@@ -39,7 +39,8 @@ private:
 class CSampleCloud : public VolTr::IInputSamples
 {
 public:
-  void add(float x, float y, float z, float nx = 0.0f, float ny = 0.0f, float nz = 1.0f, bool boundary = false)
+  void add(float x, float y, float z, float nx = 0.0f, float ny = 0.0f, float nz = 1.0f,
+           bool boundary = false)
   {
     m_coords.insert(m_coords.end(), {x, y, z});
     m_normals.insert(m_normals.end(), {nx, ny, nz});
@@ -56,8 +57,14 @@ public:
 
 private:
   int onPointsNumber() const override { return size(); }
-  float const * onGetSampleCoords3(int i) const override { return &m_coords[3 * static_cast<std::size_t>(i)]; }
-  float const * onGetSampleNormal3(int i) const override { return &m_normals[3 * static_cast<std::size_t>(i)]; }
+  float const * onGetSampleCoords3(int i) const override
+  {
+    return &m_coords[3 * static_cast<std::size_t>(i)];
+  }
+  float const * onGetSampleNormal3(int i) const override
+  {
+    return &m_normals[3 * static_cast<std::size_t>(i)];
+  }
   bool onIsBoundaryVertex(int i) const override { return m_boundary[static_cast<std::size_t>(i)] != 0; }
 
   std::vector<float> m_coords;
@@ -115,7 +122,8 @@ inline CSampleCloud makePlaneCloud(int n, double halfSize = 1.0, double z = 0.0,
   {
     double const x = rnd.uniform(-halfSize, halfSize), y = rnd.uniform(-halfSize, halfSize);
     bool const boundary = halfSize - std::fabs(x) < edge || halfSize - std::fabs(y) < edge;
-    cloud.add(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z), 0.0f, 0.0f, 1.0f, boundary);
+    cloud.add(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z), 0.0f, 0.0f, 1.0f,
+              boundary);
   }
   return cloud;
 }

@@ -135,8 +135,10 @@ struct RefOctree
       for (int a = 0; a < 3; ++a)
       {
         double const c = e.first.shift().coord(a);
-        auto clamp = [&](double v) { return std::max<double>(minNodeCoord(d), std::min<double>(maxNodeCoord(d), v)); };
-        inside = inside && c >= clamp(lattice(a, box.getMin()[a])) && c <= clamp(lattice(a, box.getMax()[a]) + 1);
+        auto clamp = [&](double v)
+        { return std::max<double>(minNodeCoord(d), std::min<double>(maxNodeCoord(d), v)); };
+        inside =
+            inside && c >= clamp(lattice(a, box.getMin()[a])) && c <= clamp(lattice(a, box.getMax()[a]) + 1);
       }
       if (inside)
         out.push_back(e.second);
@@ -388,6 +390,18 @@ TEST(COctreeReference, DegenerateClouds)
     CSampleCloud single;
     single.add(1.0f, 2.0f, 3.0f);
     expectSameTree(single, 3, center, -1);
+  }
+}
+
+TEST(COctreeReference, DeepTrees)
+{
+  // Deep lattices take the tables' general sorting path and reach the largest
+  // coordinates the lattice allows.
+  CSampleCloud const cloud = QZTest::makeSphereCloud(20, 1.0, 33);
+  for (bool center : {false, true})
+  {
+    expectSameTree(cloud, 22, center, 2, 4);
+    expectSameTree(cloud, COctree::MAX_DEPTH, center, -1, 2);
   }
 }
 
