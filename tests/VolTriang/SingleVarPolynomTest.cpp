@@ -79,6 +79,15 @@ TEST(SingleVarPolynom, ExactForms)
   CSingleVarPolynom self(2, c);
   self.multiply(&self, self);
   EXPECT_EQ(coeffs(self), (std::vector<double>{9.0, 6.0, 1.0}));
+  // From degree 33 on the 32-bit binomial factor of the in-place shift wraps
+  // around; the shift must still run through, with the rows that fit exact.
+  std::vector<double> x33(34, 0.0);
+  x33[33] = 1.0;
+  CSingleVarPolynom high(34, x33.data());
+  high.substituteArgPlusConst(1.0);
+  EXPECT_EQ(high.getCoeff(33), 1.0);
+  EXPECT_EQ(high.getCoeff(32), 33.0);
+  EXPECT_EQ(high.getCoeff(31), 528.0);
   // Trailing zeros are stored as given and break the invariant.
   double const trailing[2] = {1.0, 0.0};
   EXPECT_FALSE(CSingleVarPolynom(2, trailing).checkClassInvariants());
