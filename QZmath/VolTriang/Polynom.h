@@ -93,10 +93,12 @@ class CPolynom
 {
 public:
   CPolynom() = default;
+  // Implicit on purpose: a term or a monom is a polynomial, so kernels can be
+  // written as sums like CPolynom(0.5 * (m * m)) + 1.5 * m + 1.125.
   /// One term, kept even with weight 0.
-  explicit CPolynom(CWeightedMonom const & term);
+  CPolynom(CWeightedMonom const & term);
   /// One term of weight 1.0.
-  explicit CPolynom(CMonom const & monom);
+  CPolynom(CMonom const & monom);
   CPolynom(CPolynom const &) = default;
   CPolynom(CPolynom &&) noexcept = default;
   CPolynom & operator=(CPolynom const &) = default;
