@@ -1,6 +1,7 @@
 #include "QZmath/LinSys/LinSysVariableManager.h"
 
 #include <cstddef>
+#include <iterator>
 
 namespace REmath
 {
@@ -21,76 +22,55 @@ CLinSysVariableManager<T>::CLinSysVariableManager()
 
 // ---- lookups -----------------------------------------------------------------
 
-template <class T>
-bool CLinSysVariableManager<T>::onIsSpoiled() const
-{
-  return m_bSpoiled;
-}
+template <class T> bool CLinSysVariableManager<T>::onIsSpoiled() const { return m_bSpoiled; }
 
-template <class T>
-int CLinSysVariableManager<T>::onGetFreeVariablesNumber() const
+template <class T> int CLinSysVariableManager<T>::onGetFreeVariablesNumber() const
 {
   return static_cast<int>(m_freeVertexToIndex.size());
 }
 
-template <class T>
-int CLinSysVariableManager<T>::onGetFixedVariablesNumber() const
+template <class T> int CLinSysVariableManager<T>::onGetFixedVariablesNumber() const
 {
   return static_cast<int>(m_fixedVertexToIndex.size());
 }
 
-template <class T>
-int CLinSysVariableManager<T>::onGetFreeVariablesIndex(int vertex) const
+template <class T> int CLinSysVariableManager<T>::onGetFreeVariablesIndex(int vertex) const
 {
   return findOr(m_freeVertexToIndex, vertex, -1);
 }
 
-template <class T>
-int CLinSysVariableManager<T>::onGetFixedVariablesIndex(int vertex) const
+template <class T> int CLinSysVariableManager<T>::onGetFixedVariablesIndex(int vertex) const
 {
   return findOr(m_fixedVertexToIndex, vertex, -1);
 }
 
-template <class T>
-int CLinSysVariableManager<T>::onGetFreeVertexByIndex(int index) const
+template <class T> int CLinSysVariableManager<T>::onGetFreeVertexByIndex(int index) const
 {
   return findOr(m_freeIndexToVertex, index, -1);
 }
 
-template <class T>
-int CLinSysVariableManager<T>::onGetFixedVertexByIndex(int index) const
+template <class T> int CLinSysVariableManager<T>::onGetFixedVertexByIndex(int index) const
 {
   return findOr(m_fixedIndexToVertex, index, -1);
 }
 
-template <class T>
-int CLinSysVariableManager<T>::onGetEquationsNumber() const
-{
-  return m_iEquationsNumber;
-}
+template <class T> int CLinSysVariableManager<T>::onGetEquationsNumber() const { return m_iEquationsNumber; }
 
-template <class T>
-bool CLinSysVariableManager<T>::onIsPositiveDefinite() const
+template <class T> bool CLinSysVariableManager<T>::onIsPositiveDefinite() const
 {
   return m_bPositiveDefinite;
 }
 
-template <class T>
-void CLinSysVariableManager<T>::onSetPositiveDefinite(bool positiveDefinite)
+template <class T> void CLinSysVariableManager<T>::onSetPositiveDefinite(bool positiveDefinite)
 {
   m_bPositiveDefinite = positiveDefinite;
 }
 
-template <class T>
-void CLinSysVariableManager<T>::onSpoil()
-{
-  m_bSpoiled = true;
-}
+template <class T> void CLinSysVariableManager<T>::onSpoil() { m_bSpoiled = true; }
 
 // ---- fixed matrix ------------------------------------------------------------
 
-template <class T>
-T CLinSysVariableManager<T>::onGetFixedVertCoeff(int row, int fixedIndex) const
+template <class T> T CLinSysVariableManager<T>::onGetFixedVertCoeff(int row, int fixedIndex) const
 {
   // Vertices may be defined after the matrix was made (a spoiled system still
   // records them), so a fixed index can lie outside it: such an element reads 0.
@@ -102,8 +82,7 @@ T CLinSysVariableManager<T>::onGetFixedVertCoeff(int row, int fixedIndex) const
   return line[static_cast<std::size_t>(fixedIndex)];
 }
 
-template <class T>
-void CLinSysVariableManager<T>::onSetFixedVertCoeff(int row, int fixedIndex, T value)
+template <class T> void CLinSysVariableManager<T>::onSetFixedVertCoeff(int row, int fixedIndex, T value)
 {
   if (row < 0 || fixedIndex < 0 || static_cast<std::size_t>(row) >= m_fixedMatrix.size() ||
       static_cast<std::size_t>(fixedIndex) >= m_fixedMatrix[static_cast<std::size_t>(row)].size())
@@ -114,20 +93,17 @@ void CLinSysVariableManager<T>::onSetFixedVertCoeff(int row, int fixedIndex, T v
   m_fixedMatrix[static_cast<std::size_t>(row)][static_cast<std::size_t>(fixedIndex)] = value;
 }
 
-template <class T>
-bool CLinSysVariableManager<T>::areFixedVariablesDefined() const
+template <class T> bool CLinSysVariableManager<T>::areFixedVariablesDefined() const
 {
   return !m_fixedMatrix.empty();
 }
 
-template <class T>
-bool CLinSysVariableManager<T>::areVariablesDefined() const
+template <class T> bool CLinSysVariableManager<T>::areVariablesDefined() const
 {
   return areFixedVariablesDefined() && areFreeVariablesDefined();
 }
 
-template <class T>
-void CLinSysVariableManager<T>::allocateFixedVariableMatrix()
+template <class T> void CLinSysVariableManager<T>::allocateFixedVariableMatrix()
 {
   if (!m_fixedMatrix.empty())
     return;
@@ -146,24 +122,34 @@ void CLinSysVariableManager<T>::defineVertex(int vertex, std::map<int, int> & ow
                                              std::map<int, int> & ownByIndex,
                                              std::map<int, int> const & otherToIndex)
 {
-  if (areVariablesDefined() || otherToIndex.count(vertex) != 0 || ownToIndex.count(vertex) != 0)
+  if (areVariablesDefined() || otherToIndex.count(vertex) != 0)
   {
     onSpoil();
     return;
   }
+  // Vertices usually come in ascending order (the compressed-row storage needs
+  // that), so the end of the map is tried first as the place of a new one.
+  auto place = ownToIndex.end();
+  if (!ownToIndex.empty() && std::prev(place)->first >= vertex)
+  {
+    place = ownToIndex.lower_bound(vertex);
+    if (place != ownToIndex.end() && place->first == vertex)
+    {
+      onSpoil();
+      return;
+    }
+  }
   int const index = static_cast<int>(ownToIndex.size());
-  ownToIndex.emplace(vertex, index);
-  ownByIndex.emplace(index, vertex);
+  ownToIndex.emplace_hint(place, vertex, index);
+  ownByIndex.emplace_hint(ownByIndex.end(), index, vertex);
 }
 
-template <class T>
-void CLinSysVariableManager<T>::onDefineFreeVertex(int vertex)
+template <class T> void CLinSysVariableManager<T>::onDefineFreeVertex(int vertex)
 {
   defineVertex(vertex, m_freeVertexToIndex, m_freeIndexToVertex, m_fixedVertexToIndex);
 }
 
-template <class T>
-void CLinSysVariableManager<T>::onDefineFixedVertex(int vertex)
+template <class T> void CLinSysVariableManager<T>::onDefineFixedVertex(int vertex)
 {
   defineVertex(vertex, m_fixedVertexToIndex, m_fixedIndexToVertex, m_freeVertexToIndex);
 }
@@ -206,8 +192,7 @@ void CLinSysVariableManager<T>::onAddEquationFixedPart(CVertexLinearCombination<
     onSpoil();
 }
 
-template <class T>
-void CLinSysVariableManager<T>::onAddEquation(CVertexLinearCombination<T> const & equation)
+template <class T> void CLinSysVariableManager<T>::onAddEquation(CVertexLinearCombination<T> const & equation)
 {
   if (m_bSpoiled)
     return;
@@ -219,8 +204,7 @@ void CLinSysVariableManager<T>::onAddEquation(CVertexLinearCombination<T> const 
   ++m_iEquationsNumber;
 }
 
-template <class T>
-void CLinSysVariableManager<T>::imitateAddEquation(int row)
+template <class T> void CLinSysVariableManager<T>::imitateAddEquation(int row)
 {
   if (m_iEquationsNumber != row)
   {
@@ -233,8 +217,7 @@ void CLinSysVariableManager<T>::imitateAddEquation(int row)
 
 // ---- right parts and solutions -----------------------------------------------
 
-template <class T>
-bool CLinSysVariableManager<T>::onIsCorrectlyDefinedSystem() const
+template <class T> bool CLinSysVariableManager<T>::onIsCorrectlyDefinedSystem() const
 {
   if (m_bSpoiled)
     return false;
@@ -243,7 +226,8 @@ bool CLinSysVariableManager<T>::onIsCorrectlyDefinedSystem() const
 }
 
 template <class T>
-void CLinSysVariableManager<T>::onSetSingleRightPart(T * rightPart, IVertexPosInformer<T> const & informer) const
+void CLinSysVariableManager<T>::onSetSingleRightPart(T * rightPart,
+                                                     IVertexPosInformer<T> const & informer) const
 {
   int const n = m_iEquationsNumber;
   int const m = this->GetFixedVariablesNumber();
@@ -264,7 +248,8 @@ void CLinSysVariableManager<T>::onSetSingleRightPart(T * rightPart, IVertexPosIn
 }
 
 template <class T>
-void CLinSysVariableManager<T>::onSetSingleSolution(T const * solution, IEqSysResultReciever<T> & reciever) const
+void CLinSysVariableManager<T>::onSetSingleSolution(T const * solution,
+                                                    IEqSysResultReciever<T> & reciever) const
 {
   for (int i = 0; i < m_iEquationsNumber; ++i)
     reciever.SetVertexPosition(this->GetFreeVertexByIndex(i), solution[i]);

@@ -28,8 +28,7 @@
 
 namespace REmath
 {
-template <class T>
-class CLinSysVariableManager : public ILinearSystemStorage<T>
+template <class T> class CLinSysVariableManager : public ILinearSystemStorage<T>
 {
 public:
   ~CLinSysVariableManager() override = default;

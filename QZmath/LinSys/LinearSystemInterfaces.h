@@ -22,8 +22,7 @@ class CProgressCounter;
 
 namespace REmath
 {
-template <class T>
-class ILinearSystemReadOnly
+template <class T> class ILinearSystemReadOnly
 {
 public:
   virtual ~ILinearSystemReadOnly() = default;
@@ -68,8 +67,7 @@ private:
   virtual bool onIsPositiveDefinite() const = 0;
 };
 
-template <class T>
-class ILinearSystemStorage : public ILinearSystemReadOnly<T>
+template <class T> class ILinearSystemStorage : public ILinearSystemReadOnly<T>
 {
 public:
   bool IsSpoiled() const { return onIsSpoiled(); }
@@ -80,7 +78,10 @@ public:
   int GetFreeVertexByIndex(int index) const { return onGetFreeVertexByIndex(index); }
   int GetFixedVariablesNumber() const { return onGetFixedVariablesNumber(); }
   T GetFixedVertCoeff(int row, int fixedIndex) const { return onGetFixedVertCoeff(row, fixedIndex); }
-  T GetFreeVertCoeff(int row, int column) const { return ILinearSystemReadOnly<T>::GetFreeVertCoeff(row, column); }
+  T GetFreeVertCoeff(int row, int column) const
+  {
+    return ILinearSystemReadOnly<T>::GetFreeVertCoeff(row, column);
+  }
   void DefineFixedVertex(int vertex) { onDefineFixedVertex(vertex); }
   void DefineFreeVertex(int vertex) { onDefineFreeVertex(vertex); }
   void Spoil() { onSpoil(); }
@@ -120,8 +121,7 @@ private:
 ///  2. DefineFreeVertex once per unknown, DefineFixedVertex once per known vertex;
 ///  3. AddEquation once per free vertex: equation k becomes row k;
 ///  4. IsCorrectlyDefinedSystem, then SolveSystem, as often as needed.
-template <class T>
-class IVertexPosLinearSystem
+template <class T> class IVertexPosLinearSystem
 {
 public:
   virtual ~IVertexPosLinearSystem() = default;
@@ -133,8 +133,8 @@ public:
   /// Solves for `nRightParts` sets of fixed positions at once. `informers` and
   /// `recievers` are parallel arrays of `nRightParts` pointers; `progress` may
   /// be null. True on success.
-  bool SolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers, IEqSysResultReciever<T> ** recievers,
-                   CProgressCounter * progress)
+  bool SolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers,
+                   IEqSysResultReciever<T> ** recievers, CProgressCounter * progress)
   {
     return OnSolveSystem(nRightParts, informers, recievers, progress);
   }

@@ -6,8 +6,7 @@ namespace REmath
 {
 // ---- CVertexMonom ----------------------------------------------------------
 
-template <class T>
-CVertexMonom<T> & CVertexMonom<T>::operator=(CVertexMonom const & other)
+template <class T> CVertexMonom<T> & CVertexMonom<T>::operator=(CVertexMonom const & other)
 {
   m_iVertexIdx = other.m_iVertexIdx;
   m_coeff = other.m_coeff;
@@ -16,14 +15,12 @@ CVertexMonom<T> & CVertexMonom<T>::operator=(CVertexMonom const & other)
 
 // ---- bodies ------------------------------------------------------------------
 
-template <class T>
-struct CVertexLinearCombination<T>::SBody
+template <class T> struct CVertexLinearCombination<T>::SBody
 {
   std::map<int, T> terms;
 };
 
-template <class T>
-struct CLinearCombIterator<T>::SBody
+template <class T> struct CLinearCombIterator<T>::SBody
 {
   typename std::map<int, T>::const_iterator position;
   typename std::map<int, T>::const_iterator end;
@@ -31,13 +28,9 @@ struct CLinearCombIterator<T>::SBody
 
 // ---- CLinearCombIterator -----------------------------------------------------
 
-template <class T>
-CLinearCombIterator<T>::CLinearCombIterator() : m_pBody(new SBody())
-{
-}
+template <class T> CLinearCombIterator<T>::CLinearCombIterator() : m_pBody(new SBody()) {}
 
-template <class T>
-CLinearCombIterator<T>::CLinearCombIterator(SBody * body) : m_pBody(body)
+template <class T> CLinearCombIterator<T>::CLinearCombIterator(SBody * body) : m_pBody(body)
 {
   refreshCurrent();
 }
@@ -48,11 +41,7 @@ CLinearCombIterator<T>::CLinearCombIterator(CLinearCombIterator const & other)
 {
 }
 
-template <class T>
-CLinearCombIterator<T>::~CLinearCombIterator()
-{
-  delete m_pBody;
-}
+template <class T> CLinearCombIterator<T>::~CLinearCombIterator() { delete m_pBody; }
 
 template <class T>
 CLinearCombIterator<T> & CLinearCombIterator<T>::operator=(CLinearCombIterator const & other)
@@ -65,8 +54,7 @@ CLinearCombIterator<T> & CLinearCombIterator<T>::operator=(CLinearCombIterator c
   return *this;
 }
 
-template <class T>
-void CLinearCombIterator<T>::refreshCurrent()
+template <class T> void CLinearCombIterator<T>::refreshCurrent()
 {
   if (m_pBody->position != m_pBody->end)
   {
@@ -75,34 +63,28 @@ void CLinearCombIterator<T>::refreshCurrent()
   }
 }
 
-template <class T>
-CLinearCombIterator<T> & CLinearCombIterator<T>::operator++()
+template <class T> CLinearCombIterator<T> & CLinearCombIterator<T>::operator++()
 {
   ++m_pBody->position;
   refreshCurrent();
   return *this;
 }
 
-template <class T>
-CLinearCombIterator<T> CLinearCombIterator<T>::operator++(int)
+template <class T> CLinearCombIterator<T> CLinearCombIterator<T>::operator++(int)
 {
   CLinearCombIterator before(*this);
   ++*this;
   return before;
 }
 
-template <class T>
-bool operator==(CLinearCombIterator<T> const & a, CLinearCombIterator<T> const & b)
+template <class T> bool operator==(CLinearCombIterator<T> const & a, CLinearCombIterator<T> const & b)
 {
   return a.m_pBody->position == b.m_pBody->position;
 }
 
 // ---- CVertexLinearCombination ------------------------------------------------
 
-template <class T>
-CVertexLinearCombination<T>::CVertexLinearCombination() : m_pBody(new SBody())
-{
-}
+template <class T> CVertexLinearCombination<T>::CVertexLinearCombination() : m_pBody(new SBody()) {}
 
 template <class T>
 CVertexLinearCombination<T>::CVertexLinearCombination(CVertexLinearCombination const & other)
@@ -110,11 +92,7 @@ CVertexLinearCombination<T>::CVertexLinearCombination(CVertexLinearCombination c
 {
 }
 
-template <class T>
-CVertexLinearCombination<T>::~CVertexLinearCombination()
-{
-  delete m_pBody;
-}
+template <class T> CVertexLinearCombination<T>::~CVertexLinearCombination() { delete m_pBody; }
 
 template <class T>
 CVertexLinearCombination<T> & CVertexLinearCombination<T>::operator=(CVertexLinearCombination const & other)
@@ -124,8 +102,7 @@ CVertexLinearCombination<T> & CVertexLinearCombination<T>::operator=(CVertexLine
   return *this;
 }
 
-template <class T>
-void CVertexLinearCombination<T>::AddVertex(int vertex, T coeff)
+template <class T> void CVertexLinearCombination<T>::AddVertex(int vertex, T coeff)
 {
   auto found = m_pBody->terms.find(vertex);
   if (found != m_pBody->terms.end())
@@ -134,15 +111,13 @@ void CVertexLinearCombination<T>::AddVertex(int vertex, T coeff)
     m_pBody->terms.emplace(vertex, coeff);
 }
 
-template <class T>
-T CVertexLinearCombination<T>::VertexCoeff(int vertex) const
+template <class T> T CVertexLinearCombination<T>::VertexCoeff(int vertex) const
 {
   auto found = m_pBody->terms.find(vertex);
   return found != m_pBody->terms.end() ? found->second : T(0);
 }
 
-template <class T>
-CLinearCombIterator<T> const CVertexLinearCombination<T>::begin() const
+template <class T> CLinearCombIterator<T> const CVertexLinearCombination<T>::begin() const
 {
   auto * body = new typename CLinearCombIterator<T>::SBody();
   body->position = m_pBody->terms.begin();
@@ -150,8 +125,7 @@ CLinearCombIterator<T> const CVertexLinearCombination<T>::begin() const
   return CLinearCombIterator<T>(body);
 }
 
-template <class T>
-CLinearCombIterator<T> const CVertexLinearCombination<T>::end() const
+template <class T> CLinearCombIterator<T> const CVertexLinearCombination<T>::end() const
 {
   auto * body = new typename CLinearCombIterator<T>::SBody();
   body->position = m_pBody->terms.end();
@@ -159,8 +133,7 @@ CLinearCombIterator<T> const CVertexLinearCombination<T>::end() const
   return CLinearCombIterator<T>(body);
 }
 
-template <class T>
-CVertexLinearCombination<T> & CVertexLinearCombination<T>::operator*=(T factor)
+template <class T> CVertexLinearCombination<T> & CVertexLinearCombination<T>::operator*=(T factor)
 {
   for (auto & term : m_pBody->terms)
     term.second *= factor;
@@ -180,7 +153,8 @@ CVertexLinearCombination<T> & CVertexLinearCombination<T>::operator+=(CVertexLin
 // ---- evaluation --------------------------------------------------------------
 
 template <class T>
-T EvaluateLinCombination(CVertexLinearCombination<T> const & combination, IVertexPosInformer<T> const & informer)
+T EvaluateLinCombination(CVertexLinearCombination<T> const & combination,
+                         IVertexPosInformer<T> const & informer)
 {
   T sum = T(0);
   for (auto it = combination.begin(), end = combination.end(); it != end; ++it)
@@ -200,7 +174,8 @@ template class CVertexLinearCombination<float>;
 template class CVertexLinearCombination<double>;
 template bool operator==(CLinearCombIterator<float> const &, CLinearCombIterator<float> const &);
 template bool operator==(CLinearCombIterator<double> const &, CLinearCombIterator<double> const &);
-template float EvaluateLinCombination(CVertexLinearCombination<float> const &, IVertexPosInformer<float> const &);
+template float EvaluateLinCombination(CVertexLinearCombination<float> const &,
+                                      IVertexPosInformer<float> const &);
 template double EvaluateLinCombination(CVertexLinearCombination<double> const &,
                                        IVertexPosInformer<double> const &);
 } // namespace REmath

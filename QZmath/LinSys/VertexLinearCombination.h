@@ -11,8 +11,7 @@
 namespace REmath
 {
 /// One term of an equation: a vertex and its coefficient.
-template <class T>
-class CVertexMonom
+template <class T> class CVertexMonom
 {
 public:
   CVertexMonom() : m_iVertexIdx(0), m_coeff(0) {}
@@ -31,17 +30,13 @@ private:
   T m_coeff;
 };
 
-template <class T>
-class CVertexLinearCombination;
-template <class T>
-class CLinearCombIterator;
+template <class T> class CVertexLinearCombination;
+template <class T> class CLinearCombIterator;
 
 /// Two iterators are equal when they stand at the same term; the copied term
 /// they carry takes no part in the comparison.
-template <class T>
-bool operator==(CLinearCombIterator<T> const & a, CLinearCombIterator<T> const & b);
-template <class T>
-bool operator!=(CLinearCombIterator<T> const & a, CLinearCombIterator<T> const & b)
+template <class T> bool operator==(CLinearCombIterator<T> const & a, CLinearCombIterator<T> const & b);
+template <class T> bool operator!=(CLinearCombIterator<T> const & a, CLinearCombIterator<T> const & b)
 {
   return !(a == b);
 }
@@ -50,8 +45,7 @@ bool operator!=(CLinearCombIterator<T> const & a, CLinearCombIterator<T> const &
 /// It carries a copy of the current term, so the term it shows stays valid
 /// while the combination changes coefficients, but adding new vertices to the
 /// combination during a walk is not allowed.
-template <class T>
-class CLinearCombIterator
+template <class T> class CLinearCombIterator
 {
 public:
   CLinearCombIterator(CLinearCombIterator const & other);
@@ -79,8 +73,7 @@ private:
 
 /// An equation: at most one term per vertex, terms kept in ascending vertex
 /// order, zero coefficients kept (nothing prunes them). Copies are deep.
-template <class T>
-class CVertexLinearCombination
+template <class T> class CVertexLinearCombination
 {
 public:
   typedef CLinearCombIterator<T> const_iterator;
@@ -109,8 +102,7 @@ private:
 };
 
 /// The source of fixed positions: one scalar per vertex.
-template <class T>
-class IVertexPosInformer
+template <class T> class IVertexPosInformer
 {
 public:
   virtual ~IVertexPosInformer() = default;
@@ -118,8 +110,7 @@ public:
 };
 
 /// The sink of solved positions: one call per free vertex.
-template <class T>
-class IEqSysResultReciever
+template <class T> class IEqSysResultReciever
 {
 public:
   virtual ~IEqSysResultReciever() = default;
@@ -130,7 +121,8 @@ public:
 /// starting from 0. A term whose coefficient is exactly 0 is skipped, so the
 /// informer is never asked about its vertex.
 template <class T>
-T EvaluateLinCombination(CVertexLinearCombination<T> const & combination, IVertexPosInformer<T> const & informer);
+T EvaluateLinCombination(CVertexLinearCombination<T> const & combination,
+                         IVertexPosInformer<T> const & informer);
 
 extern template class CVertexMonom<float>;
 extern template class CVertexMonom<double>;
