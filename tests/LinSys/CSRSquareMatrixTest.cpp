@@ -1,0 +1,262 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "EquationTestSupport.h"
+#include "QZmath/LinSys/CSRSquareMatrix.h"
+
+using namespace REmath;
+using linsys_test::CDenseTestStorage;
+using linsys_test::denseProduct;
+using linsys_test::densify;
+using linsys_test::randomSparseDense;
+
+namespace
+{
+template <class T> std::vector<int> rowIndexOf(CCSRSquareMatrix<T> const & m)
+{
+  return std::vector<int>(m.getRowIndex(), m.getRowIndex() + m.getRowIndexSize());
+}
+
+// Fills a matrix from a dense one in row-major order; an upper-only filler
+// receives every element and must drop the lower ones itself.
+template <class T>
+CCSRSquareMatrix<T> fromDense(std::vector<T> const & a, int n, int base, bool upperOnly, bool preallocate)
+{
+  int count = 0;
+  for (int i = 0; i < n; ++i)
+    for (int j = upperOnly ? i : 0; j < n; ++j)
+      count += a[static_cast<size_t>(i) * n + j] != T(0);
+  CCSRSquareMatrix<T> m;
+  CCSRSquareMatrixFiller<T> f(&m, n, preallocate ? count : -1, base, upperOnly);
+  bool ok = true;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j)
+      if (a[static_cast<size_t>(i) * n + j] != T(0))
+        ok = f.pushByRawNextNonZeroElement(i + base, j + base, a[static_cast<size_t>(i) * n + j]) && ok;
+  EXPECT_TRUE(ok && (f.isCompleted() || (!preallocate && f.setCompleted())));
+  return m;
+}
+
+template <class T> class CsrMatrix : public ::testing::Test
+{
+};
+using Scalars = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(CsrMatrix, Scalars);
+} // namespace
+
+TEST(CsrFiller, JumpedRowsAreEmptyRowsBehindStayUnsetAndLowerElementsAreDropped)
+{
+  CCSRSquareMatrix<double> m;
+  CCSRSquareMatrixFiller<double> f(&m, 6, -1, 1, true);
+  EXPECT_TRUE(f.pushByRawNextNonZeroElement(1, 2, 1.0));
+  EXPECT_TRUE(f.pushByRawNextNonZeroElement(4, 4, 2.0));
+  EXPECT_TRUE(f.pushByRawNextNonZeroElement(5, 4, 9.0)); // below the diagonal: dropped
+  // Had the dropped element moved the last row to 5, row 4 would be closed.
+  EXPECT_TRUE(f.pushByRawNextNonZeroElement(4, 6, 3.0));
+  EXPECT_EQ(rowIndexOf(m), (std::vector<int>{1, 2, 2, 2, 4, -1, -1}));
+  EXPECT_EQ(std::vector<int>(m.getCsrColumns(), m.getCsrColumns() + 3), (std::vector<int>{2, 4, 6}));
+  EXPECT_EQ(m.getCsrPointerE(), m.getCsrPointerB() + 1);
+  EXPECT_FALSE(isCsrRowIndexComplete(m));
+  EXPECT_EQ(makeCompleteCsrRowIndex(m), (std::vector<int>{1, 2, 2, 2, 4, 4, 4}));
+}
+
+TEST(CsrFiller, OrderViolationsAndOutOfRangeElementsSpoilForGood)
+{
+  struct Case
+  {
+    char const * what;
+    int row, column;
+  };
+  // Each case follows a valid push of (1, 1) into a 3 x 3 matrix of base 0.
+  Case const cases[] = {{"same element twice", 1, 1},   {"column going back", 1, 0},
+                        {"row going back", 0, 2},       {"row past the size", 3, 0},
+                        {"column past the size", 2, 3}, {"negative column", 2, -1}};
+  for (Case const & c : cases)
+  {
+    CCSRSquareMatrix<double> m;
+    CCSRSquareMatrixFiller<double> f(&m, 3, -1, 0, false);
+    ASSERT_TRUE(f.pushByRawNextNonZeroElement(1, 1, 1.0));
+    EXPECT_FALSE(f.pushByRawNextNonZeroElement(c.row, c.column, 2.0)) << c.what;
+    EXPECT_TRUE(f.isSpoiled()) << c.what;
+    EXPECT_FALSE(f.pushByRawNextNonZeroElement(2, 2, 3.0)) << c.what << ": spoiled is final";
+    EXPECT_FALSE(f.setCompleted() || f.isCompleted()) << c.what;
+    EXPECT_EQ(m.getCsrValuesSize(), 1) << c.what;
+  }
+  CCSRSquareMatrix<float> m;
+  CCSRSquareMatrixFiller<float> oneBased(&m, 2, -1, 1, false);
+  EXPECT_FALSE(oneBased.pushByRawNextNonZeroElement(0, 1, 1.f)) << "row 0 is below the base";
+}
+
+TEST(CsrFiller, CompletionDependsOnTheMemoryMode)
+{
+  CCSRSquareMatrix<double> m;
+  CCSRSquareMatrixFiller<double> pre(&m, 3, 2, 0, false);
+  EXPECT_EQ(m.getMemoryPolicy(), eCSRmemoryPreallocated);
+  EXPECT_TRUE(pre.pushByRawNextNonZeroElement(0, 0, 1.0) && !pre.isCompleted());
+  EXPECT_TRUE(pre.pushByRawNextNonZeroElement(1, 1, 2.0) && pre.isCompleted());
+  EXPECT_FALSE(pre.pushByRawNextNonZeroElement(2, 2, 3.0)) << "no room for a third element";
+  CCSRSquareMatrixFiller<double> full(&m, 1, 1, 0, false);
+  EXPECT_TRUE(full.pushByRawNextNonZeroElement(0, 0, 1.0));
+  EXPECT_FALSE(full.setCompleted()) << "a preallocated filler is only tested with isCompleted";
+  EXPECT_TRUE(full.isSpoiled());
+
+  CCSRSquareMatrixFiller<double> growing(&m, 2, -1, 0, false);
+  EXPECT_EQ(m.getMemoryPolicy(), eCSRmemoryIncreasing);
+  growing.reserveMemory(64);
+  EXPECT_TRUE(growing.pushByRawNextNonZeroElement(0, 1, 1.0) && growing.setCompleted() &&
+              growing.isCompleted());
+  EXPECT_FALSE(growing.pushByRawNextNonZeroElement(1, 1, 1.0)) << "a completed filler is full";
+  EXPECT_FALSE(CCSRSquareMatrixFiller<double>(&m, 2, -1, 0, false).setCompleted()) << "nothing pushed";
+  CCSRSquareMatrixFiller<double> reserving(&m, 2, 3, 0, false);
+  reserving.reserveMemory(10);
+  EXPECT_TRUE(reserving.isSpoiled()) << "reservation needs growing memory";
+  EXPECT_FALSE(
+      CCSRSquareMatrixFiller<double>(nullptr, 2, 3, 0, false).pushByRawNextNonZeroElement(0, 0, 1.0));
+  m.initMemory(2, 0, eCSRindexBaseOne, false);
+  EXPECT_TRUE(CCSRSquareMatrixFiller<double>(&m, 5, -1, 2, false).isSpoiled());
+  EXPECT_EQ(m.getMatrixSize(), 2) << "a filler with a bad base leaves the target alone";
+}
+
+TYPED_TEST(CsrMatrix, SubMatrixIsTheDenseBlockWithShiftedColumnsAndTheSourceBase)
+{
+  using T = TypeParam;
+  int const n = 9;
+  for (int base : {0, 1})
+  {
+    for (bool upper : {false, true})
+    {
+      std::vector<T> const a = randomSparseDense<T>(n, 4, upper, 17u + base);
+      CCSRSquareMatrix<T> const source = fromDense(a, n, base, upper, base == 1);
+      for (auto range : {std::pair<int, int>{1, 3}, {0, 9}, {4, 9}, {5, 5}, {2, 7}})
+      {
+        CCSRSquareMatrix<T> block;
+        block.makeSelfSubMatrix(range.first, range.second, source);
+        int const k = range.second - range.first;
+        ASSERT_EQ(block.getMatrixSize(), k);
+        EXPECT_EQ(block.getIndexBase(), base);
+        EXPECT_EQ(block.isUpperTriangleOnlyStored(), upper);
+        std::vector<T> expected(static_cast<size_t>(k) * k);
+        for (int i = 0; i < k; ++i)
+          for (int j = 0; j < k; ++j)
+            expected[static_cast<size_t>(i) * k + j] =
+                a[static_cast<size_t>(i + range.first) * n + j + range.first];
+        EXPECT_EQ(densify(block), expected)
+            << "base " << base << " block " << range.first << ".." << range.second;
+      }
+    }
+  }
+  // A block of itself, whose last row was never filled.
+  CCSRSquareMatrix<T> m;
+  {
+    CCSRSquareMatrixFiller<T> f(&m, 3, -1, 1, false);
+    f.pushByRawNextNonZeroElement(1, 1, T(1));
+    f.pushByRawNextNonZeroElement(2, 3, T(2));
+  }
+  m.makeSelfSubMatrix(1, 3, m);
+  EXPECT_EQ(rowIndexOf(m), (std::vector<int>{1, 2, 2}));
+  EXPECT_EQ(m.getCsrColumns()[0], 2);
+}
+
+TYPED_TEST(CsrMatrix, ConversionOfASystemEqualsItsDenseForm)
+{
+  using T = TypeParam;
+  int const n = 12;
+  std::vector<T> const a = randomSparseDense<T>(n, 3, false, 5u);
+  CDenseTestStorage<T> system;
+  linsys_test::buildSystem(system, a, n, false);
+  std::vector<T> upperPart = a;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < i; ++j)
+      upperPart[static_cast<size_t>(i) * n + j] = T(0);
+  for (int base : {0, 1})
+  {
+    CCSRSquareMatrix<T> const full = LinearSystem2CsrMatrix<T>(system, base, false);
+    EXPECT_EQ(full.getIndexBase(), base);
+    EXPECT_EQ(densify(full), a);
+    CCSRSquareMatrix<T> const upper = LinearSystem2CsrMatrix<T>(system, base, true);
+    EXPECT_FALSE(upper.isUpperTriangleOnlyStored()) << "only the walk filters the triangle";
+    EXPECT_EQ(densify(upper), upperPart);
+  }
+
+  CDenseTestStorage<T> zero;
+  zero.DefineFreeVertex(0);
+  zero.AddEquation(linsys_test::eq<T>({{0, 0}}));
+  EXPECT_EQ(LinearSystem2CsrMatrix<T>(zero, 1, false).getNonZeroValuesNumber(), 0);
+  EXPECT_EQ(LinearSystem2CsrMatrix<T>(CDenseTestStorage<T>(), 0, true).getMatrixSize(), 0);
+  try
+  {
+    LinearSystem2CsrMatrix<T>(zero, 3, false);
+    ADD_FAILURE() << "a base of 3 must not be accepted";
+  }
+  catch (std::logic_error const & error)
+  {
+    EXPECT_EQ(std::string(error.what()), "REmath::LinearSystem2CsrMatrix internal error");
+  }
+}
+
+TYPED_TEST(CsrMatrix, ProductsMatchTheDenseReferenceForBothBasesAndBothForms)
+{
+  using T = TypeParam;
+  double const tolerance = sizeof(T) == 4 ? 1e-5 : 1e-13;
+  for (int n : {1, 2, 7, 60, 257})
+  {
+    for (int base : {0, 1})
+    {
+      for (bool upper : {false, true})
+      {
+        std::vector<T> const a = randomSparseDense<T>(n, 6, upper, 1000u + n + base);
+        CCSRSquareMatrix<T> const m = fromDense(a, n, base, upper, (n + base) % 2 == 0);
+        std::vector<T> x(static_cast<size_t>(n));
+        for (int i = 0; i < n; ++i)
+          x[i] = static_cast<T>(std::sin(1.0 + i));
+        std::vector<double> const expected = denseProduct(a, n, x);
+        std::vector<T> y(static_cast<size_t>(n), T(-99));
+        MatrixMultVector(n, y.data(), m, x.data());
+        for (int i = 0; i < n; ++i)
+          ASSERT_NEAR(y[i], expected[i], tolerance * 50)
+              << "n " << n << " base " << base << " upper " << upper;
+      }
+    }
+  }
+}
+
+TYPED_TEST(CsrMatrix, ProductToleratesUnfinishedRowsEmptyMatricesAndAliasing)
+{
+  using T = TypeParam;
+  std::vector<T> const x = {T(1), T(2), T(3), T(4), T(5)};
+  for (int base : {0, 1})
+  {
+    for (bool upper : {false, true})
+    {
+      // Rows 0 and 2 of 5 filled; rows 3 and 4 keep -1 in the row index.
+      CCSRSquareMatrix<T> m;
+      CCSRSquareMatrixFiller<T> f(&m, 5, -1, base, upper);
+      f.pushByRawNextNonZeroElement(0 + base, 0 + base, T(2));
+      f.pushByRawNextNonZeroElement(0 + base, 4 + base, T(1));
+      f.pushByRawNextNonZeroElement(2 + base, 3 + base, T(3));
+      std::vector<T> expected = {T(7), T(0), T(12), T(upper ? 9 : 0), T(upper ? 1 : 0)};
+      std::vector<T> y(5, T(-1));
+      MatrixMultVector(5, y.data(), m, x.data());
+      EXPECT_EQ(y, expected) << "base " << base << " upper " << upper;
+      EXPECT_EQ(m.getRowIndex()[4], -1) << "the product must not repair the matrix itself";
+      std::vector<T> same = x;
+      MatrixMultVector(5, same.data(), m, same.data());
+      EXPECT_EQ(same, expected) << "result and vector may be one array";
+    }
+  }
+  CCSRSquareMatrix<T> nothing;
+  nothing.initMemory(5, 0, eCSRindexBaseOne, false);
+  std::vector<T> y(5, T(7));
+  MatrixMultVector(5, y.data(), nothing, x.data());
+  EXPECT_EQ(y, std::vector<T>(5, T(0)));
+  MatrixMultVector(0, static_cast<T *>(nullptr), CCSRSquareMatrix<T>(), static_cast<T const *>(nullptr));
+  y.assign(5, T(7));
+  MatrixMultVector(5, y.data(), fromDense(std::vector<T>{T(1), T(2), T(3), T(4)}, 2, 0, false, true),
+                   x.data());
+  EXPECT_EQ(y, std::vector<T>(5, T(0))) << "a size other than the matrix size gives zeros";
+}
