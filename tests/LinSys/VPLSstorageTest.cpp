@@ -12,11 +12,6 @@ using namespace REmath;
 
 namespace
 {
-template <class T> struct ConstantInformer : IVertexPosInformer<T>
-{
-  T GetVertexPosition(int vertex) const override { return static_cast<T>(vertex % 7 - 3); }
-};
-
 /// A system of n free vertices (identifiers in falling order, so free indices
 /// do not rise with them) and m fixed ones, with random equations that keep a
 /// dense reference of their free coefficients.
@@ -72,6 +67,11 @@ template <class T> CVertexLinearCombination<T> equation(std::initializer_list<st
   return e;
 }
 template <class S> using ElementOf = decltype(std::declval<S const &>().GetFreeVertCoeff(0, 0));
+template <class S> constexpr bool hasShiftedRows()
+{
+  return std::is_same<typename S::RowType,
+                      typename CShiftedVectorAsVPLstorageRow<ElementOf<S>>::RowType>::value;
+}
 } // namespace
 
 template <class S> class VPLSstorage : public ::testing::Test
@@ -85,7 +85,7 @@ using Storages = ::testing::Types<CVPLSstorage<float, CStdVectorAsVPLSstorageRow
                                   CVPLSstorage<double, CSparseVectorAsVPLSstorageRow<double>>>;
 TYPED_TEST_SUITE(VPLSstorage, Storages);
 
-TYPED_TEST(VPLSstorage, RowProductsMatchTheDenseReference)
+TYPED_TEST(VPLSstorage, RowsMatchTheDenseReference)
 {
   using S = TypeParam;
   using T = ElementOf<S>;
@@ -96,7 +96,6 @@ TYPED_TEST(VPLSstorage, RowProductsMatchTheDenseReference)
     S s;
     EXPECT_FALSE(s.IsMatrixAllocated());
     sys.build(s);
-    ASSERT_FALSE(s.IsSpoiled());
     ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
     EXPECT_TRUE(s.IsMatrixAllocated());
 
@@ -109,7 +108,13 @@ TYPED_TEST(VPLSstorage, RowProductsMatchTheDenseReference)
     {
       double ref = 0;
       for (int c = 0; c < sys.n; ++c)
+      {
         ref += static_cast<double>(sys.dense[k][c]) * static_cast<double>(x[c]);
+        if (!hasShiftedRows<S>()) // shifted rows do not read single elements as the matrix's
+        {
+          EXPECT_EQ(s.GetFreeVertCoeff(k, c), sys.dense[k][c]);
+        }
+      }
       EXPECT_NEAR(s.ScalarProductByMatrixRow(k, sys.n, x.data()), ref, tol) << "row " << k;
     }
   }
@@ -129,17 +134,6 @@ TYPED_TEST(VPLSstorage, MisuseSpoils)
     EXPECT_EQ(s.GetEquationsNumber(), 0);
   }
   {
-    // One equation more than free vertices.
-    S s;
-    s.DefineFreeVertex(1);
-    s.AddEquation(equation<T>({{1, 1.0}}));
-    EXPECT_FALSE(s.IsSpoiled());
-    s.AddEquation(equation<T>({{1, 2.0}}));
-    EXPECT_TRUE(s.IsSpoiled());
-    EXPECT_EQ(s.GetEquationsNumber(), 1);
-    EXPECT_FALSE(s.IsCorrectlyDefinedSystem());
-  }
-  {
     // Without fixed vertices, free ones may still come after the rows were
     // made; they do not fit the rows, and the next equation spoils.
     S s;
@@ -152,16 +146,10 @@ TYPED_TEST(VPLSstorage, MisuseSpoils)
     EXPECT_TRUE(s.IsSpoiled());
   }
   {
-    // A spoiled system allocates no rows.
+    // A spoiled system allocates no rows, and reads of absent rows give 0.
     S s;
     s.DefineFreeVertex(1);
     s.Spoil();
-    s.AllocateMatrix();
-    EXPECT_FALSE(s.IsMatrixAllocated());
-  }
-  {
-    // No free vertex: nothing to allocate, and reads of absent rows give 0.
-    S s;
     s.AllocateMatrix();
     EXPECT_FALSE(s.IsMatrixAllocated());
     T const v[1] = {T(1)};
@@ -194,47 +182,6 @@ TYPED_TEST(VPLSstorage, CopyIsDeepAndSymmetryIsOnlyAFlag)
   EXPECT_EQ(s.ScalarProductByMatrixRow(1, 2, x), T(0)); // not added to the original
 }
 
-// ---- element reads, per adapter -------------------------------------------------------
-
-template <class S> class VPLSstorageElements : public ::testing::Test
-{
-};
-using ElementStorages = ::testing::Types<CVPLSstorage<double, CStdVectorAsVPLSstorageRow<double>>,
-                                         CVPLSstorage<float, CSparseVectorAsVPLSstorageRow<float>>>;
-TYPED_TEST_SUITE(VPLSstorageElements, ElementStorages);
-
-TYPED_TEST(VPLSstorageElements, ElementsAreTheFreeCoefficients)
-{
-  using S = TypeParam;
-  using T = ElementOf<S>;
-  RandomSystem<T> const sys(9, 3, 5);
-  S s;
-  sys.build(s);
-  ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
-  for (int k = 0; k < sys.n; ++k)
-  {
-    for (int c = 0; c < sys.n; ++c)
-      EXPECT_EQ(s.GetFreeVertCoeff(k, c), sys.dense[k][c]);
-    EXPECT_EQ(s.GetFreeVertCoeff(k, sys.n), T(0));
-    EXPECT_EQ(s.GetFreeVertCoeff(k, -1), T(0));
-  }
-  // The fixed half went to the manager: the right part is -G p.
-  std::vector<T> rhs(sys.n);
-  s.SetSingleRightPart(rhs.data(), ConstantInformer<T>());
-  ConstantInformer<T> const p;
-  for (int k = 0; k < sys.n; ++k)
-  {
-    T expect = 0;
-    for (int id : sys.fixedIds)
-    {
-      T const c = sys.equations[k].VertexCoeff(id);
-      if (c != T(0))
-        expect += T(0) - c * p.GetVertexPosition(id);
-    }
-    EXPECT_EQ(rhs[k], expect);
-  }
-}
-
 TEST(VPLSstorageRows, ShiftedRowsTrimBothEnds)
 {
   using A = CShiftedVectorAsVPLstorageRow<double>;
@@ -251,18 +198,15 @@ TEST(VPLSstorageRows, ShiftedRowsTrimBothEnds)
   EXPECT_EQ(A::getCoeff(row, 2), 0.0); // past the values
   EXPECT_EQ(A::getCoeff(row, -1), 1.0);
 
+  EXPECT_EQ(A::scalarProduct(row, 2, v), 20.0); // a short vector is not read past its end
+
   double const zeros[3] = {0, -0.0, 0};
   A::assignRowByArray(&row, 3, zeros);
   EXPECT_TRUE(row.m_values.empty());
   EXPECT_EQ(A::scalarProduct(row, 3, v), 0.0);
-
   double const nan[3] = {0, std::nan(""), 0};
   A::assignRowByArray(&row, 3, nan);
-  EXPECT_EQ(row.m_iFirstPos, 1);
-  EXPECT_EQ(row.m_values.size(), 1u);
-  // A caller's short vector is not read past its end.
-  A::assignRowByArray(&row, 5, inner);
-  EXPECT_EQ(A::scalarProduct(row, 2, v), 20.0);
+  EXPECT_EQ(row.m_values.size(), 1u); // NaN is not zero
 }
 
 TEST(VPLSstorageRows, LastFreeVertexAloneGivesAOneValueShiftedRow)

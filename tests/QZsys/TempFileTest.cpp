@@ -70,11 +70,3 @@ TEST(TempFile, FailureIsABadAllocation)
     EXPECT_STREQ(e.what(), "bad allocation");
   }
 }
-
-TEST(TempFile, EmptyTmpDirMeansTmp)
-{
-  ScopedTmpDir dir("");
-  std::FILE * f = OpenTemporaryFile(nullptr);
-  ASSERT_NE(f, nullptr);
-  std::fclose(f);
-}
