@@ -1,0 +1,428 @@
+#include "QZmath/VolTriang/OctreeFuncBasis.h"
+
+#include <cmath>
+
+namespace VolTr
+{
+// ---------------------------------------------------------------- COctreeFuncEvalHelper
+
+COctreeFuncEvalHelper::COctreeFuncEvalHelper(int regionsNumber, double regionHalfSize)
+    : m_regionsNumber(regionsNumber > 0 ? regionsNumber : 0), m_regionHalfSize(regionHalfSize),
+      m_regions(static_cast<std::size_t>(m_regionsNumber))
+{
+}
+
+int COctreeFuncEvalHelper::getCashedRegionindex(double const * const p)
+{
+  for (int r = 0; r < m_regionsNumber; ++r)
+  {
+    Region & region = m_regions[static_cast<std::size_t>(r)];
+    if (region.hits < 0)
+      continue;
+    double const * lo = region.box.getMin();
+    double const * hi = region.box.getMax();
+    if (lo[0] <= p[0] && p[0] <= hi[0] && lo[1] <= p[1] && p[1] <= hi[1] && lo[2] <= p[2] && p[2] <= hi[2])
+    {
+      ++region.hits;
+      return r;
+    }
+  }
+  return -1;
+}
+
+int COctreeFuncEvalHelper::recordNewRegion(double const * const p)
+{
+  if (m_regionsNumber == 0)
+    return -1;
+  int slot = -1;
+  for (int r = 0; r < m_regionsNumber && slot < 0; ++r)
+    if (m_regions[static_cast<std::size_t>(r)].hits < 0)
+      slot = r;
+  if (slot < 0)
+  {
+    slot = 0;
+    for (int r = 1; r < m_regionsNumber; ++r)
+      if (m_regions[static_cast<std::size_t>(r)].hits < m_regions[static_cast<std::size_t>(slot)].hits)
+        slot = r;
+  }
+  Region & region = m_regions[static_cast<std::size_t>(slot)];
+  region.box = CParallelepiped(p[0] - m_regionHalfSize, p[0] + m_regionHalfSize, p[1] - m_regionHalfSize,
+                               p[1] + m_regionHalfSize, p[2] - m_regionHalfSize, p[2] + m_regionHalfSize);
+  region.hits = 0;
+  region.indexes.clear();
+  region.coeffs.clear();
+  return slot;
+}
+
+void COctreeFuncEvalHelper::enlargeRegion(CParallelepiped * box) const
+{
+  for (int a = 0; a < 3; ++a)
+  {
+    box->getMinMod()[a] -= m_regionHalfSize;
+    box->getMaxMod()[a] += m_regionHalfSize;
+  }
+}
+
+void COctreeFuncEvalHelper::recordIndexInfo(int region, int basisIndex, double coefficient)
+{
+  if (region < 0 || region >= m_regionsNumber)
+    return;
+  Region & r = m_regions[static_cast<std::size_t>(region)];
+  r.indexes.push_back(basisIndex);
+  r.coeffs.push_back(coefficient);
+}
+
+std::vector<int>::const_iterator COctreeFuncEvalHelper::getBasisIndexesBegin(int region) const
+{
+  return m_regions[static_cast<std::size_t>(region)].indexes.begin();
+}
+std::vector<int>::const_iterator COctreeFuncEvalHelper::getBasisIndexesEnd(int region) const
+{
+  return m_regions[static_cast<std::size_t>(region)].indexes.end();
+}
+std::vector<double>::const_iterator COctreeFuncEvalHelper::getCoeffsBegin(int region) const
+{
+  return m_regions[static_cast<std::size_t>(region)].coeffs.begin();
+}
+std::vector<double>::const_iterator COctreeFuncEvalHelper::getCoeffsEnd(int region) const
+{
+  return m_regions[static_cast<std::size_t>(region)].coeffs.end();
+}
+
+// ---------------------------------------------------------------- the basis
+
+template <class TKernel> class COctreeFuncBasisImpl
+{
+public:
+  COctreeFuncBasisImpl(TKernel const & s, COctree const * o, int level) : octree(o), sample(s), derivativeLevel(level)
+  {
+    int const end = octree->getNodeDepthEnd();
+    int const begin = octree->getNodeDepthBegin();
+    argumentScales.reserve(static_cast<std::size_t>(end));
+    normalizations.reserve(static_cast<std::size_t>(end));
+    scaledSupports.reserve(static_cast<std::size_t>(end));
+    CParallelepiped const & support = sample.getCommonSupportRef();
+    for (int d = 0; d < end; ++d)
+    {
+      if (d < begin)
+      {
+        argumentScales.push_back(0.0);
+        normalizations.push_back(0.0);
+        scaledSupports.push_back(CParallelepiped());
+        continue;
+      }
+      double const h = octree->getCellSize(d);
+      double const s = 1.0 / h;
+      argumentScales.push_back(s);
+      // s^level by repeated multiplication, then the three factors of the volume.
+      double n = 1.0;
+      for (int l = 0; l < derivativeLevel; ++l)
+        n *= s;
+      normalizations.push_back(s * s * s * n);
+      CParallelepiped box;
+      for (int a = 0; a < 3; ++a)
+      {
+        box.getMinMod()[a] = support.getMin()[a] * h;
+        box.getMaxMod()[a] = support.getMax()[a] * h;
+      }
+      scaledSupports.push_back(box);
+    }
+  }
+  virtual ~COctreeFuncBasisImpl() = default;
+
+  // The kernel's argument for node `node` at p: (c - p) * (0.0 - s), the form
+  // that gives bit-equal values on every path.
+  double kernelAt(int node, double const * p) const
+  {
+    CTreeNode const & n = octree->getNodesTable()[static_cast<std::size_t>(node)];
+    int const d = n.depth();
+    double const s = argumentScales[static_cast<std::size_t>(d)];
+    double const * boxMin = octree->getBoxMin();
+    double const unit = octree->getUnit();
+    double const c[3] = {n.shift().x() * unit + boxMin[0], n.shift().y() * unit + boxMin[1],
+                         n.shift().z() * unit + boxMin[2]};
+    double const arg[3] = {(c[0] - p[0]) * (0.0 - s), (c[1] - p[1]) * (0.0 - s), (c[2] - p[2]) * (0.0 - s)};
+    return sample.eval(arg);
+  }
+
+  COctree const * octree;
+  TKernel sample;
+  std::vector<double> argumentScales;
+  std::vector<double> normalizations;
+  std::vector<CParallelepiped> scaledSupports;
+  int derivativeLevel;
+};
+
+template <class TKernel>
+COctreeFuncBasisTmpl<TKernel>::COctreeFuncBasisTmpl(TKernel const & sample, COctree const * octree,
+                                                    int derivativeLevel)
+    : m_impl(new COctreeFuncBasisImpl<TKernel>(sample, octree, derivativeLevel))
+{
+}
+
+template <class TKernel> COctreeFuncBasisTmpl<TKernel>::~COctreeFuncBasisTmpl() = default;
+
+template <class TKernel> int COctreeFuncBasisTmpl<TKernel>::getFunctionsNumber() const
+{
+  return m_impl->octree->getNodesNumber();
+}
+
+template <class TKernel> CCSFunc3Tmpl<TKernel> COctreeFuncBasisTmpl<TKernel>::makeFunctionByIndex(int node) const
+{
+  COctree const & o = *m_impl->octree;
+  CTreeNode const & n = o.getNode(node);
+  int const d = n.depth();
+  int const ijk[3] = {n.shift().x(), n.shift().y(), n.shift().z()};
+  double const unit = o.getUnit();
+  double const * boxMin = o.getBoxMin();
+  double const shift[3] = {boxMin[0] + ijk[0] * unit, boxMin[1] + ijk[1] * unit, boxMin[2] + ijk[2] * unit};
+  return CCSFunc3Tmpl<TKernel>(&m_impl->sample, shift, ijk, m_impl->argumentScales[static_cast<std::size_t>(d)],
+                               m_impl->normalizations[static_cast<std::size_t>(d)], d);
+}
+
+template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::evalKernelAt(int node, double const * p) const
+{
+  return m_impl->kernelAt(node, p);
+}
+
+template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::evalBasisValue(int node, double const * p) const
+{
+  int const d = m_impl->octree->getNode(node).depth();
+  return m_impl->kernelAt(node, p) * m_impl->normalizations[static_cast<std::size_t>(d)];
+}
+
+template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::evalBasisValue(int node, float const * p) const
+{
+  double const q[3] = {p[0], p[1], p[2]};
+  return evalBasisValue(node, q);
+}
+
+template <class TKernel> bool COctreeFuncBasisTmpl<TKernel>::isUniform() const { return m_impl->octree->isUniform(); }
+
+template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::getSupportSizeInCells() const
+{
+  double const * hi = m_impl->sample.getCommonSupportRef().getMax();
+  double r = std::fabs(hi[0]);
+  if (std::fabs(hi[1]) > r)
+    r = std::fabs(hi[1]);
+  if (std::fabs(hi[2]) > r)
+    r = std::fabs(hi[2]);
+  return r;
+}
+
+template <class TKernel> COctree const & COctreeFuncBasisTmpl<TKernel>::getOctreeRef() const
+{
+  return *m_impl->octree;
+}
+template <class TKernel> TKernel const * COctreeFuncBasisTmpl<TKernel>::getSamplePtr() const
+{
+  return &m_impl->sample;
+}
+template <class TKernel> int COctreeFuncBasisTmpl<TKernel>::getDerivativeLevel() const
+{
+  return m_impl->derivativeLevel;
+}
+template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::getArgumentScale(int depth) const
+{
+  return m_impl->argumentScales.at(static_cast<std::size_t>(depth));
+}
+template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::getNormalization(int depth) const
+{
+  return m_impl->normalizations.at(static_cast<std::size_t>(depth));
+}
+template <class TKernel>
+CParallelepiped const & COctreeFuncBasisTmpl<TKernel>::getScaledKernelSupportRef(int depth) const
+{
+  return m_impl->scaledSupports.at(static_cast<std::size_t>(depth));
+}
+
+// ---------------------------------------------------------------- the combination
+
+template <class TKernel> class COctreeFuncLinCombImpl
+{
+public:
+  explicit COctreeFuncLinCombImpl(COctreeFuncBasisTmpl<TKernel> const * b)
+      : basis(b), octree(&b->getOctreeRef()), coefficients(static_cast<std::size_t>(b->getFunctionsNumber()), 0.0)
+  {
+  }
+  virtual ~COctreeFuncLinCombImpl() = default;
+
+  COctreeFuncBasisTmpl<TKernel> const * basis;
+  COctree const * octree;
+  std::vector<double> coefficients;
+};
+
+template <class TKernel>
+COctreeFuncLinCombTmpl<TKernel>::COctreeFuncLinCombTmpl(COctreeFuncBasisTmpl<TKernel> const * basis)
+    : m_impl(new COctreeFuncLinCombImpl<TKernel>(basis))
+{
+}
+
+template <class TKernel>
+COctreeFuncLinCombTmpl<TKernel>::COctreeFuncLinCombTmpl(COctreeFuncLinCombTmpl const & other)
+    : m_impl(new COctreeFuncLinCombImpl<TKernel>(*other.m_impl))
+{
+}
+
+template <class TKernel>
+COctreeFuncLinCombTmpl<TKernel> & COctreeFuncLinCombTmpl<TKernel>::operator=(COctreeFuncLinCombTmpl const & other)
+{
+  if (this != &other)
+    *m_impl = *other.m_impl;
+  return *this;
+}
+
+template <class TKernel> COctreeFuncLinCombTmpl<TKernel>::~COctreeFuncLinCombTmpl() = default;
+
+template <class TKernel>
+COctreeFuncBasisTmpl<TKernel> const & COctreeFuncLinCombTmpl<TKernel>::getRelatedBasisRef() const
+{
+  return *m_impl->basis;
+}
+
+template <class TKernel> double COctreeFuncLinCombTmpl<TKernel>::getBasisCoefficient(int node) const
+{
+  return m_impl->coefficients.at(static_cast<std::size_t>(node));
+}
+
+template <class TKernel> void COctreeFuncLinCombTmpl<TKernel>::setBasisCoefficient(int node, double value)
+{
+  m_impl->coefficients.at(static_cast<std::size_t>(node)) = value;
+}
+
+template <class TKernel> std::vector<double> const & COctreeFuncLinCombTmpl<TKernel>::getCoefficients() const
+{
+  return m_impl->coefficients;
+}
+
+template <class TKernel>
+double COctreeFuncLinCombTmpl<TKernel>::eval(double const * p, COctreeFuncEvalHelper * helper) const
+{
+  COctreeFuncBasisTmpl<TKernel> const & basis = *m_impl->basis;
+  COctree const & octree = *m_impl->octree;
+  std::vector<CTreeNode> const & nodes = octree.getNodesTable();
+  double value = 0.0;
+  if (helper)
+  {
+    int const r = helper->getCashedRegionindex(p);
+    if (r >= 0)
+    {
+      auto idx = helper->getBasisIndexesBegin(r);
+      auto const idxEnd = helper->getBasisIndexesEnd(r);
+      auto coeff = helper->getCoeffsBegin(r);
+      for (; idx != idxEnd; ++idx, ++coeff)
+      {
+        int const d = nodes[static_cast<std::size_t>(*idx)].depth();
+        value += basis.getNormalization(d) * *coeff * basis.evalKernelAt(*idx, p);
+      }
+      return value;
+    }
+  }
+  int const region = helper ? helper->recordNewRegion(p) : -1;
+  std::vector<double> const & coefficients = m_impl->coefficients;
+  for (int d = octree.getNodeDepthBegin(); d < octree.getNodeDepthEnd(); ++d)
+  {
+    CParallelepiped box = basis.getScaledKernelSupportRef(d);
+    for (int a = 0; a < 3; ++a)
+    {
+      box.getMinMod()[a] += p[a];
+      box.getMaxMod()[a] += p[a];
+    }
+    if (helper)
+      helper->enlargeRegion(&box);
+    double const normalization = basis.getNormalization(d);
+    for (COctreeInBoxNodeIterator it(&octree, box, d); !it.isFinished(); it.next())
+    {
+      int const node = it.currentNodeIndex();
+      double const a = coefficients[static_cast<std::size_t>(node)];
+      if (a == 0.0)
+        continue;
+      value += normalization * a * basis.evalKernelAt(node, p);
+      if (helper)
+        helper->recordIndexInfo(region, node, a);
+    }
+  }
+  return value;
+}
+
+template <class TKernel>
+double COctreeFuncLinCombTmpl<TKernel>::eval(float const * p, COctreeFuncEvalHelper * helper) const
+{
+  double const q[3] = {p[0], p[1], p[2]};
+  return eval(q, helper);
+}
+
+// ---------------------------------------------------------------- the support iterator
+
+template <class TKernel>
+CInterlacedSupportIteratorTmpl<TKernel>::CInterlacedSupportIteratorTmpl(COctreeFuncBasisTmpl<TKernel> const * basis,
+                                                                        CParallelepiped const & box)
+    : m_box(box), m_basis(basis), m_octree(&basis->getOctreeRef()), m_depth(m_octree->getNodeDepthEnd()),
+      m_current()
+{
+  initForNextDepth();
+}
+
+template <class TKernel> void CInterlacedSupportIteratorTmpl<TKernel>::initForNextDepth()
+{
+  for (;;)
+  {
+    --m_depth;
+    if (m_depth < m_octree->getNodeDepthBegin())
+    {
+      m_depth = -1;
+      m_nodes.reset();
+      return;
+    }
+    // A function whose support meets the box has its centre in the box
+    // enlarged by the support.
+    CParallelepiped const & support = m_basis->getScaledKernelSupportRef(m_depth);
+    CParallelepiped box = m_box;
+    for (int a = 0; a < 3; ++a)
+    {
+      box.getMinMod()[a] += support.getMin()[a];
+      box.getMaxMod()[a] += support.getMax()[a];
+    }
+    m_nodes.emplace(m_octree, box, m_depth);
+    if (!m_nodes->isFinished())
+    {
+      m_current = m_basis->makeFunctionByIndex(m_nodes->currentNodeIndex());
+      return;
+    }
+  }
+}
+
+template <class TKernel> void CInterlacedSupportIteratorTmpl<TKernel>::next()
+{
+  if (m_depth < 0)
+    return;
+  m_nodes->next();
+  if (m_nodes->isFinished())
+  {
+    initForNextDepth();
+    return;
+  }
+  // Scale, normalisation and depth stay: only the position changes.
+  CTreeNode const & n = m_octree->getNode(m_nodes->currentNodeIndex());
+  int * shiftInt = m_current.getArgumentShiftIntMod();
+  double * shift = m_current.getArgumentShiftMod();
+  double const unit = m_octree->getUnit();
+  double const * boxMin = m_octree->getBoxMin();
+  shiftInt[0] = n.shift().x();
+  shiftInt[1] = n.shift().y();
+  shiftInt[2] = n.shift().z();
+  for (int a = 0; a < 3; ++a)
+    shift[a] = boxMin[a] + shiftInt[a] * unit;
+}
+
+template class COctreeFuncBasisImpl<CPiecewisePolynom>;
+template class COctreeFuncBasisImpl<CProductPiecewisePolynom>;
+template class COctreeFuncBasisTmpl<CPiecewisePolynom>;
+template class COctreeFuncBasisTmpl<CProductPiecewisePolynom>;
+template class COctreeFuncLinCombImpl<CPiecewisePolynom>;
+template class COctreeFuncLinCombImpl<CProductPiecewisePolynom>;
+template class COctreeFuncLinCombTmpl<CPiecewisePolynom>;
+template class COctreeFuncLinCombTmpl<CProductPiecewisePolynom>;
+template class CInterlacedSupportIteratorTmpl<CPiecewisePolynom>;
+template class CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom>;
+} // namespace VolTr

@@ -1,0 +1,226 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "QZmath/VolTriang/Kernels.h"
+
+using namespace VolTr;
+
+namespace
+{
+double bspline(double t)
+{
+  if (t >= -1.5 && t < -0.5)
+    return 0.5 * (t + 1.5) * (t + 1.5);
+  if (t >= -0.5 && t < 0.5)
+    return 0.75 - t * t;
+  if (t >= 0.5 && t < 1.5)
+    return 0.5 * (t - 1.5) * (t - 1.5);
+  return 0.0;
+}
+
+double kernelReference(double const * p) { return bspline(p[0]) * bspline(p[1]) * bspline(p[2]); }
+
+template <class K> double evalAt(K const & k, double x, double y, double z)
+{
+  double const p[3] = {x, y, z};
+  return k.eval(p);
+}
+} // namespace
+
+TEST(ApproxGaussian, ValuesOfBothFormsMatchTheSplineProduct)
+{
+  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
+  CPiecewisePolynom const kg = makeApproxGaussian<CPiecewisePolynom>();
+  EXPECT_EQ(evalAt(kp, 0, 0, 0), 0.421875);
+  EXPECT_EQ(evalAt(kg, 0, 0, 0), 0.421875);
+  EXPECT_EQ(evalAt(kp, 1.5, 0, 0), 0.0);
+  EXPECT_EQ(evalAt(kp, -1.5, 0, 0), 0.0); // the left end belongs to the piece, whose value is 0
+  EXPECT_EQ(kg.getTermsNumber(), 27);
+  EXPECT_EQ(kp.summandsNumber(), 1);
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<double> u(-1.7, 1.7);
+  for (int i = 0; i < 2000; ++i)
+  {
+    double const p[3] = {u(rng), u(rng), u(rng)};
+    double const ref = kernelReference(p);
+    EXPECT_NEAR(kp.eval(p), ref, 1e-15);
+    EXPECT_NEAR(kg.eval(p), ref, 1e-13); // the expanded pieces cancel near the knots
+  }
+  // The coefficients are the exact binary values of the pieces.
+  CSingleVarLimitedPolynom const & k = kp.getSummand(0).getMultiplier(0);
+  ASSERT_EQ(k.getPiecesNumber(), 3);
+  EXPECT_EQ(k.getPiece(0).getCoeffs(), (std::vector<double>{1.125, 1.5, 0.5}));
+  EXPECT_EQ(k.getPiece(1).getCoeffs(), (std::vector<double>{0.75, 0.0, -1.0}));
+  EXPECT_EQ(k.getPiece(2).getCoeffs(), (std::vector<double>{1.125, -1.5, 0.5}));
+  EXPECT_EQ(k.getKnot(0), -1.5);
+  EXPECT_EQ(k.getKnot(3), 1.5);
+}
+
+TEST(ApproxGaussian, IntegralsAndSupport)
+{
+  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
+  CPiecewisePolynom const kg = makeApproxGaussian<CPiecewisePolynom>();
+  EXPECT_DOUBLE_EQ(integrateOnSupport(kp), 1.0);
+  EXPECT_NEAR(integrateOnSupport(kg), 1.0, 1e-14);
+  for (int a = 0; a < 3; ++a)
+  {
+    EXPECT_NEAR(integrateOnSupport(DgaussianDx<CProductPiecewisePolynom>(a)), 0.0, 1e-15);
+    EXPECT_NEAR(integrateOnSupport(DgaussianDx<CPiecewisePolynom>(a)), 0.0, 1e-15);
+  }
+  EXPECT_NEAR(integrateOnSupport(makeApproxGaussianLaplacian<CProductPiecewisePolynom>()), 0.0, 1e-15);
+  EXPECT_NEAR(integrateOnSupport(makeApproxGaussianLaplacian<CPiecewisePolynom>()), 0.0, 1e-15);
+  CParallelepiped const & s = kp.getCommonSupportRef();
+  for (int a = 0; a < 3; ++a)
+  {
+    EXPECT_EQ(s.getMin()[a], -1.5);
+    EXPECT_EQ(s.getMax()[a], 1.5);
+  }
+}
+
+TEST(ApproxGaussian, CloseToTheGaussianOfTheSameVariance)
+{
+  // The quadratic B-spline has variance 1/4; its Gaussian is sqrt(2/pi) e^(-2 t^2).
+  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
+  double worst = 0;
+  for (double t = -2.0; t <= 2.0; t += 0.01)
+  {
+    double const g = std::sqrt(2.0 / M_PI) * std::exp(-2.0 * t * t);
+    double const k = evalAt(kp, t, 0, 0) / 0.75; // one axis: divide out k(0)^2 of the others
+    worst = std::max(worst, std::fabs(k / 0.75 - g));
+  }
+  EXPECT_LT(worst, 0.06);
+}
+
+TEST(ApproxGaussian, DerivativesAgreeWithFiniteDifferences)
+{
+  std::mt19937 rng(8);
+  std::uniform_real_distribution<double> u(-1.6, 1.6);
+  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
+  CProductPiecewisePolynom const lapP = makeApproxGaussianLaplacian<CProductPiecewisePolynom>();
+  CPiecewisePolynom const lapG = makeApproxGaussianLaplacian<CPiecewisePolynom>();
+  CProductPiecewisePolynom lapPipeline;
+  kp.makeLaplacian(&lapPipeline);
+  double const h = 1e-5;
+  for (int i = 0; i < 500; ++i)
+  {
+    double p[3] = {u(rng), u(rng), u(rng)};
+    // keep away from the knots, where the second derivative jumps
+    bool nearKnot = false;
+    for (double c : p)
+      for (double knot : {-1.5, -0.5, 0.5, 1.5})
+        nearKnot = nearKnot || std::fabs(c - knot) < 1e-3;
+    if (nearKnot)
+      continue;
+    double lapFd = 0;
+    for (int a = 0; a < 3; ++a)
+    {
+      double q[3] = {p[0], p[1], p[2]}, r[3] = {p[0], p[1], p[2]};
+      q[a] += h;
+      r[a] -= h;
+      double const fd = (kernelReference(q) - kernelReference(r)) / (2 * h);
+      EXPECT_NEAR(DgaussianDx<CProductPiecewisePolynom>(a).eval(p), fd, 1e-7);
+      EXPECT_NEAR(DgaussianDx<CPiecewisePolynom>(a).eval(p), fd, 1e-7);
+      lapFd += (kernelReference(q) - 2 * kernelReference(p) + kernelReference(r)) / (h * h);
+    }
+    EXPECT_NEAR(lapP.eval(p), lapFd, 1e-3);
+    EXPECT_NEAR(lapG.eval(p), lapFd, 1e-3);
+    EXPECT_EQ(lapPipeline.eval(p), lapP.eval(p)); // the pipeline's Laplacian is the same function
+  }
+}
+
+TEST(CCSFunc3, PlacedKernelAndItsPolynomialAgree)
+{
+  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
+  CPiecewisePolynom const kg = makeApproxGaussian<CPiecewisePolynom>();
+  double const c[3] = {0.3, -1.2, 2.5};
+  int const ci[3] = {3, -12, 25};
+  double const s = 4.0, n = 64.0;
+  CCSFunc3Tmpl<CProductPiecewisePolynom> const fp(&kp, c, ci, s, n, 2);
+  CCSFunc3Tmpl<CPiecewisePolynom> const fg(&kg, c, ci, s, n, 2);
+  CProductPiecewisePolynom const pp = polynomByShiftedKernel(fp);
+  CPiecewisePolynom const pg = polynomByShiftedKernel(fg);
+  std::mt19937 rng(2);
+  std::uniform_real_distribution<double> u(-0.45, 0.45);
+  for (int i = 0; i < 1000; ++i)
+  {
+    double const p[3] = {c[0] + u(rng), c[1] + u(rng), c[2] + u(rng)};
+    double const q[3] = {(p[0] - c[0]) * s, (p[1] - c[1]) * s, (p[2] - c[2]) * s};
+    double const ref = n * kernelReference(q);
+    EXPECT_EQ(fp.eval(p), kp.eval(q) * n);
+    EXPECT_NEAR(fp.eval(p), ref, 1e-12);
+    EXPECT_NEAR(fg.eval(p), ref, 1e-12);
+    EXPECT_NEAR(pp.eval(p), ref, 1e-9);
+    EXPECT_NEAR(pg.eval(p), ref, 1e-9);
+    // The summand factors multiply back to the function.
+    double prod = 1;
+    for (int a = 0; a < 3; ++a)
+      prod *= summandByShiftedKernel(fp, 0, a).eval(p[a]);
+    EXPECT_NEAR(prod, ref, 1e-9);
+  }
+  // Integral of a level-0 function scaled by s with N = s^3 is 1.
+  EXPECT_NEAR(integrateOnSupport(pp), 1.0, 1e-12);
+  EXPECT_NEAR(integrateOnSupport(pg), 1.0, 1e-12);
+}
+
+TEST(CCSFunc3, ProductOfPlacedKernelsMatchesPointwise)
+{
+  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
+  CPiecewisePolynom const kg = makeApproxGaussian<CPiecewisePolynom>();
+  double const c1[3] = {0, 0, 0}, c2[3] = {0.5, -0.25, 0.25};
+  int const i1[3] = {0, 0, 0}, i2[3] = {2, -1, 1};
+  CCSFunc3Tmpl<CProductPiecewisePolynom> const f(&kp, c1, i1, 2.0, 8.0, 1), g(&kp, c2, i2, 4.0, 64.0, 2);
+  CCSFunc3Tmpl<CPiecewisePolynom> const fg(&kg, c1, i1, 2.0, 8.0, 1), gg(&kg, c2, i2, 4.0, 64.0, 2);
+  CProductPiecewisePolynom const prod = makeProduct(f, g);
+  CPiecewisePolynom const prodG = makeProduct(fg, gg);
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<double> u(-0.8, 0.8);
+  for (int i = 0; i < 500; ++i)
+  {
+    double const p[3] = {u(rng), u(rng), u(rng)};
+    double const ref = f.eval(p) * g.eval(p);
+    EXPECT_NEAR(prod.eval(p), ref, 1e-9 * (1 + std::fabs(ref)));
+    EXPECT_NEAR(prodG.eval(p), ref, 1e-9 * (1 + std::fabs(ref)));
+  }
+  EXPECT_NEAR(integrateOnSupport(prod), integrateOnSupport(prodG), 1e-10);
+}
+
+TEST(CCSFunc3, ScaledSupport)
+{
+  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
+  double const c[3] = {1, 0, 0};
+  int const ci[3] = {0, 0, 0};
+  CParallelepiped const box = getScaledFunctionCommonSupport(CCSFunc3Tmpl<CProductPiecewisePolynom>(&kp, c, ci, 4.0, 1.0, 0));
+  EXPECT_EQ(box.getMin()[0], 0.625);
+  EXPECT_EQ(box.getMax()[0], 1.375);
+  EXPECT_EQ(box.getMin()[1], -0.375);
+  EXPECT_EQ(box.getMax()[2], 0.375);
+}
+
+TEST(TrilinearWeight, CornersCentresAndFlatAxes)
+{
+  CParallelepiped const cell(0, 2, 0, 2, 0, 2);
+  double const corner[3] = {0, 0, 0};
+  double const centre[3] = {1, 1, 1};
+  float const centreF[3] = {1, 1, 1};
+  EXPECT_EQ(calcTrilinearWeight(centre, corner, cell), 0.125);
+  EXPECT_EQ(calcTrilinearWeight(centreF, corner, cell), 0.125);
+  EXPECT_EQ(calcTrilinearWeight(corner, corner, cell), 1.0);
+  double const far[3] = {3, 0, 0};
+  EXPECT_EQ(calcTrilinearWeight(far, corner, cell), -0.5); // nothing clamps
+  CParallelepiped const flat(0, 2, 5, 5, 0, 2);
+  double const p[3] = {1, 7, 1};
+  EXPECT_EQ(calcTrilinearWeight(p, corner, flat), 0.25); // the flat axis gives no factor
+  CParallelepiped const point(1, 1, 1, 1, 1, 1);
+  EXPECT_EQ(calcTrilinearWeight(p, corner, point), 1.0);
+  // The eight corner weights of a point inside sum to 1.
+  double const q[3] = {0.3, 1.7, 0.9};
+  double sum = 0;
+  for (int k = 0; k < 8; ++k)
+  {
+    double const c[3] = {(k & 1) ? 2.0 : 0.0, (k & 2) ? 2.0 : 0.0, (k & 4) ? 2.0 : 0.0};
+    sum += calcTrilinearWeight(q, c, cell);
+  }
+  EXPECT_NEAR(sum, 1.0, 1e-15);
+}

@@ -1,0 +1,286 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <random>
+#include <set>
+
+#include "QZmath/VolTriang/OctreeFuncBasis.h"
+#include "tests/Common/SampleClouds.h"
+
+using namespace VolTr;
+
+namespace
+{
+struct Fixture
+{
+  QZTest::CSampleCloud cloud;
+  std::unique_ptr<COctree> tree;
+  CProductPiecewisePolynom kernel;
+  Fixture(bool useCenter, int depth, int detail = -1, int points = 400)
+      : cloud(QZTest::makeSphereCloud(points, 1.0, 7)), kernel(makeApproxGaussian<CProductPiecewisePolynom>())
+  {
+    tree.reset(new COctree(&cloud, depth, nullptr, useCenter, detail));
+    double const s = 1.0 / 0.95;
+    double const scale[3] = {s, s, s};
+    kernel.scaleArgument(scale);
+  }
+};
+
+// The reference value of a combination: every node, no cache.
+template <class K> double bruteForce(COctreeFuncLinCombTmpl<K> const & lc, double const * p)
+{
+  COctreeFuncBasisTmpl<K> const & b = lc.getRelatedBasisRef();
+  double sum = 0;
+  for (int n = 0; n < b.getFunctionsNumber(); ++n)
+    sum += lc.getBasisCoefficient(n) * b.evalBasisValue(n, p);
+  return sum;
+}
+
+bool overlaps(CParallelepiped const & a, CParallelepiped const & b)
+{
+  for (int k = 0; k < 3; ++k)
+    if (!(a.getMin()[k] < b.getMax()[k] && b.getMin()[k] < a.getMax()[k]))
+      return false;
+  return true;
+}
+} // namespace
+
+TEST(OctreeFuncBasis, ScalesNormalisationsAndSupportsPerDepth)
+{
+  for (bool center : {true, false})
+  {
+    Fixture fx(center, 5, 2);
+    COctree const & t = *fx.tree;
+    for (int level = 0; level <= 2; ++level)
+    {
+      COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, &t, level);
+      EXPECT_EQ(basis.getFunctionsNumber(), t.getNodesNumber());
+      EXPECT_NEAR(basis.getSupportSizeInCells(), 1.5 * 0.95, 1e-15);
+      for (int d = 0; d < t.getNodeDepthEnd(); ++d)
+      {
+        if (d < t.getNodeDepthBegin())
+        {
+          EXPECT_EQ(basis.getArgumentScale(d), 0.0);
+          EXPECT_EQ(basis.getNormalization(d), 0.0);
+          EXPECT_EQ(basis.getScaledKernelSupportRef(d).getMax()[0], 0.0);
+          continue;
+        }
+        double const s = 1.0 / t.getCellSize(d);
+        EXPECT_EQ(basis.getArgumentScale(d), s);
+        EXPECT_NEAR(basis.getNormalization(d), std::pow(s, 3 + level), 1e-12 * std::pow(s, 3 + level));
+        EXPECT_NEAR(basis.getScaledKernelSupportRef(d).getMax()[1], 1.425 * t.getCellSize(d), 1e-12);
+      }
+    }
+  }
+}
+
+TEST(OctreeFuncBasis, FunctionsIntegrateToOneAndMatchTheDirectValue)
+{
+  Fixture fx(true, 5);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+  std::mt19937 rng(1);
+  std::uniform_int_distribution<int> pick(0, basis.getFunctionsNumber() - 1);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  for (int i = 0; i < 50; ++i)
+  {
+    int const node = pick(rng);
+    CCSFunc3Tmpl<CProductPiecewisePolynom> const f = basis.makeFunctionByIndex(node);
+    EXPECT_EQ(f.getNodeDepth(), fx.tree->getNodeDepth(node));
+    double pos[3];
+    fx.tree->getNodePosition(node, pos);
+    int ijk[3];
+    fx.tree->getNodeOffset(node, ijk);
+    for (int a = 0; a < 3; ++a)
+    {
+      EXPECT_EQ(f.getArgumentShift()[a], pos[a]);
+      EXPECT_EQ(f.getArgumentShiftInt()[a], ijk[a]);
+    }
+    // The kernel was narrowed by 0.95, so a level-0 function integrates to 0.95^3.
+    EXPECT_NEAR(integrateOnSupport(polynomByShiftedKernel(f)), 0.95 * 0.95 * 0.95, 1e-12);
+    double const h = fx.tree->getCellSize(f.getNodeDepth());
+    for (int k = 0; k < 20; ++k)
+    {
+      double const p[3] = {pos[0] + u(rng) * 1.5 * h, pos[1] + u(rng) * 1.5 * h, pos[2] + u(rng) * 1.5 * h};
+      float const pf[3] = {static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2])};
+      double const pd[3] = {pf[0], pf[1], pf[2]};
+      EXPECT_EQ(basis.evalBasisValue(node, p), f.eval(p));
+      EXPECT_EQ(basis.evalBasisValue(node, pf), f.eval(pd));
+    }
+  }
+}
+
+TEST(OctreeFuncLinComb, CachedAndUncachedEvaluationEqualThePlainSum)
+{
+  for (bool center : {true, false})
+  {
+    Fixture fx(center, 5, -1, 600);
+    COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+    COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
+    std::mt19937 rng(center ? 3 : 4);
+    std::uniform_real_distribution<double> coef(-1.0, 1.0);
+    for (int n = 0; n < basis.getFunctionsNumber(); ++n)
+      lc.setBasisCoefficient(n, n % 5 == 0 ? 0.0 : coef(rng));
+    double const cell = fx.tree->getCellSize(fx.tree->getLeafCellDepth());
+    COctreeFuncEvalHelper helper(1, 4.0 * cell);
+    COctreeFuncEvalHelper eight(8, 2.0 * cell);
+    // A random walk: neighbouring points, as the polygoniser asks for them.
+    std::normal_distribution<double> step(0.0, 0.7 * cell);
+    double p[3] = {0.9, 0.1, -0.2};
+    for (int i = 0; i < 3000; ++i)
+    {
+      for (double & c : p)
+        c = std::max(-1.2, std::min(1.2, c + step(rng)));
+      double const ref = bruteForce(lc, p);
+      double const tol = 1e-12 * (1.0 + std::fabs(ref));
+      EXPECT_NEAR(lc.eval(p, nullptr), ref, tol);
+      EXPECT_NEAR(lc.eval(p, &helper), ref, tol);
+      EXPECT_NEAR(lc.eval(p, &eight), ref, tol);
+    }
+    // Points inside the last region are answered from it.
+    int const hits = helper.getRegionHits(0);
+    for (int i = 0; i < 10; ++i)
+    {
+      double const q[3] = {p[0] + 0.1 * cell, p[1] - 0.2 * cell, p[2] + 0.05 * i * cell};
+      EXPECT_NEAR(lc.eval(q, &helper), bruteForce(lc, q), 1e-12 * (1.0 + std::fabs(bruteForce(lc, q))));
+    }
+    EXPECT_EQ(helper.getRegionHits(0), hits + 10);
+    float const pf[3] = {0.5f, 0.5f, 0.5f};
+    double const pd[3] = {0.5, 0.5, 0.5};
+    EXPECT_EQ(lc.eval(pf, nullptr), lc.eval(pd, nullptr));
+  }
+}
+
+TEST(OctreeFuncLinComb, CopiesAreDeep)
+{
+  Fixture fx(true, 3);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> a(&basis);
+  a.setBasisCoefficient(0, 2.0);
+  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> b(a);
+  b.setBasisCoefficient(0, 3.0);
+  EXPECT_EQ(a.getBasisCoefficient(0), 2.0);
+  a = b;
+  EXPECT_EQ(a.getBasisCoefficient(0), 3.0);
+  EXPECT_THROW(a.setBasisCoefficient(basis.getFunctionsNumber(), 1.0), std::out_of_range);
+}
+
+TEST(OctreeFuncEvalHelper, RegionsAreChosenReplacedAndCounted)
+{
+  COctreeFuncEvalHelper none(0, 1.0);
+  double const o[3] = {0, 0, 0};
+  EXPECT_EQ(none.recordNewRegion(o), -1);
+  EXPECT_EQ(none.getCashedRegionindex(o), -1);
+  none.recordIndexInfo(-1, 3, 1.0); // nothing, no crash
+
+  COctreeFuncEvalHelper one(1, 1.0);
+  EXPECT_EQ(one.getCashedRegionindex(o), -1);
+  EXPECT_EQ(one.recordNewRegion(o), 0);
+  one.recordIndexInfo(0, 7, 0.5);
+  double const edge[3] = {1.0, -1.0, 0.5};
+  EXPECT_EQ(one.getCashedRegionindex(edge), 0); // bounds belong to the region
+  EXPECT_EQ(one.getRegionHits(0), 1);
+  double const out[3] = {1.0 + 1e-12, 0, 0};
+  EXPECT_EQ(one.getCashedRegionindex(out), -1);
+  EXPECT_EQ(one.recordNewRegion(out), 0); // replaces the only region
+  EXPECT_EQ(one.getRegionHits(0), 0);
+  EXPECT_EQ(one.getBasisIndexesBegin(0), one.getBasisIndexesEnd(0));
+
+  COctreeFuncEvalHelper two(2, 1.0);
+  double const a[3] = {0, 0, 0}, b[3] = {10, 0, 0}, c[3] = {20, 0, 0};
+  EXPECT_EQ(two.recordNewRegion(a), 0);
+  EXPECT_EQ(two.recordNewRegion(b), 1);
+  two.getCashedRegionindex(a);
+  two.getCashedRegionindex(a);
+  two.getCashedRegionindex(b);
+  EXPECT_EQ(two.recordNewRegion(c), 1); // the least hit goes
+  two.getCashedRegionindex(c);
+  two.getCashedRegionindex(c);
+  EXPECT_EQ(two.recordNewRegion(b), 0); // equal counts: the first goes
+  CParallelepiped box(0, 1, 0, 1, 0, 1);
+  two.enlargeRegion(&box);
+  EXPECT_EQ(box.getMin()[0], -1.0);
+  EXPECT_EQ(box.getMax()[2], 2.0);
+}
+
+TEST(OctreeFuncLinComb, ZeroCombinationRecordsAnEmptyRegion)
+{
+  Fixture fx(true, 4);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
+  COctreeFuncEvalHelper helper(1, 0.3);
+  double const p[3] = {1, 0, 0};
+  EXPECT_EQ(lc.eval(p, &helper), 0.0);
+  EXPECT_EQ(helper.getRegionHits(0), 0);
+  EXPECT_EQ(helper.getBasisIndexesBegin(0), helper.getBasisIndexesEnd(0));
+  EXPECT_EQ(lc.eval(p, &helper), 0.0);
+  EXPECT_EQ(helper.getRegionHits(0), 1);
+}
+
+TEST(InterlacedSupportIterator, FindsEveryFunctionWhoseSupportMeetsTheBox)
+{
+  for (bool center : {true, false})
+  {
+    Fixture fx(center, 5, 3, 300);
+    COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<double> u(-1.3, 1.3), w(0.0, 0.4);
+    for (int q = 0; q < 40; ++q)
+    {
+      double const x = u(rng), y = u(rng), z = u(rng);
+      CParallelepiped const box(x, x + w(rng), y, y + w(rng), z, z + w(rng));
+      std::set<int> seen;
+      int lastDepth = 1 << 30;
+      for (CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom> it(&basis, box); !it.isFinished(); it.next())
+      {
+        int const n = it.functionIndex();
+        EXPECT_TRUE(seen.insert(n).second);
+        CCSFunc3Tmpl<CProductPiecewisePolynom> const ref = basis.makeFunctionByIndex(n);
+        EXPECT_EQ((*it).getNodeDepth(), ref.getNodeDepth());
+        EXPECT_LE((*it).getNodeDepth(), lastDepth); // deepest first
+        lastDepth = (*it).getNodeDepth();
+        for (int a = 0; a < 3; ++a)
+        {
+          EXPECT_EQ((*it).getArgumentShift()[a], ref.getArgumentShift()[a]);
+          EXPECT_EQ((*it).getArgumentShiftInt()[a], ref.getArgumentShiftInt()[a]);
+        }
+      }
+      for (int n = 0; n < basis.getFunctionsNumber(); ++n)
+        if (overlaps(getScaledFunctionCommonSupport(basis.makeFunctionByIndex(n)), box))
+        {
+          EXPECT_TRUE(seen.count(n)) << "node " << n << " missed";
+        }
+    }
+    CParallelepiped const far(50, 51, 50, 51, 50, 51);
+    EXPECT_TRUE((CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom>(&basis, far).isFinished()));
+  }
+}
+
+TEST(OctreeFuncBasis, GeneralFormGivesTheSameValues)
+{
+  Fixture fx(true, 4, -1, 200);
+  CPiecewisePolynom kg = makeApproxGaussian<CPiecewisePolynom>();
+  double const s = 1.0 / 0.95;
+  double const scale[3] = {s, s, s};
+  kg.scaleArgument(scale);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const bp(fx.kernel, fx.tree.get(), 0);
+  COctreeFuncBasisTmpl<CPiecewisePolynom> const bg(kg, fx.tree.get(), 0);
+  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lp(&bp);
+  COctreeFuncLinCombTmpl<CPiecewisePolynom> lg(&bg);
+  for (int n = 0; n < bp.getFunctionsNumber(); ++n)
+  {
+    lp.setBasisCoefficient(n, std::sin(n));
+    lg.setBasisCoefficient(n, std::sin(n));
+  }
+  EXPECT_EQ(bg.getSupportSizeInCells(), bp.getSupportSizeInCells());
+  std::mt19937 rng(6);
+  std::uniform_real_distribution<double> u(-1.1, 1.1);
+  COctreeFuncEvalHelper h(2, 0.2);
+  for (int i = 0; i < 300; ++i)
+  {
+    double const p[3] = {u(rng), u(rng), u(rng)};
+    double const v = lp.eval(p, nullptr);
+    EXPECT_NEAR(lg.eval(p, &h), v, 1e-9 * (1 + std::fabs(v)));
+  }
+}
