@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QZmath/VolTriang/Octree.h"
+#include "QZmath/VolTriang/OctreeFuncBasis.h"
 #include "QZsys/DebugLog.h"
 #include "QZsys/Progress.h"
 #include "QZsys/Threading.h"
@@ -93,10 +94,9 @@ public:
   CVolumetricTriangulatorImpl(ITriangulationTarget * target, IInputSamples const * samples,
                               CVolTriangulationParams const * params, CProgressCounter * progress)
       : m_samples(samples), m_progress(progress), m_params(params ? *params : CVolTriangulationParams()),
-        m_target(target), m_debugLog(m_params.getDebugLog())
+        m_target(target), m_kernel(makeApproxGaussian<CProductPiecewisePolynom>()),
+        m_debugLog(m_params.getDebugLog())
   {
-    // The kernel (the approximate Gaussian) is made here once the kernel
-    // classes exist.
   }
   virtual ~CVolumetricTriangulatorImpl() = default;
 
@@ -109,13 +109,14 @@ private:
 
   IInputSamples const * m_samples;
   std::unique_ptr<COctree> m_octree;
-  // Next to come with their stages, in this order: the basis of the unknown
-  // function, an array of three always-null owners, the solver, the matrix
-  // reservator and the solve details.
+  /// The basis of the unknown function.
+  std::unique_ptr<COctreeFuncBasisTmpl<CProductPiecewisePolynom>> m_basis;
+  // Next to come with their stages, in this order: an array of three
+  // always-null owners, the solver, the matrix reservator and the solve details.
   CProgressCounter * m_progress;
   CVolTriangulationParams m_params;
   ITriangulationTarget * m_target;
-  // The kernel (CProductPiecewisePolynom) goes here.
+  CProductPiecewisePolynom m_kernel;
   VsUt::IDebugLog * m_debugLog;
   std::vector<float> m_densityWeights;
   float m_averageDensity = 0.0f;
@@ -128,7 +129,13 @@ void CVolumetricTriangulatorImpl::pipeline()
   log.text("Volumetric triangulation core started");
   logParameters(log);
 
-  // Scaling of the kernel's argument by 1 / kernelScaleFactor comes here.
+  // A factor above 1 widens the kernel's support, one below 1 narrows it.
+  if (m_params.getKernelScaleFactor() > 0)
+  {
+    double const s = 1.0 / m_params.getKernelScaleFactor();
+    double const scale[3] = {s, s, s};
+    m_kernel.scaleArgument(scale);
+  }
 
   VsPCnt::CMultiPhaseManager phases(m_progress);
   if (m_params.getPhaseNameShown())
@@ -186,7 +193,9 @@ void CVolumetricTriangulatorImpl::registerPhases(VsPCnt::CMultiPhaseManager & ph
 
 void CVolumetricTriangulatorImpl::buildTree(tf_CLogLine const & log)
 {
-  m_octree.reset(); // the former tree goes before the new one is built
+  // The former basis and tree go before the new ones are built.
+  m_basis.reset();
+  m_octree.reset();
   m_octree.reset(new COctree(m_samples, m_params.getOctreeDepth(), m_progress, m_params.getUseCenter(),
                              m_params.getDetalizationLevel()));
   COctree const & tree = *m_octree;
@@ -205,7 +214,8 @@ void CVolumetricTriangulatorImpl::buildTree(tf_CLogLine const & log)
     log("Node max", nodes.getMax()[0], nodes.getMax()[1], nodes.getMax()[2]);
   }
 
-  // The basis over the tree, and its line "Kernel support size in cells", come here.
+  m_basis.reset(new COctreeFuncBasisTmpl<CProductPiecewisePolynom>(m_kernel, m_octree.get(), 0));
+  log("Kernel support size in cells", m_basis->getSupportSizeInCells());
 
   if (m_params.getVariableDensity())
   {

@@ -139,6 +139,7 @@ TEST(CVolumetricTriangulator, LogsParametersAndTreeExactly)
       "Cells box max: 1.03125, 1.03125, 1.03125",
       "Node min: -0.5625, -0.5625, -0.5625",
       "Node max: 1.5625, 1.5625, 1.5625",
+      "Kernel support size in cells: 1.425", // 1.5 narrowed by the kernel scale 0.95
       "Density estimation level: 0",
   };
   EXPECT_EQ(log.lines(), expected);
