@@ -95,8 +95,11 @@ COctreeNodeIteratorBase::COctreeNodeIteratorBase(COctree const * octree, CInt3 c
   int const maxCoord = policy.getMaxNodeCoord(d);
   for (int a = 0; a < 3; ++a)
   {
-    int const l = std::max(minCoord, std::min(maxCoord, lo.coord(a)));
-    int const h = std::max(minCoord, std::min(maxCoord, hi.coord(a)));
+    // The range is cut to the node range: a lower end above it, or an upper
+    // end below it, leaves the range empty. (Kept within one step of the node
+    // range so that the snapping below cannot overflow.)
+    int const l = std::max(minCoord, std::min(maxCoord + m_step, lo.coord(a)));
+    int const h = std::min(maxCoord, std::max(minCoord - m_step, hi.coord(a)));
     m_lower.shiftRefMod().coordMod(a) = static_cast<int>(std::ceil(static_cast<double>(l) / m_step)) * m_step;
     m_upper.shiftRefMod().coordMod(a) =
         static_cast<int>(std::floor(static_cast<double>(h) / m_step)) * m_step;

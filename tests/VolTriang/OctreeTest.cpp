@@ -121,9 +121,8 @@ struct RefOctree
       }
   }
 
-  /// Full scan: the nodes of depth d inside the lattice range of a box, the
-  /// range clamped to the node coordinates of the depth (so a box beyond the
-  /// tree meets the nodes on its border).
+  /// Full scan: the nodes of depth d inside the lattice range of a box (a box
+  /// beyond the tree meets no node).
   std::vector<int> nodesInBox(CParallelepiped const & box, int d) const
   {
     std::vector<int> out;
@@ -135,10 +134,7 @@ struct RefOctree
       for (int a = 0; a < 3; ++a)
       {
         double const c = e.first.shift().coord(a);
-        auto clamp = [&](double v)
-        { return std::max<double>(minNodeCoord(d), std::min<double>(maxNodeCoord(d), v)); };
-        inside =
-            inside && c >= clamp(lattice(a, box.getMin()[a])) && c <= clamp(lattice(a, box.getMax()[a]) + 1);
+        inside = inside && c >= lattice(a, box.getMin()[a]) && c <= lattice(a, box.getMax()[a]) + 1;
       }
       if (inside)
         out.push_back(e.second);
