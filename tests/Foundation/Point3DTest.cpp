@@ -244,3 +244,26 @@ TEST(CPtVecAdapder, ViewsAVectorWithoutOwning)
   pts.push_back(Point3D(7));
   EXPECT_EQ(refs.getPointsNumber(), 3); // a view, not a copy
 }
+
+namespace
+{
+__attribute__((noinline)) void fillPosition(double * p)
+{
+  p[0] = 1.2684966, p[1] = -0.2685777, p[2] = -0.244;
+}
+} // namespace
+
+// Our targets are built so that rounding to float survives the optimiser: a
+// float widened back to double keeps the float's value. (g++ 12's straight-line
+// vectorizer used to fold the round trip away in exactly this shape.)
+TEST(FloatingPoint, RoundingToFloatSurvivesTheOptimiser)
+{
+  double pos[3];
+  fillPosition(pos);
+  float const pf[3] = {static_cast<float>(pos[0] + 0.01), static_cast<float>(pos[1] - 0.02),
+                       static_cast<float>(pos[2] + 0.003)};
+  double const pd[3] = {pf[0], pf[1], pf[2]};
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(pd[i], static_cast<double>(pf[i]));
+  EXPECT_NE(pd[0], pos[0] + 0.01);
+}
