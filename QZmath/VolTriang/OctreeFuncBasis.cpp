@@ -51,6 +51,7 @@ int COctreeFuncEvalHelper::recordNewRegion(double const * const p)
   region.hits = 0;
   region.indexes.clear();
   region.coeffs.clear();
+  region.prepared.clear();
   return slot;
 }
 
@@ -72,6 +73,24 @@ void COctreeFuncEvalHelper::recordIndexInfo(int region, int basisIndex, double c
   r.coeffs.push_back(coefficient);
 }
 
+void COctreeFuncEvalHelper::recordPreparedIndexInfo(int region, int basisIndex, double coefficient,
+                                                    SPreparedEntry const & prepared)
+{
+  if (region < 0 || region >= m_regionsNumber)
+    return;
+  Region & r = m_regions[static_cast<std::size_t>(region)];
+  if (r.prepared.size() == r.indexes.size())
+    r.prepared.push_back(prepared);
+  r.indexes.push_back(basisIndex);
+  r.coeffs.push_back(coefficient);
+}
+
+COctreeFuncEvalHelper::SPreparedEntry const * COctreeFuncEvalHelper::getPreparedEntries(int region) const
+{
+  Region const & r = m_regions[static_cast<std::size_t>(region)];
+  return r.prepared.size() == r.indexes.size() ? r.prepared.data() : nullptr;
+}
+
 std::vector<int>::const_iterator COctreeFuncEvalHelper::getBasisIndexesBegin(int region) const
 {
   return m_regions[static_cast<std::size_t>(region)].indexes.begin();
@@ -91,11 +110,142 @@ std::vector<double>::const_iterator COctreeFuncEvalHelper::getCoeffsEnd(int regi
 
 // ---------------------------------------------------------------- the basis
 
+namespace
+{
+// The sample kernel in flat arrays, for the evaluation that runs millions of
+// times per reconstruction. It repeats the kernel's own evaluation operation
+// for operation (the shift, the knot search, Horner's rule from the highest
+// coefficient, the product of the axes that stops at a zero, the sum of the
+// summands in order), so its values are bit-equal; it only spares the walk
+// through the objects. The general form keeps its own evaluation.
+template <class TKernel> class tf_FlatKernel
+{
+public:
+  explicit tf_FlatKernel(TKernel const &) {}
+  double eval(TKernel const & kernel, double const * arg) const { return kernel.eval(arg); }
+};
+
+template <> class tf_FlatKernel<CProductPiecewisePolynom>
+{
+public:
+  explicit tf_FlatKernel(CProductPiecewisePolynom const & kernel)
+  {
+    int const summands = kernel.summandsNumber();
+    if (summands > MAX_SUMMANDS)
+      return;
+    for (int i = 0; i < summands; ++i)
+      for (int a = 0; a < 3; ++a)
+      {
+        CSingleVarLimitedPolynom const & m = kernel.getSummand(i).getMultiplier(a);
+        Factor & f = m_factors[i][a];
+        f.pieces = m.getPiecesNumber();
+        if (f.pieces > MAX_PIECES || m.getKnotsNumber() != f.pieces + 1)
+          return;
+        f.argShift = m.getArgShift();
+        for (int k = 0; k < m.getKnotsNumber(); ++k)
+          f.knots[k] = m.getKnot(k);
+        for (int k = 0; k < f.pieces; ++k)
+        {
+          CSingleVarPolynom const & piece = m.getPiece(k);
+          f.coeffsNumber[k] = piece.getCoeffsNumber();
+          if (f.coeffsNumber[k] > MAX_COEFFS)
+            return;
+          for (int c = 0; c < f.coeffsNumber[k]; ++c)
+            f.coeffs[k][c] = piece.getCoeff(c);
+        }
+      }
+    m_summands = summands;
+    m_usable = true;
+  }
+
+  double eval(CProductPiecewisePolynom const & kernel, double const * arg) const
+  {
+    if (!m_usable)
+      return kernel.eval(arg);
+    double sum = 0.0;
+    for (int i = 0; i < m_summands; ++i)
+    {
+      double r = m_factors[i][0].eval(arg[0]);
+      if (r == 0.0)
+      {
+        sum += 0.0;
+        continue;
+      }
+      r *= m_factors[i][1].eval(arg[1]);
+      if (r == 0.0)
+      {
+        sum += 0.0;
+        continue;
+      }
+      r *= m_factors[i][2].eval(arg[2]);
+      if (r == 0.0)
+      {
+        sum += 0.0;
+        continue;
+      }
+      sum += r;
+    }
+    return sum;
+  }
+
+private:
+  static constexpr int MAX_SUMMANDS = 4;
+  static constexpr int MAX_PIECES = 6;
+  static constexpr int MAX_COEFFS = 6;
+
+  struct Factor
+  {
+    int pieces = 0;
+    double argShift = 0.0;
+    double knots[MAX_PIECES + 1] = {};
+    int coeffsNumber[MAX_PIECES] = {};
+    double coeffs[MAX_PIECES][MAX_COEFFS] = {};
+
+    double eval(double x) const
+    {
+      if (pieces == 0)
+        return 0.0;
+      double const t = x - argShift;
+      if (!(t >= knots[0]))
+        return 0.0;
+      for (int i = 1; i <= pieces; ++i)
+        if (knots[i] > t)
+        {
+          int k = coeffsNumber[i - 1];
+          if (k == 0)
+            return 0.0;
+          --k;
+          double const * c = coeffs[i - 1];
+          double r = c[k];
+          while (k > 0)
+          {
+            --k;
+            r = r * t + c[k];
+          }
+          return r;
+        }
+      return 0.0;
+    }
+  };
+
+  bool m_usable = false;
+  int m_summands = 0;
+  Factor m_factors[MAX_SUMMANDS][3];
+};
+} // namespace
+
 template <class TKernel> class COctreeFuncBasisImpl
 {
 public:
-  COctreeFuncBasisImpl(TKernel const & s, COctree const * o, int level) : octree(o), sample(s), derivativeLevel(level)
+  COctreeFuncBasisImpl(TKernel const & s, COctree const * o, int level)
+      : octree(o), sample(s), derivativeLevel(level), flat(sample)
   {
+    CParallelepiped const & box = sample.getCommonSupportRef();
+    for (int a = 0; a < 3; ++a)
+    {
+      outsideBelow[a] = box.getMin()[a] - 1e-9 * (1.0 + std::fabs(box.getMin()[a]));
+      outsideAbove[a] = box.getMax()[a] + 1e-9 * (1.0 + std::fabs(box.getMax()[a]));
+    }
     int const end = octree->getNodeDepthEnd();
     int const begin = octree->getNodeDepthBegin();
     argumentScales.reserve(static_cast<std::size_t>(end));
@@ -130,19 +280,37 @@ public:
   }
   virtual ~COctreeFuncBasisImpl() = default;
 
-  // The kernel's argument for node `node` at p: (c - p) * (0.0 - s), the form
-  // that gives bit-equal values on every path.
-  double kernelAt(int node, double const * p) const
+  void centreOf(int node, double * c, int * depth) const
   {
     CTreeNode const & n = octree->getNodesTable()[static_cast<std::size_t>(node)];
-    int const d = n.depth();
-    double const s = argumentScales[static_cast<std::size_t>(d)];
     double const * boxMin = octree->getBoxMin();
     double const unit = octree->getUnit();
-    double const c[3] = {n.shift().x() * unit + boxMin[0], n.shift().y() * unit + boxMin[1],
-                         n.shift().z() * unit + boxMin[2]};
+    c[0] = n.shift().x() * unit + boxMin[0];
+    c[1] = n.shift().y() * unit + boxMin[1];
+    c[2] = n.shift().z() * unit + boxMin[2];
+    *depth = n.depth();
+  }
+
+  double kernelAt(int node, double const * p) const
+  {
+    double c[3];
+    int d;
+    centreOf(node, c, &d);
+    return kernelAt(c, argumentScales[static_cast<std::size_t>(d)], p);
+  }
+
+  // The kernel's argument is (c - p) * (0.0 - s), the form that gives
+  // bit-equal values on every path.
+  double kernelAt(double const * c, double s, double const * p) const
+  {
     double const arg[3] = {(c[0] - p[0]) * (0.0 - s), (c[1] - p[1]) * (0.0 - s), (c[2] - p[2]) * (0.0 - s)};
-    return sample.eval(arg);
+    // Clearly outside the support the kernel is exactly 0.0: most candidates
+    // of a cached region are, and this spares them the piecewise evaluation.
+    // The margin keeps points near the bounds on the evaluation's own test.
+    for (int a = 0; a < 3; ++a)
+      if (arg[a] < outsideBelow[a] || arg[a] > outsideAbove[a])
+        return 0.0;
+    return flat.eval(sample, arg);
   }
 
   COctree const * octree;
@@ -151,6 +319,9 @@ public:
   std::vector<double> normalizations;
   std::vector<CParallelepiped> scaledSupports;
   int derivativeLevel;
+  double outsideBelow[3];
+  double outsideAbove[3];
+  tf_FlatKernel<TKernel> flat;
 };
 
 template <class TKernel>
@@ -183,6 +354,21 @@ template <class TKernel> CCSFunc3Tmpl<TKernel> COctreeFuncBasisTmpl<TKernel>::ma
 template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::evalKernelAt(int node, double const * p) const
 {
   return m_impl->kernelAt(node, p);
+}
+
+template <class TKernel>
+double COctreeFuncBasisTmpl<TKernel>::evalKernelAt(double const * c, double s, double const * p) const
+{
+  return m_impl->kernelAt(c, s, p);
+}
+
+template <class TKernel>
+void COctreeFuncBasisTmpl<TKernel>::prepareEntry(int node, COctreeFuncEvalHelper::SPreparedEntry * out) const
+{
+  int d;
+  m_impl->centreOf(node, out->centre, &d);
+  out->scale = m_impl->argumentScales[static_cast<std::size_t>(d)];
+  out->normalization = m_impl->normalizations[static_cast<std::size_t>(d)];
 }
 
 template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::evalBasisValue(int node, double const * p) const
@@ -310,6 +496,12 @@ double COctreeFuncLinCombTmpl<TKernel>::eval(double const * p, COctreeFuncEvalHe
       auto idx = helper->getBasisIndexesBegin(r);
       auto const idxEnd = helper->getBasisIndexesEnd(r);
       auto coeff = helper->getCoeffsBegin(r);
+      if (COctreeFuncEvalHelper::SPreparedEntry const * e = helper->getPreparedEntries(r))
+      {
+        for (; idx != idxEnd; ++idx, ++coeff, ++e)
+          value += e->normalization * *coeff * basis.evalKernelAt(e->centre, e->scale, p);
+        return value;
+      }
       for (; idx != idxEnd; ++idx, ++coeff)
       {
         int const d = nodes[static_cast<std::size_t>(*idx)].depth();
@@ -337,9 +529,11 @@ double COctreeFuncLinCombTmpl<TKernel>::eval(double const * p, COctreeFuncEvalHe
       double const a = coefficients[static_cast<std::size_t>(node)];
       if (a == 0.0)
         continue;
-      value += normalization * a * basis.evalKernelAt(node, p);
+      COctreeFuncEvalHelper::SPreparedEntry e;
+      basis.prepareEntry(node, &e);
+      value += normalization * a * basis.evalKernelAt(e.centre, e.scale, p);
       if (helper)
-        helper->recordIndexInfo(region, node, a);
+        helper->recordPreparedIndexInfo(region, node, a, e);
     }
   }
   return value;

@@ -45,6 +45,21 @@ public:
   std::vector<double>::const_iterator getCoeffsBegin(int region) const;
   std::vector<double>::const_iterator getCoeffsEnd(int region) const;
 
+  /// What an evaluation needs of a recorded function besides its index and
+  /// coefficient: its centre, scale and normalisation, kept beside the entry
+  /// so that a cached evaluation reads the region alone.
+  struct SPreparedEntry
+  {
+    double centre[3];
+    double scale;
+    double normalization;
+  };
+  /// As `recordIndexInfo`, with the prepared data of the entry.
+  void recordPreparedIndexInfo(int region, int basisIndex, double coefficient, SPreparedEntry const & prepared);
+  /// The prepared data, parallel to the indexes, when every entry of the region
+  /// was recorded with them; null otherwise.
+  SPreparedEntry const * getPreparedEntries(int region) const;
+
 private:
   struct Region
   {
@@ -52,6 +67,7 @@ private:
     int hits = -1; // -1: not in use
     std::vector<int> indexes;
     std::vector<double> coeffs;
+    std::vector<SPreparedEntry> prepared;
   };
   int m_regionsNumber;
   double m_regionHalfSize;
@@ -89,6 +105,10 @@ public:
 
   /// The kernel value (without normalisation) of node `node` at p.
   double evalKernelAt(int node, double const * p) const;
+  /// The kernel value at p of a function centred at c with argument scale s.
+  double evalKernelAt(double const * c, double s, double const * p) const;
+  /// Centre, scale and normalisation of a node's function.
+  void prepareEntry(int node, COctreeFuncEvalHelper::SPreparedEntry * out) const;
 
 private:
   std::unique_ptr<COctreeFuncBasisImpl<TKernel>> m_impl;
