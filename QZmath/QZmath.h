@@ -1,12 +1,42 @@
 #pragma once
 // Umbrella header: every public header of the library.
 
+#include "QZsys/Compat.h"
 #include "QZsys/ConsoleProgressBar.h"
 #include "QZsys/CpuConf.h"
 #include "QZsys/DebugLog.h"
 #include "QZsys/Exceptions.h"
 #include "QZsys/Fragments.h"
 #include "QZsys/Progress.h"
+#include "QZsys/TempFile.h"
 #include "QZsys/Threading.h"
 
+#include "QZmath/Foundation/Functor.h"
+#include "QZmath/Foundation/Matrix.h"
 #include "QZmath/Foundation/Point3D.h"
+#include "QZmath/Foundation/Vector.h"
+
+#include "QZmath/VolTriang/CSFProductHelper.h"
+#include "QZmath/VolTriang/IntegrateOnSupport.h"
+#include "QZmath/VolTriang/Kernels.h"
+#include "QZmath/VolTriang/Octree.h"
+#include "QZmath/VolTriang/OctreeFuncBasis.h"
+#include "QZmath/VolTriang/OctreeIterators.h"
+#include "QZmath/VolTriang/Parallelepiped.h"
+#include "QZmath/VolTriang/PiecewisePolynom.h"
+#include "QZmath/VolTriang/Polynom.h"
+#include "QZmath/VolTriang/ProductPolynom.h"
+#include "QZmath/VolTriang/SingleVarPolynom.h"
+#include "QZmath/VolTriang/VolumetricTriangulator.h"
+#include "QZmath/VolTriang/jbProcess.h"
+
+#include "QZmath/LinSys/CSRSquareMatrix.h"
+#include "QZmath/LinSys/CSRSstorage.h"
+#include "QZmath/LinSys/LinSysVariableManager.h"
+#include "QZmath/LinSys/LinearSystemInterfaces.h"
+#include "QZmath/LinSys/SparseVector.h"
+#include "QZmath/LinSys/VPLSstorage.h"
+#include "QZmath/LinSys/VertexLinearCombination.h"
+#include "QZmath/LinSys/bicgstab.h"
+
+#include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"

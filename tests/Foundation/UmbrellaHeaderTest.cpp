@@ -1,0 +1,37 @@
+// The umbrella header must name every public header, so that a user who
+// includes it alone gets the whole library. The list of public headers is
+// taken from the source tree when the suite is configured.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "QZmath/QZmath.h"
+
+#ifndef QZ_PUBLIC_HEADERS
+#define QZ_PUBLIC_HEADERS ""
+#endif
+#ifndef QZ_UMBRELLA_PATH
+#define QZ_UMBRELLA_PATH ""
+#endif
+
+TEST(UmbrellaHeader, IncludesEveryPublicHeader)
+{
+  std::ifstream in(QZ_UMBRELLA_PATH);
+  ASSERT_TRUE(in) << QZ_UMBRELLA_PATH;
+  std::stringstream text;
+  text << in.rdbuf();
+  std::string const umbrella = text.str();
+  std::istringstream list(QZ_PUBLIC_HEADERS);
+  int count = 0;
+  for (std::string header; std::getline(list, header, ';');)
+  {
+    if (header.empty() || header == "QZmath/QZmath.h")
+      continue;
+    ++count;
+    EXPECT_NE(umbrella.find("#include \"" + header + "\""), std::string::npos) << header << " is missing";
+  }
+  EXPECT_GT(count, 20);
+}
