@@ -6,6 +6,7 @@
 
 #include "QZmath/Foundation/Matrix.h"
 #include "QZmath/LinSys/bicgstab.h"
+#include "QZmath/LinSys/detail/MklThreads.h"
 #include "QZmath/LinSys/detail/SolverArguments.h"
 #include "QZsys/Progress.h"
 
@@ -96,6 +97,7 @@ bool CLinSysSolverCoreBicgstab<T>::onSolveSystem(ILinearSystemReadOnly<T> const 
     std::vector<T> x(static_cast<std::size_t>(n), T(0));
 
     TF_SystemProduct<T> product{&system, progress, expected, n, 0};
+    detail::CSingleMklThreadScope smallSystem(n < detail::st_iMklThreadsMinimumSize);
     int const result =
         bicgstab(n, &TF_SystemProduct<T>::multiply, &product, b.data(), x.data(), tf_rowCoreEps<T>(), -1);
     if (result < 0)
@@ -173,6 +175,7 @@ int CLinSysSolverSparseMKL<T>::internalSolveForExplicitMatrix(T * solution, ICsr
 {
   int const size = matrix.getMatrixSize();
   TF_MatrixProduct<T> product{&matrix, progress, expectedIterations, size, 0};
+  detail::CSingleMklThreadScope smallSystem(size < detail::st_iMklThreadsMinimumSize);
   return bicgstab(size, &TF_MatrixProduct<T>::multiply, &product, rightPart, solution, m_eps, m_iMaxIterations);
 }
 

@@ -4,8 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include <mkl_service.h>
-
+#include "QZmath/LinSys/detail/MklThreads.h"
 #include "QZmath/LinSys/detail/SolverArguments.h"
 #include "QZsys/Progress.h"
 #include "QZsys/Threading.h"
@@ -178,27 +177,15 @@ template <class T> struct tf_RightPartContext
   }
 };
 
-// Holds MKL to one thread on the calling thread for a scope, so that tasks
+// A task run beside others: MKL is held to one thread in it, so that tasks
 // running side by side do not each start a team of MKL threads.
-class TF_SingleMklThreadScope
-{
-public:
-  TF_SingleMklThreadScope() : m_iPrevious(mkl_set_num_threads_local(1)) {}
-  ~TF_SingleMklThreadScope() { mkl_set_num_threads_local(m_iPrevious); }
-  TF_SingleMklThreadScope(TF_SingleMklThreadScope const &) = delete;
-  TF_SingleMklThreadScope & operator=(TF_SingleMklThreadScope const &) = delete;
-
-private:
-  int m_iPrevious;
-};
-
 class TF_SingleMklThreadProc : public IVescaInvokeProc
 {
 public:
   explicit TF_SingleMklThreadProc(IVescaInvokeProc * task) : m_task(task) {}
   void run() override
   {
-    TF_SingleMklThreadScope scope;
+    detail::CSingleMklThreadScope scope;
     m_task->run();
   }
 

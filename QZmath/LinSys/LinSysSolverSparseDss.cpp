@@ -6,6 +6,7 @@
 
 #include <mkl_dss.h>
 
+#include "QZmath/LinSys/detail/MklThreads.h"
 #include "QZmath/LinSys/detail/SolverArguments.h"
 #include "QZsys/Progress.h"
 
@@ -121,6 +122,7 @@ bool CLinSysSolverSparseDss<T>::solveForExplicitMatrixInternal(int nRightParts, 
     double const * values =
         tf_asDouble(matrix.getCsrValues(), static_cast<std::size_t>(nonZeros), widenedValues);
 
+    detail::CSingleMklThreadScope smallSystem(n < detail::st_iMklThreadsMinimumSize);
     MKL_INT createOptions = tf_quiet + (base == eCSRindexBaseZero ? MKL_DSS_ZERO_BASED_INDEXING : 0);
     tf_check(dss_create(handle.ref(), createOptions));
 
