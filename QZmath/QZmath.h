@@ -32,6 +32,10 @@
 
 #include "QZmath/LinSys/CSRSquareMatrix.h"
 #include "QZmath/LinSys/CSRSstorage.h"
+#include "QZmath/LinSys/LinSysSolverCompose.h"
+#include "QZmath/LinSys/LinSysSolverCore.h"
+#include "QZmath/LinSys/LinSysSolverDecomposed.h"
+#include "QZmath/LinSys/LinSysSolverSparseDss.h"
 #include "QZmath/LinSys/LinSysVariableManager.h"
 #include "QZmath/LinSys/LinearSystemInterfaces.h"
 #include "QZmath/LinSys/SparseVector.h"

@@ -22,6 +22,26 @@ int tf_toLattice(double v, int nanValue)
   return static_cast<int>(std::max(-limit, std::min(limit, v)));
 }
 
+/// lower_bound by galloping from `pos`: the next entry in a box is usually a
+/// few entries on, so the search doubles its step from there before it bisects.
+SOctreeKeyIndex const * tf_gallopLowerBound(SOctreeKeyIndex const * pos, SOctreeKeyIndex const * end,
+                                            SOctreeKeyIndex const & probe)
+{
+  std::ptrdiff_t step = 1;
+  SOctreeKeyIndex const * lo = pos;
+  while (lo != end && tf_keyLess(*lo, probe))
+  {
+    std::ptrdiff_t const left = end - lo;
+    if (step >= left)
+      return std::lower_bound(lo, end, probe, tf_keyLess);
+    if (!tf_keyLess(lo[step], probe))
+      return std::lower_bound(lo + 1, lo + step + 1, probe, tf_keyLess);
+    lo += step;
+    step *= 2;
+  }
+  return lo;
+}
+
 /// The skip scan over a sorted table. From `pos`, finds the first entry whose
 /// key lies in the closed range lo..hi (coordinates on multiples of `step`),
 /// or `end`. An entry outside moves the search to the next key where an entry
@@ -70,7 +90,7 @@ SOctreeKeyIndex const * tf_seekInside(SOctreeKeyIndex const * pos, SOctreeKeyInd
     if (!changed)
       return pos;
     SOctreeKeyIndex const probe{CInt3(x, y, z), 0};
-    pos = std::lower_bound(pos, end, probe, tf_keyLess);
+    pos = tf_gallopLowerBound(pos, end, probe);
   }
   return end;
 }
