@@ -7,8 +7,7 @@
 #include <sstream>
 #include <vector>
 
-#include "QZmath/VolTriang/Octree.h"
-#include "QZmath/VolTriang/OctreeFuncBasis.h"
+#include "QZmath/VolTriang/detail/VolumetricTriangulatorImpl.h"
 #include "QZsys/DebugLog.h"
 #include "QZsys/Progress.h"
 #include "QZsys/Threading.h"
@@ -56,72 +55,15 @@ ITriangulationTarget::~ITriangulationTarget() = default;
 
 // ------------------------------------------------- CVolumetricTriangulatorImpl
 
-namespace
+CVolumetricTriangulatorImpl::CVolumetricTriangulatorImpl(ITriangulationTarget * target, IInputSamples const * samples,
+                                                         CVolTriangulationParams const * params,
+                                                         CProgressCounter * progress)
+    : m_samples(samples), m_progress(progress), m_params(params ? *params : CVolTriangulationParams()),
+      m_target(target), m_kernel(makeApproxGaussian<CProductPiecewisePolynom>()), m_debugLog(m_params.getDebugLog())
 {
-/// One log line: the label, ": " and the values by plain stream insertion,
-/// separated by ", ". Nothing is formatted when there is no log.
-class tf_CLogLine
-{
-public:
-  explicit tf_CLogLine(VsUt::IDebugLog * log) : m_log(log) {}
+}
 
-  template <class... V> void operator()(char const * label, V const &... values) const
-  {
-    if (!m_log)
-      return;
-    std::ostringstream line;
-    line << label << ": ";
-    char const * separator = "";
-    ((line << separator << values, separator = ", "), ...);
-    m_log->getMessage(line.str().c_str());
-  }
-  /// A bare text, without colon.
-  void text(char const * text) const
-  {
-    if (m_log)
-      m_log->getMessage(text);
-  }
-  bool enabled() const { return m_log != nullptr; }
-
-private:
-  VsUt::IDebugLog * m_log;
-};
-} // namespace
-
-class CVolumetricTriangulatorImpl
-{
-public:
-  CVolumetricTriangulatorImpl(ITriangulationTarget * target, IInputSamples const * samples,
-                              CVolTriangulationParams const * params, CProgressCounter * progress)
-      : m_samples(samples), m_progress(progress), m_params(params ? *params : CVolTriangulationParams()),
-        m_target(target), m_kernel(makeApproxGaussian<CProductPiecewisePolynom>()),
-        m_debugLog(m_params.getDebugLog())
-  {
-  }
-  virtual ~CVolumetricTriangulatorImpl() = default;
-
-  void pipeline();
-
-private:
-  void logParameters(tf_CLogLine const & log) const;
-  void registerPhases(VsPCnt::CMultiPhaseManager & phases) const;
-  void buildTree(tf_CLogLine const & log);
-
-  IInputSamples const * m_samples;
-  std::unique_ptr<COctree> m_octree;
-  /// The basis of the unknown function.
-  std::unique_ptr<COctreeFuncBasisTmpl<CProductPiecewisePolynom>> m_basis;
-  // Next to come with their stages, in this order: an array of three
-  // always-null owners, the solver, the matrix reservator and the solve details.
-  CProgressCounter * m_progress;
-  CVolTriangulationParams m_params;
-  ITriangulationTarget * m_target;
-  CProductPiecewisePolynom m_kernel;
-  VsUt::IDebugLog * m_debugLog;
-  std::vector<float> m_densityWeights;
-  float m_averageDensity = 0.0f;
-  int m_densityEstimationLevel = -1;
-};
+CVolumetricTriangulatorImpl::~CVolumetricTriangulatorImpl() = default;
 
 void CVolumetricTriangulatorImpl::pipeline()
 {
@@ -147,11 +89,65 @@ void CVolumetricTriangulatorImpl::pipeline()
     buildTree(log);
   }
 
-  // The later stages, each in its phase: "grad_basis", "density weights"
-  // (under variableDensity), "grad_div", the assembly ("right_part" and
-  // "matrix", or "matrix+right_part"), "update right part", "solve"
-  // (StartPhase/FinishCurrentPhase), "iso-value", "iso-surface", and the
-  // closing line "Volumetric triangulation core completed".
+  // The gradient of the kernel, as a basis per axis, and the vector field of
+  // the splatted normals over it. Owned here: they are dropped before the
+  // solve unless the result normals need them.
+  std::unique_ptr<tf_Basis> gradBasis[3];
+  std::unique_ptr<tf_LinComb> field[3];
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "grad_basis");
+    for (int j = 0; j < 3; ++j)
+    {
+      CProductPiecewisePolynom derivative;
+      m_kernel.makePartialDerivative(&derivative, j);
+      gradBasis[j].reset(new tf_Basis(derivative, m_octree.get(), 1));
+      field[j].reset(new tf_LinComb(gradBasis[j].get()));
+    }
+  }
+
+  if (m_params.getVariableDensity())
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "density weights");
+    calcDensityWeights(log);
+  }
+
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "grad_div");
+    int const n = m_samples ? m_samples->pointsNumber() : 0;
+    for (int i = 0; i < n; ++i)
+    {
+      CPrgCntSubPhase sample(m_progress, static_cast<double>(i) / n, 1.0 / n, 1, true);
+      addSample(i, 3, field);
+    }
+  }
+
+  assembleSystem(phases, gradBasis, field);
+
+  if (!m_params.getEstimateResultNormals())
+    for (int j = 0; j < 3; ++j)
+    {
+      field[j].reset();
+      gradBasis[j].reset();
+    }
+
+  phases.StartPhase("solve");
+  std::unique_ptr<tf_LinComb> const x = solveEquation(log);
+  phases.FinishCurrentPhase();
+
+  double isoValue = 0.0;
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "iso-value");
+    log.text("Start calculating iso-value...");
+    isoValue = calcMeanIsoValue(*x);
+    log("Surface iso-value", isoValue);
+  }
+
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "iso-surface");
+    extractIsoSurface(log, *x, isoValue, m_params.getEstimateResultNormals() ? gradBasis : nullptr);
+  }
+
+  log.text("Volumetric triangulation core completed");
 }
 
 void CVolumetricTriangulatorImpl::logParameters(tf_CLogLine const & log) const
@@ -214,7 +210,7 @@ void CVolumetricTriangulatorImpl::buildTree(tf_CLogLine const & log)
     log("Node max", nodes.getMax()[0], nodes.getMax()[1], nodes.getMax()[2]);
   }
 
-  m_basis.reset(new COctreeFuncBasisTmpl<CProductPiecewisePolynom>(m_kernel, m_octree.get(), 0));
+  m_basis.reset(new tf_Basis(m_kernel, m_octree.get(), 0));
   log("Kernel support size in cells", m_basis->getSupportSizeInCells());
 
   if (m_params.getVariableDensity())

@@ -42,8 +42,13 @@ public:
   void add(float x, float y, float z, float nx = 0.0f, float ny = 0.0f, float nz = 1.0f,
            bool boundary = false)
   {
-    m_coords.insert(m_coords.end(), {x, y, z});
-    m_normals.insert(m_normals.end(), {nx, ny, nz});
+    // push_back, not insert of a list: g++ 12 warns falsely about the latter.
+    m_coords.push_back(x);
+    m_coords.push_back(y);
+    m_coords.push_back(z);
+    m_normals.push_back(nx);
+    m_normals.push_back(ny);
+    m_normals.push_back(nz);
     m_boundary.push_back(boundary ? 1 : 0);
   }
   void reserve(std::size_t n)

@@ -1,0 +1,608 @@
+// The numerical middle of the reconstruction: density weights, the splat of
+// the sample normals, the Poisson system (right part and matrix), its solve,
+// and the iso-value.
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
+#include "QZmath/LinSys/LinSysSolverCompose.h"
+#include "QZmath/LinSys/LinSysSolverDecomposed.h"
+#include "QZmath/VolTriang/CSFProductHelper.h"
+#include "QZmath/VolTriang/detail/VolumetricTriangulatorImpl.h"
+#include "QZsys/Threading.h"
+
+namespace VolTr
+{
+namespace
+{
+using REmath::CCSRSstorage;
+using REmath::CLinSysSolverSpaceDecomposer;
+using REmath::CSparseStoreBicgstabLinSysSolver;
+using REmath::CSparseStoreSparseLinSysSolver;
+
+// The factor of a normalisation is usable when above 0 and finite.
+template <class T> bool tf_usableFactor(T f) { return f > T(0) && std::isfinite(f); }
+
+// How many times q is multiplied by 0.25 until it falls below 4.
+int tf_log4(double q)
+{
+  int k = 0;
+  while (q >= 4.0)
+  {
+    q *= 0.25;
+    ++k;
+  }
+  return k;
+}
+
+// ---------------------------------------------------------------- solver companions
+
+template <class TSolver> class tf_CSparseMatrixReservator : public tf_IMatrixMemoryReservator
+{
+public:
+  tf_CSparseMatrixReservator(TSolver * solver, int systemSize) : m_solver(solver), m_systemSize(systemSize) {}
+  int reservationRow() const override { return 0; }
+  void addRowElements(int count) override { m_elementsNumber += count; }
+  void reserveMemory() override
+  {
+    // The storage's arrays hold int positions: keep the request within them.
+    long long const expected = std::min<long long>(expectedElements(), 0x7fffffffLL);
+    getStorage().reserveMatrixMemory(static_cast<int>(expected));
+  }
+  long long expectedElements() const override { return static_cast<long long>(m_systemSize) * 240; }
+  long long elementsNumber() const override { return m_elementsNumber; }
+  void normalizeSystem(VsUt::IDebugLog * debugLog) override
+  {
+    double const factor = getStorage().normalizeSystemMatrix();
+    tf_CLogLine const log(debugLog);
+    log("System normalized by factor", factor);
+  }
+  CCSRSstorage<double> & getStorage() override { return m_solver->getStorageRefMod(); }
+
+private:
+  TSolver * m_solver;
+  int m_systemSize;
+  long long m_elementsNumber = 0;
+};
+
+class tf_CNullSolveDetails : public tf_ISystemSolveDetails
+{
+public:
+  void logDetails(VsUt::IDebugLog *) override {}
+};
+
+template <class TSolver> class tf_CIterativeSolverDetails : public tf_ISystemSolveDetails
+{
+public:
+  explicit tf_CIterativeSolverDetails(TSolver * solver) : m_solver(solver) {}
+  void logDetails(VsUt::IDebugLog * debugLog) override
+  {
+    tf_CLogLine const log(debugLog);
+    log("Iterations used", m_solver->getIterationsUsed());
+  }
+
+private:
+  TSolver * m_solver;
+};
+
+// ---------------------------------------------------------------- assembly tasks
+
+// The right part: b[o] = sum over j of <F_o, field[j]>, the Galerkin
+// projection of the divergence of the splatted field.
+void tf_makeRightPart(std::vector<double> * right, std::unique_ptr<tf_LinComb> const * field, tf_Basis const * basis,
+                      std::unique_ptr<tf_Basis> const * gradBasis, CTransThreadPrgCntAdapter * adapter,
+                      CProgressCounter * progress, VsUt::IDebugLog * debugLog)
+{
+  tf_CLogLine const log(debugLog);
+  int const n = basis->getFunctionsNumber();
+  log("System size", n);
+  right->assign(static_cast<std::size_t>(n), 0.0);
+  int const parity[3] = {-1, 1, 1};
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> helper(basis, gradBasis[0].get(), eBasisNonSymmetric, 6, parity);
+  for (int j = 0; j < 3; ++j)
+  {
+    CPrgCntSubPhase axis(progress, j / 3.0, 1.0 / 3.0, 1, true);
+    if (j > 0)
+      helper.initWithVariablesSwap(j - 1, j, basis, gradBasis[j].get());
+    for (int o = 0; o < n; ++o)
+    {
+      CPrgCntSubPhase row(progress, static_cast<double>(o) / n, 1.0 / n, 1, true);
+      if (adapter)
+        adapter->increment();
+      CCSFunc3Tmpl<CProductPiecewisePolynom> const f = basis->makeFunctionByIndex(o);
+      (*right)[static_cast<std::size_t>(o)] += helper.evalScalarProduct(f, *field[j]);
+    }
+  }
+  double const factor = REmath::vectorNormalizationFactor(right->data(), static_cast<long long>(right->size()));
+  if (tf_usableFactor(factor))
+  {
+    double const scale = 1.0 / factor;
+    for (double & v : *right)
+      v *= scale;
+  }
+  log("Right part normalized by factor", factor);
+  log("Right part scalar product cash size", helper.cashSize());
+}
+
+// The matrix: A[o][i] = -<F_o, Lap F_i>, the upper triangle only, row by row.
+void tf_makeMatrix(REmath::IVertexPosLinearSystem<double> * solver, tf_IMatrixMemoryReservator * reservator,
+                   tf_Basis const * basis, COctree const * octree, CTransThreadPrgCntAdapter * adapter,
+                   CProgressCounter * progress, VsUt::IDebugLog * debugLog)
+{
+  tf_CLogLine const log(debugLog);
+  CCSRSstorage<double> & storage = reservator->getStorage();
+  solver->setSymmetric(true);
+  solver->setPositiveDefinite(true);
+
+  CProductPiecewisePolynom lapKernel;
+  basis->getSamplePtr()->makeLaplacian(&lapKernel);
+  tf_Basis const lapBasis(lapKernel, octree, 2);
+  int const parity[3] = {1, 1, 1};
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> helper(basis, &lapBasis, eBasisSymmetric, 7, parity);
+
+  int const n = basis->getFunctionsNumber();
+  // The vertex numbers are the node indices; the fixed vertex n carries the
+  // right part with position 1.
+  for (int i = 0; i < n; ++i)
+    solver->DefineFreeVertex(i);
+  solver->DefineFixedVertex(n);
+
+  // One row's buffers, reused across rows.
+  std::vector<std::pair<int, double>> row;
+  std::vector<int> columns;
+  std::vector<double> values;
+  for (int r = 0; r < n; ++r)
+  {
+    CPrgCntSubPhase rowPhase(progress, static_cast<double>(r) / n, 1.0 / n, 1, true);
+    if (adapter)
+      adapter->increment();
+    CCSFunc3Tmpl<CProductPiecewisePolynom> const f = basis->makeFunctionByIndex(r);
+    CParallelepiped const box = getScaledFunctionCommonSupport(f);
+    row.clear();
+    for (CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom> it(&lapBasis, box); !it.isFinished(); it.next())
+    {
+      int const c = it.functionIndex();
+      if (c < r)
+        continue;
+      double const v = 0.0 - helper.evalScalarProduct(f, *it);
+      if (v != 0.0)
+        row.emplace_back(c, v);
+    }
+    int const count = static_cast<int>(row.size());
+    reservator->addRowElements(count);
+    if (r == reservator->reservationRow())
+    {
+      log("Reserving memory for system matrix, elements expected", reservator->expectedElements());
+      reservator->reserveMemory();
+    }
+    std::sort(row.begin(), row.end(), [](auto const & a, auto const & b) { return a.first < b.first; });
+    columns.resize(row.size());
+    values.resize(row.size());
+    for (std::size_t k = 0; k < row.size(); ++k)
+    {
+      columns[k] = row[k].first;
+      values[k] = row[k].second;
+    }
+    storage.addEquationFreePartNoAliases(r, count, values.data(), columns.data());
+  }
+  solver->IsCorrectlyDefinedSystem();
+  long long const elements = reservator->elementsNumber();
+  log("Matrix scalar product cash size", helper.cashSize());
+  log("Non zero elements in system", elements);
+  log("Average non-zero elements per line", n > 0 ? static_cast<double>(elements) / n : 0.0);
+  log("System symmetric", solver->isSymmetric());
+  log("System positive definite", solver->isPositiveDefinite());
+}
+
+// The two assembly tasks, run side by side on two physical threads.
+class tf_rigthPartMaker : public IVescaInvokeProc
+{
+public:
+  tf_rigthPartMaker(std::vector<double> * result, std::unique_ptr<tf_LinComb> const * field, VsUt::IDebugLog * log,
+                    CTransThreadPrgCntAdapter * adapter, tf_Basis const * basis,
+                    std::unique_ptr<tf_Basis> const * gradBasis)
+      : m_result(result), m_dimension(3), m_field(field), m_log(log), m_adapter(adapter), m_basis(basis),
+        m_gradBasis(gradBasis)
+  {
+  }
+  void run() override { tf_makeRightPart(m_result, m_field, m_basis, m_gradBasis, m_adapter, nullptr, m_log); }
+
+private:
+  std::vector<double> * m_result;
+  int m_dimension;
+  std::unique_ptr<tf_LinComb> const * m_field;
+  VsUt::IDebugLog * m_log;
+  CTransThreadPrgCntAdapter * m_adapter;
+  tf_Basis const * m_basis;
+  std::unique_ptr<tf_Basis> const * m_gradBasis;
+};
+
+class tf_matrixMaker : public IVescaInvokeProc
+{
+public:
+  tf_matrixMaker(REmath::IVertexPosLinearSystem<double> * solver, CTransThreadPrgCntAdapter * adapter,
+                 tf_Basis const * basis, COctree const * octree, VsUt::IDebugLog * log,
+                 tf_IMatrixMemoryReservator * reservator)
+      : m_solver(solver), m_adapter(adapter), m_basis(basis), m_octree(octree), m_log(log), m_reservator(reservator)
+  {
+  }
+  void run() override { tf_makeMatrix(m_solver, m_reservator, m_basis, m_octree, m_adapter, nullptr, m_log); }
+
+private:
+  REmath::IVertexPosLinearSystem<double> * m_solver;
+  CTransThreadPrgCntAdapter * m_adapter;
+  tf_Basis const * m_basis;
+  COctree const * m_octree;
+  VsUt::IDebugLog * m_log;
+  tf_IMatrixMemoryReservator * m_reservator;
+};
+
+// ---------------------------------------------------------------- iso-value task
+
+// The weighted sum of X over the samples of a strip of cells along x.
+template <class TKernel, class TWeights> class tf_calcMeanIsoValueCycleByPoints : public IVescaInvokeProc
+{
+public:
+  tf_calcMeanIsoValueCycleByPoints(COctreeFuncLinCombTmpl<TKernel> const * x, IInputSamples const * samples,
+                                   TWeights const * weights, int xBegin, int xEnd,
+                                   CTransThreadPrgCntAdapter * adapter)
+      : m_x(x), m_samples(samples), m_weights(weights), m_xBegin(xBegin), m_xEnd(xEnd), m_adapter(adapter)
+  {
+  }
+
+  void run() override
+  {
+    m_weightedValuesSum = 0.0;
+    m_weightsSum = 0.0;
+    if (m_xBegin >= m_xEnd)
+      return;
+    COctree const & octree = m_x->getRelatedBasisRef().getOctreeRef();
+    COctreeFuncEvalHelper helper(1, 4.0 * octree.getCellSize(octree.getLeafCellDepth()));
+    CParallelepiped box = octree.getCellsBoundaryBox();
+    double const unit = octree.getUnit();
+    double const x0 = octree.getBoxMin()[0];
+    box.setDimension(0, CInterval(m_xBegin * unit + x0, m_xEnd * unit + x0));
+    int lastX = m_xBegin;
+    for (CSamplePointsIteratorInBox it(*m_samples, octree, box, -1); !it.isFinished(); it.next())
+    {
+      // The box's clamped cells are wider than the strip: keep its own cells.
+      int const cx = it.currCellIntCoord().x();
+      if (cx < m_xBegin || cx >= m_xEnd)
+        continue;
+      for (; lastX < cx; ++lastX)
+        if (m_adapter)
+          m_adapter->increment();
+      float const w = m_weights ? (*m_weights)[static_cast<std::size_t>(it.currentSampleIndex())] : 1.0f;
+      m_weightsSum += w;
+      m_weightedValuesSum += m_x->eval(*it, &helper) * w;
+    }
+    for (; lastX < m_xEnd; ++lastX)
+      if (m_adapter)
+        m_adapter->increment();
+  }
+
+  double weightedValuesSum() const { return m_weightedValuesSum; }
+  double weightsSum() const { return m_weightsSum; }
+
+private:
+  COctreeFuncLinCombTmpl<TKernel> const * m_x;
+  IInputSamples const * m_samples;
+  TWeights const * m_weights;
+  int m_xBegin;
+  int m_xEnd;
+  double m_weightedValuesSum = 0.0;
+  double m_weightsSum = 0.0;
+  CTransThreadPrgCntAdapter * m_adapter;
+};
+} // namespace
+
+// ---------------------------------------------------------------- density
+
+void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
+{
+  COctree const & octree = *m_octree;
+  int const samplesNumber = m_samples ? m_samples->pointsNumber() : 0;
+  m_averageDensity = 0.0f;
+  m_densityWeights.assign(static_cast<std::size_t>(samplesNumber), 0.0f);
+
+  CParallelepiped const nodesBox = octree.getNodesBoundaryBox();
+  int const level = m_densityEstimationLevel;
+  int count = 0;
+  for (COctreeInBoxNodeIterator it(&octree, nodesBox, level); !it.isFinished(); it.next())
+    ++count;
+
+  double const h = octree.getCellSize(level);
+  int k = 0;
+  for (COctreeInBoxNodeIterator it(&octree, nodesBox, level); !it.isFinished(); it.next(), ++k)
+  {
+    if (m_progress)
+      m_progress->SetPosFloat(static_cast<double>(k) / count);
+    int const node = it.currentNodeIndex();
+    double q[3];
+    octree.getNodePosition(node, q);
+
+    // The local density: trilinear weights of the samples in the eight cells
+    // that have the node at a corner.
+    double sum = 0.0;
+    for (int corner = 0; corner < 8; ++corner)
+    {
+      CParallelepiped cell;
+      for (int a = 0; a < 3; ++a)
+        if ((corner >> a) & 1)
+          cell.setDimension(a, CInterval(q[a] - h, q[a]));
+        else
+          cell.setDimension(a, CInterval(q[a], q[a] + h));
+      for (CSamplePointsIteratorInBox s(*m_samples, octree, cell, -1); !s.isFinished(); s.next())
+      {
+        double const * p = *s;
+        if (cell.getMin()[0] <= p[0] && p[0] <= cell.getMax()[0] && cell.getMin()[1] <= p[1] &&
+            p[1] <= cell.getMax()[1] && cell.getMin()[2] <= p[2] && p[2] <= cell.getMax()[2])
+          sum += calcTrilinearWeight(p, q, cell);
+      }
+    }
+    if (sum == 0.0)
+      continue;
+
+    // Spread it on the samples under the node's function.
+    CParallelepiped const support = getScaledFunctionCommonSupport(m_basis->makeFunctionByIndex(node));
+    for (CSamplePointsIteratorInBox s(*m_samples, octree, support, -1); !s.isFinished(); s.next())
+    {
+      double const * p = *s;
+      if (support.getMin()[0] <= p[0] && p[0] <= support.getMax()[0] && support.getMin()[1] <= p[1] &&
+          p[1] <= support.getMax()[1] && support.getMin()[2] <= p[2] && p[2] <= support.getMax()[2])
+        m_densityWeights[static_cast<std::size_t>(s.currentSampleIndex())] +=
+            static_cast<float>(m_basis->evalBasisValue(node, p) * sum);
+    }
+  }
+
+  float const factor =
+      REmath::vectorNormalizationFactor(m_densityWeights.data(), static_cast<long long>(m_densityWeights.size()));
+  if (tf_usableFactor(factor))
+  {
+    float const inverse = 1.0f / factor;
+    for (float & w : m_densityWeights)
+      w *= inverse;
+  }
+  log("Weights normalized by factor", samplesNumber > 0 ? factor : 0.0f);
+
+  float minimal = FLT_MAX, maximal = 0.0f;
+  for (float & w : m_densityWeights)
+  {
+    m_averageDensity += w;
+    minimal = std::min(minimal, w);
+    maximal = std::max(maximal, w);
+    if (w > 0.0f)
+      w = 1.0f / w;
+  }
+  if (samplesNumber > 0)
+    m_averageDensity /= static_cast<float>(samplesNumber);
+  log("Average density", m_averageDensity);
+  log("Minimal density", minimal);
+  log("Maximal density", maximal);
+}
+
+// ---------------------------------------------------------------- splat
+
+void CVolumetricTriangulatorImpl::addSample(int index, int dimension, std::unique_ptr<tf_LinComb> * field)
+{
+  COctree const & octree = *m_octree;
+  float const * p = m_samples->getSampleCoords3(index);
+  int const deepest = octree.getNodeDepthEnd() - 1;
+  int const first = octree.getNodeDepthBegin();
+  int depth = deepest;
+  float weight = 1.0f;
+  if (m_params.getVariableDensity())
+  {
+    weight = m_densityWeights.at(static_cast<std::size_t>(index));
+    float const density = weight > 0.0f ? 1.0f / weight : 0.0f;
+    double const r = static_cast<double>(density) / m_averageDensity;
+    // A zero density (or a zero average) has no finite ratio: such a sample
+    // weighs nothing anyway, and stays on the deepest depth.
+    if (r > 0.0 && std::isfinite(r))
+    {
+      int const level = r >= 1.0 ? tf_log4(r) : -tf_log4(1.0 / r);
+      depth = std::max(first, std::min(deepest, deepest + level));
+    }
+  }
+  int const cell = octree.getCellByCoordinates(index);
+  CParallelepiped const box = octree.getBoxOnNbrNodes(cell, depth);
+  float const * n = m_samples->getSampleNormal3(index);
+  for (COctreeNeighborNodeIterator it(&octree, cell, depth); !it.isFinished(); it.next())
+  {
+    int const node = it.currentNodeIndex();
+    double c[3];
+    octree.getNodePosition(node, c);
+    double const t = calcTrilinearWeight(p, c, box);
+    for (int j = 0; j < dimension; ++j)
+    {
+      tf_LinComb & f = *field[j];
+      f.setBasisCoefficient(node, f.getBasisCoefficient(node) + n[j] * (t * weight));
+    }
+  }
+}
+
+// ---------------------------------------------------------------- the system
+
+void CVolumetricTriangulatorImpl::chooseSolver(tf_CLogLine const & log)
+{
+  m_matrixReservator.reset();
+  m_solveDetails.reset(new tf_CNullSolveDetails);
+  m_solver.reset();
+  int const n = m_basis->getFunctionsNumber();
+  int kind = m_params.getPrefferedSolver();
+  if (kind == 0)
+    kind = n < 200000 ? 1 : (n < 1000000 ? 3 : 4);
+  switch (kind)
+  {
+  case 1:
+  case 2:
+  {
+    auto * solver = new CSparseStoreSparseLinSysSolver<double>(0);
+    m_solver.reset(solver);
+    log.text("Use CSparseStoreSparseLinSysSolver");
+    m_matrixReservator.reset(new tf_CSparseMatrixReservator<CSparseStoreSparseLinSysSolver<double>>(solver, n));
+    break;
+  }
+  case 3:
+  {
+    auto * solver = new CSparseStoreBicgstabLinSysSolver<double>(-1, 1e-6, 3000);
+    m_solver.reset(solver);
+    log.text("Use CSparseStoreBicgstabLinSysSolver<double>");
+    log("Maximal allowed iterations", 3000);
+    log("Tolerance", 1e-6);
+    m_matrixReservator.reset(new tf_CSparseMatrixReservator<CSparseStoreBicgstabLinSysSolver<double>>(solver, n));
+    m_solveDetails.reset(new tf_CIterativeSolverDetails<CSparseStoreBicgstabLinSysSolver<double>>(solver));
+    break;
+  }
+  case 4:
+  {
+    // Four blocks, cut by node index.
+    std::vector<int> const splits = {n / 4, 2 * n / 4, 3 * n / 4};
+    auto * solver = new CLinSysSolverSpaceDecomposer<double>(splits, 1e-6, 10000);
+    m_solver.reset(solver);
+    log.text("Use CLinSysSolverSpaceDecomposer<double>");
+    m_matrixReservator.reset(new tf_CSparseMatrixReservator<CLinSysSolverSpaceDecomposer<double>>(solver, n));
+    m_solveDetails.reset(new tf_CIterativeSolverDetails<CLinSysSolverSpaceDecomposer<double>>(solver));
+    break;
+  }
+  default:
+    log("Error unexpected solver type", m_params.getPrefferedSolver());
+    throw CVolTriangulationError("Unexpected solver type");
+  }
+}
+
+void CVolumetricTriangulatorImpl::assembleSystem(VsPCnt::CMultiPhaseManager & phases,
+                                                 std::unique_ptr<tf_Basis> * gradBasis,
+                                                 std::unique_ptr<tf_LinComb> * field)
+{
+  tf_CLogLine const log(m_debugLog);
+  chooseSolver(log);
+  std::vector<double> right;
+  int const n = m_basis->getFunctionsNumber();
+  if (CVescaThreadingTasksHelper::getNumOfPhisicalThread() < 2)
+  {
+    {
+      VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "right_part");
+      tf_makeRightPart(&right, field, m_basis.get(), gradBasis, nullptr, m_progress, m_debugLog);
+    }
+    {
+      VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "matrix");
+      tf_makeMatrix(m_solver.get(), m_matrixReservator.get(), m_basis.get(), m_octree.get(), nullptr, m_progress,
+                    m_debugLog);
+    }
+  }
+  else
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "matrix+right_part");
+    CTransThreadPrgCntAdapter adapter;
+    adapter.refresh(m_progress, std::max(0, 3 * n + n));
+    tf_rigthPartMaker rightPart(&right, field, m_debugLog, &adapter, m_basis.get(), gradBasis);
+    tf_matrixMaker matrix(m_solver.get(), &adapter, m_basis.get(), m_octree.get(), m_debugLog,
+                          m_matrixReservator.get());
+    IVescaInvokeProc * tasks[2] = {&rightPart, &matrix};
+    CVescaThreadingTasksHelper::performInParallel(tasks, 2, &adapter);
+  }
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "update right part");
+    for (int i = 0; i < n; ++i)
+    {
+      m_solver->SetFixedVertCoeff(i, 0, right[static_cast<std::size_t>(i)]);
+      if (m_progress)
+        m_progress->SetPosFloat(static_cast<double>(i) / n);
+    }
+  }
+}
+
+std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveEquation(tf_CLogLine const & log)
+{
+  // Every fixed vertex (there is one) stands at 1: the right part.
+  class LC_RightPartSetter : public REmath::IVertexPosInformer<double>
+  {
+  public:
+    explicit LC_RightPartSetter(int size) : m_size(size) {}
+    double GetVertexPosition(int) const override { return 1.0; }
+
+  private:
+    int m_size;
+  };
+  class LC_SolutionReceiver : public REmath::IEqSysResultReciever<double>
+  {
+  public:
+    explicit LC_SolutionReceiver(tf_LinComb * result) : m_result(result) {}
+    void SetVertexPosition(int vertex, double position) override { m_result->setBasisCoefficient(vertex, position); }
+
+  private:
+    tf_LinComb * m_result;
+  };
+
+  log.text("Trying to solve linear system...");
+  std::unique_ptr<tf_LinComb> x(new tf_LinComb(m_basis.get()));
+  m_matrixReservator->normalizeSystem(m_debugLog);
+  LC_RightPartSetter const setter(m_basis->getFunctionsNumber());
+  LC_SolutionReceiver receiver(x.get());
+  REmath::IVertexPosInformer<double> const * informers[1] = {&setter};
+  REmath::IEqSysResultReciever<double> * receivers[1] = {&receiver};
+  if (!m_solver->SolveSystem(1, informers, receivers, m_progress))
+  {
+    log.text("Failed to solve linear system");
+    throw CVolTriangulationError("Failed to solve linear system");
+  }
+  m_solveDetails->logDetails(m_debugLog);
+  m_solveDetails.reset();
+  m_matrixReservator.reset();
+  m_solver.reset();
+  log.text("Linear system solved");
+  return x;
+}
+
+// ---------------------------------------------------------------- iso-value
+
+double CVolumetricTriangulatorImpl::calcMeanIsoValue(tf_LinComb const & x)
+{
+  using Task = tf_calcMeanIsoValueCycleByPoints<CProductPiecewisePolynom, std::vector<float>>;
+  std::vector<float> const * weights = m_params.getVariableDensity() ? &m_densityWeights : nullptr;
+  int const tasks = std::max(1, CVescaThreadingTasksHelper::getNumOfPhisicalThread());
+  COctree const & octree = *m_octree;
+  CParallelepiped const box = octree.getCellsBoundaryBox();
+  double const lo = octree.getBoxMin()[0], hi = octree.getBoxMax()[0];
+  int const size = octree.getLatticeSize();
+  auto strip = [&](double v) { return hi == lo ? 0 : static_cast<int>(std::floor(size * (v - lo) / (hi - lo))); };
+  int const xLow = strip(box.getMin()[0]) - 1;
+  int const xHigh = strip(box.getMax()[0]) + 1;
+
+  std::vector<std::unique_ptr<Task>> work;
+  std::unique_ptr<CTransThreadPrgCntAdapter> adapter;
+  if (tasks > 1)
+  {
+    adapter.reset(new CTransThreadPrgCntAdapter);
+    adapter->refresh(m_progress, std::max(0, xHigh - xLow));
+  }
+  int begin = xLow;
+  for (int k = 0; k < tasks; ++k)
+  {
+    int const end = xLow + static_cast<int>(static_cast<long long>(xHigh - xLow) * (k + 1) / tasks);
+    work.emplace_back(new Task(&x, m_samples, weights, begin, end, adapter.get()));
+    begin = end;
+  }
+  if (tasks == 1)
+    work[0]->run();
+  else
+  {
+    std::vector<IVescaInvokeProc *> procs;
+    for (auto & t : work)
+      procs.push_back(t.get());
+    CVescaThreadingTasksHelper::performInParallel(procs.data(), tasks, adapter.get());
+  }
+  double weightedValuesSum = 0.0, weightsSum = 0.0;
+  for (auto const & t : work)
+  {
+    weightedValuesSum += t->weightedValuesSum();
+    weightsSum += t->weightsSum();
+  }
+  return weightsSum != 0.0 ? weightedValuesSum / weightsSum : weightedValuesSum;
+}
+} // namespace VolTr
