@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# End-to-end checks of the qzrecon tool on files: success, bad usage, broken
+# inputs and a failing reconstruction, with their exit codes and messages.
+#   qzrecon_cli_test.sh QZRECON QZSAMPLE WORKDIR
+set -u
+qzrecon=$1 qzsample=$2 work=$3
+rm -rf "$work" && mkdir -p "$work" && cd "$work" || exit 1
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+# expect CODE PATTERN -- command...: exit code and a pattern in stdout+stderr
+expect() {
+  local code=$1 pattern=$2
+  shift 3
+  local out rc
+  out=$("$@" 2>&1)
+  rc=$?
+  [ "$rc" -eq "$code" ] || fail "$* exited $rc, expected $code: $out"
+  if [ -n "$pattern" ] && ! grep -q -- "$pattern" <<<"$out"; then
+    fail "$*: output lacks '$pattern': $out"
+  fi
+}
+
+"$qzsample" --shape sphere --points 4000 sphere.xyzn >/dev/null || fail "qzsample"
+
+# Success: a mesh, a summary, JSON on standard output.
+expect 0 '"output_triangles"' -- "$qzrecon" --depth 5 --quiet --json - sphere.xyzn sphere.ply
+[ -s sphere.ply ] || fail "no output mesh"
+head -c 40 sphere.ply | grep -q 'format binary_little_endian 1.0' || fail "output is not binary little-endian PLY"
+expect 0 'vertices' -- "$qzrecon" --depth 4 --normals --solver iterative --log recon.log sphere.xyzn normals.ply
+grep -q 'property float nx' normals.ply || fail "--normals wrote no normals"
+grep -q '^Volumetric triangulation core completed$' recon.log || fail "the log file lacks the last line"
+expect 0 '' -- "$qzrecon" --depth 4 --quiet --json summary.json --corner --no-density --subdivision 2 sphere.xyzn s2.ply
+grep -q '"iso_value"' summary.json || fail "summary.json lacks the iso-value"
+grep -q '"phases"' summary.json || fail "summary.json lacks the phases"
+
+# Help, version, bad usage.
+expect 0 'Usage' -- "$qzrecon" --help
+expect 0 'qzrecon' -- "$qzrecon" --version
+expect 2 '' -- "$qzrecon"
+expect 2 '' -- "$qzrecon" --bogus sphere.xyzn out.ply
+expect 2 '' -- "$qzrecon" --solver magic sphere.xyzn out.ply
+expect 2 '' -- "$qzrecon" --depth zero sphere.xyzn out.ply
+
+# Broken inputs: exit 2, with the file and the place named.
+expect 2 'missing.ply: open' -- "$qzrecon" missing.ply out.ply
+printf '0 0 0 0 0 1\n1 2 nan 0 0 1\n' >nan.xyzn
+expect 2 'nan.xyzn: line 2' -- "$qzrecon" nan.xyzn out.ply
+printf '0 0 0\n1 1 1\n' >nonormals.xyz
+expect 2 'nonormals.xyz: line 1' -- "$qzrecon" nonormals.xyz out.ply
+printf 'ply\nformat binary_little_endian 1.0\nelement vertex 5\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\nproperty float nz\nend_header\n' >truncated.ply
+head -c 30 sphere.ply >>truncated.ply
+expect 2 'truncated.ply: byte' -- "$qzrecon" truncated.ply out.ply
+printf 'ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\nproperty float nz\nend_header\n0 0 0 0 0 1\n1 0 0 0 0 1\n' >count.ply
+expect 2 'count.ply: line 13' -- "$qzrecon" count.ply out.ply
+printf 'ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\nproperty float z\nend_header\n0 0 0\n' >nonormals.ply
+expect 2 'no normals' -- "$qzrecon" nonormals.ply out.ply
+
+# A cloud without usable normals reconstructs nothing: exit 1 with the library's text.
+awk '{print $1, $2, $3, 0, 0, 0}' sphere.xyzn >zero.xyzn
+expect 1 'Failed to reconstruct iso-value surface' -- "$qzrecon" --depth 4 --quiet zero.xyzn out.ply
+
+# An output that cannot be written.
+expect 1 'cannot write' -- "$qzrecon" --depth 4 --quiet sphere.xyzn /nonexistent-dir/out.ply
+
+[ "$failures" -eq 0 ] && echo "all qzrecon checks passed"
+exit "$failures"

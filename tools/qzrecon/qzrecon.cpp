@@ -1,0 +1,281 @@
+// qzrecon: reconstructs a watertight triangle mesh from an oriented point cloud.
+//
+//   qzrecon [options] INPUT OUTPUT.ply
+//
+// Exit status: 0 on success, 1 when the reconstruction fails, 2 for bad usage
+// or an unreadable input.
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "CloudIO.h"
+#include "PhaseMeter.h"
+#include "QZmath/QZmath.h"
+
+namespace
+{
+char const * const kVersion = "qzrecon 0.1.0";
+
+class tf_CloudSamples : public VolTr::IInputSamples
+{
+public:
+  explicit tf_CloudSamples(qzrecon::OrientedCloud const & c) : m_cloud(c) {}
+
+private:
+  int onPointsNumber() const override { return static_cast<int>(m_cloud.size()); }
+  float const * onGetSampleCoords3(int i) const override { return &m_cloud.points[3 * static_cast<std::size_t>(i)]; }
+  float const * onGetSampleNormal3(int i) const override { return &m_cloud.normals[3 * static_cast<std::size_t>(i)]; }
+  bool onIsBoundaryVertex(int) const override { return false; }
+  qzrecon::OrientedCloud const & m_cloud;
+};
+
+class tf_MeshTarget : public VolTr::ITriangulationTarget
+{
+public:
+  explicit tf_MeshTarget(qzrecon::MeshData & m) : m_mesh(m) {}
+
+private:
+  void onAddNewVertex(int, double const * p, double const * n) override
+  {
+    for (int k = 0; k < 3; ++k)
+    {
+      m_mesh.vertices.push_back(static_cast<float>(p[k]));
+      m_mesh.normals.push_back(static_cast<float>(n[k]));
+    }
+  }
+  void onAddNewVertex(int, float const * p, float const * n) override
+  {
+    m_mesh.vertices.insert(m_mesh.vertices.end(), p, p + 3);
+    m_mesh.normals.insert(m_mesh.normals.end(), n, n + 3);
+  }
+  void onAddNewTriangle(int a, int b, int c) override
+  {
+    m_mesh.triangles.push_back(a);
+    m_mesh.triangles.push_back(b);
+    m_mesh.triangles.push_back(c);
+  }
+  qzrecon::MeshData & m_mesh;
+};
+
+// Passes lines on to the user's log, if any, and keeps the iso-value line.
+class tf_TeeLog : public VsUt::IDebugLog
+{
+public:
+  explicit tf_TeeLog(VsUt::IDebugLog * next) : m_next(next) {}
+  bool hasIsoValue() const { return m_haveIso; }
+  double isoValue() const { return m_iso; }
+
+private:
+  void onGetMessage(char const * line) override
+  {
+    static char const kIso[] = "Surface iso-value: ";
+    if (std::strncmp(line, kIso, sizeof kIso - 1) == 0)
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_iso = std::atof(line + sizeof kIso - 1);
+      m_haveIso = true;
+    }
+    if (m_next)
+      m_next->getMessage(line);
+  }
+  VsUt::IDebugLog * m_next;
+  std::mutex m_mutex;
+  bool m_haveIso = false;
+  double m_iso = 0;
+};
+
+int solverCode(std::string const & s)
+{
+  if (s == "auto")
+    return 0;
+  if (s == "direct")
+    return 1;
+  if (s == "iterative")
+    return 3;
+  if (s == "decomposing")
+    return 4;
+  return -1;
+}
+} // namespace
+
+int main(int argc, char ** argv)
+{
+  CLI::App app("Reconstructs a watertight triangle mesh from an oriented point cloud.\n"
+               "INPUT: PLY (ascii or binary, vertex x y z nx ny nz) or text with x y z nx ny nz per line.\n"
+               "OUTPUT: binary little-endian PLY.");
+  std::string input, output, solver = "auto", logPath, jsonPath;
+  int depth = 8, detail = -1;
+  float subdivision = 1.0f, kernelScale = 0.95f;
+  bool noDensity = false, open = false, normals = false, corner = false, quiet = false;
+  app.set_version_flag("--version", kVersion);
+  app.add_option("INPUT", input, "oriented point cloud")->required();
+  app.add_option("OUTPUT", output, "output mesh (.ply)")->required();
+  app.add_option("--depth", depth, "octree depth")->capture_default_str()->check(CLI::Range(1, 16));
+  app.add_option("--solver", solver, "auto, direct, iterative or decomposing")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"auto", "direct", "iterative", "decomposing"}));
+  app.add_flag("--no-density", noDensity, "no density estimation: every sample weighs the same");
+  app.add_flag("--open", open, "the surface is open: stop far from the samples");
+  app.add_flag("--normals", normals, "vertex normals from the gradient of the implicit function");
+  app.add_option("--subdivision", subdivision, "polygoniser cubes per finest octree cell (reconstruct factor)")
+      ->capture_default_str()
+      ->check(CLI::Range(0.01f, 64.0f));
+  app.add_option("--kernel-scale", kernelScale, "kernel width factor")->capture_default_str();
+  app.add_option("--detail", detail, "depths above the deepest that carry nodes (negative: all)")->capture_default_str();
+  app.add_flag("--corner", corner, "nodes on cell corners instead of cell centres");
+  app.add_option("--log", logPath, "debug log file, '-' for standard error");
+  app.add_flag("--quiet", quiet, "no progress bar");
+  app.add_option("--json", jsonPath, "summary as JSON to a file, '-' for standard output");
+  try
+  {
+    app.parse(argc, argv);
+  }
+  catch (CLI::ParseError const & e)
+  {
+    int const rc = app.exit(e);
+    return rc == 0 ? 0 : 2;
+  }
+
+  qzrecon::OrientedCloud cloud;
+  try
+  {
+    cloud = qzrecon::readCloud(input);
+  }
+  catch (qzrecon::CloudReadError const & e)
+  {
+    std::fprintf(stderr, "qzrecon: %s\n", e.what());
+    return 2;
+  }
+  catch (std::exception const & e)
+  {
+    std::fprintf(stderr, "qzrecon: %s: %s\n", input.c_str(), e.what());
+    return 2;
+  }
+
+  std::unique_ptr<VsUt::IDebugLog> userLog;
+  if (logPath == "-")
+    userLog.reset(new VsUt::CStreamDebugLog(std::cerr));
+  else if (!logPath.empty())
+  {
+    auto * f = new VsUt::CFileDebugLog(logPath);
+    userLog.reset(f);
+    if (!f->isOpen())
+    {
+      std::fprintf(stderr, "qzrecon: %s: cannot write the log file\n", logPath.c_str());
+      return 2;
+    }
+  }
+  tf_TeeLog log(userLog.get());
+
+  VolTr::CVolTriangulationParams params;
+  params.setOctreeDepth(depth);
+  params.setPrefferedSolver(solverCode(solver));
+  params.setVariableDensity(!noDensity);
+  params.setClosed(!open);
+  params.setEstimateResultNormals(normals);
+  params.setReconstructFactor(subdivision);
+  params.setKernelScaleFactor(kernelScale);
+  params.setDetalizationLevel(detail);
+  params.setUseCenter(!corner);
+  params.setPhaseNameShown(true);
+  params.setDebugLog(&log);
+
+  CProgressCounter progress;
+  qzrecon::CPhaseMeter meter;
+  progress.AddObserver(&meter);
+  std::unique_ptr<CConsoleProgressBar> bar;
+  if (!quiet && isatty(fileno(stderr)))
+  {
+    bar.reset(new CConsoleProgressBar(stderr, 40, 100));
+    progress.AddObserver(bar.get());
+  }
+
+  qzrecon::MeshData mesh;
+  tf_CloudSamples samples(cloud);
+  tf_MeshTarget target(mesh);
+  try
+  {
+    VolTr::CVolumetricTriangulator triangulator(&target, &samples, &params, &progress);
+    triangulator.run();
+  }
+  catch (std::bad_alloc const &)
+  {
+    if (bar)
+      bar->finish();
+    std::fprintf(stderr, "qzrecon: reconstruction failed: out of memory\n");
+    return 1;
+  }
+  catch (std::exception const & e)
+  {
+    if (bar)
+      bar->finish();
+    std::fprintf(stderr, "qzrecon: reconstruction failed: %s\n", e.what());
+    return 1;
+  }
+  meter.finish();
+  if (bar)
+    bar->finish();
+
+  try
+  {
+    qzrecon::writePly(output, mesh, normals);
+  }
+  catch (std::exception const & e)
+  {
+    std::fprintf(stderr, "qzrecon: %s\n", e.what());
+    return 1;
+  }
+
+  std::printf("qzrecon: %zu points -> %zu vertices, %zu triangles; iso-value %.9g; %.2f s, peak %.0f MiB\n",
+              cloud.size(), mesh.vertexCount(), mesh.triangleCount(), log.isoValue(), meter.totalSeconds(),
+              meter.totalPeakMiB());
+  if (!quiet)
+  {
+    std::printf("  %-20s %9s %10s\n", "phase", "seconds", "peak MiB");
+    for (auto const & p : meter.phases())
+      std::printf("  %-20s %9.3f %10.1f\n", p.name.c_str(), p.seconds, p.peakMiB);
+    std::printf("  mesh written to %s\n", output.c_str());
+  }
+
+  if (!jsonPath.empty())
+  {
+    nlohmann::ordered_json j;
+    j["input"] = input;
+    j["output"] = output;
+    j["input_points"] = cloud.size();
+    j["output_vertices"] = mesh.vertexCount();
+    j["output_triangles"] = mesh.triangleCount();
+    j["iso_value"] = log.isoValue();
+    j["depth"] = depth;
+    j["solver"] = solver;
+    j["seconds"] = meter.totalSeconds();
+    j["peak_memory_mib"] = meter.totalPeakMiB();
+    nlohmann::ordered_json phases = nlohmann::ordered_json::array();
+    for (auto const & p : meter.phases())
+      phases.push_back({{"name", p.name}, {"seconds", p.seconds}, {"peak_memory_mib", p.peakMiB}});
+    j["phases"] = phases;
+    std::string const text = j.dump(2) + "\n";
+    if (jsonPath == "-")
+      std::fputs(text.c_str(), stdout);
+    else
+    {
+      std::ofstream out(jsonPath);
+      out << text;
+      if (!out)
+      {
+        std::fprintf(stderr, "qzrecon: %s: cannot write the summary\n", jsonPath.c_str());
+        return 1;
+      }
+    }
+  }
+  return 0;
+}
