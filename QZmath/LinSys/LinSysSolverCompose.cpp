@@ -4,7 +4,8 @@ namespace REmath
 {
 // ---- direct, compressed rows of base 1 -------------------------------------------
 
-template <class T> CSparseStoreSparseLinSysSolver<T>::CSparseStoreSparseLinSysSolver(int expectedElementsPerLine)
+template <class T>
+CSparseStoreSparseLinSysSolver<T>::CSparseStoreSparseLinSysSolver(int expectedElementsPerLine)
 {
   CCSRSstorage<T> & storage = this->getStorageRefMod();
   storage.setIndexBase(CLinSysSolverSparseDss<T>::st_iDssIndexBase);
@@ -32,7 +33,8 @@ CSparseStoreBicgstabLinSysSolver<T>::CSparseStoreBicgstabLinSysSolver(int expect
 }
 
 template <class T>
-bool CSparseStoreBicgstabLinSysSolver<T>::OnSolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers,
+bool CSparseStoreBicgstabLinSysSolver<T>::OnSolveSystem(int nRightParts,
+                                                        IVertexPosInformer<T> const ** informers,
                                                         IEqSysResultReciever<T> ** recievers,
                                                         CProgressCounter * progress)
 {

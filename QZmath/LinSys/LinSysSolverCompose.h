@@ -71,21 +71,27 @@ protected:
   }
 
 private:
-  bool OnSolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers, IEqSysResultReciever<T> ** recievers,
-                     CProgressCounter * progress) override
+  bool OnSolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers,
+                     IEqSysResultReciever<T> ** recievers, CProgressCounter * progress) override
   {
     Core core = detail::CComposedCoreMaker<Core>::make();
     return solveWithCore(core, nRightParts, informers, recievers, progress);
   }
   void OnDefineFixedVertex(int vertex) override { m_storage.DefineFixedVertex(vertex); }
   void OnDefineFreeVertex(int vertex) override { m_storage.DefineFreeVertex(vertex); }
-  void OnAddEquation(CVertexLinearCombination<T> const & equation) override { m_storage.AddEquation(equation); }
+  void OnAddEquation(CVertexLinearCombination<T> const & equation) override
+  {
+    m_storage.AddEquation(equation);
+  }
   bool OnIsCorrectlyDefinedSystem() const override { return m_storage.IsCorrectlyDefinedSystem(); }
   bool OnIsSpoiled() const override { return m_storage.IsSpoiled(); }
   void onSetSymmetric(bool symmetric) override { m_storage.setSymmetric(symmetric); }
   bool onIsSymmetric() const override { return m_storage.isSymmetric(); }
   bool onIsPositiveDefinite() const override { return m_storage.isPositiveDefinite(); }
-  void onSetPositiveDefinite(bool positiveDefinite) override { m_storage.setPositiveDefinite(positiveDefinite); }
+  void onSetPositiveDefinite(bool positiveDefinite) override
+  {
+    m_storage.setPositiveDefinite(positiveDefinite);
+  }
   T onGetFreeVertCoeff(int row, int column) const override { return m_storage.GetFreeVertCoeff(row, column); }
   void onSetFixedVertCoeff(int row, int fixedIndex, T value) override
   {
@@ -107,8 +113,8 @@ public:
 /// The direct sparse solver over rows kept as sparse vectors; the rows are
 /// copied into a compressed-row matrix for each solve.
 template <class T>
-class CSparseLinSysSolver
-    : public CLinSysSolverCompose<T, CVPLSstorage<T, CSparseVectorAsVPLSstorageRow<T>>, CLinSysSolverSparseDss<T>>
+class CSparseLinSysSolver : public CLinSysSolverCompose<T, CVPLSstorage<T, CSparseVectorAsVPLSstorageRow<T>>,
+                                                        CLinSysSolverSparseDss<T>>
 {
 public:
   CSparseLinSysSolver * Copy() const override { return new CSparseLinSysSolver(*this); }
@@ -117,7 +123,8 @@ public:
 /// The direct sparse solver on compressed rows of index base 1, which it
 /// factorises where they stand.
 template <class T>
-class CSparseStoreSparseLinSysSolver : public CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseDss<T>>
+class CSparseStoreSparseLinSysSolver
+    : public CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseDss<T>>
 {
 public:
   /// Index base 1; the expected elements per row are set when above 0.
@@ -141,7 +148,10 @@ public:
   /// Index base 0; the expected elements per row are set when above 0.
   /// `maxIterations` of 0 or less sets no limit.
   CSparseStoreBicgstabLinSysSolver(int expectedElementsPerLine, T eps, int maxIterations);
-  CSparseStoreBicgstabLinSysSolver * Copy() const override { return new CSparseStoreBicgstabLinSysSolver(*this); }
+  CSparseStoreBicgstabLinSysSolver * Copy() const override
+  {
+    return new CSparseStoreBicgstabLinSysSolver(*this);
+  }
 
   T getBicgStabEps() const { return m_eps; }
   void setBicgStabEps(T eps) { m_eps = eps; }
@@ -152,8 +162,8 @@ public:
   int getIterationsUsed() const { return m_iIterationsUsed; }
 
 private:
-  bool OnSolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers, IEqSysResultReciever<T> ** recievers,
-                     CProgressCounter * progress) override;
+  bool OnSolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers,
+                     IEqSysResultReciever<T> ** recievers, CProgressCounter * progress) override;
 
   T m_eps;
   int m_iMaxIterations;
@@ -166,8 +176,8 @@ extern template class CLinSysSolverCompose<double, CVPLSstorage<double, CStdVect
                                            CLinSysSolverCoreMkl<double>>;
 extern template class CLinSysSolverCompose<float, CVPLSstorage<float, CSparseVectorAsVPLSstorageRow<float>>,
                                            CLinSysSolverSparseDss<float>>;
-extern template class CLinSysSolverCompose<double, CVPLSstorage<double, CSparseVectorAsVPLSstorageRow<double>>,
-                                           CLinSysSolverSparseDss<double>>;
+extern template class CLinSysSolverCompose<
+    double, CVPLSstorage<double, CSparseVectorAsVPLSstorageRow<double>>, CLinSysSolverSparseDss<double>>;
 extern template class CLinSysSolverCompose<float, CCSRSstorage<float>, CLinSysSolverSparseDss<float>>;
 extern template class CLinSysSolverCompose<double, CCSRSstorage<double>, CLinSysSolverSparseDss<double>>;
 extern template class CLinSysSolverCompose<float, CCSRSstorage<float>, CLinSysSolverSparseMKL<float>>;

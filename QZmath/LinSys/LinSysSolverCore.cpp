@@ -170,13 +170,15 @@ template <class T> int CLinSysSolverSparseMKL<T>::initialExpectedIterations() co
 
 template <class T>
 int CLinSysSolverSparseMKL<T>::internalSolveForExplicitMatrix(T * solution, ICsrMatrix<T> const & matrix,
-                                                              T const * rightPart, CProgressCounter * progress,
+                                                              T const * rightPart,
+                                                              CProgressCounter * progress,
                                                               int expectedIterations)
 {
   int const size = matrix.getMatrixSize();
   TF_MatrixProduct<T> product{&matrix, progress, expectedIterations, size, 0};
   detail::CSingleMklThreadScope smallSystem(size < detail::st_iMklThreadsMinimumSize);
-  return bicgstab(size, &TF_MatrixProduct<T>::multiply, &product, rightPart, solution, m_eps, m_iMaxIterations);
+  return bicgstab(size, &TF_MatrixProduct<T>::multiply, &product, rightPart, solution, m_eps,
+                  m_iMaxIterations);
 }
 
 template <class T>
@@ -189,7 +191,8 @@ int CLinSysSolverSparseMKL<T>::solveForExplicitMatrix(T * solution, ICsrMatrix<T
 template <class T>
 bool CLinSysSolverSparseMKL<T>::onSolveSystem(ILinearSystemReadOnly<T> const & system, int nRightParts,
                                               IVertexPosInformer<T> const ** informers,
-                                              IEqSysResultReciever<T> ** recievers, CProgressCounter * progress)
+                                              IEqSysResultReciever<T> ** recievers,
+                                              CProgressCounter * progress)
 {
   if (!detail::areRightPartsUsable(nRightParts, informers, recievers))
     return false;

@@ -19,11 +19,11 @@ template <class T, class System> class tf_subsystemTask : public IVescaInvokePro
 {
 public:
   /// `rightPart` and `solution` are already shifted to the block's first row.
-  tf_subsystemTask(System const * system, T const * rightPart, T * solution, int firstRow, int endRow, double eps,
-                   int maxIterations, bool hasChildren)
-      : m_system(system), m_rightPart(rightPart), m_solution(solution), m_iFirstRow(firstRow), m_iEndRow(endRow),
-        m_eps(eps), m_iMaxIterations(maxIterations), m_bSucceeded(false), m_bDone(false), m_iIterationsUsed(0),
-        m_bHasChildren(hasChildren)
+  tf_subsystemTask(System const * system, T const * rightPart, T * solution, int firstRow, int endRow,
+                   double eps, int maxIterations, bool hasChildren)
+      : m_system(system), m_rightPart(rightPart), m_solution(solution), m_iFirstRow(firstRow),
+        m_iEndRow(endRow), m_eps(eps), m_iMaxIterations(maxIterations), m_bSucceeded(false), m_bDone(false),
+        m_iIterationsUsed(0), m_bHasChildren(hasChildren)
   {
   }
   ~tf_subsystemTask() override = default;
@@ -55,7 +55,8 @@ public:
       // A failed leaf keeps its rows as they were; the merged block above
       // starts from them.
       CLinSysSolverSparseDss<T> direct;
-      (void)direct.solveForExplicitMatrix(m_solution, *block, m_system->isPositiveDefinite(), m_rightPart, nullptr);
+      (void)direct.solveForExplicitMatrix(m_solution, *block, m_system->isPositiveDefinite(), m_rightPart,
+                                          nullptr);
       m_bSucceeded = true;
     }
     else
@@ -163,8 +164,8 @@ template <class T> struct tf_RightPartContext
     int const first = (*boundaries)[p];
     int const end = (*boundaries)[q];
     bool const hasChildren = m != p && m != q;
-    tasks.push_back(std::unique_ptr<Task>(new Task(system, rightPart.data() + first, solution.data() + first, first,
-                                                   end, eps, maxIterations, hasChildren)));
+    tasks.push_back(std::unique_ptr<Task>(new Task(system, rightPart.data() + first, solution.data() + first,
+                                                   first, end, eps, maxIterations, hasChildren)));
     Task * task = tasks.back().get();
     typename tf_BinaryDependentTaskManager<Task>::Node const * left = nullptr;
     typename tf_BinaryDependentTaskManager<Task>::Node const * right = nullptr;
@@ -269,7 +270,8 @@ CLinSysSolverDecomposed<T>::CLinSysSolverDecomposed(std::vector<int> const & bou
 template <class T>
 bool CLinSysSolverDecomposed<T>::onSolveSystem(ILinearSystemReadOnly<T> const & system, int nRightParts,
                                                IVertexPosInformer<T> const ** informers,
-                                               IEqSysResultReciever<T> ** recievers, CProgressCounter * progress)
+                                               IEqSysResultReciever<T> ** recievers,
+                                               CProgressCounter * progress)
 {
   if (!detail::areRightPartsUsable(nRightParts, informers, recievers))
     return false;
@@ -285,7 +287,8 @@ bool CLinSysSolverDecomposed<T>::onSolveSystem(ILinearSystemReadOnly<T> const & 
 
   for (int i = 0; i < nRightParts; ++i)
   {
-    CPrgCntSubPhase rightPartPhase(progress, static_cast<double>(i) / nRightParts, 1.0 / nRightParts, 0, true);
+    CPrgCntSubPhase rightPartPhase(progress, static_cast<double>(i) / nRightParts, 1.0 / nRightParts, 0,
+                                   true);
     tf_RightPartContext<T> context;
     context.system = &system;
     context.reciever = recievers[i];
@@ -325,7 +328,8 @@ CLinSysSolverSpaceDecomposer<T>::CLinSysSolverSpaceDecomposer(std::vector<int> c
 
 template <class T>
 bool CLinSysSolverSpaceDecomposer<T>::OnSolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers,
-                                                    IEqSysResultReciever<T> ** recievers, CProgressCounter * progress)
+                                                    IEqSysResultReciever<T> ** recievers,
+                                                    CProgressCounter * progress)
 {
   CLinSysSolverDecomposed<T> core(m_boundaries, m_eps, m_iMaxIterations);
   bool const solved = this->solveWithCore(core, nRightParts, informers, recievers, progress);

@@ -71,7 +71,10 @@ namespace detail
 /// direct solve of the whole system.
 template <class T> struct CComposedCoreMaker<CLinSysSolverDecomposed<T>>
 {
-  static CLinSysSolverDecomposed<T> make() { return CLinSysSolverDecomposed<T>(std::vector<int>(), -1.0, -1); }
+  static CLinSysSolverDecomposed<T> make()
+  {
+    return CLinSysSolverDecomposed<T>(std::vector<int>(), -1.0, -1);
+  }
 };
 } // namespace detail
 
@@ -79,7 +82,8 @@ template <class T> struct CComposedCoreMaker<CLinSysSolverDecomposed<T>>
 /// A new core is made for each solve, so the boundaries given here are the
 /// ones every solve starts from.
 template <class T>
-class CLinSysSolverSpaceDecomposer : public CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverDecomposed<T>>
+class CLinSysSolverSpaceDecomposer
+    : public CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverDecomposed<T>>
 {
 public:
   CLinSysSolverSpaceDecomposer(std::vector<int> const & boundaries, double eps, int maxIterations);
@@ -89,8 +93,8 @@ public:
   int getIterationsUsed() const { return m_iIterationsUsed; }
 
 private:
-  bool OnSolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers, IEqSysResultReciever<T> ** recievers,
-                     CProgressCounter * progress) override;
+  bool OnSolveSystem(int nRightParts, IVertexPosInformer<T> const ** informers,
+                     IEqSysResultReciever<T> ** recievers, CProgressCounter * progress) override;
 
   std::vector<int> m_boundaries;
   double m_eps;

@@ -126,7 +126,8 @@ bool CLinSysSolverSparseDss<T>::solveForExplicitMatrixInternal(int nRightParts, 
     MKL_INT createOptions = tf_quiet + (base == eCSRindexBaseZero ? MKL_DSS_ZERO_BASED_INDEXING : 0);
     tf_check(dss_create(handle.ref(), createOptions));
 
-    MKL_INT structure = (matrix.isUpperTriangleOnlyStored() ? MKL_DSS_SYMMETRIC : MKL_DSS_NON_SYMMETRIC) + tf_quiet;
+    MKL_INT structure =
+        (matrix.isUpperTriangleOnlyStored() ? MKL_DSS_SYMMETRIC : MKL_DSS_NON_SYMMETRIC) + tf_quiet;
     MKL_INT size = n;
     MKL_INT count = nonZeros;
     tf_check(dss_define_structure(handle.ref(), structure, rows, size, size, columns, count));
@@ -177,7 +178,8 @@ bool CLinSysSolverSparseDss<T>::solveForExplicitMatrix(T * solution, ICsrMatrix<
 template <class T>
 bool CLinSysSolverSparseDss<T>::onSolveSystem(ILinearSystemReadOnly<T> const & system, int nRightParts,
                                               IVertexPosInformer<T> const ** informers,
-                                              IEqSysResultReciever<T> ** recievers, CProgressCounter * progress)
+                                              IEqSysResultReciever<T> ** recievers,
+                                              CProgressCounter * progress)
 {
   if (!detail::areRightPartsUsable(nRightParts, informers, recievers))
     return false;

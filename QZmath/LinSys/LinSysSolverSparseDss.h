@@ -45,7 +45,8 @@ private:
   /// the other in `rightParts`; the solutions go to `solutions` in the same
   /// layout.
   bool solveForExplicitMatrixInternal(int nRightParts, T * solutions, ICsrMatrix<T> const & matrix,
-                                      bool positiveDefinite, T const * rightParts, CProgressCounter * progress);
+                                      bool positiveDefinite, T const * rightParts,
+                                      CProgressCounter * progress);
 };
 
 extern template class CLinSysSolverSparseDss<float>;

@@ -53,7 +53,8 @@ template <class T> struct CDense
 template <class T> int referenceBicgstab(CDense<T> & m, std::vector<T> const & b, std::vector<T> & x, T eps)
 {
   int const n = m.n;
-  auto dot = [n](std::vector<T> const & u, std::vector<T> const & v) {
+  auto dot = [n](std::vector<T> const & u, std::vector<T> const & v)
+  {
     T s = T(0);
     for (int i = 0; i < n; ++i)
       s += u[i] * v[i];
@@ -112,7 +113,8 @@ template <class T> std::vector<T> rightPartOf(solver_test::CProblem const & p)
 TYPED_TEST(Bicgstab, FollowsTheStepByStepReferenceAndSolves)
 {
   using T = TypeParam;
-  for (auto const & problem : {solver_test::randomSpd(60, 6, 5u), solver_test::chain(50), solver_test::laplacian3D(4, 4, 3)})
+  for (auto const & problem :
+       {solver_test::randomSpd(60, 6, 5u), solver_test::chain(50), solver_test::laplacian3D(4, 4, 3)})
   {
     CDense<T> m(problem);
     std::vector<T> const b = rightPartOf<T>(problem);
@@ -126,7 +128,9 @@ TYPED_TEST(Bicgstab, FollowsTheStepByStepReferenceAndSolves)
     EXPECT_NEAR(iterations, referenceIterations, sizeof(T) == 4 ? 1 : 0);
     EXPECT_LT(solver_test::relativeError({x.begin(), x.end()}, {xRef.begin(), xRef.end()}),
               sizeof(T) == 4 ? 1e-3 : 1e-9);
-    EXPECT_LT(solver_test::relativeError({x.begin(), x.end()}, solver_test::referenceSolution<T>(problem, solver_test::fixedPositions(problem, 0))),
+    EXPECT_LT(solver_test::relativeError(
+                  {x.begin(), x.end()},
+                  solver_test::referenceSolution<T>(problem, solver_test::fixedPositions(problem, 0))),
               sizeof(T) == 4 ? 1e-4 : 1e-5);
   }
 }

@@ -41,31 +41,38 @@ template <class T> std::vector<CSolverKind<T>> allSolvers()
       {"compressed rows, iterative",
        [eps](int) { return new CSparseStoreBicgstabLinSysSolver<T>(-1, T(eps), 3000); }, true, false},
       {"decomposer",
-       [eps](int n) { return new CLinSysSolverSpaceDecomposer<T>({n / 4, 2 * n / 4, 3 * n / 4}, eps, 10000); }, true,
-       false},
+       [eps](int n) {
+         return new CLinSysSolverSpaceDecomposer<T>({n / 4, 2 * n / 4, 3 * n / 4}, eps, 10000);
+       },
+       true, false},
       // Index base 0: the direct core copies the system into a base-1 matrix
       // (the upper triangle of a symmetric one), the decomposer's leaves
       // take the blocks as they are.
       {"compressed rows of base 0, direct",
-       [](int) {
+       [](int)
+       {
          auto * s = new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseDss<T>>();
          s->getStorageRefMod().setIndexBase(0);
          return s;
        },
        false, true},
       {"decomposer on base 0",
-       [eps](int n) {
+       [eps](int n)
+       {
          auto * s = new CLinSysSolverSpaceDecomposer<T>({n / 3, 2 * n / 3}, eps, 10000);
          s->getStorageRefMod().setIndexBase(0);
          return s;
        },
        true, false},
       {"compose, default iterative core",
-       [](int) { return new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseMKL<T>>(); }, true, false},
+       [](int) { return new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseMKL<T>>(); }, true,
+       false},
       {"compose, default decomposing core",
-       [](int) { return new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverDecomposed<T>>(); }, false, false},
+       [](int) { return new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverDecomposed<T>>(); }, false,
+       false},
       {"compose, shifted rows and row-product core",
-       [](int) {
+       [](int)
+       {
          return new CLinSysSolverCompose<T, CVPLSstorage<T, CShiftedVectorAsVPLstorageRow<T>>,
                                          CLinSysSolverCoreBicgstab<T>>();
        },
@@ -84,7 +91,8 @@ template <class T> double tolerance(bool iterative)
 TYPED_TEST(Solvers, AgreeWithTheDenseReferenceForSeveralRightPartsAndRepeatedSolves)
 {
   using T = TypeParam;
-  for (auto const & problem : {solver_test::randomSpd(90, 6, 11u), solver_test::laplacian3D(6, 5, 4), solver_test::chain(70)})
+  for (auto const & problem :
+       {solver_test::randomSpd(90, 6, 11u), solver_test::laplacian3D(6, 5, 4), solver_test::chain(70)})
     for (auto const & kind : allSolvers<T>())
     {
       SCOPED_TRACE(kind.name + ", n = " + std::to_string(problem.nFree));
@@ -188,7 +196,8 @@ TYPED_TEST(Solvers, IterativeSolverCountsIterationsOverAllRightParts)
 {
   using T = TypeParam;
   CProblem const problem = solver_test::laplacian3D(7, 6, 5);
-  auto solveAndCount = [&](int count, int first, int maxIterations) {
+  auto solveAndCount = [&](int count, int first, int maxIterations)
+  {
     CSparseStoreBicgstabLinSysSolver<T> solver(-1, T(1e-6), maxIterations);
     solver_test::fill<T>(solver, problem);
     CRightParts<T> parts(problem, count, first);
@@ -213,13 +222,15 @@ TEST(SolversReconstructionPath, BulkFilledStencilSystemSolvedByAllThree)
   {
     for (int d = 0; d < 27; ++d)
     {
-      int const x = i % side + d % 3 - 1, y = i / side % side + d / 3 % 3 - 1, z = i / side / side + d / 9 - 1;
+      int const x = i % side + d % 3 - 1, y = i / side % side + d / 3 % 3 - 1,
+                z = i / side / side + d / 9 - 1;
       if (x >= 0 && y >= 0 && z >= 0 && x < side && y < side && z < side)
         problem.rows[i][(z * side + y) * side + x] = d == 13 ? 27.0 : -1.0;
     }
     problem.rows[i][n] = -(std::cos(0.05 * i) + 0.25);
   }
-  auto build = [&](CCSRSstorage<double> & storage) {
+  auto build = [&](CCSRSstorage<double> & storage)
+  {
     storage.setSymmetric(true);
     storage.setPositiveDefinite(true);
     for (int v = 0; v < n; ++v)

@@ -36,7 +36,8 @@ template <class T> double reachableEps() { return sizeof(T) == 4 ? 1e-5 : 1e-10;
 TYPED_TEST(DecomposingSolver, AgreesWithTheDirectSolverFor2And4And8Blocks)
 {
   using T = TypeParam;
-  for (auto const & problem : {solver_test::laplacian3D(8, 6, 5), solver_test::chain(150), solver_test::randomSpd(160, 5, 9u)})
+  for (auto const & problem :
+       {solver_test::laplacian3D(8, 6, 5), solver_test::chain(150), solver_test::randomSpd(160, 5, 9u)})
   {
     CSparseStoreSparseLinSysSolver<T> direct(0);
     solver_test::fill<T>(direct, problem);
@@ -54,7 +55,8 @@ TYPED_TEST(DecomposingSolver, AgreesWithTheDirectSolverFor2And4And8Blocks)
         CRightParts<T> parts(problem, 2);
         ASSERT_TRUE(parts.solveBy(solver));
         for (int k = 0; k < 2; ++k)
-          EXPECT_LT(solver_test::relativeError(parts.solution(k), reference.solution(k)), sizeof(T) == 4 ? 2e-4 : 1e-8);
+          EXPECT_LT(solver_test::relativeError(parts.solution(k), reference.solution(k)),
+                    sizeof(T) == 4 ? 2e-4 : 1e-8);
         EXPECT_GT(solver.getIterationsUsed(), 0);
       }
   }
@@ -71,8 +73,8 @@ TYPED_TEST(DecomposingSolver, BoundariesAreCompletedAndOneBlockIsOneDirectSolve)
   {
     std::vector<int> given, completed;
   };
-  for (LC_Case const & c : {LC_Case{{}, {0, n}}, LC_Case{{0, n}, {0, n}}, LC_Case{{n}, {0, n}}, LC_Case{{30}, {0, 30, n}},
-                            LC_Case{{0, 30, 30, n}, {0, 30, 30, n}}})
+  for (LC_Case const & c : {LC_Case{{}, {0, n}}, LC_Case{{0, n}, {0, n}}, LC_Case{{n}, {0, n}},
+                            LC_Case{{30}, {0, 30, n}}, LC_Case{{0, 30, 30, n}, {0, 30, 30, n}}})
   {
     CLinSysSolverDecomposed<T> core(c.given, reachableEps<T>(), -1);
     CRightParts<T> parts(problem, 1);
@@ -83,7 +85,8 @@ TYPED_TEST(DecomposingSolver, BoundariesAreCompletedAndOneBlockIsOneDirectSolve)
     EXPECT_EQ(core.getIterationsUsed() == 0, c.completed.size() == 2);
   }
   // Boundaries that fall or leave the system solve nothing.
-  for (std::vector<int> const & bad : {std::vector<int>{0, 40, 20, n}, std::vector<int>{0, n + 5}, std::vector<int>{-3, 10}})
+  for (std::vector<int> const & bad :
+       {std::vector<int>{0, 40, 20, n}, std::vector<int>{0, n + 5}, std::vector<int>{-3, 10}})
   {
     CLinSysSolverDecomposed<T> core(bad, 1e-6, -1);
     CRightParts<T> parts(problem, 1);

@@ -90,7 +90,9 @@ TYPED_TEST(DirectSparseSolver, FailuresGiveFalseAndMklPrintsNothing)
     filler.pushByRawNextNonZeroElement(2, 2, T(2));
   }
   EXPECT_FALSE(dss.solveForExplicitMatrix(x.data(), bare, true, b.data(), nullptr));
-  EXPECT_EQ(captureStdout([&] { EXPECT_FALSE(dss.solveForExplicitMatrix(x.data(), unfinished, false, b.data(), nullptr)); }),
-            "");
+  EXPECT_EQ(
+      captureStdout(
+          [&] { EXPECT_FALSE(dss.solveForExplicitMatrix(x.data(), unfinished, false, b.data(), nullptr)); }),
+      "");
   EXPECT_FALSE(dss.solveForExplicitMatrix(x.data(), CCSRSquareMatrix<T>(), false, b.data(), nullptr));
 }

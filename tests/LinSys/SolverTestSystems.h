@@ -122,7 +122,8 @@ inline std::vector<double> fixedPositions(CProblem const & p, int k)
 
 /// F x = -G p by LU in double, from the coefficients rounded to T (what the
 /// solver sees); empty when F is singular.
-template <class T> std::vector<double> referenceSolution(CProblem const & p, std::vector<double> const & fixed)
+template <class T>
+std::vector<double> referenceSolution(CProblem const & p, std::vector<double> const & fixed)
 {
   REmath::Matrix<double> a(p.nFree, p.nFree), b(p.nFree, 1), x(p.nFree, 1);
   for (int i = 0; i < p.nFree; ++i)
@@ -143,7 +144,9 @@ template <class T> std::vector<double> referenceSolution(CProblem const & p, std
 template <class T> class CArrayInformer : public REmath::IVertexPosInformer<T>
 {
 public:
-  CArrayInformer(int first, std::vector<double> positions) : m_first(first), m_positions(std::move(positions)) {}
+  CArrayInformer(int first, std::vector<double> positions) : m_first(first), m_positions(std::move(positions))
+  {
+  }
   T GetVertexPosition(int vertex) const override
   {
     ++asked;
