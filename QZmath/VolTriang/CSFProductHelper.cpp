@@ -57,6 +57,7 @@ public:
     double rightSupportInCells = 0;
     int leafDepth = 0;
     double depthFactor = 1.0;
+    std::vector<double> factorPowers; // depthFactor^k by repeated multiplication
   };
 
   CCSFProductHelperImpl(COctreeFuncBasisTmpl<CProductPiecewisePolynom> const * left,
@@ -114,6 +115,9 @@ public:
     c.rightSupportInCells = rightBasis->getSupportSizeInCells();
     c.leafDepth = octree->getLeafCellDepth();
     c.depthFactor = std::cbrt(std::ldexp(1.0, c.derivativeLevels)) * 2.0;
+    c.factorPowers.assign(static_cast<std::size_t>(c.leafDepth + 2), 1.0);
+    for (std::size_t k = 1; k < c.factorPowers.size(); ++k)
+      c.factorPowers[k] = c.factorPowers[k - 1] * c.depthFactor;
     int const depths = c.leafDepth + 1;
     c.tableStart.resize(static_cast<std::size_t>(depths * depths));
     c.tableLength.resize(static_cast<std::size_t>(depths * depths));
@@ -140,12 +144,12 @@ public:
     double factor = 1.0;
     if (k > 0)
     {
+      // One arithmetic shift by k is k shifts by one; the power of the depth
+      // factor comes from a table made by the same repeated multiplication.
       dL += k;
       dR += k;
-      for (int t = 0; t < k; ++t)
-        o >>= 1;
-      for (int t = 0; t < k; ++t)
-        factor *= c.depthFactor;
+      o >>= k;
+      factor = c.factorPowers[static_cast<std::size_t>(k)];
     }
     if (c.offsetParity != 0 && o < 0)
     {
