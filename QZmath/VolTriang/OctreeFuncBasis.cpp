@@ -52,6 +52,10 @@ int COctreeFuncEvalHelper::recordNewRegion(double const * const p)
   region.indexes.clear();
   region.coeffs.clear();
   region.prepared.clear();
+  region.bucketsMade = false;
+  region.bucketsUsable = false;
+  region.bucketStart.clear();
+  region.bucketEntries.clear();
   return slot;
 }
 
@@ -89,6 +93,91 @@ COctreeFuncEvalHelper::SPreparedEntry const * COctreeFuncEvalHelper::getPrepared
 {
   Region const & r = m_regions[static_cast<std::size_t>(region)];
   return r.prepared.size() == r.indexes.size() ? r.prepared.data() : nullptr;
+}
+
+namespace
+{
+int tf_bucketOf(double x, double lo, double size, int buckets)
+{
+  double const b = std::floor((x - lo) / size);
+  if (!(b > 0.0))
+    return 0;
+  return b >= buckets - 1 ? buckets - 1 : static_cast<int>(b);
+}
+} // namespace
+
+void COctreeFuncEvalHelper::makeBuckets(Region & r) const
+{
+  r.bucketsMade = true;
+  r.bucketsUsable = false;
+  std::size_t const n = r.indexes.size();
+  if (r.prepared.size() != n || n == 0)
+    return;
+  int const g = BUCKETS_PER_AXIS;
+  double size[3];
+  for (int a = 0; a < 3; ++a)
+  {
+    size[a] = (r.box.getMax()[a] - r.box.getMin()[a]) / g;
+    if (!(size[a] > 0.0) || !std::isfinite(size[a]))
+      return;
+  }
+  // Two passes: count, then fill, each bucket in recorded order.
+  std::vector<int> range(6 * n);
+  r.bucketStart.assign(static_cast<std::size_t>(g * g * g + 1), 0);
+  for (std::size_t e = 0; e < n; ++e)
+  {
+    SPreparedEntry const & pe = r.prepared[e];
+    int * rg = &range[6 * e];
+    // A coefficient that is not finite makes even a zero value count (0 times
+    // infinity is NaN): such an entry stands in every bucket.
+    bool const everywhere = !std::isfinite(r.coeffs[e]);
+    for (int a = 0; a < 3; ++a)
+    {
+      rg[2 * a] = everywhere ? 0 : tf_bucketOf(pe.lo[a], r.box.getMin()[a], size[a], g);
+      rg[2 * a + 1] = everywhere ? g - 1 : tf_bucketOf(pe.hi[a], r.box.getMin()[a], size[a], g);
+    }
+    for (int x = rg[0]; x <= rg[1]; ++x)
+      for (int y = rg[2]; y <= rg[3]; ++y)
+        for (int z = rg[4]; z <= rg[5]; ++z)
+          ++r.bucketStart[static_cast<std::size_t>((x * g + y) * g + z + 1)];
+  }
+  for (std::size_t b = 1; b < r.bucketStart.size(); ++b)
+    r.bucketStart[b] += r.bucketStart[b - 1];
+  r.bucketEntries.assign(static_cast<std::size_t>(r.bucketStart.back()), 0);
+  std::vector<int> fill(r.bucketStart.begin(), r.bucketStart.end() - 1);
+  for (std::size_t e = 0; e < n; ++e)
+  {
+    int const * rg = &range[6 * e];
+    for (int x = rg[0]; x <= rg[1]; ++x)
+      for (int y = rg[2]; y <= rg[3]; ++y)
+        for (int z = rg[4]; z <= rg[5]; ++z)
+          r.bucketEntries[static_cast<std::size_t>(fill[static_cast<std::size_t>((x * g + y) * g + z)]++)] =
+              static_cast<int>(e);
+  }
+  r.bucketsUsable = true;
+}
+
+int const * COctreeFuncEvalHelper::getEntriesNear(int region, double const * p, int * count)
+{
+  Region & r = m_regions[static_cast<std::size_t>(region)];
+  // The buckets pay off only for a region that is asked often; a region that
+  // is soon replaced is scanned whole.
+  if (r.hits < 32)
+    return nullptr;
+  if (!r.bucketsMade)
+    makeBuckets(r);
+  if (!r.bucketsUsable)
+    return nullptr;
+  int const g = BUCKETS_PER_AXIS;
+  int b[3];
+  for (int a = 0; a < 3; ++a)
+  {
+    double const size = (r.box.getMax()[a] - r.box.getMin()[a]) / g;
+    b[a] = tf_bucketOf(p[a], r.box.getMin()[a], size, g);
+  }
+  std::size_t const k = static_cast<std::size_t>((b[0] * g + b[1]) * g + b[2]);
+  *count = r.bucketStart[k + 1] - r.bucketStart[k];
+  return r.bucketEntries.data() + r.bucketStart[k];
 }
 
 std::vector<int>::const_iterator COctreeFuncEvalHelper::getBasisIndexesBegin(int region) const
@@ -369,6 +458,18 @@ void COctreeFuncBasisTmpl<TKernel>::prepareEntry(int node, COctreeFuncEvalHelper
   m_impl->centreOf(node, out->centre, &d);
   out->scale = m_impl->argumentScales[static_cast<std::size_t>(d)];
   out->normalization = m_impl->normalizations[static_cast<std::size_t>(d)];
+  // Where the kernel's own outside test can fail: its margins taken back to
+  // model coordinates, widened once more for the rounding of (c - p) * -s.
+  double const s = out->scale;
+  for (int a = 0; a < 3; ++a)
+  {
+    double const c = out->centre[a];
+    double const lo = c + m_impl->outsideBelow[a] / s;
+    double const hi = c + m_impl->outsideAbove[a] / s;
+    double const slack = 1e-9 * (1.0 + std::fabs(c) + (hi - lo));
+    out->lo[a] = lo - slack;
+    out->hi[a] = hi + slack;
+  }
 }
 
 template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::evalBasisValue(int node, double const * p) const
@@ -498,6 +599,20 @@ double COctreeFuncLinCombTmpl<TKernel>::eval(double const * p, COctreeFuncEvalHe
       auto coeff = helper->getCoeffsBegin(r);
       if (COctreeFuncEvalHelper::SPreparedEntry const * e = helper->getPreparedEntries(r))
       {
+        // Only the entries that can be non-zero at p, in recorded order: the
+        // others would add exactly zero, which leaves a sum started at +0.0
+        // unchanged.
+        int near = 0;
+        if (int const * positions = helper->getEntriesNear(r, p, &near))
+        {
+          double const * coeffs = &*coeff;
+          for (int k = 0; k < near; ++k)
+          {
+            int const i = positions[k];
+            value += e[i].normalization * coeffs[i] * basis.evalKernelAt(e[i].centre, e[i].scale, p);
+          }
+          return value;
+        }
         for (; idx != idxEnd; ++idx, ++coeff, ++e)
           value += e->normalization * *coeff * basis.evalKernelAt(e->centre, e->scale, p);
         return value;

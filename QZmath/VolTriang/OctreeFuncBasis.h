@@ -53,12 +53,20 @@ public:
     double centre[3];
     double scale;
     double normalization;
+    /// Outside this box (in model coordinates) the function is exactly 0.
+    double lo[3];
+    double hi[3];
   };
   /// As `recordIndexInfo`, with the prepared data of the entry.
   void recordPreparedIndexInfo(int region, int basisIndex, double coefficient, SPreparedEntry const & prepared);
   /// The prepared data, parallel to the indexes, when every entry of the region
   /// was recorded with them; null otherwise.
   SPreparedEntry const * getPreparedEntries(int region) const;
+  /// The entries of a region that can be non-zero at p (a point of the
+  /// region), as ascending positions in its lists; the others are exactly zero
+  /// there. Null when the region cannot tell, and then every entry counts.
+  /// `count` receives the number of positions.
+  int const * getEntriesNear(int region, double const * p, int * count);
 
 private:
   struct Region
@@ -68,7 +76,15 @@ private:
     std::vector<int> indexes;
     std::vector<double> coeffs;
     std::vector<SPreparedEntry> prepared;
+    // Buckets of the region's box, each listing (in recorded order) the
+    // entries that can be non-zero in it; made at the region's first hit.
+    bool bucketsMade = false;
+    bool bucketsUsable = false;
+    std::vector<int> bucketStart;
+    std::vector<int> bucketEntries;
   };
+  void makeBuckets(Region & r) const;
+  static constexpr int BUCKETS_PER_AXIS = 6;
   int m_regionsNumber;
   double m_regionHalfSize;
   std::vector<Region> m_regions;
