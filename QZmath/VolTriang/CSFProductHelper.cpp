@@ -425,7 +425,7 @@ double CCSFProductHelperTmpl<TKernel>::evalScalarProduct(CCSFunc3Tmpl<TKernel> c
 {
   CParallelepiped const box = getScaledFunctionCommonSupport(f);
   double result = 0.0;
-  for (CInterlacedSupportIteratorTmpl<TKernel> it(&lc.getRelatedBasisRef(), box); !it.isFinished(); it.next())
+  for (CInterlacedSupportIteratorTmpl<TKernel> it(&lc, box); !it.isFinished(); it.next())
   {
     double const a = lc.getBasisCoefficient(it.functionIndex());
     if (a == 0.0)

@@ -529,7 +529,8 @@ template <class TKernel> class COctreeFuncLinCombImpl
 {
 public:
   explicit COctreeFuncLinCombImpl(COctreeFuncBasisTmpl<TKernel> const * b)
-      : basis(b), octree(&b->getOctreeRef()), coefficients(static_cast<std::size_t>(b->getFunctionsNumber()), 0.0)
+      : basis(b), octree(&b->getOctreeRef()), coefficients(static_cast<std::size_t>(b->getFunctionsNumber()), 0.0),
+        nonZeroAtDepth(static_cast<std::size_t>(std::max(octree->getNodeDepthEnd(), 0)), 0)
   {
   }
   virtual ~COctreeFuncLinCombImpl() = default;
@@ -537,6 +538,9 @@ public:
   COctreeFuncBasisTmpl<TKernel> const * basis;
   COctree const * octree;
   std::vector<double> coefficients;
+  // How many coefficients of each depth are not exactly 0.0 (NaN counts): a
+  // walk over the combination skips the depths that have none.
+  std::vector<int> nonZeroAtDepth;
 };
 
 template <class TKernel>
@@ -574,7 +578,18 @@ template <class TKernel> double COctreeFuncLinCombTmpl<TKernel>::getBasisCoeffic
 
 template <class TKernel> void COctreeFuncLinCombTmpl<TKernel>::setBasisCoefficient(int node, double value)
 {
-  m_impl->coefficients.at(static_cast<std::size_t>(node)) = value;
+  double & c = m_impl->coefficients.at(static_cast<std::size_t>(node));
+  bool const wasZero = c == 0.0, isZero = value == 0.0;
+  if (wasZero != isZero)
+    m_impl->nonZeroAtDepth[static_cast<std::size_t>(m_impl->octree->getNodeDepth(node))] += isZero ? -1 : 1;
+  c = value;
+}
+
+template <class TKernel> int COctreeFuncLinCombTmpl<TKernel>::getNonZeroCoefficientsAtDepth(int depth) const
+{
+  if (depth < 0 || depth >= static_cast<int>(m_impl->nonZeroAtDepth.size()))
+    return 0;
+  return m_impl->nonZeroAtDepth[static_cast<std::size_t>(depth)];
 }
 
 template <class TKernel> std::vector<double> const & COctreeFuncLinCombTmpl<TKernel>::getCoefficients() const
@@ -667,7 +682,16 @@ template <class TKernel>
 CInterlacedSupportIteratorTmpl<TKernel>::CInterlacedSupportIteratorTmpl(COctreeFuncBasisTmpl<TKernel> const * basis,
                                                                         CParallelepiped const & box)
     : m_box(box), m_basis(basis), m_octree(&basis->getOctreeRef()), m_depth(m_octree->getNodeDepthEnd()),
-      m_current()
+      m_current(), m_combination(nullptr)
+{
+  initForNextDepth();
+}
+
+template <class TKernel>
+CInterlacedSupportIteratorTmpl<TKernel>::CInterlacedSupportIteratorTmpl(
+    COctreeFuncLinCombTmpl<TKernel> const * combination, CParallelepiped const & box)
+    : m_box(box), m_basis(&combination->getRelatedBasisRef()), m_octree(&m_basis->getOctreeRef()),
+      m_depth(m_octree->getNodeDepthEnd()), m_current(), m_combination(combination)
 {
   initForNextDepth();
 }
@@ -683,6 +707,8 @@ template <class TKernel> void CInterlacedSupportIteratorTmpl<TKernel>::initForNe
       m_nodes.reset();
       return;
     }
+    if (m_combination && m_combination->getNonZeroCoefficientsAtDepth(m_depth) == 0)
+      continue;
     // A function whose support meets the box has its centre in the box
     // enlarged by the support.
     CParallelepiped const & support = m_basis->getScaledKernelSupportRef(m_depth);

@@ -91,6 +91,7 @@ private:
 };
 
 template <class TKernel> class COctreeFuncBasisImpl;
+template <class TKernel> class COctreeFuncLinCombTmpl;
 
 /// One function per octree node: on depth d, s^(3 + level) K(s (p - c)) with
 /// s = 1 / cell size and level the derivative order the kernel stands for.
@@ -145,6 +146,8 @@ public:
   COctreeFuncBasisTmpl<TKernel> const & getRelatedBasisRef() const;
   double getBasisCoefficient(int node) const;
   void setBasisCoefficient(int node, double value);
+  /// How many coefficients of the nodes of a depth are not exactly 0.0.
+  int getNonZeroCoefficientsAtDepth(int depth) const;
   std::vector<double> const & getCoefficients() const;
 
   /// The value at p. A helper (may be null) answers from a cached region when
@@ -162,6 +165,9 @@ template <class TKernel> class CInterlacedSupportIteratorTmpl
 {
 public:
   CInterlacedSupportIteratorTmpl(COctreeFuncBasisTmpl<TKernel> const * basis, CParallelepiped const & box);
+  /// Over a combination's basis, passing over the depths where every
+  /// coefficient is 0.0: the functions a sum over the combination needs.
+  CInterlacedSupportIteratorTmpl(COctreeFuncLinCombTmpl<TKernel> const * combination, CParallelepiped const & box);
   CInterlacedSupportIteratorTmpl(CInterlacedSupportIteratorTmpl const &) = default;
   CInterlacedSupportIteratorTmpl & operator=(CInterlacedSupportIteratorTmpl const &) = default;
   virtual ~CInterlacedSupportIteratorTmpl() = default;
@@ -180,5 +186,6 @@ private:
   int m_depth;
   std::optional<COctreeInBoxNodeIterator> m_nodes;
   CCSFunc3Tmpl<TKernel> m_current;
+  COctreeFuncLinCombTmpl<TKernel> const * m_combination;
 };
 } // namespace VolTr

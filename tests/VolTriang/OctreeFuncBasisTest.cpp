@@ -284,3 +284,31 @@ TEST(OctreeFuncBasis, GeneralFormGivesTheSameValues)
     EXPECT_NEAR(lg.eval(p, &h), v, 1e-9 * (1 + std::fabs(v)));
   }
 }
+
+TEST(OctreeFuncLinComb, CountsNonZeroCoefficientsPerDepth)
+{
+  Fixture fx(true, 4);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
+  COctree const & t = *fx.tree;
+  std::vector<int> expected(static_cast<std::size_t>(t.getNodeDepthEnd()), 0);
+  std::mt19937 rng(12);
+  std::uniform_int_distribution<int> pick(0, basis.getFunctionsNumber() - 1);
+  double const values[] = {0.0, 1.5, -2.0, std::nan(""), 0.0, 3.0};
+  for (int step = 0; step < 2000; ++step)
+  {
+    int const node = pick(rng);
+    double const v = values[step % 6];
+    bool const was = lc.getBasisCoefficient(node) != 0.0, is = v != 0.0;
+    expected[static_cast<std::size_t>(t.getNodeDepth(node))] += int(is) - int(was);
+    lc.setBasisCoefficient(node, v);
+  }
+  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> const copy(lc);
+  for (int d = 0; d < t.getNodeDepthEnd(); ++d)
+  {
+    EXPECT_EQ(lc.getNonZeroCoefficientsAtDepth(d), expected[static_cast<std::size_t>(d)]) << d;
+    EXPECT_EQ(copy.getNonZeroCoefficientsAtDepth(d), expected[static_cast<std::size_t>(d)]) << d;
+  }
+  EXPECT_EQ(lc.getNonZeroCoefficientsAtDepth(-1), 0);
+  EXPECT_EQ(lc.getNonZeroCoefficientsAtDepth(99), 0);
+}
