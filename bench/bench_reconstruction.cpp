@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "CloudSamples.h"
 #include "PhaseMeter.h"
 #include "QZmath/VolTriang/VolumetricTriangulator.h"
 #include "QZsys/Progress.h"
@@ -22,19 +23,6 @@
 
 namespace
 {
-class tf_Samples : public VolTr::IInputSamples
-{
-public:
-  explicit tf_Samples(qzrecon::OrientedCloud const & c) : m_cloud(c) {}
-
-private:
-  int onPointsNumber() const override { return static_cast<int>(m_cloud.size()); }
-  float const * onGetSampleCoords3(int i) const override { return &m_cloud.points[3 * static_cast<std::size_t>(i)]; }
-  float const * onGetSampleNormal3(int i) const override { return &m_cloud.normals[3 * static_cast<std::size_t>(i)]; }
-  bool onIsBoundaryVertex(int) const override { return false; }
-  qzrecon::OrientedCloud const & m_cloud;
-};
-
 class tf_CountingTarget : public VolTr::ITriangulationTarget
 {
 public:
@@ -61,7 +49,7 @@ void BM_Reconstruct(benchmark::State & state, qzrecon::Shape shape)
   int const depth = static_cast<int>(state.range(1));
   int const threads = static_cast<int>(state.range(2));
   CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
-  tf_Samples const samples(cloud(shape, points));
+  qzrecon::CCloudSamples const samples(cloud(shape, points));
   std::map<std::string, double> seconds, peak;
   double totalPeak = 0;
   long long triangles = 0;

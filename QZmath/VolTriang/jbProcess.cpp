@@ -416,44 +416,30 @@ int jbProcess::marchingcubes(jbFunction & f, double s, Point3D_d low, Point3D_d 
   return 0;
 }
 
+namespace
+{
+// Frees the chains of a hash table and the table itself.
+template <class Entry> void tf_freeTable(Entry **& table, int size)
+{
+  if (!table)
+    return;
+  for (int h = 0; h < size; ++h)
+    for (Entry * l = table[h]; l;)
+    {
+      Entry * next = l->next;
+      std::free(l);
+      l = next;
+    }
+  std::free(table);
+  table = nullptr;
+}
+} // namespace
+
 void jbProcess::freeprocess()
 {
-  if (centers)
-  {
-    for (int h = 0; h < CENTERS_TABLE_SIZE; ++h)
-      for (jbCenterlist * l = centers[h]; l;)
-      {
-        jbCenterlist * next = l->next;
-        std::free(l);
-        l = next;
-      }
-    std::free(centers);
-    centers = nullptr;
-  }
-  if (corners)
-  {
-    for (int h = 0; h < CORNERS_TABLE_SIZE; ++h)
-      for (jbCornerlist * l = corners[h]; l;)
-      {
-        jbCornerlist * next = l->next;
-        std::free(l);
-        l = next;
-      }
-    std::free(corners);
-    corners = nullptr;
-  }
-  if (edges)
-  {
-    for (int h = 0; h < EDGES_TABLE_SIZE; ++h)
-      for (jbEdgelist * l = edges[h]; l;)
-      {
-        jbEdgelist * next = l->next;
-        std::free(l);
-        l = next;
-      }
-    std::free(edges);
-    edges = nullptr;
-  }
+  tf_freeTable(centers, CENTERS_TABLE_SIZE);
+  tf_freeTable(corners, CORNERS_TABLE_SIZE);
+  tf_freeTable(edges, EDGES_TABLE_SIZE);
   if (vertices.items)
   {
     std::free(vertices.items);

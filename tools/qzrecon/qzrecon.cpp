@@ -18,25 +18,13 @@
 #include <nlohmann/json.hpp>
 
 #include "CloudIO.h"
+#include "CloudSamples.h"
 #include "PhaseMeter.h"
 #include "QZmath/QZmath.h"
 
 namespace
 {
 char const * const kVersion = "qzrecon 0.1.0";
-
-class tf_CloudSamples : public VolTr::IInputSamples
-{
-public:
-  explicit tf_CloudSamples(qzrecon::OrientedCloud const & c) : m_cloud(c) {}
-
-private:
-  int onPointsNumber() const override { return static_cast<int>(m_cloud.size()); }
-  float const * onGetSampleCoords3(int i) const override { return &m_cloud.points[3 * static_cast<std::size_t>(i)]; }
-  float const * onGetSampleNormal3(int i) const override { return &m_cloud.normals[3 * static_cast<std::size_t>(i)]; }
-  bool onIsBoundaryVertex(int) const override { return false; }
-  qzrecon::OrientedCloud const & m_cloud;
-};
 
 class tf_MeshTarget : public VolTr::ITriangulationTarget
 {
@@ -200,7 +188,7 @@ int main(int argc, char ** argv)
   }
 
   qzrecon::MeshData mesh;
-  tf_CloudSamples samples(cloud);
+  qzrecon::CCloudSamples samples(cloud);
   tf_MeshTarget target(mesh);
   try
   {
