@@ -738,14 +738,14 @@ template <class TKernel> void CInterlacedSupportIteratorTmpl<TKernel>::next()
     return;
   }
   // Scale, normalisation and depth stay: only the position changes.
-  CTreeNode const & n = m_octree->getNode(m_nodes->currentNodeIndex());
+  CInt3 const & n = m_nodes->currentNodeShift();
   int * shiftInt = m_current.getArgumentShiftIntMod();
   double * shift = m_current.getArgumentShiftMod();
   double const unit = m_octree->getUnit();
   double const * boxMin = m_octree->getBoxMin();
-  shiftInt[0] = n.shift().x();
-  shiftInt[1] = n.shift().y();
-  shiftInt[2] = n.shift().z();
+  shiftInt[0] = n.x();
+  shiftInt[1] = n.y();
+  shiftInt[2] = n.z();
   for (int a = 0; a < 3; ++a)
     shift[a] = boxMin[a] + shiftInt[a] * unit;
 }
