@@ -454,8 +454,19 @@ double COctreeFuncBasisTmpl<TKernel>::evalKernelAt(double const * c, double s, d
 template <class TKernel>
 void COctreeFuncBasisTmpl<TKernel>::prepareEntry(int node, COctreeFuncEvalHelper::SPreparedEntry * out) const
 {
-  int d;
-  m_impl->centreOf(node, out->centre, &d);
+  CTreeNode const & n = m_impl->octree->getNodesTable()[static_cast<std::size_t>(node)];
+  prepareEntry(n.shift(), n.depth(), out);
+}
+
+template <class TKernel>
+void COctreeFuncBasisTmpl<TKernel>::prepareEntry(CInt3 const & shift, int d,
+                                                 COctreeFuncEvalHelper::SPreparedEntry * out) const
+{
+  double const * boxMin = m_impl->octree->getBoxMin();
+  double const unit = m_impl->octree->getUnit();
+  out->centre[0] = shift.x() * unit + boxMin[0];
+  out->centre[1] = shift.y() * unit + boxMin[1];
+  out->centre[2] = shift.z() * unit + boxMin[2];
   out->scale = m_impl->argumentScales[static_cast<std::size_t>(d)];
   out->normalization = m_impl->normalizations[static_cast<std::size_t>(d)];
   // Where the kernel's own outside test can fail: its margins taken back to
@@ -660,7 +671,7 @@ double COctreeFuncLinCombTmpl<TKernel>::eval(double const * p, COctreeFuncEvalHe
       if (a == 0.0)
         continue;
       COctreeFuncEvalHelper::SPreparedEntry e;
-      basis.prepareEntry(node, &e);
+      basis.prepareEntry(it.currentNodeShift(), d, &e);
       value += normalization * a * basis.evalKernelAt(e.centre, e.scale, p);
       if (helper)
         helper->recordPreparedIndexInfo(region, node, a, e);

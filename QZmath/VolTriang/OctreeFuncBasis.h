@@ -126,6 +126,8 @@ public:
   double evalKernelAt(double const * c, double s, double const * p) const;
   /// Centre, scale and normalisation of a node's function.
   void prepareEntry(int node, COctreeFuncEvalHelper::SPreparedEntry * out) const;
+  /// The same for the node of a depth at these lattice coordinates.
+  void prepareEntry(CInt3 const & shift, int depth, COctreeFuncEvalHelper::SPreparedEntry * out) const;
 
 private:
   std::unique_ptr<COctreeFuncBasisImpl<TKernel>> m_impl;
