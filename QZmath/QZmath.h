@@ -13,8 +13,10 @@
 
 #include "QZmath/Foundation/Functor.h"
 #include "QZmath/Foundation/Matrix.h"
+#include "QZmath/Foundation/NumericRoutines.h"
 #include "QZmath/Foundation/Point3D.h"
 #include "QZmath/Foundation/Vector.h"
+#include "QZmath/Foundation/VectorGeometry.h"
 
 #include "QZmath/VolTriang/CSFProductHelper.h"
 #include "QZmath/VolTriang/IntegrateOnSupport.h"
@@ -44,3 +46,6 @@
 #include "QZmath/LinSys/bicgstab.h"
 
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
+
+#include "QZmath/Persistence/ExternVector.h"
+#include "QZmath/Persistence/Heap.h"
