@@ -13,10 +13,8 @@
 
 #include "QZmath/Foundation/Functor.h"
 #include "QZmath/Foundation/Matrix.h"
-#include "QZmath/Foundation/NumericRoutines.h"
 #include "QZmath/Foundation/Point3D.h"
 #include "QZmath/Foundation/Vector.h"
-#include "QZmath/Foundation/VectorGeometry.h"
 
 #include "QZmath/VolTriang/CSFProductHelper.h"
 #include "QZmath/VolTriang/IntegrateOnSupport.h"
