@@ -13,6 +13,7 @@
 
 #include "QZmath/Foundation/Functor.h"
 #include "QZmath/Foundation/Matrix.h"
+#include "QZmath/Foundation/NumericRoutines.h"
 #include "QZmath/Foundation/Point3D.h"
 #include "QZmath/Foundation/Vector.h"
 
