@@ -16,6 +16,7 @@
 #include "QZmath/Foundation/NumericRoutines.h"
 #include "QZmath/Foundation/Point3D.h"
 #include "QZmath/Foundation/Vector.h"
+#include "QZmath/Foundation/VectorGeometry.h"
 
 #include "QZmath/VolTriang/CSFProductHelper.h"
 #include "QZmath/VolTriang/IntegrateOnSupport.h"
