@@ -47,5 +47,14 @@
 
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
 
+#include "QZmath/Persistence/BinaryStream.h"
+#include "QZmath/Persistence/Colours.h"
+#include "QZmath/Persistence/ComponentFilters.h"
 #include "QZmath/Persistence/ExternVector.h"
+#include "QZmath/Persistence/Functor.h"
+#include "QZmath/Persistence/GraphObject.h"
+#include "QZmath/Persistence/GraphObjectSelector.h"
 #include "QZmath/Persistence/Heap.h"
+#include "QZmath/Persistence/ModelSizer.h"
+#include "QZmath/Persistence/OutputHooks.h"
+#include "QZmath/Persistence/SortRecords.h"
