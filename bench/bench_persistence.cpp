@@ -64,7 +64,11 @@ void BM_HeapSort(benchmark::State & state)
   }
   state.SetItemsProcessed(state.iterations() * static_cast<long>(n));
 }
-BENCHMARK(BM_HeapSort)->Arg(100000)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_HeapSort)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 
 constexpr std::size_t kElem = 16;
 constexpr std::size_t kCount = 1 << 20;
@@ -117,7 +121,11 @@ void BM_ExtVecGrowByOne(benchmark::State & state)
   }
   state.SetItemsProcessed(state.iterations() * static_cast<long>(n));
 }
-BENCHMARK(BM_ExtVecGrowByOne)->Arg(100000)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ExtVecGrowByOne)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true);
 } // namespace
 
 BENCHMARK_MAIN();

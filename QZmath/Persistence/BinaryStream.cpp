@@ -55,7 +55,4 @@ void CFileBinaryStream::writeData(std::uint64_t size, const void * buffer)
     throw CVescaException(tf_sWriteError);
 }
 
-__int64 CFileBinaryStream::getPosition()
-{
-  return m_pFile ? static_cast<__int64>(::ftello(m_pFile)) : -1;
-}
+__int64 CFileBinaryStream::getPosition() { return m_pFile ? static_cast<__int64>(::ftello(m_pFile)) : -1; }

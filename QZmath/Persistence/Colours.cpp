@@ -20,10 +20,7 @@ inline float tf_channel(unsigned long c, int shift)
 
 /// A float channel value truncated to an integer and cut to its low byte.
 /// Values come from [0, 510] here, well inside int.
-inline unsigned long tf_truncByte(float value)
-{
-  return tf_byteOf(static_cast<int>(value));
-}
+inline unsigned long tf_truncByte(float value) { return tf_byteOf(static_cast<int>(value)); }
 } // namespace
 
 void colorI2RGB(QZ_rgb_color & out, unsigned long c)
@@ -52,10 +49,7 @@ unsigned long colorF2I(float const * c)
          tf_byteOf(rndtoni(c[2] * 255.0f)) << 16;
 }
 
-unsigned long colorF2I_4(float const * c)
-{
-  return colorF2I(c) | tf_byteOf(rndtoni(c[3] * 255.0f)) << 24;
-}
+unsigned long colorF2I_4(float const * c) { return colorF2I(c) | tf_byteOf(rndtoni(c[3] * 255.0f)) << 24; }
 
 void colorI2F(unsigned long c, float * out)
 {

@@ -59,10 +59,7 @@ CInnerHeaderWrapper::CInnerHeaderWrapper(IVescaBinaryStream & stream, ISaveLoadL
 {
 }
 
-CInnerHeaderWrapper::~CInnerHeaderWrapper()
-{
-  delete m_pSubFilter;
-}
+CInnerHeaderWrapper::~CInnerHeaderWrapper() { delete m_pSubFilter; }
 
 bool CInnerHeaderWrapper::RecognizeCompHeader(SWrapData & header)
 {
@@ -106,7 +103,8 @@ void CInnerHeaderWrapper::SaveComponentHeader()
   // would be cut by a NUL inside it) is refused rather than shortened.
   if (blockMark.size() >= static_cast<std::size_t>(kBlockMarkBytes) ||
       blockMark.find('\0') != std::string::npos)
-    throw std::length_error("Error: block mark of a sub-filter of CInnerHeaderWrapper does not fit its header.");
+    throw std::length_error(
+        "Error: block mark of a sub-filter of CInnerHeaderWrapper does not fit its header.");
   std::memcpy(header.blockMark, blockMark.data(), blockMark.size());
 
   unsigned char bytes[kHeaderSize];

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include <stdio_ext.h>
 #include <sys/types.h>
 
 #include "QZsys/TempFile.h"
@@ -36,10 +37,7 @@ struct tf_ElementSlot
 
 namespace
 {
-[[noreturn]] void tf_fail()
-{
-  throw VsUt::CBadAllocation();
-}
+[[noreturn]] void tf_fail() { throw VsUt::CBadAllocation(); }
 
 class FileVectorVoid final : public ExternVectorVoidInterface
 {
@@ -77,10 +75,37 @@ private:
   void flush()
   {
     if (std::fflush(m_file) != 0)
+      failIo();
+  }
+  /// A transfer or seek failed: what it left in the stream's buffer is
+  /// dropped, so that a failure does not come back with every later call, and
+  /// the next seek is absolute.
+  [[noreturn]] void failIo()
+  {
+    if (m_file)
     {
-      m_positionIndex = kPositionUnknown;
-      tf_fail();
+      ::__fpurge(m_file);
+      std::clearerr(m_file);
     }
+    m_positionIndex = kPositionUnknown;
+    tf_fail();
+  }
+  /// Frees a slot whatever holds it; its holders' handles go stale.
+  void dropSlot(tf_ElementSlot & slot)
+  {
+    if (slot.refCount > 0 && slot.cell)
+    {
+      slot.cell->slot = nullptr;
+      try
+      {
+        m_detachedCells.push_back(std::move(slot.cell));
+      }
+      catch (std::exception const &)
+      {
+        (void)slot.cell.release(); // a few bytes lost rather than a dangling handle
+      }
+    }
+    slot.refCount = -1;
   }
   tf_ElementSlot * slotOf(ElementHandle * handle) const
   {
@@ -97,6 +122,11 @@ private:
   /// to outlive the FILE that uses it.
   std::vector<char> m_streamBuffer;
   std::list<tf_ElementSlot> m_slots;
+  /// Cells of slots that were dropped while held (by a shrinking resize or
+  /// clear). They point nowhere, so that the holders' late releases find
+  /// nothing to do instead of touching a slot that now serves another
+  /// element, or freed memory.
+  std::vector<std::unique_ptr<ElementCell>> m_detachedCells;
 };
 
 void FileVectorVoid::createFile()
@@ -138,10 +168,7 @@ void FileVectorVoid::notePosition()
 {
   off_t const pos = ::ftello(m_file);
   if (pos < 0)
-  {
-    m_positionIndex = kPositionUnknown;
-    tf_fail();
-  }
+    failIo();
   m_filePosition = pos;
   std::size_t const p = static_cast<std::size_t>(pos);
   m_positionIndex = p % m_elementSize == 0 ? p / m_elementSize : kPositionUnknown;
@@ -161,10 +188,7 @@ void FileVectorVoid::seekTo(std::size_t i)
   else
     rc = ::fseeko(m_file, offsetOf(i), SEEK_SET);
   if (rc != 0)
-  {
-    m_positionIndex = kPositionUnknown;
-    tf_fail();
-  }
+    failIo();
   notePosition();
 }
 
@@ -177,20 +201,14 @@ void FileVectorVoid::reserve(std::size_t n)
   if (!m_file)
     createFile();
   if (::fseeko(m_file, 0, SEEK_END) != 0)
-    tf_fail();
+    failIo();
   notePosition();
   // One byte at the far end makes the file long enough; the file system
   // fills the gap without our writing it.
   if (::fseeko(m_file, grow - 1, SEEK_CUR) != 0)
-  {
-    m_positionIndex = kPositionUnknown;
-    tf_fail();
-  }
+    failIo();
   if (std::fputc(0, m_file) == EOF)
-  {
-    m_positionIndex = kPositionUnknown;
-    tf_fail();
-  }
+    failIo();
   flush();
   notePosition();
   m_capacity = n;
@@ -210,7 +228,7 @@ void FileVectorVoid::resize(std::size_t n, const void * fill)
   {
     for (tf_ElementSlot & slot : m_slots)
       if (slot.refCount >= 0 && slot.index >= n)
-        slot.refCount = -1;
+        dropSlot(slot);
     m_size = n;
     return;
   }
@@ -219,19 +237,13 @@ void FileVectorVoid::resize(std::size_t n, const void * fill)
   {
     off_t const ahead = offsetOf(n - m_size) - 1;
     if (::fseeko(m_file, ahead, SEEK_CUR) != 0 || std::fputc(0, m_file) == EOF)
-    {
-      m_positionIndex = kPositionUnknown;
-      tf_fail();
-    }
+      failIo();
   }
   else
   {
     for (std::size_t k = m_size; k < n; ++k)
       if (std::fwrite(fill, m_elementSize, 1, m_file) != 1)
-      {
-        m_positionIndex = kPositionUnknown;
-        tf_fail();
-      }
+        failIo();
   }
   flush();
   notePosition();
@@ -241,6 +253,8 @@ void FileVectorVoid::resize(std::size_t n, const void * fill)
 void FileVectorVoid::clear()
 {
   closeFile();
+  for (tf_ElementSlot & slot : m_slots)
+    dropSlot(slot);
   m_slots.clear();
   m_size = 0;
   m_capacity = 0;
@@ -291,10 +305,7 @@ void * FileVectorVoid::lockElement(std::size_t index, ElementHandle * handle)
   {
     seekTo(index);
     if (std::fread(slot->buffer.get(), m_elementSize, 1, m_file) != 1)
-    {
-      m_positionIndex = kPositionUnknown;
-      tf_fail();
-    }
+      failIo();
     notePosition();
   }
   catch (...)
@@ -310,8 +321,7 @@ void * FileVectorVoid::lockElement(std::size_t index, ElementHandle * handle)
 void FileVectorVoid::addElementRef(ElementHandle * handle)
 {
   tf_ElementSlot * slot = slotOf(handle);
-  // A slot freed by a shrinking resize is not brought back by a stale handle.
-  if (slot && slot->refCount >= 0)
+  if (slot && slot->refCount > 0)
     ++slot->refCount;
 }
 
@@ -319,7 +329,7 @@ void FileVectorVoid::releaseElement(bool modified, ElementHandle * handle)
 {
   tf_ElementSlot * slot = slotOf(handle);
   if (!slot || slot->refCount <= 0)
-    return; // stale: the element was dropped by a shrinking resize
+    return; // stale: the element was dropped by a shrinking resize or clear
   if (modified)
     slot->modified = true;
   if (slot->refCount != 1)
@@ -332,10 +342,7 @@ void FileVectorVoid::releaseElement(bool modified, ElementHandle * handle)
     // On failure the hold stays, so that the state is that before the call.
     seekTo(slot->index);
     if (std::fwrite(slot->buffer.get(), m_elementSize, 1, m_file) != 1)
-    {
-      m_positionIndex = kPositionUnknown;
-      tf_fail();
-    }
+      failIo();
     flush();
     notePosition();
   }

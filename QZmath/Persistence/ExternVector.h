@@ -20,13 +20,13 @@
 #include <cstddef>
 #include <cstdint>
 
-
 namespace VescaExtVec
 {
 /// The cell a lock hands out; its layout is private to the vector.
 struct ElementCell;
 /// Token of one hold on a locked element, kept by the caller between lock and
-/// release. A handle does not survive clear() or the vector.
+/// release. A hold dropped by a shrinking resize or by clear() goes stale: its
+/// release does nothing. No handle survives the vector.
 typedef ElementCell * ElementHandle;
 
 class ExternVectorVoidInterface

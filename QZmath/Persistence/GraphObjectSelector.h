@@ -9,6 +9,10 @@ namespace VsF
 {
 class IGraphObjectSelector
 {
+  // The virtual operations come first, in the order of the published layout.
+  virtual bool OnIsActiveAndSelected(const CGraphObject & object) const = 0;
+  virtual IGraphObjectSelector * OnCopy() const = 0;
+
 public:
   bool IsActiveAndSelected(const CGraphObject & object) const { return OnIsActiveAndSelected(object); }
   /// A new selector of the same kind, owned by the caller.
@@ -25,9 +29,5 @@ protected:
   IGraphObjectSelector() = default;
   IGraphObjectSelector(IGraphObjectSelector const &) = default;
   IGraphObjectSelector & operator=(IGraphObjectSelector const &) = default;
-
-private:
-  virtual bool OnIsActiveAndSelected(const CGraphObject & object) const = 0;
-  virtual IGraphObjectSelector * OnCopy() const = 0;
 };
 } // namespace VsF

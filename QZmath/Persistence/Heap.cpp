@@ -91,10 +91,7 @@ CfpHeap::CfpHeap(std::size_t n) : m_pBody(new CfpHeapBody)
   }
 }
 
-CfpHeap::~CfpHeap()
-{
-  delete m_pBody;
-}
+CfpHeap::~CfpHeap() { delete m_pBody; }
 
 void CfpHeap::insert(CfpHeapMem * m)
 {
@@ -185,55 +182,39 @@ void CfpHeap::sort()
   // Greatest key first. NaN keys and null entries go last, in that order, so
   // that the comparison is a strict weak order whatever the keys are; the
   // sorted array is then a valid heap under the sift comparisons.
-  std::sort(items.begin(), items.end(), [](CfpHeapMem const * x, CfpHeapMem const * y) {
-    if (!x)
-      return false;
-    if (!y)
-      return true;
-    double const kx = x->getHeapKey();
-    double const ky = y->getHeapKey();
-    if (std::isnan(kx))
-      return false;
-    if (std::isnan(ky))
-      return true;
-    return ky < kx;
-  });
+  std::sort(items.begin(), items.end(),
+            [](CfpHeapMem const * x, CfpHeapMem const * y)
+            {
+              if (!x)
+                return false;
+              if (!y)
+                return true;
+              double const kx = x->getHeapKey();
+              double const ky = y->getHeapKey();
+              if (std::isnan(kx))
+                return false;
+              if (std::isnan(ky))
+                return true;
+              return ky < kx;
+            });
   for (std::size_t i = 0; i < items.size(); ++i)
     if (items[i])
       items[i]->setHeapPos(static_cast<int>(i));
 }
 
-void CfpHeap::reserve(std::size_t n)
-{
-  m_pBody->items.reserve(n);
-}
+void CfpHeap::reserve(std::size_t n) { m_pBody->items.reserve(n); }
 
-CfpHeapMem * CfpHeap::at(std::size_t i)
-{
-  return i < m_pBody->items.size() ? m_pBody->items[i] : nullptr;
-}
+CfpHeapMem * CfpHeap::at(std::size_t i) { return i < m_pBody->items.size() ? m_pBody->items[i] : nullptr; }
 
 CfpHeapMem const * CfpHeap::at(std::size_t i) const
 {
   return i < m_pBody->items.size() ? m_pBody->items[i] : nullptr;
 }
 
-CfpHeapMem * CfpHeap::front()
-{
-  return at(0);
-}
+CfpHeapMem * CfpHeap::front() { return at(0); }
 
-CfpHeapMem const * CfpHeap::front() const
-{
-  return at(0);
-}
+CfpHeapMem const * CfpHeap::front() const { return at(0); }
 
-std::size_t CfpHeap::size() const
-{
-  return m_pBody->items.size();
-}
+std::size_t CfpHeap::size() const { return m_pBody->items.size(); }
 
-bool CfpHeap::empty() const
-{
-  return m_pBody->items.empty();
-}
+bool CfpHeap::empty() const { return m_pBody->items.empty(); }

@@ -32,7 +32,4 @@ void IModelSizer::SetModelSizeDefault(double x, double y, double z)
   m_dDefSizeZ = z;
 }
 
-void IModelSizer::ResetModelSizeDefault()
-{
-  SetModelSizeDefault(1.0, 1.0, 1.0);
-}
+void IModelSizer::ResetModelSizeDefault() { SetModelSizeDefault(1.0, 1.0, 1.0); }

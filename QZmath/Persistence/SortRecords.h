@@ -102,7 +102,10 @@ struct CSliceVertFlag
   int m_iFirst;
   int m_iSecond;
 
-  bool operator==(CSliceVertFlag const & o) const { return m_iFirst == o.m_iFirst && m_iSecond == o.m_iSecond; }
+  bool operator==(CSliceVertFlag const & o) const
+  {
+    return m_iFirst == o.m_iFirst && m_iSecond == o.m_iSecond;
+  }
 };
 
 static_assert(sizeof(CSortRef) == 8 && sizeof(CSortRef3) == 16 && sizeof(CSortRef2Int) == 12,

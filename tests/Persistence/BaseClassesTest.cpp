@@ -31,7 +31,10 @@ struct Sizer : IModelSizer
 
 private:
   void OnGetLimits(double * limits) override { limits[0] = -1, limits[1] = 1; }
-  void OnGetLinearLimits(double const * dir, double * limits) override { limits[0] = -dir[0], limits[1] = dir[0]; }
+  void OnGetLinearLimits(double const * dir, double * limits) override
+  {
+    limits[0] = -dir[0], limits[1] = dir[0];
+  }
   void OnUpdateLimits() override {}
   void OnGetModelSize(double & x, double &, double &) const override
   {
@@ -43,14 +46,8 @@ private:
 };
 
 std::string g_output, g_log;
-void writeOutput(char const * text)
-{
-  g_output += text;
-}
-void writeLog(char const * text)
-{
-  g_log += text;
-}
+void writeOutput(char const * text) { g_output += text; }
+void writeLog(char const * text) { g_log += text; }
 } // namespace
 
 TEST(GraphObject, DefaultsColoursAndNotifications)
@@ -161,8 +158,10 @@ TEST(SortRecords, OrderByTheKeyEqualityByAllFields)
   EXPECT_FALSE((CSortRef{1, 2.0f} == CSortRef{2, 2.0f}));
   EXPECT_TRUE((CSortRef{9, 1.0f} < CSortRef{0, 2.0f}));
   EXPECT_TRUE((CSortRefInt(9, 1) < CSortRefInt(0, 2)) && (CSortRefInt(9, 1) == CSortRefInt(9, 1)));
-  EXPECT_TRUE((CSortRef2{5, 5, 1.0f} < CSortRef2{0, 0, 2.0f}) && !(CSortRef2{1, 2, 3.0f} == CSortRef2{1, 3, 3.0f}));
-  EXPECT_TRUE((CSortRef2Int{5, 5, 1} <= CSortRef2Int{0, 0, 1}) && !(CSortRef2Int{5, 5, 1} == CSortRef2Int{0, 5, 1}));
+  EXPECT_TRUE((CSortRef2{5, 5, 1.0f} < CSortRef2{0, 0, 2.0f}) &&
+              !(CSortRef2{1, 2, 3.0f} == CSortRef2{1, 3, 3.0f}));
+  EXPECT_TRUE((CSortRef2Int{5, 5, 1} <= CSortRef2Int{0, 0, 1}) &&
+              !(CSortRef2Int{5, 5, 1} == CSortRef2Int{0, 5, 1}));
   EXPECT_TRUE((CSortRef3{1, 2, 3, 4.0f} >= CSortRef3{0, 0, 0, 4.0f}));
   EXPECT_FALSE((CSortRef3{1, 2, 3, 4.0f} == CSortRef3{1, 2, 4, 4.0f}));
   CSliceVertFlag f{1, 2};

@@ -59,7 +59,10 @@ struct RecordingLog : ISaveLoadLog
   std::vector<std::pair<std::wstring, LogLevel>> lines;
 
 private:
-  void OnWriteLogMess(const IVescaWarning & w, LogLevel level) override { lines.emplace_back(w.getMessage(), level); }
+  void OnWriteLogMess(const IVescaWarning & w, LogLevel level) override
+  {
+    lines.emplace_back(w.getMessage(), level);
+  }
 };
 
 struct Logger : IDeltaStateLogger
@@ -95,7 +98,10 @@ private:
     m_stream.readData(readCount, loaded.data());
     return static_cast<__int64>(readCount);
   }
-  std::wstring OnGetComponentName() const override { return L"payload " + std::wstring(m_mark.begin(), m_mark.end()); }
+  std::wstring OnGetComponentName() const override
+  {
+    return L"payload " + std::wstring(m_mark.begin(), m_mark.end());
+  }
   std::string OnGetBlockMark() const override { return m_mark; }
   int OnGetVersion() const override { return m_version; }
   IVescaBinaryStream & OnGetStream() override { return m_stream; }
@@ -137,10 +143,7 @@ private:
   std::string m_mark;
 };
 
-Bytes bytesOf(char const * text)
-{
-  return Bytes(text, text + std::strlen(text));
-}
+Bytes bytesOf(char const * text) { return Bytes(text, text + std::strlen(text)); }
 
 std::uint64_t readLE(Bytes const & b, std::size_t at, int n)
 {
@@ -150,8 +153,7 @@ std::uint64_t readLE(Bytes const & b, std::size_t at, int n)
   return v;
 }
 
-template <class E, class F>
-void expectThrowText(F && f, char const * text)
+template <class E, class F> void expectThrowText(F && f, char const * text)
 {
   try
   {
@@ -270,13 +272,13 @@ TEST(ComponentHeader, UnknownVersionsAndMarksAreSkippedWithAWarning)
     std::size_t logged;
   };
   Reader const cases[] = {
-      {"Points", 3, true, L"skipped", true, 0},    // known: loaded
-      {"Points", 2, true, L"skipped", false, 1},   // older reader
-      {"Points", 4, true, L"skipped", false, 1},   // newer reader
-      {"Point", 3, true, L"skipped", false, 1},    // a prefix is another mark
-      {"PointsX", 3, true, L"skipped", false, 1},  // and so is a longer one
-      {"Points", 2, false, L"skipped", false, 0},  // no log
-      {"Points", 2, true, L"", false, 0},          // no text
+      {"Points", 3, true, L"skipped", true, 0},   // known: loaded
+      {"Points", 2, true, L"skipped", false, 1},  // older reader
+      {"Points", 4, true, L"skipped", false, 1},  // newer reader
+      {"Point", 3, true, L"skipped", false, 1},   // a prefix is another mark
+      {"PointsX", 3, true, L"skipped", false, 1}, // and so is a longer one
+      {"Points", 2, false, L"skipped", false, 0}, // no log
+      {"Points", 2, true, L"", false, 0},         // no text
   };
   for (Reader const & r : cases)
   {
@@ -349,7 +351,8 @@ TEST(ComponentHeader, BadHeadersAndMiscountingFiltersFail)
   CInnerHeaderWrapper(new PayloadFilter(t.stream, "Points", 1, bytesOf("twelve bytes")), nullptr, L"").Save();
   Bytes good = t.contents();
   Logger logger;
-  auto loadPoints = [&](std::size_t readCount) {
+  auto loadPoints = [&](std::size_t readCount)
+  {
     auto p = new PayloadFilter(t.stream, "Points", 1, {});
     p->readCount = readCount;
     return CInnerHeaderWrapper(p, nullptr, L"").Load(logger);
@@ -377,8 +380,8 @@ TEST(ComponentHeader, TruncatedAndCorruptedFilesFailCleanly)
   TempStream t;
   {
     auto doc = new NestingFilter(t.stream, "Doc");
-    doc->children.emplace_back(
-        new CInnerHeaderWrapper(new PayloadFilter(t.stream, "Points", 2, bytesOf("0123456789ab")), nullptr, L""));
+    doc->children.emplace_back(new CInnerHeaderWrapper(
+        new PayloadFilter(t.stream, "Points", 2, bytesOf("0123456789ab")), nullptr, L""));
     doc->children.emplace_back(
         new CInnerHeaderWrapper(new PayloadFilter(t.stream, "Normals", 3, bytesOf("nnnnnnn")), nullptr, L""));
     CInnerHeaderWrapper(doc, nullptr, L"").Save();
@@ -389,7 +392,8 @@ TEST(ComponentHeader, TruncatedAndCorruptedFilesFailCleanly)
   ASSERT_EQ(good.size(), docEnd + 133);
 
   // The reader knows Points v2 and Tail, and Normals only in version 2.
-  auto load = [&](RecordingLog & log) {
+  auto load = [&](RecordingLog & log)
+  {
     auto doc = new NestingFilter(t.stream, "Doc");
     auto points = new PayloadFilter(t.stream, "Points", 2, {});
     points->readCount = 12;

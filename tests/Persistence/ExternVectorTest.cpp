@@ -20,10 +20,7 @@ namespace
 {
 typedef std::unique_ptr<ExternVectorVoidInterface> VecPtr;
 
-VecPtr makeVector(std::size_t elementSize)
-{
-  return VecPtr(CreateExternVectorVoid(elementSize));
-}
+VecPtr makeVector(std::size_t elementSize) { return VecPtr(CreateExternVectorVoid(elementSize)); }
 
 /// The descriptors of this process whose target names the external vector's
 /// temporary files.
@@ -77,8 +74,7 @@ void writeInt(ExternVectorVoidInterface & v, std::size_t i, std::int32_t value)
   v.releaseElement(true, &h);
 }
 
-template <class F>
-void expectBadAllocation(F && f)
+template <class F> void expectBadAllocation(F && f)
 {
   try
   {
@@ -199,15 +195,28 @@ TEST(ExternVector, SlotsAreReusedAndDroppedByShrinking)
   void * pc = v->lockElement(7, &c); // a free slot, not a new one
   EXPECT_TRUE(pc == pa || pc == pb);
 
-  // Shrinking frees the held element without writing it back; the stale
-  // handle's release is harmless.
+  // Shrinking frees the held element without writing it back. The stale
+  // handle's release does nothing, even once its slot serves another element.
   std::memset(pc, 0x5A, 16);
   v->resize(5, nullptr);
+  ElementHandle d = nullptr;
+  unsigned char * pd = static_cast<unsigned char *>(v->lockElement(3, &d));
   v->releaseElement(true, &c);
   v->addElementRef(&c);
+  v->releaseElement(false, &c);
+  std::memset(pd, 0x33, 16);
+  v->releaseElement(true, &d); // still the only hold: written back
   v->resize(10, nullptr);
   std::vector<unsigned char> zero(16, 0);
   EXPECT_EQ(fileBytes(7 * 16, 16), zero);
+  EXPECT_EQ(fileBytes(3 * 16, 16), std::vector<unsigned char>(16, 0x33));
+
+  // Holds dropped by clear() go stale the same way.
+  v->lockElement(1, &a);
+  v->clear();
+  v->releaseElement(true, &a);
+  v->addElementRef(&a);
+  EXPECT_EQ(v->size(), 0u);
 }
 
 TEST(ExternVector, FailuresAreBadAllocationsAndLeaveTheVectorUsable)
