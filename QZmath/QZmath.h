@@ -12,9 +12,13 @@
 #include "QZsys/Threading.h"
 
 #include "QZmath/Foundation/Functor.h"
+#include "QZmath/Foundation/LinearTransform.h"
 #include "QZmath/Foundation/Matrix.h"
 #include "QZmath/Foundation/NumericRoutines.h"
+#include "QZmath/Foundation/OrthoNormBasis.h"
 #include "QZmath/Foundation/Point3D.h"
+#include "QZmath/Foundation/Quaternion.h"
+#include "QZmath/Foundation/RotationMatrix.h"
 #include "QZmath/Foundation/Vector.h"
 #include "QZmath/Foundation/VectorGeometry.h"
 
@@ -45,6 +49,10 @@
 #include "QZmath/LinSys/VertexLinearCombination.h"
 #include "QZmath/LinSys/bicgstab.h"
 
+#include "QZmath/BlockProcessor/BlockProc.h"
+#include "QZmath/BlockProcessor/BlockStructure.h"
+#include "QZmath/BlockProcessor/BlockWorker.h"
+#include "QZmath/BlockProcessor/ThreadTrace.h"
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
 
 #include "QZmath/Persistence/BinaryStream.h"
