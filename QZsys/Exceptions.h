@@ -13,10 +13,17 @@ enum : int
 };
 
 /// Thrown by progress operations once the user asked to interrupt the work.
+/// The default text is "User interruption"; a given text must outlive the
+/// exception (a string literal), so that copying it never throws.
 class CUserIntrException : public std::exception
 {
 public:
-  const char * what() const noexcept override { return "User interruption"; }
+  CUserIntrException() noexcept = default;
+  explicit CUserIntrException(char const * text) noexcept : m_text(text ? text : "User interruption") {}
+  const char * what() const noexcept override { return m_text; }
+
+private:
+  char const * m_text = "User interruption";
 };
 
 /// General failure with a message; the default text is "Vesca exception".

@@ -101,3 +101,13 @@ TEST(Interfaces, WarningsAndFragments)
   EXPECT_EQ(worker.ProcessFragment(d, &frag), 0);
   EXPECT_EQ(worker.ProcessFragment(d, nullptr), QZ_STATUS_USER_INTR);
 }
+
+TEST(Exceptions, InterruptionCarriesAGivenText)
+{
+  EXPECT_STREQ(CUserIntrException().what(), "User interruption");
+  EXPECT_STREQ(CUserIntrException("user interruption").what(), "user interruption");
+  EXPECT_STREQ(CUserIntrException(nullptr).what(), "User interruption");
+  CUserIntrException const original("stopped");
+  CUserIntrException copy(original);
+  EXPECT_STREQ(copy.what(), "stopped");
+}
