@@ -49,6 +49,10 @@
 #include "QZmath/LinSys/VertexLinearCombination.h"
 #include "QZmath/LinSys/bicgstab.h"
 
+#include "QZmath/BlockProcessor/BlockProc.h"
+#include "QZmath/BlockProcessor/BlockStructure.h"
+#include "QZmath/BlockProcessor/BlockWorker.h"
+#include "QZmath/BlockProcessor/ThreadTrace.h"
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
 
 #include "QZmath/Persistence/BinaryStream.h"

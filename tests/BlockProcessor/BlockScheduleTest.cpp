@@ -1,0 +1,190 @@
+// The schedule of the block processor, driven by hand on one thread: which
+// block is handed out, what counts as processed, and the iterator it walks
+// with. A random walk is checked against a plain reference scheduler.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "GridClient.h"
+
+using namespace BlockTest;
+
+namespace
+{
+struct LC_Foreign : IVescaFragmentDescriptor_Old
+{
+};
+
+int IndexOf(GridStructure const & grid, Block_iter it) { return it.GetDesc() ? Grid(*it.GetDesc()).index : grid.Count(); }
+} // namespace
+
+TEST(BlockIter, WalksThroughItsStructure)
+{
+  GridStructure grid(3, 1, 0);
+  Block_iter it = grid.Begin();
+  EXPECT_EQ(it.GetStructure(), &grid);
+  EXPECT_EQ(static_cast<IVescaFragmentDescriptor_Old *>(it), &grid.Block(0));
+  Block_iter const old = it++;
+  EXPECT_EQ(old, grid.At(0));
+  EXPECT_EQ(it, grid.At(1));
+  EXPECT_EQ(++it, grid.At(2));
+  EXPECT_EQ(++it, grid.End());
+  EXPECT_NE(grid.At(0), Block_iter(&grid.Block(0), nullptr)); // both pointers count
+
+  Block_iter lone(&grid.Block(1), nullptr);
+  ++lone; // without a structure it stays put
+  EXPECT_EQ(lone.GetDesc(), &grid.Block(1));
+  EXPECT_EQ(Block_iter(), Block_iter(nullptr, nullptr));
+}
+
+TEST(BlockIter, DefaultIndexIsTheWalkPosition)
+{
+  GridStructure grid(4, 2, 0);
+  for (int i = 0; i < grid.Count(); ++i)
+    EXPECT_EQ(grid.BlockIndex(grid.At(i)), i);
+  LC_Foreign foreign;
+  EXPECT_EQ(grid.BlockIndex(Block_iter(&foreign, &grid)), -1);
+  GridStructure empty(0, 3, 0);
+  EXPECT_EQ(empty.Begin(), empty.End());
+  EXPECT_EQ(empty.BlockIndex(grid.At(0)), -1);
+}
+
+TEST(BlockSchedule, ConflictsDecideWhatIsHandedOut)
+{
+  // A chain: each block conflicts with its two neighbours.
+  GridStructure grid(5, 1, 1);
+  ExposedProcessor p(grid);
+  p.OnBlockStructureInit();
+  EXPECT_EQ(p.GetPassBlockCount(), 5);
+  auto lock = [&] { return IndexOf(grid, p.LockNextBlock(nullptr)); };
+
+  EXPECT_EQ(lock(), 0);
+  EXPECT_EQ(lock(), 2);
+  EXPECT_EQ(lock(), 4);
+  EXPECT_EQ(lock(), 5); // the end: 1 and 3 touch blocks in work
+  EXPECT_TRUE(p.HasPotentialJob());
+  EXPECT_FALSE(p.HasCurrentJob());
+  EXPECT_FALSE(p.IsBlockReadyForProcess(grid.Block(1)));
+  EXPECT_FALSE(p.IsBlockProcessed(grid.Block(2)));
+
+  // Block 2 finishes while block 0, before it, is still in work.
+  p.UnLockBlock(grid.At(2), nullptr);
+  EXPECT_TRUE(p.IsBlockProcessed(grid.Block(2)));
+  EXPECT_FALSE(p.IsBlockReadyForProcess(grid.Block(2)));
+  EXPECT_FALSE(p.HasCurrentJob());
+  EXPECT_EQ(lock(), 5);
+
+  p.UnLockBlock(grid.At(0), nullptr);
+  EXPECT_TRUE(p.IsBlockProcessed(grid.Block(0)));
+  EXPECT_TRUE(p.HasCurrentJob());
+  EXPECT_EQ(lock(), 1);
+  p.UnLockBlock(grid.At(4), nullptr);
+  EXPECT_EQ(lock(), 3); // 3 conflicts with 2 and 4, both finished
+  EXPECT_FALSE(p.HasCurrentJob());
+  EXPECT_TRUE(p.HasPotentialJob());
+
+  p.UnLockBlock(grid.At(3), nullptr);
+  p.UnLockBlock(grid.At(1), nullptr);
+  EXPECT_FALSE(p.HasPotentialJob());
+  EXPECT_FALSE(p.HasCurrentJob());
+  EXPECT_EQ(lock(), 5);
+  for (int i = 0; i < 5; ++i)
+    EXPECT_TRUE(p.IsBlockProcessed(grid.Block(i))) << i;
+  EXPECT_EQ(p.GetFinishedBlockCount(), 5);
+  EXPECT_EQ(p.starts.load(), 5);
+  EXPECT_EQ(p.finishes.load(), 5);
+
+  // A new pass starts from scratch.
+  p.OnBlockStructureInit();
+  EXPECT_FALSE(p.IsBlockProcessed(grid.Block(0)));
+  EXPECT_EQ(p.GetFinishedBlockCount(), 0);
+  EXPECT_EQ(lock(), 0);
+}
+
+TEST(BlockSchedule, RandomHandOutsMatchAPlainScheduler)
+{
+  // The reference: the first block along the walk that is neither finished
+  // nor in work and conflicts with no block in work.
+  std::mt19937 random(20240611u);
+  for (int round = 0; round < 40; ++round)
+  {
+    int const width = 2 + static_cast<int>(random() % 5), height = 1 + static_cast<int>(random() % 4);
+    int const radius = static_cast<int>(random() % 3) - (round % 7 == 0 ? 2 : 0); // sometimes all conflict
+    GridStructure grid(width, height, radius);
+    ExposedProcessor p(grid);
+    p.OnBlockStructureInit();
+    std::set<int> finished;
+    std::vector<int> inWork;
+    while (static_cast<int>(finished.size()) < grid.Count())
+    {
+      int expected = grid.Count();
+      for (int b = 0; b < grid.Count() && expected == grid.Count(); ++b)
+      {
+        bool free = !finished.count(b) && std::find(inWork.begin(), inWork.end(), b) == inWork.end();
+        for (int w : inWork)
+          free = free && !grid.Conflict(b, w);
+        if (free)
+          expected = b;
+      }
+      bool const potential = static_cast<int>(finished.size()) < grid.Count();
+      ASSERT_EQ(p.HasPotentialJob(), potential);
+      ASSERT_EQ(p.HasCurrentJob(), expected != grid.Count());
+      for (int b = 0; b < grid.Count(); ++b)
+        ASSERT_EQ(p.IsBlockProcessed(grid.Block(b)), finished.count(b) == 1) << "block " << b;
+
+      // Take a block when one is free and the dice say so, else finish one.
+      if (expected != grid.Count() && (inWork.empty() || random() % 3 != 0))
+      {
+        ASSERT_EQ(IndexOf(grid, p.LockNextBlock(nullptr)), expected);
+        inWork.push_back(expected);
+      }
+      else
+      {
+        ASSERT_FALSE(inWork.empty());
+        std::size_t const k = random() % inWork.size();
+        p.UnLockBlock(grid.At(inWork[k]), nullptr);
+        finished.insert(inWork[k]);
+        inWork.erase(inWork.begin() + static_cast<std::ptrdiff_t>(k));
+      }
+    }
+    EXPECT_FALSE(p.HasPotentialJob());
+    EXPECT_EQ(p.LockNextBlock(nullptr), p.BlockEnd());
+    EXPECT_EQ(p.GetFinishedBlockCount(), grid.Count());
+    // The next block now stands at the end, which holds no address at all.
+    for (int b = 0; b < grid.Count(); ++b)
+      EXPECT_TRUE(p.IsBlockProcessed(grid.Block(b))) << "block " << b;
+  }
+}
+
+TEST(BlockSchedule, WorkerResultsBecomeExceptions)
+{
+  GridStructure grid(1, 1, 0);
+  GridProcessor p(grid);
+  EXPECT_NO_THROW(p.CheckWorkerResult(0));
+  try
+  {
+    p.CheckWorkerResult(QZ_STATUS_USER_INTR);
+    ADD_FAILURE() << "no exception";
+  }
+  catch (CUserIntrException const & e)
+  {
+    EXPECT_STREQ(e.what(), "user interruption");
+  }
+  for (int code : {1, -1, 9, 11})
+  {
+    try
+    {
+      p.CheckWorkerResult(code);
+      ADD_FAILURE() << "no exception for " << code;
+    }
+    catch (BlockProc::EBlockAlgError const & e)
+    {
+      EXPECT_EQ(e.GetErrorCode(), code);
+    }
+  }
+  EXPECT_EQ(BlockProc::EBlockAlgError().GetErrorCode(), 0);
+}

@@ -1,0 +1,309 @@
+// A worker driven by hand: its loop, its sleep, its failures and the exact
+// trace of one block.
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "GridClient.h"
+#include "QZsys/DebugLog.h"
+#include "QZsys/Threading.h"
+
+using namespace BlockTest;
+
+namespace
+{
+class LC_IdleWorker : public BlockProc::CBlockWorker
+{
+public:
+  LC_IdleWorker(BlockProc::CBlockProcessor * processor, bool ownProgress) : CBlockWorker(processor, ownProgress) {}
+  int ProcessFragment(IVescaFragmentDescriptor_Old &, IVescaFragment_Old *) override { return 0; }
+  void BlockFinalize(IVescaFragmentDescriptor_Old &, IVescaFragment_Old *) override {}
+};
+
+// A trace line pattern: "%p" stands for any pointer the C library prints, and
+// is captured; the rest must match literally.
+std::regex TracePattern(std::string const & line)
+{
+  std::string re;
+  for (std::size_t i = 0; i < line.size(); ++i)
+  {
+    if (line.compare(i, 2, "%p") == 0)
+    {
+      re += "(0x[0-9a-f]+)";
+      ++i;
+      continue;
+    }
+    if (std::string("\\^$.|?*+()[]{}").find(line[i]) != std::string::npos)
+      re += '\\';
+    re += line[i];
+  }
+  return std::regex(re);
+}
+
+struct Sleeping
+{
+  GridStructure grid{2, 1, -1}; // the two blocks conflict
+  ExposedProcessor p{grid};
+  VsUt::CMemoryDebugLog log;
+  std::unique_ptr<GridWorker> worker;
+  Block_iter first;
+
+  Sleeping()
+  {
+    p.SetDebugLog(&log);
+    p.OnBlockStructureInit();
+    worker.reset(new GridWorker(&p, true));
+    worker->SetID(10007);
+    worker->SetDebugLog(&log);
+    CVescaMutexLock lock(p.GetBlockMutex());
+    first = p.LockNextBlock(nullptr); // another worker has block 0
+  }
+};
+} // namespace
+
+TEST(BlockWorker, WithoutAProcessorThereIsNothingToDo)
+{
+  LC_IdleWorker own(nullptr, true);
+  EXPECT_EQ(own.GetID(), 10000);
+  EXPECT_EQ(own.GetDebugLog(), nullptr);
+  EXPECT_EQ(own.GetReadMutex(), nullptr);
+  EXPECT_NE(own.GetProgressCounter(), nullptr);
+  EXPECT_NE(own.GetIdleWorkerEvent(), nullptr);
+  EXPECT_NE(own.GetWorkerWakeUpEvent(), nullptr);
+  EXPECT_NE(own.GetWorkerAbortEvent(), nullptr);
+  own.Work();
+  own.ReturnBlockToManager(Block_iter());
+
+  LC_IdleWorker shared(nullptr, false);
+  EXPECT_EQ(shared.GetProgressCounter(), nullptr);
+}
+
+TEST(BlockWorker, EachWorkerReadsUnderAMutexOfItsOwn)
+{
+  GridStructure grid(2, 2, 1);
+  ExposedProcessor p(grid);
+  CProgressCounter progress;
+  p.SetProgressCounter(&progress);
+  LC_IdleWorker a(&p, false), b(&p, true);
+  EXPECT_NE(a.GetReadMutex(), nullptr);
+  EXPECT_NE(b.GetReadMutex(), nullptr);
+  EXPECT_NE(a.GetReadMutex(), b.GetReadMutex());
+  EXPECT_EQ(a.GetProgressCounter(), &progress);
+  EXPECT_NE(b.GetProgressCounter(), &progress);
+}
+
+TEST(BlockWorker, TraceOfOneBlockFromTakingToGivingBack)
+{
+  GridStructure grid(1, 1, 0);
+  ExposedProcessor p(grid);
+  VsUt::CMemoryDebugLog log;
+  p.SetDebugLog(&log);
+  p.SetImmediateBlockModify(true);
+  p.SetExtractBlock(true);
+  p.OnBlockStructureInit();
+  GridWorker worker(&p, true);
+  worker.SetID(10001);
+  worker.SetDebugLog(&log);
+  worker.Work();
+
+  std::string const W = "[DEBUG_THREADS] Worker 10001: ";
+  std::string const M = "[DEBUG_THREADS] Manager: ";
+  // Second column: what the pointer of the line is, for the check below.
+  std::vector<std::pair<std::string, std::string>> const expected{
+      {W + "Trying to lock manager before exclusive block locking/returning...", ""},
+      {W + "Locking single mutex %p.", "block mutex"},
+      {W + "Single mutex %p locked.", "block mutex"},
+      {M + "Manager state before locking next block", ""},
+      {W + "Unlocking single mutex %p", "block mutex"},
+      {W + "Processing block %p", "block"},
+      {W + "Locking single mutex %p.", "read mutex"},
+      {W + "Single mutex %p locked.", "read mutex"},
+      {W + "Entered read mutex %p for extracting from huge model", "read mutex"},
+      {W + "Extracting block %p", "block"},
+      {W + "Block extraction finished", ""},
+      {W + "Leaving read mutex %p for extracting from huge model", "read mutex"},
+      {W + "Unlocking single mutex %p", "read mutex"},
+      {W + "Locking all mutexes due to updating block", ""},
+      {W + "Going to lock 1 mutexes", ""},
+      {W + "Locking mutex number 0", ""},
+      {W + "Locking mutex %p", "read mutex"},
+      {W + "Mutex %p locked", "read mutex"},
+      {W + "All mutexes locked by locker %p", "locker"},
+      {W + "All mutexes locked due to updating block", ""},
+      {W + "Entered mutex for updating huge model", ""},
+      {W + "Updating huge model block %p", "block"},
+      {W + "Update completed", ""},
+      {W + "Unlocking all mutexes caused by updating block", ""},
+      {W + "Destructor of locker %p entered", "locker"},
+      {W + "Unlock of locker %p entered", "locker"},
+      {W + "Going to unlock 1 mutexes", ""},
+      {W + "Going to unlock all mutexes", ""},
+      {W + "Unlocking mutex number 0", ""},
+      {W + "Unlocking mutex %p", "read mutex"},
+      {W + "All mutexes unlocked by locker %p", "locker"},
+      {W + "Locking single mutex %p.", "block mutex"},
+      {W + "Single mutex %p locked.", "block mutex"},
+      {W + "Enter mutex %p for unlock block", "block mutex"},
+      {M + "Manager state before unblocking block", ""},
+      {M + "Manager state after UnLocking block", ""},
+      {W + "Leave mutex %p for unlock block", "block mutex"},
+      {W + "Reporting that block finished, one can try to wake up idle workers...", ""},
+      {W + "Unlocking single mutex %p", "block mutex"},
+      {W + "Trying to lock manager before exclusive block locking/returning...", ""},
+      {W + "Locking single mutex %p.", "block mutex"},
+      {W + "Single mutex %p locked.", "block mutex"},
+      {W + "Blocks over", ""},
+      {W + "Unlocking single mutex %p", "block mutex"},
+  };
+  std::vector<std::string> const lines = log.lines();
+  ASSERT_EQ(lines.size(), expected.size());
+  std::map<std::string, std::string> pointers;
+  for (std::size_t i = 0; i < lines.size(); ++i)
+  {
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(lines[i], match, TracePattern(expected[i].first)))
+        << "line " << i << ": " << lines[i] << "\nexpected: " << expected[i].first;
+    if (expected[i].second.empty())
+      continue;
+    auto const known = pointers.emplace(expected[i].second, match[1].str());
+    EXPECT_EQ(known.first->second, match[1].str()) << "line " << i << " names another " << expected[i].second;
+  }
+  EXPECT_EQ(pointers.size(), 4u);
+  EXPECT_NE(pointers["block mutex"], pointers["read mutex"]);
+  EXPECT_EQ(p.processed, std::vector<int>{1});
+  EXPECT_EQ(p.finalizes.load(), 1);
+  EXPECT_EQ(p.applied, std::vector<int>{0});
+  EXPECT_TRUE(p.IsBlockProcessed(grid.Block(0)));
+  EXPECT_EQ(GridFragment::s_live.load(), 0);
+}
+
+TEST(BlockWorker, UnsharedInitRunsUnderAllMutexes)
+{
+  GridStructure grid(1, 1, 0);
+  ExposedProcessor p(grid);
+  VsUt::CMemoryDebugLog log;
+  p.SetDebugLog(&log);
+  p.unshared = true;
+  p.OnBlockStructureInit();
+  GridWorker a(&p, true), b(&p, true);
+  a.SetDebugLog(&log);
+  a.Work();
+  std::vector<std::string> lines = log.lines();
+  auto const at = [&](std::string const & text) {
+    return std::find_if(lines.begin(), lines.end(), [&](std::string const & l) { return l.find(text) != std::string::npos; }) -
+           lines.begin();
+  };
+  auto const leaveRead = at("Leaving read mutex");
+  auto const enterWrite = at("Entering write mutex");
+  auto const lockAll = at("Going to lock 2 mutexes");
+  auto const leaveWrite = at("Leaving write mutex");
+  auto const unlockAll = at("All mutexes unlocked by locker");
+  auto const processing = at("Reporting that block finished");
+  EXPECT_LT(leaveRead, enterWrite);
+  EXPECT_LT(enterWrite, lockAll);
+  EXPECT_LT(lockAll, leaveWrite);
+  EXPECT_LT(leaveWrite, unlockAll);
+  EXPECT_LT(unlockAll, processing);
+  // Without immediate modification the model is not written after the block.
+  EXPECT_EQ(Count(lines, "Locking all mutexes due to updating block"), 0);
+  EXPECT_EQ(p.finalizes.load(), 0);
+}
+
+TEST(BlockWorker, AnAbortBeforeWorkEndsItAtOnce)
+{
+  GridStructure grid(2, 1, 1);
+  ExposedProcessor p(grid);
+  VsUt::CMemoryDebugLog log;
+  p.OnBlockStructureInit();
+  GridWorker worker(&p, true);
+  worker.SetDebugLog(&log);
+  worker.GetWorkerAbortEvent()->set();
+  worker.Work();
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"[DEBUG_THREADS] Worker 10000: Worker caught m_hWorkerAbortEvent. Quit work"});
+  EXPECT_EQ(p.processed, (std::vector<int>{0, 0}));
+}
+
+TEST(BlockWorker, AbortEndsASleepingWorker)
+{
+  Sleeping s;
+  std::future<void> done = std::async(std::launch::async, [&] { s.worker->Work(); });
+  ASSERT_TRUE(s.worker->GetIdleWorkerEvent()->wait(30000));
+  s.worker->GetWorkerAbortEvent()->set();
+  FinishWithin(done);
+  std::vector<std::string> const lines = s.log.lines();
+  EXPECT_EQ(Count(lines, "No free blocks, going to sleep..."), 1);
+  EXPECT_EQ(Count(lines, "Leave mutex "), 1);
+  EXPECT_EQ(Count(lines, "[DEBUG_THREADS] Worker 10007: Waked up by abort event. Quit job."), 1);
+  EXPECT_EQ(Count(lines, "Waked up after sleep"), 0);
+  EXPECT_EQ(s.p.processed, (std::vector<int>{0, 0}));
+}
+
+TEST(BlockWorker, AWakeUpAfterAFinishLetsTheSleeperWork)
+{
+  Sleeping s;
+  std::future<void> done = std::async(std::launch::async, [&] { s.worker->Work(); });
+  ASSERT_TRUE(s.worker->GetIdleWorkerEvent()->wait(30000));
+  {
+    CVescaMutexLock lock(s.p.GetBlockMutex());
+    s.p.UnLockBlock(s.first, nullptr);
+  }
+  s.worker->GetWorkerWakeUpEvent()->set();
+  FinishWithin(done);
+  std::vector<std::string> const lines = s.log.lines();
+  EXPECT_EQ(Count(lines, "Waked up after sleep"), 1);
+  EXPECT_EQ(Count(lines, "Blocks over"), 1);
+  EXPECT_EQ(s.p.processed, (std::vector<int>{0, 1}));
+  EXPECT_FALSE(s.p.HasPotentialJob());
+  // The worker told the manager about its block.
+  EXPECT_TRUE(s.p.GetOneBlockFinishedEvent()->wait(0));
+}
+
+TEST(BlockWorker, AFailingBlockIsGivenBackAndAbortsTheRun)
+{
+  struct Case
+  {
+    EFail fail;
+    int code;
+    bool userBreak;
+  };
+  for (Case const c : {Case{EFail::Throw, 0, false}, Case{EFail::Code, 3, false}, Case{EFail::Code, 10, true}})
+  {
+    GridStructure grid(3, 1, 1);
+    ExposedProcessor p(grid);
+    VsUt::CMemoryDebugLog log;
+    p.SetDebugLog(&log);
+    p.SetImmediateBlockModify(true);
+    p.SetExtractBlock(true);
+    p.fail = c.fail;
+    p.failCode = c.code;
+    p.failBlock = 0;
+    p.OnBlockStructureInit();
+    GridWorker worker(&p, true);
+    worker.SetDebugLog(&log);
+    worker.Work(); // never throws
+
+    std::vector<std::string> const lines = log.lines();
+    auto const error = std::find(lines.begin(), lines.end(), "[DEBUG_THREADS] Worker 10000: ERROR during BlockProcessCore");
+    ASSERT_NE(error, lines.end());
+    auto const given = std::find_if(error, lines.end(), [](std::string const & l) { return l.find("Enter mutex") != std::string::npos; });
+    EXPECT_NE(given, lines.end());
+    EXPECT_EQ(Count(lines, "Unexpected error in BlockProc::CBlockWorker::Work()"), c.userBreak ? 0 : 1);
+    if (!c.userBreak)
+    {
+      EXPECT_EQ(lines.back(), "[DEBUG_THREADS] Worker 10000: Unexpected error in BlockProc::CBlockWorker::Work()");
+    }
+    EXPECT_EQ(p.IsUserBreak(), c.userBreak);
+    EXPECT_TRUE(p.GetAbortEvent()->wait(0));
+    // Given back: processed, out of work, and the next block is free again.
+    EXPECT_TRUE(p.IsBlockProcessed(grid.Block(0)));
+    EXPECT_TRUE(p.IsBlockReadyForProcess(grid.Block(1)));
+    EXPECT_EQ(p.GetFinishedBlockCount(), 1);
+    EXPECT_EQ(p.applied.size(), 0u);
+    EXPECT_EQ(GridFragment::s_live.load(), 0);
+  }
+}
