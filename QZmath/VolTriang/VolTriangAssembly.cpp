@@ -1,6 +1,5 @@
 // The numerical middle of the reconstruction: density weights, the splat of
-// the sample normals, the Poisson system (right part and matrix), its solve,
-// and the iso-value.
+// the sample normals, the Poisson system (right part and matrix) and its solve.
 
 #include <algorithm>
 #include <cfloat>
@@ -241,63 +240,6 @@ private:
   tf_IMatrixMemoryReservator * m_reservator;
 };
 
-// ---------------------------------------------------------------- iso-value task
-
-// The weighted sum of X over the samples of a strip of cells along x.
-template <class TKernel, class TWeights> class tf_calcMeanIsoValueCycleByPoints : public IVescaInvokeProc
-{
-public:
-  tf_calcMeanIsoValueCycleByPoints(COctreeFuncLinCombTmpl<TKernel> const * x, IInputSamples const * samples,
-                                   TWeights const * weights, int xBegin, int xEnd,
-                                   CTransThreadPrgCntAdapter * adapter)
-      : m_x(x), m_samples(samples), m_weights(weights), m_xBegin(xBegin), m_xEnd(xEnd), m_adapter(adapter)
-  {
-  }
-
-  void run() override
-  {
-    m_weightedValuesSum = 0.0;
-    m_weightsSum = 0.0;
-    if (m_xBegin >= m_xEnd)
-      return;
-    COctree const & octree = m_x->getRelatedBasisRef().getOctreeRef();
-    COctreeFuncEvalHelper helper(1, 4.0 * octree.getCellSize(octree.getLeafCellDepth()));
-    CParallelepiped box = octree.getCellsBoundaryBox();
-    double const unit = octree.getUnit();
-    double const x0 = octree.getBoxMin()[0];
-    box.setDimension(0, CInterval(m_xBegin * unit + x0, m_xEnd * unit + x0));
-    int lastX = m_xBegin;
-    for (CSamplePointsIteratorInBox it(*m_samples, octree, box, -1); !it.isFinished(); it.next())
-    {
-      // The box's clamped cells are wider than the strip: keep its own cells.
-      int const cx = it.currCellIntCoord().x();
-      if (cx < m_xBegin || cx >= m_xEnd)
-        continue;
-      for (; lastX < cx; ++lastX)
-        if (m_adapter)
-          m_adapter->increment();
-      float const w = m_weights ? (*m_weights)[static_cast<std::size_t>(it.currentSampleIndex())] : 1.0f;
-      m_weightsSum += w;
-      m_weightedValuesSum += m_x->eval(*it, &helper) * w;
-    }
-    for (; lastX < m_xEnd; ++lastX)
-      if (m_adapter)
-        m_adapter->increment();
-  }
-
-  double weightedValuesSum() const { return m_weightedValuesSum; }
-  double weightsSum() const { return m_weightsSum; }
-
-private:
-  COctreeFuncLinCombTmpl<TKernel> const * m_x;
-  IInputSamples const * m_samples;
-  TWeights const * m_weights;
-  int m_xBegin;
-  int m_xEnd;
-  double m_weightedValuesSum = 0.0;
-  double m_weightsSum = 0.0;
-  CTransThreadPrgCntAdapter * m_adapter;
-};
 } // namespace
 
 // ---------------------------------------------------------------- density
@@ -559,50 +501,4 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveEquation(tf_CLogLi
   return x;
 }
 
-// ---------------------------------------------------------------- iso-value
-
-double CVolumetricTriangulatorImpl::calcMeanIsoValue(tf_LinComb const & x)
-{
-  using Task = tf_calcMeanIsoValueCycleByPoints<CProductPiecewisePolynom, std::vector<float>>;
-  std::vector<float> const * weights = m_params.getVariableDensity() ? &m_densityWeights : nullptr;
-  int const tasks = std::max(1, CVescaThreadingTasksHelper::getNumOfPhisicalThread());
-  COctree const & octree = *m_octree;
-  CParallelepiped const box = octree.getCellsBoundaryBox();
-  double const lo = octree.getBoxMin()[0], hi = octree.getBoxMax()[0];
-  int const size = octree.getLatticeSize();
-  auto strip = [&](double v) { return hi == lo ? 0 : static_cast<int>(std::floor(size * (v - lo) / (hi - lo))); };
-  int const xLow = strip(box.getMin()[0]) - 1;
-  int const xHigh = strip(box.getMax()[0]) + 1;
-
-  std::vector<std::unique_ptr<Task>> work;
-  std::unique_ptr<CTransThreadPrgCntAdapter> adapter;
-  if (tasks > 1)
-  {
-    adapter.reset(new CTransThreadPrgCntAdapter);
-    adapter->refresh(m_progress, std::max(0, xHigh - xLow));
-  }
-  int begin = xLow;
-  for (int k = 0; k < tasks; ++k)
-  {
-    int const end = xLow + static_cast<int>(static_cast<long long>(xHigh - xLow) * (k + 1) / tasks);
-    work.emplace_back(new Task(&x, m_samples, weights, begin, end, adapter.get()));
-    begin = end;
-  }
-  if (tasks == 1)
-    work[0]->run();
-  else
-  {
-    std::vector<IVescaInvokeProc *> procs;
-    for (auto & t : work)
-      procs.push_back(t.get());
-    CVescaThreadingTasksHelper::performInParallel(procs.data(), tasks, adapter.get());
-  }
-  double weightedValuesSum = 0.0, weightsSum = 0.0;
-  for (auto const & t : work)
-  {
-    weightedValuesSum += t->weightedValuesSum();
-    weightsSum += t->weightsSum();
-  }
-  return weightsSum != 0.0 ? weightedValuesSum / weightsSum : weightedValuesSum;
-}
 } // namespace VolTr

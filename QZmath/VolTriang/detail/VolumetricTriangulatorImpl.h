@@ -1,7 +1,7 @@
 #pragma once
 // The body of the reconstruction driver, shared by the source files of its
 // stages: the entry and tree (VolumetricTriangulator.cpp), the system and the
-// iso-value (VolTriangAssembly.cpp), the iso-surface (VolTriangIsoSurface.cpp).
+// iso-value (VolTriangAssembly.cpp, VolTriangIsoValue.cpp), the iso-surface (VolTriangIsoSurface.cpp).
 // Not installed: nothing here is for callers.
 
 #include <memory>
@@ -87,7 +87,7 @@ private:
   void registerPhases(VsPCnt::CMultiPhaseManager & phases) const;
   void buildTree(tf_CLogLine const & log);
 
-  // The system and the iso-value (VolTriangAssembly.cpp).
+  // The system (VolTriangAssembly.cpp) and the iso-value (VolTriangIsoValue.cpp).
   void calcDensityWeights(tf_CLogLine const & log);
   void addSample(int index, int dimension, std::unique_ptr<tf_LinComb> * field);
   void chooseSolver(tf_CLogLine const & log);
