@@ -1,0 +1,169 @@
+// The reweighting scheme driven by a scripted task: the task hands out
+// residual tables round after round and records the weights it receives, so
+// scale, weights, the floor of the scale and the iteration limit can be read
+// off exactly.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <limits>
+#include <vector>
+
+#include "QZmath/Fitting/RobustRegression.h"
+
+namespace
+{
+class CScriptedTask : public IRegressionAnalysisTask
+{
+public:
+  // rounds[0] is the residual table of the initial fit, rounds[k] that of the
+  // k-th weighted fit; past the end the last table repeats.
+  explicit CScriptedTask(std::vector<std::vector<double>> rounds) : m_rounds(std::move(rounds)) {}
+
+  int parameterCount() override { return 1; }
+  unsigned int sampleCount() override { return static_cast<unsigned int>(m_rounds[0].size()); }
+  int fitInitial(std::vector<double> & residuals) override
+  {
+    EXPECT_EQ(residuals.size(), m_rounds[0].size());
+    residuals = m_rounds[0];
+    return m_initialCode;
+  }
+  int fitWeighted(const std::vector<double> & weights, std::vector<double> & residuals) override
+  {
+    m_weights.push_back(weights);
+    ++m_fits;
+    residuals = m_rounds[std::min<std::size_t>(m_fits, m_rounds.size() - 1)];
+    return m_fits == m_failAt ? 42 : 0;
+  }
+  void storeParameters(std::vector<double> & parameters) override { parameters.assign(1, m_fits); }
+  bool isConverged(const std::vector<double> & parameters) override
+  {
+    EXPECT_EQ(parameters.size(), 1u);
+    return m_convergeAt > 0 && m_fits >= m_convergeAt;
+  }
+
+  std::vector<std::vector<double>> m_rounds;
+  std::vector<std::vector<double>> m_weights;
+  std::size_t m_fits = 0;
+  std::size_t m_convergeAt = 0; // 0: never
+  std::size_t m_failAt = 0;     // 0: never
+  int m_initialCode = 0;
+};
+
+double geman(double r, double sigma)
+{
+  double const t = 1.0 + (r / sigma) * (r / sigma);
+  return 1.0 / (t * t);
+}
+} // namespace
+
+TEST(RobustRegressionSolver, WeightsFollowLowerMedianScaleWithHardCut)
+{
+  // Lower median of {0.1, 0.2, 0.3, 5, 10, 1} (k = 2 of 6, sorted) is 0.3.
+  CScriptedTask task({{0.1, 0.2, 0.3, 5.0, 10.0, 1.0}});
+  task.m_convergeAt = 1;
+  CRobustRegressionSolver solver(task);
+  EXPECT_TRUE(solver.suppWeights().empty());
+  ASSERT_EQ(solver.solveRegression(), 0);
+  double const sigma = 1.4826 * 0.3;
+  EXPECT_DOUBLE_EQ(solver.sigma(), sigma);
+  ASSERT_EQ(task.m_weights.size(), 1u);
+  std::vector<double> const & w = task.m_weights[0];
+  EXPECT_DOUBLE_EQ(w[0], geman(0.1, sigma));
+  EXPECT_DOUBLE_EQ(w[2], geman(0.3, sigma));
+  EXPECT_EQ(w[3], 0.0);
+  EXPECT_EQ(w[4], 0.0);
+  EXPECT_EQ(w[5], 0.0); // 1.0 > 2 sigma = 0.889
+  EXPECT_EQ(solver.suppCount(), 3);
+  EXPECT_EQ(solver.iterationCount(), 1);
+  EXPECT_EQ(solver.suppWeights(), w);
+}
+
+TEST(RobustRegressionSolver, MedianOfOneAndTwoSamplesAndExactCut)
+{
+  CScriptedTask one(std::vector<std::vector<double>>(1, {2.0}));
+  one.m_convergeAt = 1;
+  CRobustRegressionSolver s1(one);
+  ASSERT_EQ(s1.solveRegression(), 0);
+  EXPECT_DOUBLE_EQ(s1.sigma(), 1.4826 * 2.0);
+
+  CScriptedTask two({{3.0, 1.0}});
+  two.m_convergeAt = 1;
+  CRobustRegressionSolver s2(two);
+  ASSERT_EQ(s2.solveRegression(), 0);
+  EXPECT_DOUBLE_EQ(s2.sigma(), 1.4826);
+
+  // A residual of exactly two scales is cut: scale 1 from the median 1/1.4826.
+  double const m = 1.0 / 1.4826;
+  CScriptedTask cut({{m, m, 1.4826 * m * 2.0}});
+  cut.m_convergeAt = 1;
+  CRobustRegressionSolver s3(cut);
+  ASSERT_EQ(s3.solveRegression(), 0);
+  EXPECT_EQ(cut.m_weights[0][2], 0.0);
+  EXPECT_EQ(s3.suppCount(), 2);
+}
+
+TEST(RobustRegressionSolver, ScaleRisesButNeverFallsBelowFirstRound)
+{
+  CScriptedTask task({{1.0, 1.0, 1.0}, {0.1, 0.1, 0.1}, {4.0, 4.0, 4.0}});
+  task.m_convergeAt = 3;
+  CRobustRegressionSolver solver(task);
+  ASSERT_EQ(solver.solveRegression(), 0);
+  ASSERT_EQ(task.m_weights.size(), 3u);
+  // Round 2 sees residuals 0.1 but keeps the first scale; round 3 rises to 4.
+  EXPECT_DOUBLE_EQ(task.m_weights[1][0], geman(0.1, 1.4826));
+  EXPECT_DOUBLE_EQ(solver.sigma(), 1.4826 * 4.0);
+}
+
+TEST(RobustRegressionSolver, ZeroResidualsGiveZeroWeights)
+{
+  CScriptedTask task({{0.0, 0.0, 0.0, 0.0}});
+  task.m_convergeAt = 1;
+  CRobustRegressionSolver solver(task);
+  ASSERT_EQ(solver.solveRegression(), 0);
+  EXPECT_EQ(task.m_weights[0], std::vector<double>(4, 0.0));
+  EXPECT_EQ(solver.suppCount(), 0);
+}
+
+TEST(RobustRegressionSolver, IterationLimitIsSuccessAndRunsRestart)
+{
+  CScriptedTask task({{1.0, 2.0, 3.0}});
+  CRobustRegressionSolver solver(task);
+  EXPECT_EQ(solver.solveRegression(), 0);
+  EXPECT_EQ(task.m_fits, 49u);
+  EXPECT_EQ(solver.iterationCount(), 49);
+  // A second run starts from scratch: the floor is set anew.
+  task.m_rounds = {{10.0, 20.0, 30.0}};
+  task.m_fits = 0;
+  task.m_convergeAt = 1;
+  ASSERT_EQ(solver.solveRegression(), 0);
+  EXPECT_DOUBLE_EQ(solver.sigma(), 1.4826 * 20.0);
+}
+
+TEST(RobustRegressionSolver, TaskFailuresPassThroughUnchanged)
+{
+  CScriptedTask initial({{1.0, 2.0}});
+  initial.m_initialCode = 9;
+  CRobustRegressionSolver s1(initial);
+  EXPECT_EQ(s1.solveRegression(), 9);
+  EXPECT_TRUE(initial.m_weights.empty());
+
+  CScriptedTask weighted({{1.0, 2.0}});
+  weighted.m_failAt = 3;
+  CRobustRegressionSolver s2(weighted);
+  EXPECT_EQ(s2.solveRegression(), 42);
+  EXPECT_EQ(weighted.m_fits, 3u);
+}
+
+TEST(RobustRegressionSolver, NoSamplesAndNaNResidualsEnd)
+{
+  CScriptedTask empty(std::vector<std::vector<double>>(1));
+  CRobustRegressionSolver s1(empty);
+  EXPECT_EQ(s1.solveRegression(), 0);
+  EXPECT_TRUE(s1.suppWeights().empty());
+
+  double const nan = std::numeric_limits<double>::quiet_NaN();
+  CScriptedTask withNaN({{nan, 1.0, nan, 2.0, nan}});
+  CRobustRegressionSolver s2(withNaN);
+  EXPECT_EQ(s2.solveRegression(), 0);
+  EXPECT_EQ(withNaN.m_fits, 49u);
+}
