@@ -1,0 +1,220 @@
+// Circle fits against known circles in tilted planes: three-point circles,
+// least-squares fits of full and partial arcs, robust fits with gross
+// outliers, circles through fixed points and with tangents, the MINPACK
+// adapter, and bad input.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "QZmath/Fitting/FitCircle.h"
+#include "tests/Fitting/FitSamples.h"
+
+using namespace QZFitTest;
+
+namespace
+{
+// Distance from the centre `c` to the projection of `p` on the circle's plane.
+double inPlaneDistance(Point3D_d const & p, Point3D_d const & c, Point3D_d const & n)
+{
+  Point3D_d const d = add(p, scale(c, -1.0));
+  Point3D_d const across = add(d, scale(n, -dot(d, n)));
+  return std::sqrt(dot(across, across));
+}
+
+Point3D_d const C0(1.0, -2.0, 3.0);
+Point3D_d const N0 = unit(Point3D_d(0.3, -0.4, 1.0));
+double const R0 = 5.0;
+
+void expectCircle(Point3D_d const & c, Point3D_d const & n, double r, double tol)
+{
+  EXPECT_LT(dist(c, C0), tol);
+  EXPECT_NEAR(r, R0, tol);
+  EXPECT_LT(sinAngle(n, N0), tol);
+}
+
+// y = a exp(b t) through three samples, for the adapter.
+class CExpFunctor : public REmath::LmderFunctor
+{
+public:
+  int operator()(int m, int, const double * x, double * fvec, double * fjac, int ldfjac,
+                 int iflag) const override
+  {
+    for (int i = 0; i < m; ++i)
+    {
+      double const t = i, y = 2.0 * std::exp(0.5 * t), e = std::exp(x[1] * t);
+      if (iflag == 1)
+        fvec[i] = x[0] * e - y;
+      else
+      {
+        fjac[i] = e;
+        fjac[i + ldfjac] = x[0] * t * e;
+      }
+    }
+    return m_stopAt < 0 ? m_stopAt : 1;
+  }
+  int m_stopAt = 0;
+};
+} // namespace
+
+TEST(FitCircle, ThreePointsInATiltedPlane)
+{
+  Point3D_d u, v;
+  planeAxes(N0, u, v);
+  Point3D_d pts[3];
+  for (int i = 0; i < 3; ++i)
+  {
+    double const t = 0.4 + 1.9 * i;
+    pts[i] = add(C0, add(scale(u, R0 * std::cos(t)), scale(v, R0 * std::sin(t))));
+  }
+  Point3D_d c, n;
+  double r;
+  ASSERT_TRUE(makeCircleByThreePoints(pts, c, n, r));
+  expectCircle(c, n, r, 1e-12);
+  // The normal is (p1 - p0) x (p2 - p0): counter-clockwise about N0.
+  EXPECT_GT(dot(n, N0), 0.0);
+  std::vector<Point3D_d> const three(pts, pts + 3);
+  ASSERT_TRUE(FitCircleToPointSet(three, c, n, r));
+  expectCircle(c, n, r, 1e-12);
+  ASSERT_TRUE(FitCircleToPointSetRobust(three, c, n, r));
+  expectCircle(c, n, r, 1e-12);
+
+  Point3D_d const line[3] = {Point3D_d(0.0, 0.0, 0.0), Point3D_d(1.0, 1.0, 1.0), Point3D_d(3.0, 3.0, 3.0)};
+  EXPECT_FALSE(makeCircleByThreePoints(line, c, n, r));
+  Point3D_d const same[3] = {C0, C0, Point3D_d(0.0, 0.0, 0.0)};
+  EXPECT_FALSE(makeCircleByThreePoints(same, c, n, r));
+}
+
+TEST(FitCircle, LeastSquaresOnFullAndPartialArcs)
+{
+  CSampler s(3);
+  double const sigma = 0.005;
+  for (double arc : {6.2831853, 1.5, 0.6})
+  {
+    std::vector<Point3D_d> const pts = s.circle(C0, N0, R0, 300, 0.2, 0.2 + arc, sigma);
+    Point3D_d c, n;
+    double r;
+    ASSERT_TRUE(FitCircleToPointSet(pts, c, n, r)) << arc;
+    // The centre of a short arc is less determined: scale by the arc.
+    expectCircle(c, n, r, 20.0 * sigma / (arc * arc < 1.0 ? arc * arc : 1.0));
+    ASSERT_TRUE(FitCircleToPointSetRobust(pts, c, n, r)) << arc;
+    expectCircle(c, n, r, 20.0 * sigma / (arc * arc < 1.0 ? arc * arc : 1.0));
+  }
+}
+
+TEST(FitCircle, RobustFitIgnoresGrossOutliers)
+{
+  CSampler s(5);
+  double const sigma = 0.01;
+  std::vector<Point3D_d> pts = s.circle(C0, N0, R0, 500, 0.0, 4.5, sigma);
+  // Outliers in the plane's neighbourhood, inside and around the circle.
+  Point3D_d u, v;
+  planeAxes(N0, u, v);
+  for (std::size_t i = 0; i < pts.size(); i += 7)
+    pts[i] = add(C0, add(scale(u, s.uniform(-4.0, 8.0)), add(scale(v, s.uniform(-4.0, 8.0)), s.noise(0.05))));
+  Point3D_d c, n;
+  double r;
+  ASSERT_TRUE(FitCircleToPointSet(pts, c, n, r));
+  EXPECT_GT(dist(c, C0) + std::fabs(r - R0), 0.2);
+  CRobustFitInfo info;
+  ASSERT_TRUE(FitCircleToPointSetRobust(pts, c, n, r, &info));
+  EXPECT_LT(dist(c, C0), 5.0 * sigma);
+  EXPECT_NEAR(r, R0, 5.0 * sigma);
+  EXPECT_GT(info.iterations, 0);
+}
+
+TEST(FitCircle, FixedPointsAreMetExactly)
+{
+  CSampler s(9);
+  std::vector<Point3D_d> const pts = s.circle(C0, N0, R0, 200, 0.0, 3.0, 0.01);
+  Point3D_d u, v;
+  planeAxes(N0, u, v);
+  Point3D_d const P = add(C0, scale(u, R0)), Q = add(C0, scale(v, R0)), T = add(C0, scale(u, -R0));
+  Point3D_d c, n;
+  double r;
+  // Fixed points are met in the samples' plane: their projections lie on the
+  // circle.
+  ASSERT_TRUE(FitCircleToPointSetWithFixedPointsRobust(pts, {P}, c, n, r));
+  EXPECT_NEAR(inPlaneDistance(P, c, n), r, 1e-9);
+  EXPECT_LT(dist(c, C0), 0.05);
+  ASSERT_TRUE(FitCircleToPointSetWithFixedPointsRobust(pts, {P, Q}, c, n, r));
+  EXPECT_NEAR(inPlaneDistance(P, c, n), r, 1e-9);
+  EXPECT_NEAR(inPlaneDistance(Q, c, n), r, 1e-9);
+  EXPECT_NEAR(r, R0, 0.05);
+  // Three fixed points decide alone, whatever the samples (here none).
+  ASSERT_TRUE(FitCircleToPointSetWithFixedPointsRobust({}, {P, Q, T}, c, n, r));
+  expectCircle(c, n, r, 1e-12);
+  EXPECT_FALSE(FitCircleToPointSetWithFixedPointsRobust(pts, {P, Q, T, P}, c, n, r));
+  EXPECT_FALSE(FitCircleToPointSetWithFixedPointsRobust(pts, {}, c, n, r));
+  EXPECT_FALSE(FitCircleToPointSetWithFixedPointsRobust({P, Q}, {P}, c, n, r));
+}
+
+TEST(FitCircle, TangentConditionsAreMet)
+{
+  CSampler s(13);
+  // Noise-free samples: they give the plane, and the two-point circle is then
+  // exact.
+  std::vector<Point3D_d> const pts = s.circle(C0, N0, R0, 200, -1.0, 2.0, 0.0);
+  Point3D_d u, v;
+  planeAxes(N0, u, v);
+  Point3D_d const P = add(C0, scale(u, R0)), Q = add(C0, scale(v, R0));
+  Point3D_d c, n;
+  double r;
+  // Two points with their tangents: the circle of the conditions alone.
+  ASSERT_TRUE(FitCircleByPointsWithDirs(pts, {P, Q}, {v, scale(u, -3.0)}, c, n, r));
+  expectCircle(c, n, r, 1e-9);
+  // One point and its tangent: through P, centre on the normal of the tangent.
+  Point3D_d const tangent = add(v, scale(u, 0.02)); // not along the frame axes
+  ASSERT_TRUE(FitCircleByPointsWithDirs(pts, {P}, {tangent}, c, n, r));
+  EXPECT_NEAR(dist(P, c), r, 1e-9);
+  EXPECT_LT(std::fabs(dot(unit(add(P, scale(c, -1.0))), unit(tangent))), 1e-6);
+  EXPECT_NEAR(r, R0, 0.3);
+  EXPECT_FALSE(FitCircleByPointsWithDirs(pts, {P, Q}, {v}, c, n, r));
+  EXPECT_FALSE(FitCircleByPointsWithDirs(pts, {}, {}, c, n, r));
+}
+
+TEST(FitCircle, MinpackAdapterCodes)
+{
+  CExpFunctor f;
+  double x[2] = {1.0, 0.1}, fvec[6];
+  int const code = REmath::lmder1_adapter(f, 6, 2, x, fvec, 1e-12);
+  EXPECT_GE(code, 1);
+  EXPECT_LE(code, 4);
+  EXPECT_NEAR(x[0], 2.0, 1e-9);
+  EXPECT_NEAR(x[1], 0.5, 1e-9);
+  EXPECT_EQ(REmath::lmder1_adapter(f, 1, 2, x, fvec, 1e-12), 0); // m < n
+  f.m_stopAt = -3;
+  EXPECT_LT(REmath::lmder1_adapter(f, 6, 2, x, fvec, 1e-12), 0);
+}
+
+TEST(FitCircle, BadInputFails)
+{
+  Point3D_d c, n;
+  double r;
+  std::vector<Point3D_d> pts;
+  EXPECT_FALSE(FitCircleToPointSet(pts, c, n, r));
+  EXPECT_FALSE(FitCircleToPointSetRobust(pts, c, n, r));
+  pts = {Point3D_d(0.0, 0.0, 0.0), Point3D_d(1.0, 0.0, 0.0)};
+  EXPECT_FALSE(FitCircleToPointSet(pts, c, n, r));
+  EXPECT_FALSE(FitCircleToPointSetRobust(pts, c, n, r));
+  // Collinear points: no circle, or at least never a crash or a small one.
+  pts.clear();
+  for (int i = 0; i < 10; ++i)
+    pts.push_back(Point3D_d(i, 2.0 * i, 0.0));
+  if (FitCircleToPointSet(pts, c, n, r))
+  {
+    EXPECT_GT(r, 100.0);
+  }
+  if (FitCircleToPointSetRobust(pts, c, n, r))
+  {
+    EXPECT_GT(r, 100.0);
+  }
+  pts.assign(10, Point3D_d(1.0, 1.0, 1.0));
+  EXPECT_FALSE(FitCircleToPointSet(pts, c, n, r));
+  EXPECT_FALSE(FitCircleToPointSetRobust(pts, c, n, r));
+  CSampler s(1);
+  pts = s.circle(C0, N0, R0, 20, 0.0, 6.0, 0.0);
+  pts[4] = Point3D_d(std::numeric_limits<double>::quiet_NaN(), 0.0, 0.0);
+  EXPECT_FALSE(FitCircleToPointSet(pts, c, n, r));
+  EXPECT_FALSE(FitCircleToPointSetRobust(pts, c, n, r));
+  EXPECT_FALSE(FitCircleToPointSetWithFixedPointsRobust(pts, {C0}, c, n, r));
+}

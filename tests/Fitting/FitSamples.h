@@ -1,0 +1,120 @@
+#pragma once
+// Seeded samples of known geometry for the fitting tests: points on lines,
+// circles and planes with Gaussian noise, and gross outliers replacing a share
+// of them.
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "QZmath/Foundation/Point3D.h"
+
+namespace QZFitTest
+{
+using REmath::Point3D_d;
+
+inline Point3D_d add(Point3D_d const & a, Point3D_d const & b)
+{
+  return Point3D_d(a.x() + b.x(), a.y() + b.y(), a.z() + b.z());
+}
+inline Point3D_d scale(Point3D_d const & a, double s) { return Point3D_d(a.x() * s, a.y() * s, a.z() * s); }
+inline bool same(Point3D_d const & a, Point3D_d const & b)
+{
+  return a.x() == b.x() && a.y() == b.y() && a.z() == b.z();
+}
+inline double dot(Point3D_d const & a, Point3D_d const & b)
+{
+  return a.x() * b.x() + a.y() * b.y() + a.z() * b.z();
+}
+inline Point3D_d cross(Point3D_d const & a, Point3D_d const & b)
+{
+  return Point3D_d(a.y() * b.z() - a.z() * b.y(), a.z() * b.x() - a.x() * b.z(),
+                   a.x() * b.y() - a.y() * b.x());
+}
+inline double dist(Point3D_d const & a, Point3D_d const & b)
+{
+  return std::sqrt(dot(add(a, scale(b, -1.0)), add(a, scale(b, -1.0))));
+}
+inline Point3D_d unit(Point3D_d const & a) { return scale(a, 1.0 / std::sqrt(dot(a, a))); }
+/// |sin| of the angle between two directions, sign ignored.
+inline double sinAngle(Point3D_d const & a, Point3D_d const & b)
+{
+  Point3D_d const c = cross(unit(a), unit(b));
+  return std::sqrt(dot(c, c));
+}
+
+/// A unit frame (u, v) of the plane with normal n.
+inline void planeAxes(Point3D_d const & n, Point3D_d & u, Point3D_d & v)
+{
+  Point3D_d const helper = std::fabs(n.x()) < 0.9 ? Point3D_d(1.0, 0.0, 0.0) : Point3D_d(0.0, 1.0, 0.0);
+  u = unit(cross(n, helper));
+  v = cross(unit(n), u);
+}
+
+class CSampler
+{
+public:
+  explicit CSampler(unsigned seed) : m_rng(seed) {}
+  double gauss(double sigma) { return std::normal_distribution<double>(0.0, sigma)(m_rng); }
+  double uniform(double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(m_rng); }
+  Point3D_d noise(double sigma) { return Point3D_d(gauss(sigma), gauss(sigma), gauss(sigma)); }
+  Point3D_d inBox(double half)
+  {
+    return Point3D_d(uniform(-half, half), uniform(-half, half), uniform(-half, half));
+  }
+
+  std::vector<Point3D_d> line(Point3D_d const & origin, Point3D_d const & dir, int n, double halfLength,
+                              double sigma)
+  {
+    std::vector<Point3D_d> pts;
+    for (int i = 0; i < n; ++i)
+      pts.push_back(add(add(origin, scale(unit(dir), uniform(-halfLength, halfLength))), noise(sigma)));
+    return pts;
+  }
+  /// Points on the arc [a0, a1] (radians) of a circle in the plane of `normal`.
+  std::vector<Point3D_d> circle(Point3D_d const & center, Point3D_d const & normal, double radius, int n,
+                                double a0, double a1, double sigma)
+  {
+    Point3D_d u, v;
+    planeAxes(normal, u, v);
+    std::vector<Point3D_d> pts;
+    for (int i = 0; i < n; ++i)
+    {
+      double const t = uniform(a0, a1);
+      pts.push_back(add(add(center, add(scale(u, radius * std::cos(t)), scale(v, radius * std::sin(t)))),
+                        noise(sigma)));
+    }
+    return pts;
+  }
+  std::vector<Point3D_d> plane(Point3D_d const & center, Point3D_d const & normal, int n, double half,
+                               double sigma)
+  {
+    Point3D_d u, v;
+    planeAxes(normal, u, v);
+    std::vector<Point3D_d> pts;
+    for (int i = 0; i < n; ++i)
+      pts.push_back(add(add(center, add(scale(u, uniform(-half, half)), scale(v, uniform(-half, half)))),
+                        scale(unit(normal), gauss(sigma))));
+    return pts;
+  }
+  /// Replaces every k-th point by one uniform in a box of `half` about
+  /// `around`, shifted to one side so that the plain fits are pulled.
+  void spoil(std::vector<Point3D_d> & pts, int every, Point3D_d const & around, double half,
+             Point3D_d const & shift)
+  {
+    for (std::size_t i = 0; i < pts.size(); i += static_cast<std::size_t>(every))
+      pts[i] = add(add(around, inBox(half)), shift);
+  }
+
+private:
+  std::mt19937 m_rng;
+};
+
+inline std::vector<REmath::Point3D> toFloat(std::vector<Point3D_d> const & pts)
+{
+  std::vector<REmath::Point3D> out;
+  for (Point3D_d const & p : pts)
+    out.emplace_back(p.x(), p.y(), p.z());
+  return out;
+}
+} // namespace QZFitTest

@@ -1,0 +1,248 @@
+// Plane fits: the least-squares plane and its robust form, the incremental
+// approximator (order independence, exact removal), the six constraints of
+// selection recognition on constructed selections, and the bounding basis.
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+
+#include "QZmath/Fitting/PlaneEq.h"
+#include "QZmath/Foundation/VectorGeometry.h"
+#include "tests/Fitting/FitSamples.h"
+
+using namespace QZFitTest;
+using REmath::CPlaneEquation;
+using REmath::CPtVecAdapder;
+using REmath::IPlaneAppoximator;
+using REmath::Point3D;
+
+namespace
+{
+Point3D_d const C0(2.0, -1.0, 4.0);
+Point3D_d const N0 = unit(Point3D_d(0.2, 0.5, 1.0));
+
+Point3D_d normalOf(double const * coefficients)
+{
+  return Point3D_d(coefficients[0], coefficients[1], coefficients[2]);
+}
+
+struct CRecognition
+{
+  Point3D_d center, normal, basisU, basisV;
+  double maxError = 0.0, meanError = 0.0, limitsU[2] = {0.0, 0.0}, limitsV[2] = {0.0, 0.0};
+  bool run(std::vector<Point3D> const & pts, int constraint, double angle = 0.0, bool useDistance = false,
+           double distance = 0.0, Point3D_d const & fp = Point3D_d(0.0, 0.0, 0.0),
+           Point3D_d const & fd = Point3D_d(0.0, 0.0, 1.0))
+  {
+    return RecognizePlaneSelectionConstrained(pts, Point3D(0.0f, 0.0f, 1.0f), constraint, angle, useDistance,
+                                              distance, fp, fd, center, normal, maxError, meanError, basisU,
+                                              basisV, limitsU, limitsV);
+  }
+};
+} // namespace
+
+TEST(PlaneEq, LeastSquaresPlaneInBothPrecisions)
+{
+  CSampler s(21);
+  std::vector<Point3D_d> const pts = s.plane(C0, N0, 300, 3.0, 0.0);
+  double coeff[4], centroid[3];
+  ASSERT_TRUE(FitPlaneToPointSet(pts, coeff, centroid));
+  EXPECT_LT(sinAngle(normalOf(coeff), N0), 1e-12);
+  EXPECT_NEAR(std::sqrt(dot(normalOf(coeff), normalOf(coeff))), 1.0, 1e-14);
+  // The fourth coefficient is +n.c, and the centroid lies in the plane.
+  EXPECT_DOUBLE_EQ(coeff[3], dot(normalOf(coeff), Point3D_d(centroid)));
+  EXPECT_NEAR(dot(normalOf(coeff), C0), coeff[3], 1e-12);
+  ASSERT_TRUE(FitPlaneToPointSet(toFloat(pts), coeff, centroid));
+  EXPECT_LT(sinAngle(normalOf(coeff), N0), 1e-6);
+
+  // Three collinear points: some normal across the line.
+  std::vector<Point3D_d> const line = {Point3D_d(0.0, 0.0, 0.0), Point3D_d(1.0, 1.0, 0.0),
+                                       Point3D_d(2.0, 2.0, 0.0)};
+  ASSERT_TRUE(FitPlaneToPointSet(line, coeff, centroid));
+  EXPECT_NEAR(dot(normalOf(coeff), unit(Point3D_d(1.0, 1.0, 0.0))), 0.0, 1e-12);
+  EXPECT_FALSE(FitPlaneToPointSet(std::vector<Point3D_d>(line.begin(), line.begin() + 2), coeff, centroid));
+  std::vector<Point3D_d> withNaN = line;
+  withNaN.push_back(Point3D_d(std::numeric_limits<double>::quiet_NaN(), 0.0, 0.0));
+  EXPECT_FALSE(FitPlaneToPointSet(withNaN, coeff, centroid));
+  EXPECT_FALSE(FitPlaneToPointSetRobust(withNaN, coeff, centroid));
+}
+
+TEST(PlaneEq, RobustPlaneIgnoresGrossOutliers)
+{
+  CSampler s(23);
+  double const sigma = 0.01;
+  std::vector<Point3D_d> pts = s.plane(C0, N0, 2000, 3.0, sigma);
+  s.spoil(pts, 7, C0, 3.0, scale(N0, 2.5));
+  double coeff[4], centroid[3];
+  ASSERT_TRUE(FitPlaneToPointSet(pts, coeff, centroid));
+  EXPECT_GT(std::fabs(dot(normalOf(coeff), C0) - coeff[3]), 10.0 * sigma);
+  CRobustFitInfo info;
+  ASSERT_TRUE(FitPlaneToPointSetRobust(toFloat(pts), coeff, centroid, &info));
+  EXPECT_LT(sinAngle(normalOf(coeff), N0), sigma);
+  EXPECT_LT(std::fabs(dot(normalOf(coeff), C0) - coeff[3]), 3.0 * sigma);
+  EXPECT_LT(std::fabs(dot(normalOf(coeff), Point3D_d(centroid)) - coeff[3]), 1e-9);
+  EXPECT_LT(info.iterations, 49);
+}
+
+TEST(PlaneEq, ApproximatorIsOrderFreeAndRemovesExactly)
+{
+  CSampler s(25);
+  std::vector<Point3D> const a = toFloat(s.plane(C0, N0, 50, 2.0, 0.01));
+  std::vector<Point3D> const b = toFloat(s.plane(add(C0, Point3D_d(3.0, 0.0, 0.0)), N0, 30, 1.0, 0.01));
+  std::vector<Point3D> const up(30, Point3D(N0.x(), N0.y(), N0.z()));
+  CPtVecAdapder<std::vector<Point3D>> const ra(a), rb(b), rup(up);
+  std::unique_ptr<IPlaneAppoximator> ab(IPlaneAppoximator::CreateByConstraint(REmath::PlaneFitFree));
+  std::unique_ptr<IPlaneAppoximator> ba(IPlaneAppoximator::CreateByConstraint(REmath::PlaneFitFree));
+  ab->addPoints(&ra, nullptr);
+  ab->addPoints(&rb, &rup);
+  ba->addPoints(&rb, &rup);
+  ba->addPoints(&ra, nullptr);
+  CPlaneEquation p1, p2;
+  ab->getPlane(p1);
+  ba->getPlane(p2);
+  ASSERT_TRUE(p1.IsValid());
+  for (int k = 0; k < 4; ++k)
+    EXPECT_NEAR(p1.Coefficients()[k], p2.Coefficients()[k], 1e-12);
+  EXPECT_GT(dot(normalOf(p1.NormalDir()), N0), 0.99); // oriented by the normals
+
+  // Removing b leaves the plane of a alone, as a fresh fit gives it.
+  ab->removePoints(&rb, &rup);
+  ab->getPlane(p1);
+  double coeff[4], centroid[3];
+  ASSERT_TRUE(FitPlaneToPointSet(a, coeff, centroid));
+  double const sign = dot(normalOf(p1.NormalDir()), normalOf(coeff)) < 0.0 ? -1.0 : 1.0;
+  for (int k = 0; k < 3; ++k)
+    EXPECT_NEAR(p1.NormalDir()[k], sign * coeff[k], 1e-9);
+  EXPECT_NEAR(p1.FreeTerm(), -sign * coeff[3], 1e-9);
+
+  ab->removePoints(&ra, nullptr);
+  ab->getPlane(p1);
+  EXPECT_FALSE(p1.IsValid());
+  EXPECT_EQ(p1.FreeTerm(), 0.0);
+  ab->addPoints(&rb, nullptr);
+  ab->removePoints(&ra, nullptr); // more than held: empties it
+  ab->getPlane(p1);
+  EXPECT_FALSE(p1.IsValid());
+
+  try
+  {
+    delete IPlaneAppoximator::CreateByConstraint(REmath::PlaneFitThroughPoint);
+    ADD_FAILURE() << "no exception";
+  }
+  catch (std::exception const & e)
+  {
+    EXPECT_STREQ(e.what(), "bad allocation");
+  }
+}
+
+TEST(PlaneEq, SelectionConstraints)
+{
+  CSampler s(27);
+  // A selection on the plane z = 1 + 0.5 x, offsets of +-0.1 alternating.
+  std::vector<Point3D> pts;
+  for (int i = 0; i < 40; ++i)
+  {
+    double const x = s.uniform(-2.0, 2.0), y = s.uniform(-1.0, 1.0);
+    pts.emplace_back(x, y, 1.0 + 0.5 * x + (i % 2 ? 0.1 : -0.1));
+  }
+  Point3D_d const truth = unit(Point3D_d(-0.5, 0.0, 1.0));
+  CRecognition r;
+
+  ASSERT_TRUE(r.run(pts, REmath::PlaneFitFree));
+  EXPECT_LT(sinAngle(r.normal, truth), 0.05);
+  EXPECT_GT(r.normal.z(), 0.0); // towards the view direction
+  EXPECT_GE(r.maxError, r.meanError);
+  EXPECT_NEAR(r.meanError, 0.1 * truth.z(), 0.01);
+  EXPECT_NEAR(dot(r.basisU, r.normal), 0.0, 1e-12);
+  EXPECT_NEAR(dot(r.basisV, r.basisU), 0.0, 1e-12);
+  for (Point3D const & p : pts)
+  {
+    Point3D_d const q(p.x(), p.y(), p.z());
+    EXPECT_GE(dot(q, r.basisU), r.limitsU[0] - 1e-12);
+    EXPECT_LE(dot(q, r.basisV), r.limitsV[1] + 1e-12);
+  }
+
+  Point3D_d const down(0.0, 0.0, -1.0);
+  ASSERT_TRUE(r.run(pts, REmath::PlaneFitNormal, 0.0, false, 0.0, Point3D_d(0.0, 0.0, 0.0), down));
+  EXPECT_TRUE(same(r.normal, Point3D_d(0.0, 0.0, 1.0))); // turned to the viewer
+  ASSERT_TRUE(r.run(pts, REmath::PlaneFitNormalAndDist, 0.0, true, 0.25, Point3D_d(0.0, 0.0, 0.0), down));
+  EXPECT_NEAR(r.center.z(), 0.25, 1e-12); // on the centroid's side of z = 0
+  ASSERT_TRUE(r.run(pts, REmath::PlaneFitNormalAndDist, 0.0, true, 0.25, Point3D_d(0.0, 0.0, 5.0), down));
+  EXPECT_NEAR(r.center.z(), 4.75, 1e-12);
+
+  Point3D_d const through(0.0, 0.0, 3.0);
+  ASSERT_TRUE(r.run(pts, REmath::PlaneFitThroughPoint, 0.0, false, 0.0, through));
+  EXPECT_TRUE(same(r.center, through));
+
+  // Through the line x = 0, z = 1 along y, which lies in the true plane.
+  ASSERT_TRUE(r.run(pts, REmath::PlaneFitThroughLine, 0.0, false, 0.0, Point3D_d(0.0, 0.0, 1.0),
+                    Point3D_d(0.0, 1.0, 0.0)));
+  EXPECT_NEAR(r.normal.y(), 0.0, 1e-12);
+  EXPECT_LT(sinAngle(r.normal, truth), 0.05);
+
+  // The true normal is 26.565 degrees from z.
+  double const angle = std::atan(0.5) * 180.0 / 3.141592653589793;
+  ASSERT_TRUE(r.run(pts, REmath::PlaneFitAngleToAxis, angle, false, 0.0, Point3D_d(0.0, 0.0, 0.0),
+                    Point3D_d(0.0, 0.0, 1.0)));
+  EXPECT_NEAR(r.normal.z(), std::cos(angle * 3.141592653589793 / 180.0), 1e-9);
+  EXPECT_LT(sinAngle(r.normal, truth), 0.05);
+  EXPECT_NEAR(dot(r.basisU, Point3D_d(0.0, 0.0, 1.0)), 0.0, 1e-12); // fixedDir x normal
+
+  Point3D_d const untouched(7.0, 7.0, 7.0);
+  r.center = untouched;
+  EXPECT_FALSE(r.run(pts, 6));
+  EXPECT_FALSE(r.run(pts, -1));
+  EXPECT_TRUE(same(r.center, untouched));
+  EXPECT_FALSE(r.run({pts[0], pts[1]}, REmath::PlaneFitFree));
+  EXPECT_FALSE(r.run({}, REmath::PlaneFitNormal));
+  ASSERT_TRUE(r.run({}, REmath::PlaneFitThroughPoint, 0.0, false, 0.0, through));
+  EXPECT_EQ(r.limitsU[0], -1.0);
+  EXPECT_EQ(r.limitsU[1], 1.0);
+  EXPECT_EQ(r.maxError, 0.0);
+}
+
+TEST(PlaneEq, BoundingBasisFollowsTheRectangle)
+{
+  // A 4 x 1 rectangle turned by 30 degrees about z, its corners and edges.
+  double const t = 30.0 * 3.141592653589793 / 180.0;
+  Point3D_d const a(std::cos(t), std::sin(t), 0.0), b(-std::sin(t), std::cos(t), 0.0);
+  std::vector<Point3D> pts;
+  for (int i = 0; i <= 8; ++i)
+    for (double side : {-0.5, 0.5})
+    {
+      Point3D_d const p = add(scale(a, -2.0 + 0.5 * i), scale(b, side));
+      pts.emplace_back(p.x(), p.y(), p.z());
+    }
+  CPtVecAdapder<std::vector<Point3D>> const refs(pts);
+  double const n[3] = {0.0, 0.0, 1.0};
+  double e1[3], e2[3];
+  REmath::DefinePointsLimitsBasis(refs, n, e1, e2, 120);
+  EXPECT_NEAR(std::fabs(std::fabs(dot(Point3D_d(e1), a)) - 1.0) *
+                  std::fabs(std::fabs(dot(Point3D_d(e1), b)) - 1.0),
+              0.0, 1e-12);
+
+  // DefineAuto: the same first vector, the second left as the frame gave it
+  // (not turned with the first), and the ranges of the points along both.
+  CPlaneEquation plane;
+  plane.NormalDir()[2] = 1.0;
+  REmath::CPlaneLimits limits;
+  limits.DefineAuto(refs, plane);
+  double u[3], v[3];
+  BuildUCSbyVector(n, u, v);
+  for (int k = 0; k < 3; ++k)
+  {
+    EXPECT_EQ(limits.GetBasisVector(0)[k], e1[k]);
+    EXPECT_EQ(limits.GetBasisVector(1)[k], v[k]);
+  }
+  double const * l0 = limits.GetLimitsInDir(0);
+  double const width = l0[1] - l0[0];
+  EXPECT_TRUE(std::fabs(width - 4.0) < 1e-6 || std::fabs(width - 1.0) < 1e-6) << width;
+  EXPECT_EQ(limits.GetLimitsInDir(7), limits.GetLimitsInDir(1));
+
+  std::vector<Point3D> const none;
+  double lim[2];
+  double dir[3] = {1.0, 0.0, 0.0};
+  REmath::GetSelectionLinearLimits(CPtVecAdapder<std::vector<Point3D>>(none), dir, lim);
+  EXPECT_EQ(lim[0], -1.0);
+  EXPECT_EQ(lim[1], 1.0);
+}
