@@ -55,6 +55,11 @@
 #include "QZmath/BlockProcessor/ThreadTrace.h"
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
 
+#include "QZmath/Fitting/FitCircle.h"
+#include "QZmath/Fitting/FitLine.h"
+#include "QZmath/Fitting/PlaneEq.h"
+#include "QZmath/Fitting/RobustRegression.h"
+
 #include "QZmath/Persistence/BinaryStream.h"
 #include "QZmath/Persistence/Colours.h"
 #include "QZmath/Persistence/ComponentFilters.h"
