@@ -60,6 +60,14 @@
 #include "QZmath/Fitting/PlaneEq.h"
 #include "QZmath/Fitting/RobustRegression.h"
 
+#include "QZmath/SurfaceAnalysis/Contour2D.h"
+#include "QZmath/SurfaceAnalysis/Distances.h"
+#include "QZmath/SurfaceAnalysis/GetNormal.h"
+#include "QZmath/SurfaceAnalysis/NetProjection.h"
+#include "QZmath/SurfaceAnalysis/ProjectorTriangle.h"
+#include "QZmath/SurfaceAnalysis/Projectors.h"
+#include "QZmath/SurfaceAnalysis/QuadraticForm.h"
+
 #include "QZmath/Persistence/BinaryStream.h"
 #include "QZmath/Persistence/Colours.h"
 #include "QZmath/Persistence/ComponentFilters.h"

@@ -1,0 +1,349 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <thread>
+#include <vector>
+
+#include "QZmath/Foundation/RotationMatrix.h"
+#include "QZmath/SurfaceAnalysis/GetNormal.h"
+#include "SurfaceSamples.h"
+
+using REmath::Matrix;
+using REmath::Point3D;
+using namespace SurfTest;
+
+namespace
+{
+// Sorted eigenvalues of a 3 x 3 tensor.
+std::vector<double> eigenvalues(const Matrix<double> & t)
+{
+  CRotationMatrix m;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j)
+      m.m[i][j] = t(i, j);
+  REmath::Point3D_d v[3];
+  double d[3];
+  GetEigenVectorsSA(m, v, d, true);
+  std::vector<double> out(d, d + 3);
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+struct Fit2
+{
+  bool ok;
+  double normal[3];
+  std::vector<float> dist;
+  double scale;
+  CQuadraticForm form;
+};
+
+Fit2 fit2(const std::vector<Point3D> & pts, const CGetNormal2Prms * prm)
+{
+  Fit2 f{};
+  f.dist.assign(pts.size(), -1.0f);
+  f.ok =
+      GetNormal2(static_cast<int>(pts.size()), pts.data(), prm, &f.form, f.normal, f.dist.data(), &f.scale);
+  return f;
+}
+} // namespace
+
+TEST(GetNormal, FirstOrderOnPlanesAndCurvedCaps)
+{
+  for (unsigned seed = 1; seed <= 5; ++seed)
+    for (auto const & nb : {sampleSurface(plane(), 30, 1.0, seed), sampleSurface(sphere(5.0), 30, 0.5, seed),
+                            sampleSurface(saddle(0.3), 30, 0.5, seed, 0.0, 100.0)})
+    {
+      double m[3][3], normal[3];
+      double * rows[3] = {m[0], m[1], m[2]};
+      ASSERT_EQ(GetNormal(30, nb.points.data(), rows, normal), 1);
+      EXPECT_LT(lineAngleDeg(normal, nb.normal), 2.0);
+      // The columns are the orthonormal eigenvectors; the normal is one.
+      for (int a = 0; a < 3; ++a)
+        for (int b = 0; b < 3; ++b)
+          EXPECT_NEAR(m[0][a] * m[0][b] + m[1][a] * m[1][b] + m[2][a] * m[2][b], a == b ? 1.0 : 0.0, 1e-9);
+      float fn[3];
+      ASSERT_EQ(GetNormal(30, nb.points.data(), rows, fn), 1);
+      double en[3];
+      ASSERT_TRUE(EstimateNormal(nb.points, en));
+      for (int k = 0; k < 3; ++k)
+      {
+        EXPECT_EQ(fn[k], static_cast<float>(normal[k]));
+        EXPECT_EQ(en[k], normal[k]);
+      }
+      float an = -1.0f;
+      ASSERT_EQ(GetAnisotropy(30, nb.points.data(), rows, an), 1);
+      EXPECT_LT(an, 0.01f);
+    }
+}
+
+TEST(GetNormal, DegenerateInputs)
+{
+  double m[3][3], normal[3];
+  double * rows[3] = {m[0], m[1], m[2]};
+  float an = 0.0f;
+  // Coincident points: all eigenvalues 0, the tie goes to the first column.
+  std::vector<Point3D> same(6, Point3D(1.0f, 2.0f, 3.0f));
+  ASSERT_EQ(GetNormal(6, same.data(), rows, normal), 1);
+  for (int k = 0; k < 3; ++k)
+    EXPECT_EQ(normal[k], m[k][0]);
+  ASSERT_EQ(GetAnisotropy(6, same.data(), rows, an), 1);
+  EXPECT_EQ(an, 0.33333334f);
+  // Too few points, or a NaN: no normal.
+  EXPECT_EQ(GetNormal(2, same.data(), rows, normal), 0);
+  std::vector<Point3D> bad = sampleSurface(plane(), 10, 1.0, 3).points;
+  bad[4].y() = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_EQ(GetNormal(10, bad.data(), rows, normal), 0);
+  EXPECT_FALSE(EstimateNormal({}, normal));
+  float dist[10];
+  EXPECT_FALSE(GetNormal2(10, bad.data(), nullptr, nullptr, normal, dist, nullptr));
+  EXPECT_FALSE(GetNormal2(6, same.data(), nullptr, nullptr, normal, dist, nullptr));
+  EXPECT_FALSE(GetNormal2(2, bad.data(), nullptr, nullptr, normal, dist, nullptr));
+  // Collinear points: a plane through the line is flat enough, and its normal
+  // is across the line.
+  std::vector<Point3D> line;
+  for (int i = 0; i < 8; ++i)
+    line.emplace_back(1.0f * i, 2.0f * i, -1.0f * i);
+  ASSERT_TRUE(GetNormal2(8, line.data(), nullptr, nullptr, normal, dist, nullptr));
+  EXPECT_NEAR(normal[0] + 2.0 * normal[1] - normal[2], 0.0, 1e-6);
+  // A quadric through a line is anything but unique: whatever is found, the
+  // call returns.
+  Matrix<double> tensor;
+  EstimateCurvature(line, true, normal, tensor);
+}
+
+TEST(GetNormal2, FlatNeighbourhoodKeepsThePlane)
+{
+  CNeighbourhood const nb = sampleSurface(plane(), 30, 2.0, 11, 0.0, 3.0);
+  Fit2 const f = fit2(nb.points, nullptr);
+  ASSERT_TRUE(f.ok);
+  EXPECT_LT(lineAngleDeg(f.normal, nb.normal), 1e-3);
+  // The plane as a form: Q = 0, L = the normal, K = 0.
+  CQuadFormRaw10<double> raw;
+  f.form.ConvertToRawFormat(raw);
+  for (int i = 0; i < 6; ++i)
+    EXPECT_EQ(raw[i], 0.0);
+  for (int k = 0; k < 3; ++k)
+    EXPECT_EQ(raw[6 + k], f.normal[k]);
+  EXPECT_EQ(raw[9], 0.0);
+  // The scale is the root mean square distance from the first point.
+  double sum = 0.0;
+  for (std::size_t i = 1; i < nb.points.size(); ++i)
+    for (int k = 0; k < 3; ++k)
+      sum += std::pow(double(nb.points[i].asArray()[k]) - nb.points[0].asArray()[k], 2);
+  EXPECT_NEAR(f.scale, std::sqrt(sum / 29.0), 1e-9 * f.scale);
+  EXPECT_EQ(f.dist[0], 0.0f);
+  for (float d : f.dist)
+    EXPECT_LT(d, 1e-5f);
+
+  // Forced, the quadric of an exact plane has no curvature to tell and is
+  // turned down; the first-order normal is still given.
+  CGetNormal2Prms force;
+  force.Force2() = true;
+  EXPECT_FALSE(fit2(nb.points, &force).ok);
+  force.SetDefault();
+  EXPECT_FALSE(force.Force2());
+  EXPECT_TRUE(force.ZeroFremTerm());
+  EXPECT_EQ(force.Appr2MinDist(), 0.01f);
+  EXPECT_EQ(force.q_size(), 9);
+}
+
+TEST(GetNormal2, FlatnessLimitChoosesPlaneOrQuadric)
+{
+  // A cylinder whose cap rises 0.05 (in units of the spread) over the plane.
+  CNeighbourhood const nb = sampleSurface(cylinder(4.0), 30, 1.0, 5);
+  CGetNormal2Prms prm;
+  prm.Appr2MinDist() = 1.0f; // everything is flat
+  Fit2 const flat = fit2(nb.points, &prm);
+  ASSERT_TRUE(flat.ok);
+  EXPECT_EQ(flat.form.getKYY(), 0.0);
+  EXPECT_EQ(flat.form.getKZZ(), 0.0);
+
+  Fit2 const quad = fit2(nb.points, nullptr);
+  ASSERT_TRUE(quad.ok);
+  EXPECT_NE(quad.form.getKYY() + quad.form.getKXX() + quad.form.getKZZ(), 0.0);
+  // The quadric's normal is exact where the plane's leans.
+  EXPECT_LT(lineAngleDeg(quad.normal, nb.normal), 1e-3);
+  EXPECT_GT(lineAngleDeg(flat.normal, nb.normal), 10.0 * lineAngleDeg(quad.normal, nb.normal));
+  // Points on the quadric are at distance 0 along its gradient.
+  for (float d : quad.dist)
+    EXPECT_LT(std::fabs(d), 1e-4f);
+  // In the scaled frame the form passes through the first point with a unit
+  // gradient there, and through the others.
+  EXPECT_EQ(quad.form.getK(), 0.0);
+  EXPECT_NEAR(quad.form.GetLinearTerm().length(), 1.0, 1e-12);
+  for (std::size_t i = 1; i < nb.points.size(); ++i)
+  {
+    REmath::Point3D_d p;
+    for (int k = 0; k < 3; ++k)
+      p.asArray()[k] = (double(nb.points[i].asArray()[k]) - nb.points[0].asArray()[k]) / quad.scale;
+    EXPECT_NEAR(quad.form.eval(p), 0.0, 1e-5);
+  }
+  // The float overload converts the same normal.
+  float fn[3];
+  std::vector<float> dist(30);
+  ASSERT_TRUE(GetNormal2(30, nb.points.data(), nullptr, nullptr, fn, dist.data(), nullptr));
+  for (int k = 0; k < 3; ++k)
+    EXPECT_EQ(fn[k], static_cast<float>(quad.normal[k]));
+}
+
+TEST(GetNormal2, CurvaturesOnKnownSurfaces)
+{
+  struct Case
+  {
+    const char * name;
+    std::function<double(double, double)> f;
+    double noise;
+    std::vector<double> tensor; // expected eigenvalues, normal towards +z
+    double kmin, kmax;          // GetMinMaxCurvaturesForPoints: magnitudes
+  };
+  // An exact sphere is umbilic, where the curvature estimate cannot tell the
+  // principal directions apart and reports "unknown": a trace of noise, as
+  // every scan has, separates them.
+  std::vector<Case> const cases = {
+      {"sphere r=2", sphere(2.0), 2e-4, {0.0, 0.5, 0.5}, 0.5, 0.5},
+      {"sphere r=0.5", sphere(0.5), 2e-4, {0.0, 2.0, 2.0}, 2.0, 2.0},
+      {"cylinder r=3", cylinder(3.0), 0.0, {0.0, 0.0, 1.0 / 3.0}, 0.0, 1.0 / 3.0},
+      {"saddle k=0.8", saddle(0.8), 0.0, {-0.8, 0.0, 0.8}, 0.8, 0.8},
+  };
+  for (Case const & c : cases)
+    for (unsigned seed = 1; seed <= 3; ++seed)
+    {
+      SCOPED_TRACE(std::string(c.name) + " seed " + std::to_string(seed));
+      double const spread = c.kmax > 1.0 ? 0.15 : 0.4;
+      CNeighbourhood const nb = sampleSurface(c.f, 30, spread, seed, c.noise * spread);
+      Fit2 const f = fit2(nb.points, nullptr);
+      ASSERT_TRUE(f.ok);
+      EXPECT_LT(lineAngleDeg(f.normal, nb.normal), 0.05);
+
+      // The caller's normal (towards the concave side) fixes the sign.
+      double normal[3] = {nb.normal[0], nb.normal[1], nb.normal[2]};
+      Matrix<double> tensor;
+      ASSERT_TRUE(EstimateCurvature(nb.points, false, normal, tensor));
+      std::vector<double> const ev = eigenvalues(tensor);
+      for (int k = 0; k < 3; ++k)
+        EXPECT_NEAR(ev[k], c.tensor[k], 0.01 * c.kmax + 1e-6);
+      // Estimated, the normal comes back with a sign of its own and the
+      // tensor follows it.
+      double est[3];
+      Matrix<double> t2;
+      ASSERT_TRUE(EstimateCurvature(nb.points, true, est, t2));
+      EXPECT_LT(lineAngleDeg(est, nb.normal), 0.05);
+      double const same = est[0] * nb.normal[0] + est[1] * nb.normal[1] + est[2] * nb.normal[2] > 0 ? 1 : -1;
+      for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+          EXPECT_NEAR(t2(i, j), same * tensor(i, j), 1e-3 * c.kmax);
+
+      std::vector<Point3D> pts = nb.points;
+      float kmin = 0.0f, kmax = 0.0f;
+      ASSERT_TRUE(GetMinMaxCurvaturesForPoints(pts, kmin, kmax));
+      EXPECT_LE(kmin, kmax);
+      EXPECT_NEAR(kmin, c.kmin, 0.01 * c.kmax + 1e-4);
+      EXPECT_NEAR(kmax, c.kmax, 0.01 * c.kmax + 1e-4);
+
+      // In the points' own units, relative to the first point.
+      CQuadraticForm own;
+      double on[3];
+      ASSERT_TRUE(GetNormalAndQuadricApprShiftedNonScaled(30, nb.points.data(), own, on));
+      EXPECT_LT(lineAngleDeg(on, nb.normal), 0.05);
+      EXPECT_NEAR(MaxCurvature(own), c.kmax, 0.01 * c.kmax);
+    }
+}
+
+TEST(GetNormal2, FoldTestRejectsTwoSheets)
+{
+  // Both caps of a flat ellipsoid: the quadric that fits them is the closed
+  // ellipsoid, whose gradient turns round between the sheets. One cap alone
+  // is an ordinary neighbourhood.
+  auto caps = [](int n, bool both)
+  {
+    std::vector<Point3D> pts = {Point3D(0.3f, 0.0f, 0.0f)};
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<double> u(-0.4, 0.4);
+    for (int i = 1; i < n; ++i)
+    {
+      double const y = u(rng), z = u(rng);
+      double const x = 0.3 * std::sqrt(1.0 - y * y - z * z / 1.44);
+      pts.emplace_back(both && i % 2 ? -x : x, y, z);
+    }
+    return pts;
+  };
+  double normal[3];
+  std::vector<float> dist(40);
+  std::vector<Point3D> const sheets = caps(40, true);
+  EXPECT_FALSE(GetNormal2(40, sheets.data(), nullptr, nullptr, normal, dist.data(), nullptr));
+  std::vector<Point3D> const cap = caps(40, false);
+  ASSERT_TRUE(GetNormal2(40, cap.data(), nullptr, nullptr, normal, dist.data(), nullptr));
+  double const x[3] = {1.0, 0.0, 0.0};
+  EXPECT_LT(lineAngleDeg(normal, x), 0.05);
+}
+
+TEST(GetNormal2, IndependentOfOtherThreads)
+{
+  std::vector<CNeighbourhood> nbs;
+  for (unsigned s = 0; s < 40; ++s)
+    nbs.push_back(sampleSurface(s % 2 ? saddle(0.5) : cylinder(2.0), 30, 0.5, s + 100));
+  auto run = [&](std::vector<double> & out)
+  {
+    for (CNeighbourhood const & nb : nbs)
+    {
+      Fit2 const f = fit2(nb.points, nullptr);
+      out.insert(out.end(), {double(f.ok), f.normal[0], f.normal[1], f.normal[2], f.scale});
+    }
+  };
+  std::vector<double> serial, a, b;
+  run(serial);
+  std::thread ta([&] { run(a); }), tb([&] { run(b); });
+  ta.join();
+  tb.join();
+  EXPECT_EQ(a, serial);
+  EXPECT_EQ(b, serial);
+}
+
+TEST(Curvatures, ClosedFormsOfRawQuadrics)
+{
+  double c[2];
+  double n[3];
+  Matrix<double> tensor;
+  // x^2 - 2 r z = 0: a cylinder of radius r along y, normal -z at the origin.
+  double const r = 4.0;
+  CQuadFormRaw9<double> const cyl = {1.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, -2.0 * r};
+  GetCurvatures(cyl, c, &tensor, n);
+  EXPECT_NEAR(std::min(c[0], c[1]), 0.0, 1e-12);
+  EXPECT_NEAR(std::max(c[0], c[1]), 1.0 / r, 1e-12);
+  EXPECT_NEAR(n[2], -1.0, 1e-12);
+  std::vector<double> const ev = eigenvalues(tensor);
+  EXPECT_NEAR(ev[0], 0.0, 1e-12);
+  EXPECT_NEAR(ev[1], 0.0, 1e-12);
+  EXPECT_NEAR(ev[2], 1.0 / r, 1e-12);
+  EXPECT_NEAR(MaxCurvature(cyl), 1.0 / r, 1e-12);
+  // The same through the form, scaled: the curvature does not change.
+  EXPECT_NEAR(MaxCurvature(CQuadraticForm::buildFromCoeffArray(9, cyl) /*unscaled*/), 1.0 / r, 1e-12);
+
+  // Umbilic (a sphere) and a vanishing gradient: unknown, 20.0.
+  CQuadFormRaw9<double> const sph = {1.0, 0.0, 0.0, 1.0, 0.0, 1.0, 0.0, 0.0, -2.0};
+  GetCurvatures(sph, c, nullptr, nullptr);
+  EXPECT_EQ(c[0], 20.0);
+  EXPECT_EQ(c[1], 20.0);
+  EXPECT_EQ(MaxCurvature(sph), 20.0);
+  CQuadFormRaw9<double> const noGradient = {1.0, 0.0, 0.0, 2.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+  EXPECT_EQ(MaxCurvature(noGradient), 20.0);
+  EXPECT_EQ(MaxCurvature(CQuadraticForm()), 20.0);
+}
+
+TEST(DetectContourNormal, FollowsTheDirection)
+{
+  std::vector<Point3D> square = {Point3D(0, 0, 5), Point3D(2, 0, 5), Point3D(2, 2, 5), Point3D(0, 2, 5)};
+  float n[3];
+  ASSERT_TRUE(DetectContourNormal(square, n));
+  EXPECT_EQ(n[0], 0.0f);
+  EXPECT_EQ(n[1], 0.0f);
+  EXPECT_EQ(n[2], 1.0f);
+  std::reverse(square.begin(), square.end());
+  ASSERT_TRUE(DetectContourNormal(square, n));
+  EXPECT_EQ(n[2], -1.0f);
+  EXPECT_FALSE(DetectContourNormal(square, nullptr));
+  EXPECT_FALSE(DetectContourNormal({}, n));
+  EXPECT_FALSE(DetectContourNormal(std::vector<Point3D>(4, Point3D(1.0f)), n));
+}
