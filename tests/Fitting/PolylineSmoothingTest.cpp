@@ -1,0 +1,293 @@
+// Smoothing with fixed points against a slow full-length reference of the
+// scheme, its geometric effect on lines and circles, arrangement of positions
+// on a line and a circle, and bad input.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "QZmath/Fitting/PolylineSmoothing.h"
+
+using REmath::Point3D;
+using REmath::Point3D_d;
+
+namespace
+{
+// The scheme written out plainly: full-length impulse responses and a dense
+// Gauss elimination with partial pivoting.
+std::vector<Point3D_d> referenceSmooth(std::vector<Point3D_d> pts, bool closed, double w, int nIter,
+                                       bool keep, std::vector<int> fixed)
+{
+  int const n = static_cast<int>(pts.size());
+  int const m = closed ? n - 1 : n;
+  double const u = keep ? w / (1.0f - 0.1f * w) : 0.0;
+  auto pass = [&](std::vector<double> & v)
+  {
+    std::vector<double> t(v);
+    for (int i = 0; i < m; ++i)
+    {
+      bool const end = i == 0 || i == m - 1;
+      if (end && !closed)
+        continue;
+      t[i] = (1 - w) * v[i] + w / 2 * (v[(i + m - 1) % m] + v[(i + 1) % m]);
+    }
+    v = t;
+    if (u == 0.0)
+      return;
+    for (int i = 0; i < m; ++i)
+      if (closed || (i > 0 && i < m - 1))
+        v[i] = (1 + u) * t[i] + -u / 2 * (t[(i + m - 1) % m] + t[(i + 1) % m]);
+  };
+  std::vector<Point3D_d> const orig = pts;
+  int k = static_cast<int>(fixed.size());
+  if (closed && k > 1 && std::abs(fixed[0] - fixed[k - 1]) == n - 1)
+    --k;
+  std::vector<std::vector<double>> resp(k, std::vector<double>(m, 0.0));
+  for (int j = 0; j < k; ++j)
+  {
+    resp[j][fixed[j]] = 1.0;
+    for (int it = 0; it < nIter; ++it)
+      pass(resp[j]);
+  }
+  for (int c = 0; c < 3; ++c)
+  {
+    std::vector<double> v(m);
+    for (int i = 0; i < m; ++i)
+      v[i] = pts[i].asArray()[c];
+    for (int it = 0; it < nIter; ++it)
+      pass(v);
+    std::vector<std::vector<double>> a(k, std::vector<double>(k + 1));
+    for (int i = 0; i < k; ++i)
+    {
+      for (int j = 0; j < k; ++j)
+        a[i][j] = resp[j][fixed[i]];
+      a[i][k] = orig[fixed[i]].asArray()[c] - v[fixed[i]];
+    }
+    for (int col = 0; col < k; ++col)
+    {
+      int piv = col;
+      for (int r = col + 1; r < k; ++r)
+        if (std::fabs(a[r][col]) > std::fabs(a[piv][col]))
+          piv = r;
+      std::swap(a[col], a[piv]);
+      for (int r = col + 1; r < k; ++r)
+        for (int cc = k; cc >= col; --cc)
+          a[r][cc] -= a[r][col] / a[col][col] * a[col][cc];
+    }
+    std::vector<double> s(k);
+    for (int i = k - 1; i >= 0; --i)
+    {
+      double acc = a[i][k];
+      for (int j = i + 1; j < k; ++j)
+        acc -= a[i][j] * s[j];
+      s[i] = acc / a[i][i];
+    }
+    for (int i = 0; i < m; ++i)
+    {
+      double corr = 0.0;
+      for (int j = 0; j < k; ++j)
+        corr += resp[j][i] * s[j];
+      pts[i].asArray()[c] = v[i] + corr;
+    }
+  }
+  for (int idx : fixed)
+    pts[idx] = orig[idx];
+  if (closed)
+    pts[n - 1] = pts[0];
+  return pts;
+}
+
+std::vector<Point3D_d> noisyCurve(int n, bool closed, unsigned seed)
+{
+  std::mt19937 rng(seed);
+  std::normal_distribution<double> noise(0.0, 0.05);
+  std::vector<Point3D_d> pts;
+  for (int i = 0; i < n; ++i)
+  {
+    double const t = 2.0 * M_PI * i / (closed ? n - 1 : n);
+    pts.emplace_back(std::cos(t) + noise(rng), std::sin(2 * t) + noise(rng), 0.1 * t + noise(rng));
+  }
+  if (closed)
+    pts.back() = pts.front();
+  return pts;
+}
+
+double meanRadius(std::vector<Point3D> const & pts)
+{
+  double sum = 0.0;
+  for (Point3D const & p : pts)
+    sum += std::hypot(p.x(), p.y());
+  return sum / pts.size();
+}
+
+std::vector<Point3D> circle(int n)
+{
+  std::vector<Point3D> pts;
+  for (int i = 0; i <= n; ++i)
+    pts.emplace_back(std::cos(2 * M_PI * i / n), std::sin(2 * M_PI * i / n), 0.0);
+  pts.back() = pts.front();
+  return pts;
+}
+} // namespace
+
+TEST(PolylineSmoothing, MatchesTheFullLengthSchemeOpenAndClosed)
+{
+  struct Case
+  {
+    int n;
+    bool closed, keep;
+    int nIter;
+    std::vector<int> fixed;
+  } const cases[] = {
+      {60, false, true, 10, {3, 20, 41}}, {60, false, false, 25, {0, 30, 59}},
+      {60, true, true, 10, {0, 15, 59}},  {60, true, false, 7, {58, 1, 30}},
+      {25, true, true, 40, {5, 12}}, // responses wrap round
+      {40, false, true, 5, {}},           {9, true, true, 3, {2}},
+  };
+  for (Case const & c : cases)
+  {
+    std::vector<Point3D_d> pts = noisyCurve(c.n, c.closed, 5);
+    std::vector<Point3D_d> const want = referenceSmooth(pts, c.closed, 0.4, c.nIter, c.keep, c.fixed);
+    CPolylineSmoothParams const params(c.closed, 0.4, c.nIter, c.keep,
+                                       const_cast<std::vector<int> *>(&c.fixed));
+    ASSERT_TRUE(smoothPolylineWithFixedPoints(pts, params)) << c.n << " " << c.closed;
+    for (int i = 0; i < c.n; ++i)
+      for (int k = 0; k < 3; ++k)
+        ASSERT_NEAR(pts[i].asArray()[k], want[i].asArray()[k], 1e-12) << "point " << i << " case " << c.n;
+    for (int idx : c.fixed)
+      EXPECT_EQ(pts[idx].x(), want[idx].x());
+  }
+}
+
+TEST(PolylineSmoothing, NoisyLineMovesTowardTheLineWithFixedPointsExact)
+{
+  std::mt19937 rng(3);
+  std::normal_distribution<float> noise(0.0f, 0.1f);
+  std::vector<Point3D> pts;
+  for (int i = 0; i < 500; ++i)
+    pts.emplace_back(0.01f * i, noise(rng), noise(rng));
+  std::vector<Point3D> const before = pts;
+  std::vector<int> fixed = {50, 250, 400};
+  auto offLine = [](std::vector<Point3D> const & p)
+  {
+    double s = 0.0;
+    for (Point3D const & q : p)
+      s += q.y() * q.y() + q.z() * q.z();
+    return std::sqrt(s / p.size());
+  };
+  CPolylineSmoothParams params;
+  params.SetPtrFixedPtIdx(&fixed);
+  params.SetNIter(30);
+  params.SetPreserveShape(false);
+  ASSERT_TRUE(smoothPolylineWithFixedPoints(pts, params));
+  EXPECT_LT(offLine(pts), 0.5 * offLine(before));
+  for (int idx : {0, 50, 250, 400, 499})
+  {
+    EXPECT_EQ(pts[idx].x(), before[idx].x());
+    EXPECT_EQ(pts[idx].y(), before[idx].y());
+    EXPECT_EQ(pts[idx].z(), before[idx].z());
+  }
+}
+
+TEST(PolylineSmoothing, CounterStepKeepsACircleWherePlainAveragingShrinksIt)
+{
+  std::vector<Point3D> plain = circle(24), kept = circle(24);
+  CPolylineSmoothParams params(true, 0.4, 20, false, nullptr);
+  ASSERT_TRUE(smoothPolylineWithFixedPoints(plain, params));
+  params.SetPreserveShape(true);
+  ASSERT_TRUE(smoothPolylineWithFixedPoints(kept, params));
+  EXPECT_LT(meanRadius(plain), 0.9);
+  EXPECT_NEAR(meanRadius(kept), 1.0, 0.02);
+  EXPECT_EQ(kept.back().x(), kept.front().x());
+  EXPECT_EQ(kept.back().y(), kept.front().y());
+}
+
+TEST(PolylineSmoothing, ClosedListNamingBothEndsSolvesForOnePoint)
+{
+  // Without the reduction the system would hold the same point twice and be
+  // singular.
+  std::vector<Point3D_d> pts = noisyCurve(30, true, 9);
+  Point3D_d const first = pts[0];
+  std::vector<int> fixed = {0, 29};
+  ASSERT_TRUE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(true, 0.4, 10, true, &fixed)));
+  EXPECT_EQ(pts[0].y(), first.y());
+  EXPECT_EQ(pts[29].y(), first.y());
+}
+
+TEST(PolylineSmoothing, DegenerateInputKeepsThePointsOrFailsAsDocumented)
+{
+  std::vector<Point3D_d> none;
+  EXPECT_TRUE(smoothPolylineWithFixedPoints(none, CPolylineSmoothParams()));
+
+  std::vector<Point3D_d> const orig = noisyCurve(12, false, 1);
+  std::vector<Point3D_d> pts = orig;
+  EXPECT_TRUE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, 0, true, nullptr)));
+  for (int i = 0; i < 12; ++i)
+    EXPECT_EQ(pts[i].y(), orig[i].y());
+
+  std::vector<int> all(12);
+  for (int i = 0; i < 12; ++i)
+    all[i] = 11 - i;
+  pts = orig;
+  EXPECT_TRUE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, 10, true, &all)));
+  for (int i = 0; i < 12; ++i)
+    EXPECT_EQ(pts[i].z(), orig[i].z());
+
+  for (std::vector<int> bad : {std::vector<int>{12}, std::vector<int>{-1}})
+  {
+    pts = orig;
+    EXPECT_FALSE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, 10, true, &bad)));
+    EXPECT_EQ(pts[5].y(), orig[5].y()); // untouched
+  }
+  // A repeated index makes the impulse system singular: smoothed, not restored.
+  std::vector<int> twice = {4, 4};
+  pts = orig;
+  EXPECT_FALSE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, 10, true, &twice)));
+  EXPECT_NE(pts[5].y(), orig[5].y());
+}
+
+TEST(ArrangePoints, OnLineSortsInTheRequestedDirection)
+{
+  std::vector<float> v = {3.0f, -1.0f, 2.0f, 2.0f, 7.5f};
+  EXPECT_TRUE(ArrangePointsOnLine(v, 1, 0));
+  EXPECT_EQ(v, (std::vector<float>{-1.0f, 2.0f, 2.0f, 3.0f, 7.5f}));
+  EXPECT_TRUE(ArrangePointsOnLine(v, -1, 0));
+  EXPECT_EQ(v, (std::vector<float>{7.5f, 3.0f, 2.0f, 2.0f, -1.0f}));
+  std::vector<float> withNan = {1.0f, NAN, 0.0f};
+  EXPECT_TRUE(ArrangePointsOnLine(withNan, 1, 0));
+  EXPECT_EQ(withNan[0], 0.0f);
+}
+
+TEST(ArrangePoints, OnCircleLeavesOrderedListsAndRepairsAnOutlier)
+{
+  std::vector<float> const ordered = {300.0f, 350.0f, 10.0f, 100.0f, 200.0f};
+  std::vector<float> v = ordered;
+  EXPECT_TRUE(ArrangePointsOnCircle(v, 1, 360));
+  EXPECT_EQ(v, ordered);
+  std::vector<float> back(ordered.rbegin(), ordered.rend());
+  v = back;
+  EXPECT_TRUE(ArrangePointsOnCircle(v, -1, 360));
+  EXPECT_EQ(v, back);
+
+  // 200 breaks the order; the window 10 .. 40 around it is respaced with the
+  // step span / (1 + span) from its start.
+  v = {10.0f, 20.0f, 200.0f, 40.0f, 50.0f, 60.0f};
+  ASSERT_TRUE(ArrangePointsOnCircle(v, 1, 360));
+  float const step = static_cast<float>(30.0 / 31.0);
+  EXPECT_FLOAT_EQ(v[1], 10.0f + step);
+  EXPECT_FLOAT_EQ(v[2], 10.0f + 2 * step);
+  EXPECT_EQ(v[3], 40.0f);
+}
+
+TEST(ArrangePoints, OnCircleRestoresTheListWhenNoOrderCanBeReached)
+{
+  std::vector<float> const same = {5.0f, 5.0f, 5.0f, 5.0f};
+  std::vector<float> v = same;
+  EXPECT_FALSE(ArrangePointsOnCircle(v, 1, 360));
+  EXPECT_EQ(v, same);
+  v = {1.0f, 2.0f, 3.0f};
+  EXPECT_FALSE(ArrangePointsOnCircle(v, 0, 360));
+  std::vector<float> two = {3.0f, 1.0f};
+  EXPECT_TRUE(ArrangePointsOnCircle(two, -1, 360));
+}
