@@ -1,0 +1,156 @@
+// The min-max ascent on criteria with known max-min points, its box and
+// projector, and the degenerate starts that must leave the start unmoved.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+
+#include "QZmath/Fitting/MinMaxOptimizer.h"
+
+using REmath::CMinMaxOptimizer;
+using REmath::CMinMaxParams;
+using REmath::CMinMaxTask;
+using REmath::Point3D_d;
+
+namespace
+{
+class CLambdaCriterion : public CMinMaxTask::Criterion
+{
+public:
+  explicit CLambdaCriterion(std::function<double(Point3D_d const &)> f) : m_f(std::move(f)) {}
+  double operator()(const Point3D_d & p) const override
+  {
+    ++m_calls;
+    return m_f(p);
+  }
+  mutable int m_calls = 0;
+
+private:
+  std::function<double(Point3D_d const &)> m_f;
+};
+
+CMinMaxTask makeTask(std::vector<CLambdaCriterion> const & fs, Point3D_d start, double lo = 0.0,
+                     double hi = 3.0)
+{
+  CMinMaxTask task;
+  for (CLambdaCriterion const & f : fs)
+    task.AddCriterion(&f);
+  task.SetInitApprox(start);
+  task.SetLimitMin(Point3D_d(lo, lo, lo));
+  task.SetLimitMax(Point3D_d(hi, hi, hi));
+  return task;
+}
+
+bool inBox(Point3D_d const & p, double lo, double hi)
+{
+  for (int k = 0; k < 3; ++k)
+    if (!(p.asArray()[k] >= lo && p.asArray()[k] <= hi))
+      return false;
+  return true;
+}
+} // namespace
+
+TEST(MinMaxOptimizer, StopsAtTheCrossingOfARisingAndAFallingCriterion)
+{
+  std::vector<CLambdaCriterion> fs = {CLambdaCriterion([](Point3D_d const & p) { return p.x(); }),
+                                      CLambdaCriterion([](Point3D_d const & p) { return 2.0 - p.x(); }),
+                                      CLambdaCriterion([](Point3D_d const & p) { return 5.0 - p.y(); })};
+  CMinMaxTask const task = makeTask(fs, Point3D_d(0.0, 1.0, 1.0));
+  CMinMaxParams const params;
+  Point3D_d r;
+  CMinMaxOptimizer(task, params).Run(r);
+  EXPECT_NEAR(r.x(), 1.0, 1e-9);
+  EXPECT_NEAR(r.y(), 1.0, 1e-9);
+}
+
+TEST(MinMaxOptimizer, ClimbsTowardTheMaxMinPointOfTwoConcaveCriteria)
+{
+  // min(f1, f2) is largest at (1.5, 1, 1), where both equal -0.25.
+  std::vector<CLambdaCriterion> fs = {
+      CLambdaCriterion(
+          [](Point3D_d const & p)
+          { return -(p.x() - 1) * (p.x() - 1) - (p.y() - 1) * (p.y() - 1) - (p.z() - 1) * (p.z() - 1); }),
+      CLambdaCriterion(
+          [](Point3D_d const & p)
+          { return -(p.x() - 2) * (p.x() - 2) - (p.y() - 1) * (p.y() - 1) - (p.z() - 1) * (p.z() - 1); })};
+  CMinMaxTask const task = makeTask(fs, Point3D_d(0.2, 2.5, 0.3));
+  CMinMaxParams params;
+  params.SetMaxIter(200);
+  params.SetMaxGradientMoveAttempts(30);
+  Point3D_d r;
+  CMinMaxOptimizer opt(task, params);
+  CMinMaxOptimizer copy(opt);
+  copy.Run(r);
+  double const best = std::min(fs[0](r), fs[1](r));
+  EXPECT_GT(best, -0.3);
+  EXPECT_NEAR(r.x(), 1.5, 0.1);
+  EXPECT_TRUE(inBox(r, 0.0, 3.0));
+}
+
+TEST(MinMaxOptimizer, NeverLeavesTheBoxAndHonoursTheProjector)
+{
+  CLambdaCriterion up([](Point3D_d const & p) { return p.x() + 2 * p.y() + 3 * p.z(); });
+  std::vector<CLambdaCriterion> fs = {up};
+  CMinMaxTask task = makeTask(fs, Point3D_d(0.5, 0.5, 0.5), 0.0, 1.0);
+  CMinMaxParams params;
+  params.SetMaxIter(50);
+  Point3D_d r;
+  CMinMaxOptimizer(task, params).Run(r);
+  EXPECT_TRUE(inBox(r, 0.0, 1.0));
+  EXPECT_GT(up(r), up(Point3D_d(0.5, 0.5, 0.5)));
+
+  struct LC_Flatten : CMinMaxTask::IProjector
+  {
+    void Project(Point3D_d & p) const override { p.z() = std::min(p.z(), 0.6); }
+  } const flatten;
+  task.SetProjector(&flatten);
+  CMinMaxOptimizer(task, params).Run(r);
+  EXPECT_LE(r.z(), 0.6);
+}
+
+TEST(MinMaxOptimizer, DegenerateStartsStayWhereTheyAre)
+{
+  CLambdaCriterion flat([](Point3D_d const &) { return 1.0; });
+  CLambdaCriterion rising([](Point3D_d const & p) { return p.x(); });
+  CLambdaCriterion nan([](Point3D_d const &) { return std::nan(""); });
+  Point3D_d const start(1.0, 2.0, 0.5);
+  Point3D_d r;
+  CMinMaxParams params;
+
+  CMinMaxOptimizer(makeTask({flat}, start), params).Run(r);
+  EXPECT_EQ(r.x(), start.x());
+
+  // On the face x = max with the gradient pointing out: no room.
+  CMinMaxOptimizer(makeTask({rising}, Point3D_d(3.0, 1.0, 1.0)), params).Run(r);
+  EXPECT_EQ(r.x(), 3.0);
+
+  CMinMaxOptimizer(makeTask({rising}, start, 1.0, 1.0), params).Run(r); // a point box
+  EXPECT_EQ(r.x(), start.x());
+
+  CMinMaxOptimizer(makeTask({nan, nan}, start), params).Run(r);
+  EXPECT_EQ(r.y(), start.y());
+
+  std::vector<CLambdaCriterion> counted = {rising, flat};
+  params.SetMaxIter(0);
+  CMinMaxOptimizer(makeTask(counted, start), params).Run(r);
+  EXPECT_EQ(r.x(), start.x());
+  EXPECT_EQ(counted[0].m_calls + counted[1].m_calls, 2);
+
+  CMinMaxTask empty;
+  empty.SetInitApprox(start);
+  CMinMaxOptimizer(empty, params).Run(r);
+  EXPECT_EQ(r.z(), start.z());
+}
+
+TEST(MinMaxOptimizer, ANaNCriterionDoesNotDragTheResultOutOfTheBox)
+{
+  CLambdaCriterion rising([](Point3D_d const & p) { return p.x() + p.y(); });
+  CLambdaCriterion holey([](Point3D_d const & p) { return p.x() > 2.0 ? std::nan("") : 10.0; });
+  CMinMaxParams params;
+  params.SetMaxIter(20);
+  Point3D_d r;
+  CMinMaxOptimizer(makeTask({rising, holey}, Point3D_d(0.5, 0.5, 0.5)), params).Run(r);
+  EXPECT_TRUE(inBox(r, 0.0, 3.0));
+  EXPECT_LE(r.x(), 2.0);
+  EXPECT_GT(r.x() + r.y(), 1.0);
+}
