@@ -1,0 +1,208 @@
+// The quadratic program routine on problems with known optima (free, active
+// and inactive constraints, bounds, equalities of either sign), the KKT
+// conditions on random problems, infeasible and malformed input.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "QZmath/Fitting/QLPoptimize.h"
+
+namespace
+{
+// One problem in the routine's layout, with everything it reports.
+struct QP
+{
+  int n, m, me;
+  std::vector<double> c, d, a, b, xl, xu; // c and a column-major, tight
+  std::vector<double> x, u;
+  double f = 0, cres = 0, diag = 0, eps = 0;
+  int ifail = -1, iter = 0, nact = 0, nadd = 0, ndrop = 0, nviol = 0, ndep = 0, nshift = 0;
+  std::vector<int> iact, ixstat, icstat;
+
+  QP(int n_, int m_, int me_)
+      : n(n_), m(m_), me(me_), c(n * n, 0.0), d(n, 0.0), a(std::max(1, m) * n, 0.0), b(std::max(1, m), 0.0),
+        xl(n, -1e10), xu(n, 1e10)
+  {
+  }
+  void row(int j, std::vector<double> const & coef, double rhs)
+  {
+    for (int k = 0; k < n; ++k)
+      a[j + k * std::max(1, m)] = coef[k];
+    b[j] = rhs;
+  }
+  int solve()
+  {
+    int mmax = std::max(1, m), nmax = n, mnn = m + 2 * n, maxit = 0;
+    double big = 0, tol = 0;
+    x.assign(n, 0.0);
+    u.assign(mnn, 0.0);
+    iact.assign(mnn, -1);
+    ixstat.assign(n, 9);
+    icstat.assign(std::max(1, m), 9);
+    QLPoptimize(&m, &me, &mmax, &n, &nmax, &mnn, &maxit, c.data(), d.data(), a.data(), b.data(), xl.data(),
+                xu.data(), &big, &tol, x.data(), u.data(), &f, &cres, &diag, &ifail, &iter, &nact,
+                iact.data(), &nadd, &ndrop, &eps, ixstat.data(), icstat.data(), &nviol, &ndep, &nshift);
+    return ifail;
+  }
+};
+} // namespace
+
+TEST(QLPoptimize, FreeAndInactiveConstraintsGiveTheUnconstrainedMinimum)
+{
+  QP p(2, 1, 0);
+  p.c = {2, 0, 0, 4};
+  p.d = {-2, -4};
+  p.row(0, {1, 1}, 0.0); // x0 + x1 >= 0, far from binding
+  ASSERT_EQ(p.solve(), 0);
+  EXPECT_NEAR(p.x[0], 1.0, 1e-12);
+  EXPECT_NEAR(p.x[1], 1.0, 1e-12);
+  EXPECT_NEAR(p.f, -3.0, 1e-12);
+  EXPECT_EQ(p.nact, 0);
+  EXPECT_EQ(p.u[0], 0.0);
+  EXPECT_EQ(p.eps, std::ldexp(1.0, -52));
+}
+
+TEST(QLPoptimize, ActiveInequalityAndBoundCarryTheirMultipliers)
+{
+  // min (x0 - 1)^2 + (x1 - 2)^2 with x0 + x1 <= 1 and x0 <= 0.25.
+  QP p(2, 1, 0);
+  p.c = {2, 0, 0, 2};
+  p.d = {-2, -4};
+  p.row(0, {-1, -1}, -1.0);
+  ASSERT_EQ(p.solve(), 0);
+  EXPECT_NEAR(p.x[0], 0.0, 1e-12);
+  EXPECT_NEAR(p.x[1], 1.0, 1e-12);
+  EXPECT_NEAR(p.u[0], 2.0, 1e-12);
+  EXPECT_EQ(p.icstat[0], 1);
+
+  p.xu[0] = -0.5;
+  ASSERT_EQ(p.solve(), 0);
+  EXPECT_NEAR(p.x[0], -0.5, 1e-12);
+  EXPECT_NEAR(p.x[1], 1.5, 1e-12);
+  EXPECT_EQ(p.ixstat[0], 1);
+  // Stationarity: C x + d = u0 (-1, -1) + u_up (-1, 0).
+  EXPECT_NEAR(p.u[0], 1.0, 1e-12);
+  EXPECT_NEAR(p.u[1 + 2 + 0], 2.0, 1e-12);
+  EXPECT_EQ(p.nact, 2);
+}
+
+TEST(QLPoptimize, EqualitiesOfEitherSignAndDependentOnes)
+{
+  QP p(2, 2, 2);
+  p.c = {2, 0, 0, 2};
+  p.row(0, {1, 1}, -2.0);
+  p.row(1, {2, 2}, -4.0); // the same plane again
+  ASSERT_EQ(p.solve(), 0);
+  EXPECT_NEAR(p.x[0], -1.0, 1e-12);
+  EXPECT_NEAR(p.x[1], -1.0, 1e-12);
+  EXPECT_NEAR(p.u[0], -2.0, 1e-12);
+  EXPECT_EQ(p.ndep, 1);
+
+  p.row(1, {2, 2}, 5.0); // now parallel but apart
+  EXPECT_EQ(p.solve(), 2);
+}
+
+TEST(QLPoptimize, InfeasibleBoundsAndConstraintsAreReported)
+{
+  QP p(2, 1, 0);
+  p.c = {1, 0, 0, 1};
+  p.xl = {2, -1e10};
+  p.xu = {1, 1e10};
+  EXPECT_EQ(p.solve(), 2);
+
+  QP q(1, 2, 0);
+  q.c = {1};
+  q.row(0, {1}, 3.0);   // x >= 3
+  q.row(1, {-1}, -1.0); // x <= 1
+  EXPECT_EQ(q.solve(), 2);
+}
+
+TEST(QLPoptimize, SemidefiniteObjectiveIsShiftedAndStillFindsTheVertex)
+{
+  QP p(2, 0, 0); // a linear program in a box
+  p.d = {1, -1};
+  p.xl = {0, 0};
+  p.xu = {1, 1};
+  ASSERT_EQ(p.solve(), 0);
+  EXPECT_NEAR(p.x[0], 0.0, 1e-7);
+  EXPECT_NEAR(p.x[1], 1.0, 1e-7);
+  EXPECT_GT(p.diag, 0.0);
+  EXPECT_GE(p.nshift, 1);
+}
+
+TEST(QLPoptimize, RandomProblemsMeetTheOptimalityConditions)
+{
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> uni(-1.0, 1.0);
+  for (int trial = 0; trial < 40; ++trial)
+  {
+    int const n = 2 + trial % 4, m = 1 + trial % 5, me = trial % 2;
+    QP p(n, m, me);
+    std::vector<double> bm(n * n); // C = B B' + I/2
+    for (double & v : bm)
+      v = uni(rng);
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; j < n; ++j)
+      {
+        p.c[i + j * n] = i == j ? 0.5 : 0.0;
+        for (int k = 0; k < n; ++k)
+          p.c[i + j * n] += bm[i + k * n] * bm[j + k * n];
+      }
+    for (int i = 0; i < n; ++i)
+    {
+      p.d[i] = 3 * uni(rng);
+      p.xl[i] = -1.0 - std::fabs(uni(rng));
+      p.xu[i] = 1.0 + std::fabs(uni(rng));
+    }
+    // Feasible by construction: every constraint holds at a point of the box.
+    std::vector<double> inside(n);
+    for (double & v : inside)
+      v = 0.9 * uni(rng);
+    for (int j = 0; j < m; ++j)
+    {
+      std::vector<double> coef(n);
+      double at = 0.0;
+      for (int k = 0; k < n; ++k)
+        at += (coef[k] = uni(rng)) * inside[k];
+      p.row(j, coef, j < me ? at : at - 0.3 * std::fabs(uni(rng)));
+    }
+    ASSERT_EQ(p.solve(), 0) << trial;
+    EXPECT_EQ(p.nviol, 0);
+    // C x + d = sum u_j n_j, with u >= 0 on inequalities and zero off them.
+    std::vector<double> res(n);
+    for (int i = 0; i < n; ++i)
+    {
+      res[i] = p.d[i] - p.u[m + i] + p.u[m + n + i];
+      for (int k = 0; k < n; ++k)
+        res[i] += p.c[i + k * n] * p.x[k];
+      for (int j = 0; j < m; ++j)
+        res[i] -= p.u[j] * p.a[j + i * m];
+    }
+    for (int i = 0; i < n; ++i)
+      EXPECT_NEAR(res[i], 0.0, 1e-10) << trial;
+    for (int j = me; j < m; ++j)
+    {
+      double s = -p.b[j];
+      for (int k = 0; k < n; ++k)
+        s += p.a[j + k * m] * p.x[k];
+      EXPECT_GE(p.u[j], 0.0);
+      EXPECT_LT(std::fabs(s * p.u[j]), 1e-10) << trial;
+    }
+  }
+}
+
+TEST(QLPoptimize, MalformedInputIsRefused)
+{
+  QP p(2, 1, 0);
+  p.c = {1, 0, 0, 1};
+  p.me = 2; // more equalities than constraints
+  EXPECT_EQ(p.solve(), 4);
+  p.me = 0;
+  p.c[0] = std::nan("");
+  EXPECT_EQ(p.solve(), 6);
+  p.c = {-1, 0, 0, 1}; // indefinite beyond any small shift
+  EXPECT_EQ(p.solve(), 3);
+}
