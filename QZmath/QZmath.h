@@ -57,7 +57,10 @@
 
 #include "QZmath/Fitting/FitCircle.h"
 #include "QZmath/Fitting/FitLine.h"
+#include "QZmath/Fitting/MinMaxOptimizer.h"
 #include "QZmath/Fitting/PlaneEq.h"
+#include "QZmath/Fitting/PolylineSmoothing.h"
+#include "QZmath/Fitting/QLPoptimize.h"
 #include "QZmath/Fitting/RobustRegression.h"
 
 #include "QZmath/SurfaceAnalysis/Contour2D.h"
