@@ -83,7 +83,8 @@ double CProjectorTriangle::DistToTriangle2Precalced(const float * p) const
                        static_cast<float>(local.z())};
   double const q[2] = {qf[0], qf[1]}, z = qf[2];
   double const pts[3][2] = {{0.0, 0.0}, {m_local[0][0], m_local[0][1]}, {m_local[1][0], m_local[1][1]}};
-  bool inside = true;
+  // A triangle without area has no inside: its sides alone measure it.
+  bool inside = m_local[1][1] != 0.0;
   for (int i = 0; i < 3 && inside; ++i)
     inside = (pts[i][0] - q[0]) * m_edgeNorm[i][0] + (pts[i][1] - q[1]) * m_edgeNorm[i][1] <= 0.0;
   if (inside)

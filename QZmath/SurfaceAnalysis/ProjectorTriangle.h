@@ -27,7 +27,8 @@ public:
   void PreCalc();
   /// Squared distance of p from the triangle, from the data of the last
   /// PreCalc: the squared height when p lies over the triangle, else the
-  /// squared height plus the squared in-plane distance to the nearest side.
+  /// squared height plus the squared in-plane distance to the nearest side
+  /// (always so for a triangle without area).
   double DistToTriangle2Precalced(const float * p) const;
   /// The same from the vertices, without the cached data.
   double DistToTriangle2(const float * p) const;

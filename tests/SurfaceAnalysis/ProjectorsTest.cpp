@@ -1,0 +1,197 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+
+#include "QZmath/SurfaceAnalysis/Projectors.h"
+
+using REmath::Matrix;
+using REmath::Point3D;
+using REmath::Point3D_d;
+
+namespace
+{
+// A net over z = 0.1 x y (a gentle saddle), node (row r, column c) at
+// (2 c, 3 r): 4 rows, 5 columns.
+Matrix<Point3D> makeNet(double bend = 0.0)
+{
+  Matrix<Point3D> net(4, 5);
+  for (int r = 0; r < 4; ++r)
+    for (int c = 0; c < 5; ++c)
+      net(r, c) = Point3D(2.0 * c, 3.0 * r, bend * c * r);
+  return net;
+}
+
+// A projector on a single point, or one that always fails; counts its calls.
+class CPointProjector : public IPointToGeomObjProjector
+{
+public:
+  CPointProjector(Point3D_d p, bool ok, bool copyable = true) : m_p(p), m_ok(ok), m_copyable(copyable) {}
+  int calls = 0;
+
+private:
+  IPointToGeomObjProjector * OnCopy() const override
+  {
+    return m_copyable ? new CPointProjector(*this) : nullptr;
+  }
+  bool OnProjectPoint(const Point3D_d &, Point3D_d & result) override
+  {
+    ++calls;
+    if (m_ok)
+      result = m_p;
+    return m_ok;
+  }
+  Point3D_d m_p;
+  bool m_ok, m_copyable;
+};
+} // namespace
+
+TEST(NetProjection, NodesNormalsAndBlends)
+{
+  Matrix<Point3D> const net = makeNet();
+  float const p[3] = {4.2f, 5.0f, 1.0f};
+  int c = -1, r = -1;
+  EXPECT_FLOAT_EQ(static_cast<float>(GetNearestNetKnot(p, net, c, r)), 0.04f + 1.0f + 1.0f);
+  EXPECT_EQ(c, 2);
+  EXPECT_EQ(r, 2);
+  // Columns along x, rows along y: the normal is +z, at the last row and
+  // column too; `sign` false turns it round.
+  Point3D n;
+  for (auto rc : {std::make_pair(1, 1), std::make_pair(3, 4), std::make_pair(0, 4), std::make_pair(3, 0)})
+  {
+    ASSERT_TRUE(GetNetNormal(net, rc.second, rc.first, n, true));
+    EXPECT_EQ(n.z(), 1.0f);
+  }
+  ASSERT_TRUE(GetNetNormal(net, 0, 0, n, false));
+  EXPECT_EQ(n.z(), -1.0f);
+  Matrix<Point3D> const row(1, 5);
+  EXPECT_FALSE(GetNetNormal(row, 0, 0, n, true));
+
+  // Fractional coordinates in each quadrant round the nearest node, and at
+  // the borders, come back through getPointOnNet.
+  for (auto uv : {std::make_pair(2.3, 1.6), std::make_pair(1.8, 1.6), std::make_pair(1.8, 2.4),
+                  std::make_pair(2.3, 2.4), std::make_pair(3.9, 2.8), std::make_pair(0.2, 0.1)})
+  {
+    float const q[3] = {static_cast<float>(2.0 * uv.first), static_cast<float>(3.0 * uv.second), 7.0f};
+    double u = -1, v = -1;
+    ProjectPointToNet(q, net, u, v);
+    EXPECT_NEAR(u, uv.first, 1e-6);
+    EXPECT_NEAR(v, uv.second, 1e-6);
+    float back[3];
+    getPointOnNet(static_cast<float>(u), static_cast<float>(v), net, back);
+    EXPECT_NEAR(back[0], q[0], 1e-5);
+    EXPECT_NEAR(back[1], q[1], 1e-5);
+    EXPECT_EQ(back[2], 0.0f);
+  }
+  // A bilinear blend on a bent net, and the last row and column read safely.
+  Matrix<Point3D> const bent = makeNet(0.1);
+  float out[3];
+  getPointOnNet(1.5f, 2.5f, bent, out);
+  EXPECT_NEAR(out[2], 0.1 * 1.5 * 2.5, 1e-6);
+  getPointOnNet(4.0f, 3.0f, bent, out);
+  EXPECT_EQ(out[2], bent(3, 4).z());
+  getPointOnNet(9.0f, -2.0f, bent, out); // held to the border
+  EXPECT_EQ(out[0], 8.0f);
+  EXPECT_EQ(out[1], 0.0f);
+}
+
+TEST(Contour2D, SelfIntersectionsAndInside)
+{
+  std::vector<double> const square = {0, 0, 4, 0, 4, 4, 0, 4, 0, 0};
+  EXPECT_TRUE(Check2dContourSelfIntersections(square));
+  // A bow tie crosses itself; three segments are too few to test.
+  std::vector<double> const bowTie = {0, 0, 4, 0, 0, 4, 4, 4, 0, 0};
+  EXPECT_FALSE(Check2dContourSelfIntersections(bowTie));
+  EXPECT_TRUE(Check2dContourSelfIntersections({0, 0, 4, 0, 0, 4, 0, 0}));
+  // Collinear overlap: the contour runs back along itself.
+  std::vector<double> const backtrack = {0, 0, 4, 0, 4, 2, 4, 1, 4, 3, 0, 3, 0, 0};
+  EXPECT_FALSE(Check2dContourSelfIntersections(backtrack));
+  std::vector<double> const pentagon = {0, 0, 4, 0, 5, 3, 2, 5, -1, 3, 0, 0};
+  EXPECT_TRUE(Check2dContourSelfIntersections(pentagon));
+
+  EXPECT_TRUE(isPointInContour(1.0, 1.0, square));
+  EXPECT_FALSE(isPointInContour(5.0, 1.0, square));
+  EXPECT_FALSE(isPointInContour(1.0, -1.0, square));
+  EXPECT_FALSE(isPointInContour(2.0, 5.5, pentagon)); // straight over the vertex (2, 5)
+  EXPECT_TRUE(isPointInContour(2.0, 4.5, pentagon));
+  EXPECT_TRUE(isPointInContour(4.0, 1.0, pentagon)); // straight above the vertex (4, 0)
+  EXPECT_FALSE(isPointInContour(1.0, 1.0, {}));
+  EXPECT_FALSE(isPointInContour(1.0, 1.0, {1.0, 1.0}));
+}
+
+TEST(Projectors, PolylineProjection)
+{
+  CProjectorToPolyline poly({Point3D_d(0, 0, 0), Point3D_d(4, 0, 0), Point3D_d(4, 4, 0)});
+  Point3D_d r;
+  double param = -1;
+  ASSERT_TRUE(poly.projectPoint(Point3D_d(1, -2, 1), r, param));
+  EXPECT_EQ(param, 0.25);
+  EXPECT_EQ(r.x(), 1.0);
+  EXPECT_EQ(r.y(), 0.0);
+  ASSERT_TRUE(poly.projectPoint(Point3D(5.0f, 3.0f, 0.0f), r, param));
+  EXPECT_EQ(param, 1.75);
+  EXPECT_EQ(r.y(), 3.0);
+  // Past the end: the last point exactly, parameter 2.
+  ASSERT_TRUE(poly.projectPoint(Point3D_d(4, 9, 0), r, param));
+  EXPECT_EQ(param, 2.0);
+  EXPECT_EQ(r.y(), 4.0);
+  // Through the base interface.
+  IPointToGeomObjProjector & base = poly;
+  ASSERT_TRUE(base.projectPoint(Point3D_d(2, 1, 0), r));
+  EXPECT_EQ(r.x(), 2.0);
+
+  CProjectorToPolyline single({Point3D_d(1, 2, 3)});
+  ASSERT_TRUE(single.projectPoint(Point3D_d(9, 9, 9), r, param));
+  EXPECT_EQ(param, 0.0);
+  EXPECT_EQ(r.z(), 3.0);
+  CProjectorToPolyline empty;
+  EXPECT_FALSE(empty.projectPoint(Point3D_d(), r, param));
+  double const nan = std::nan("");
+  EXPECT_FALSE(poly.projectPoint(Point3D_d(nan, 0.0, 0.0), r, param));
+
+  // A copy is independent of its original.
+  std::unique_ptr<IPointToGeomObjProjector> copy(poly.Copy());
+  poly.GetPoints().clear();
+  ASSERT_TRUE(copy->projectPoint(Point3D_d(1, -2, 1), r));
+  EXPECT_EQ(r.x(), 1.0);
+}
+
+TEST(Projectors, JoinTakesTheNearerOwner)
+{
+  CProjectorsJoin join;
+  Point3D_d r;
+  EXPECT_FALSE(join.projectPoint(Point3D_d(), r));
+  join.AddProjectorWithOwnerShip(nullptr);
+  EXPECT_EQ(join.GetProjectorsNumber(), 0);
+
+  join.AddProjectorWithOwnerShip(new CProjectorToPolyline({Point3D_d(0, 0, 0), Point3D_d(10, 0, 0)}));
+  join.AddProjectorWithOwnerShip(new CProjectorToPolyline({Point3D_d(0, 5, 0), Point3D_d(10, 5, 0)}));
+  ASSERT_TRUE(join.projectPoint(Point3D_d(3, 1, 0), r));
+  EXPECT_EQ(r.y(), 0.0);
+  ASSERT_TRUE(join.projectPoint(Point3D_d(3, 4, 0), r));
+  EXPECT_EQ(r.y(), 5.0);
+  // Equally near: the first member.
+  ASSERT_TRUE(join.projectPoint(Point3D_d(3, 2.5, 0), r));
+  EXPECT_EQ(r.y(), 0.0);
+
+  // The result is the best success, the return value the last member's.
+  auto * failing = new CPointProjector(Point3D_d(), false, false);
+  join.AddProjectorWithOwnerShip(failing);
+  r = Point3D_d(-1, -1, -1);
+  EXPECT_FALSE(join.projectPoint(Point3D_d(3, 1, 0), r));
+  EXPECT_EQ(r.y(), 0.0);
+  EXPECT_EQ(failing->calls, 1);
+
+  // A copy leaves out members that cannot be copied, and outlives the join.
+  std::unique_ptr<IPointToGeomObjProjector> copy;
+  {
+    CProjectorsJoin scoped(join);
+    EXPECT_EQ(scoped.GetProjectorsNumber(), 2);
+    copy.reset(join.Copy());
+  }
+  ASSERT_TRUE(copy->projectPoint(Point3D_d(3, 4, 0), r));
+  EXPECT_EQ(r.y(), 5.0);
+  CProjectorsJoin assigned;
+  assigned = *static_cast<CProjectorsJoin *>(copy.get());
+  EXPECT_EQ(assigned.GetProjectorsNumber(), 2);
+}
