@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 
@@ -177,7 +178,7 @@ TEST(Distances, PointToTriangleAgainstBruteForce)
 {
   std::mt19937 rng(21);
   std::uniform_real_distribution<float> u(-2.0f, 2.0f);
-  for (int rep = 0; rep < 40; ++rep)
+  for (int rep = 0; rep < 60; ++rep)
   {
     float v[3][3], p[3];
     for (auto & row : v)
@@ -199,6 +200,13 @@ TEST(Distances, PointToTriangleAgainstBruteForce)
     EXPECT_NEAR(fd, d, 1e-4 * (1.0 + d));
     EXPECT_GE(where, -1);
     EXPECT_LE(where, 5);
+    // Off the face the answer is exactly the least of the three segment
+    // distances.
+    if (where != TRIANGLE_FACE)
+    {
+      EXPECT_EQ(d, std::min({DistancePoint2Segment(p, vp[0], vp[1]), DistancePoint2Segment(p, vp[1], vp[2]),
+                             DistancePoint2Segment(p, vp[2], vp[0])}));
+    }
 
     // The cached triangle measures the same.
     REmath::CProjectorTriangle const tri(v[0], v[1], v[2], rep);
