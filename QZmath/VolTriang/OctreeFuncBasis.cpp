@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "QZmath/VolTriang/detail/FlatKernel.h"
+
 namespace VolTr
 {
 // ---------------------------------------------------------------- COctreeFuncEvalHelper
@@ -199,130 +201,6 @@ std::vector<double>::const_iterator COctreeFuncEvalHelper::getCoeffsEnd(int regi
 
 // ---------------------------------------------------------------- the basis
 
-namespace
-{
-// The sample kernel in flat arrays, for the evaluation that runs millions of
-// times per reconstruction. It repeats the kernel's own evaluation operation
-// for operation (the shift, the knot search, Horner's rule from the highest
-// coefficient, the product of the axes that stops at a zero, the sum of the
-// summands in order), so its values are bit-equal; it only spares the walk
-// through the objects. The general form keeps its own evaluation.
-template <class TKernel> class tf_FlatKernel
-{
-public:
-  explicit tf_FlatKernel(TKernel const &) {}
-  double eval(TKernel const & kernel, double const * arg) const { return kernel.eval(arg); }
-};
-
-template <> class tf_FlatKernel<CProductPiecewisePolynom>
-{
-public:
-  explicit tf_FlatKernel(CProductPiecewisePolynom const & kernel)
-  {
-    int const summands = kernel.summandsNumber();
-    if (summands > MAX_SUMMANDS)
-      return;
-    for (int i = 0; i < summands; ++i)
-      for (int a = 0; a < 3; ++a)
-      {
-        CSingleVarLimitedPolynom const & m = kernel.getSummand(i).getMultiplier(a);
-        Factor & f = m_factors[i][a];
-        f.pieces = m.getPiecesNumber();
-        if (f.pieces > MAX_PIECES || m.getKnotsNumber() != f.pieces + 1)
-          return;
-        f.argShift = m.getArgShift();
-        for (int k = 0; k < m.getKnotsNumber(); ++k)
-          f.knots[k] = m.getKnot(k);
-        for (int k = 0; k < f.pieces; ++k)
-        {
-          CSingleVarPolynom const & piece = m.getPiece(k);
-          f.coeffsNumber[k] = piece.getCoeffsNumber();
-          if (f.coeffsNumber[k] > MAX_COEFFS)
-            return;
-          for (int c = 0; c < f.coeffsNumber[k]; ++c)
-            f.coeffs[k][c] = piece.getCoeff(c);
-        }
-      }
-    m_summands = summands;
-    m_usable = true;
-  }
-
-  double eval(CProductPiecewisePolynom const & kernel, double const * arg) const
-  {
-    if (!m_usable)
-      return kernel.eval(arg);
-    double sum = 0.0;
-    for (int i = 0; i < m_summands; ++i)
-    {
-      double r = m_factors[i][0].eval(arg[0]);
-      if (r == 0.0)
-      {
-        sum += 0.0;
-        continue;
-      }
-      r *= m_factors[i][1].eval(arg[1]);
-      if (r == 0.0)
-      {
-        sum += 0.0;
-        continue;
-      }
-      r *= m_factors[i][2].eval(arg[2]);
-      if (r == 0.0)
-      {
-        sum += 0.0;
-        continue;
-      }
-      sum += r;
-    }
-    return sum;
-  }
-
-private:
-  static constexpr int MAX_SUMMANDS = 4;
-  static constexpr int MAX_PIECES = 6;
-  static constexpr int MAX_COEFFS = 6;
-
-  struct Factor
-  {
-    int pieces = 0;
-    double argShift = 0.0;
-    double knots[MAX_PIECES + 1] = {};
-    int coeffsNumber[MAX_PIECES] = {};
-    double coeffs[MAX_PIECES][MAX_COEFFS] = {};
-
-    double eval(double x) const
-    {
-      if (pieces == 0)
-        return 0.0;
-      double const t = x - argShift;
-      if (!(t >= knots[0]))
-        return 0.0;
-      for (int i = 1; i <= pieces; ++i)
-        if (knots[i] > t)
-        {
-          int k = coeffsNumber[i - 1];
-          if (k == 0)
-            return 0.0;
-          --k;
-          double const * c = coeffs[i - 1];
-          double r = c[k];
-          while (k > 0)
-          {
-            --k;
-            r = r * t + c[k];
-          }
-          return r;
-        }
-      return 0.0;
-    }
-  };
-
-  bool m_usable = false;
-  int m_summands = 0;
-  Factor m_factors[MAX_SUMMANDS][3];
-};
-} // namespace
-
 template <class TKernel> class COctreeFuncBasisImpl
 {
 public:
@@ -410,7 +288,7 @@ public:
   int derivativeLevel;
   double outsideBelow[3];
   double outsideAbove[3];
-  tf_FlatKernel<TKernel> flat;
+  detail::tf_FlatKernel<TKernel> flat;
 };
 
 template <class TKernel>
@@ -427,7 +305,8 @@ template <class TKernel> int COctreeFuncBasisTmpl<TKernel>::getFunctionsNumber()
   return m_impl->octree->getNodesNumber();
 }
 
-template <class TKernel> CCSFunc3Tmpl<TKernel> COctreeFuncBasisTmpl<TKernel>::makeFunctionByIndex(int node) const
+template <class TKernel>
+CCSFunc3Tmpl<TKernel> COctreeFuncBasisTmpl<TKernel>::makeFunctionByIndex(int node) const
 {
   COctree const & o = *m_impl->octree;
   CTreeNode const & n = o.getNode(node);
@@ -436,7 +315,8 @@ template <class TKernel> CCSFunc3Tmpl<TKernel> COctreeFuncBasisTmpl<TKernel>::ma
   double const unit = o.getUnit();
   double const * boxMin = o.getBoxMin();
   double const shift[3] = {boxMin[0] + ijk[0] * unit, boxMin[1] + ijk[1] * unit, boxMin[2] + ijk[2] * unit};
-  return CCSFunc3Tmpl<TKernel>(&m_impl->sample, shift, ijk, m_impl->argumentScales[static_cast<std::size_t>(d)],
+  return CCSFunc3Tmpl<TKernel>(&m_impl->sample, shift, ijk,
+                               m_impl->argumentScales[static_cast<std::size_t>(d)],
                                m_impl->normalizations[static_cast<std::size_t>(d)], d);
 }
 
@@ -483,7 +363,8 @@ void COctreeFuncBasisTmpl<TKernel>::prepareEntry(CInt3 const & shift, int d,
   }
 }
 
-template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::evalBasisValue(int node, double const * p) const
+template <class TKernel>
+double COctreeFuncBasisTmpl<TKernel>::evalBasisValue(int node, double const * p) const
 {
   int const d = m_impl->octree->getNode(node).depth();
   return m_impl->kernelAt(node, p) * m_impl->normalizations[static_cast<std::size_t>(d)];
@@ -495,7 +376,10 @@ template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::evalBasisValue(in
   return evalBasisValue(node, q);
 }
 
-template <class TKernel> bool COctreeFuncBasisTmpl<TKernel>::isUniform() const { return m_impl->octree->isUniform(); }
+template <class TKernel> bool COctreeFuncBasisTmpl<TKernel>::isUniform() const
+{
+  return m_impl->octree->isUniform();
+}
 
 template <class TKernel> double COctreeFuncBasisTmpl<TKernel>::getSupportSizeInCells() const
 {
@@ -540,7 +424,8 @@ template <class TKernel> class COctreeFuncLinCombImpl
 {
 public:
   explicit COctreeFuncLinCombImpl(COctreeFuncBasisTmpl<TKernel> const * b)
-      : basis(b), octree(&b->getOctreeRef()), coefficients(static_cast<std::size_t>(b->getFunctionsNumber()), 0.0),
+      : basis(b), octree(&b->getOctreeRef()),
+        coefficients(static_cast<std::size_t>(b->getFunctionsNumber()), 0.0),
         nonZeroAtDepth(static_cast<std::size_t>(std::max(octree->getNodeDepthEnd(), 0)), 0)
   {
   }
@@ -567,7 +452,8 @@ COctreeFuncLinCombTmpl<TKernel>::COctreeFuncLinCombTmpl(COctreeFuncLinCombTmpl c
 }
 
 template <class TKernel>
-COctreeFuncLinCombTmpl<TKernel> & COctreeFuncLinCombTmpl<TKernel>::operator=(COctreeFuncLinCombTmpl const & other)
+COctreeFuncLinCombTmpl<TKernel> &
+COctreeFuncLinCombTmpl<TKernel>::operator=(COctreeFuncLinCombTmpl const & other)
 {
   if (this != &other)
     *m_impl = *other.m_impl;
@@ -690,8 +576,8 @@ double COctreeFuncLinCombTmpl<TKernel>::eval(float const * p, COctreeFuncEvalHel
 // ---------------------------------------------------------------- the support iterator
 
 template <class TKernel>
-CInterlacedSupportIteratorTmpl<TKernel>::CInterlacedSupportIteratorTmpl(COctreeFuncBasisTmpl<TKernel> const * basis,
-                                                                        CParallelepiped const & box)
+CInterlacedSupportIteratorTmpl<TKernel>::CInterlacedSupportIteratorTmpl(
+    COctreeFuncBasisTmpl<TKernel> const * basis, CParallelepiped const & box)
     : m_box(box), m_basis(basis), m_octree(&basis->getOctreeRef()), m_depth(m_octree->getNodeDepthEnd()),
       m_current(), m_combination(nullptr)
 {

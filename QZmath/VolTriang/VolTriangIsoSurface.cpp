@@ -1,18 +1,42 @@
 // The last stage of the reconstruction: the level set of the implicit function
 // through the iso-value, walked by the polygoniser from a start near the
 // samples, with the treatment of open surfaces and of result normals.
+//
+// The fast form evaluates with the block evaluator and leaves the bisection of
+// the crossed edges (ten evaluations per vertex, most of the work) to a solver
+// that runs batches of them on every physical thread; the walk, the corners
+// and the hand-over of triangles stay on the caller's thread, in their order.
 
+#include <atomic>
 #include <cfloat>
+#include <condition_variable>
+#include <exception>
 #include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 #include "QZmath/Foundation/Point3D.h"
+#include "QZmath/VolTriang/LevelSetExtraction.h"
+#include "QZmath/VolTriang/OctreeFuncBlockEval.h"
 #include "QZmath/VolTriang/detail/VolumetricTriangulatorImpl.h"
 #include "QZmath/VolTriang/jbProcess.h"
+#include "QZsys/Threading.h"
 
 namespace VolTr
 {
 namespace
 {
+// The unit normal from the gradient as the target receives it: (1, 0, 0)
+// where the gradient vanishes.
+void tf_unitNormal(double * normal)
+{
+  if (normal[0] * normal[0] + normal[1] * normal[1] + normal[2] * normal[2] != 0.0)
+    NormalizeVector(normal);
+  else
+    normal[0] = 1.0, normal[1] = 0.0, normal[2] = 0.0;
+}
+
 // X - isoValue, positive outside. On an open surface, a point far from all
 // samples, or near only a boundary sample, is flagged: the walk stops there.
 class tf_OctreeFunAdapter : public jbFunction
@@ -20,9 +44,9 @@ class tf_OctreeFunAdapter : public jbFunction
 public:
   tf_OctreeFunAdapter(tf_LinComb const * function, COctree const * octree, double isoValue,
                       COctreeFuncEvalHelper * helper, IInputSamples const * samples, double outerRadius,
-                      double innerRadius)
+                      double innerRadius, COctreeFuncBlockEvaluator * fast)
       : m_function(function), m_octree(octree), m_isoValue(isoValue), m_valueCache(nullptr), m_helper(helper),
-        m_samples(samples), m_outerRadius(outerRadius), m_innerRadius(innerRadius)
+        m_samples(samples), m_outerRadius(outerRadius), m_innerRadius(innerRadius), m_fast(fast)
   {
   }
 
@@ -35,7 +59,7 @@ public:
       else
         *flag = 0;
     }
-    return m_function->eval(p.asArray(), m_helper) - m_isoValue;
+    return (m_fast ? m_fast->eval(p.asArray()) : m_function->eval(p.asArray(), m_helper)) - m_isoValue;
   }
 
 private:
@@ -69,6 +93,7 @@ private:
   IInputSamples const * m_samples;
   double m_outerRadius;
   double m_innerRadius;
+  COctreeFuncBlockEvaluator * m_fast; // the same values, faster; null: the combination's own
 };
 
 // Passes new vertices (with their normals) and each triangle to the target.
@@ -83,18 +108,14 @@ public:
   }
 
   /// The gradient of X: one combination per axis over the gradient bases.
-  void setGradient(tf_LinComb const & x, std::unique_ptr<tf_Basis> const * gradBasis)
+  void setGradient(std::unique_ptr<tf_LinComb> const * gradient)
   {
-    std::vector<double> const & coefficients = x.getCoefficients();
     for (int axis = 0; axis < 3; ++axis)
-    {
-      m_gradient[axis].reset(new tf_LinComb(gradBasis[axis].get()));
-      int const n = gradBasis[axis]->getFunctionsNumber();
-      for (int i = 0; i < n; ++i)
-        m_gradient[axis]->setBasisCoefficient(i, coefficients[static_cast<std::size_t>(i)]);
-    }
+      m_gradient[axis] = gradient[axis].get();
     m_withNormals = true;
   }
+  /// The vertices arrive with their normals (computed by the vertex solver).
+  void setNormalsGiven() { m_normalsGiven = true; }
 
   int operator()(int a, int b, int c, jbVertices vertices) override
   {
@@ -102,14 +123,16 @@ public:
     {
       double const * position = vertices.items[v].position.asArray();
       double normal[3] = {0.0, 0.0, 0.0};
-      if (m_withNormals)
+      if (m_normalsGiven)
+      {
+        Point3D_d const & n = vertices.items[v].normal;
+        normal[0] = n.x(), normal[1] = n.y(), normal[2] = n.z();
+      }
+      else if (m_withNormals)
       {
         for (int axis = 0; axis < 3; ++axis)
           normal[axis] = m_gradient[axis]->eval(position, nullptr);
-        if (normal[0] * normal[0] + normal[1] * normal[1] + normal[2] * normal[2] != 0.0)
-          NormalizeVector(normal);
-        else
-          normal[0] = 1.0, normal[1] = 0.0, normal[2] = 0.0;
+        tf_unitNormal(normal);
       }
       // A run without a target (a dry run of the pipeline) delivers nothing.
       if (m_target)
@@ -128,21 +151,233 @@ public:
 private:
   ITriangulationTarget * m_target;
   int * m_vertexCount;
-  std::unique_ptr<tf_LinComb> m_gradient[3];
+  tf_LinComb const * m_gradient[3] = {nullptr, nullptr, nullptr};
   CProgressCounter * m_progress;
   int m_expectedFaces;
   int * m_triangleCount;
   bool m_withNormals;
+  bool m_normalsGiven = false;
+};
+
+// Bisects the polygoniser's crossed edges in batches: the caller's thread and
+// one worker per further physical thread take chunks of a batch from a shared
+// counter. Each thread has its own evaluators. Every sign is decided as the
+// specified bisection decides it: by the bounded approximation when it is
+// clearly away from the iso-value, else by the exact value.
+class tf_VertexSolver : public jbVertexSolver
+{
+public:
+  tf_VertexSolver(COctreeFuncBlockEvaluator const & x, double isoValue, tf_LinComb const * const * gradient,
+                  double blockSize, int threads)
+      : m_isoValue(isoValue)
+  {
+    int const n = threads > 1 ? threads : 1;
+    for (int t = 0; t < n; ++t)
+    {
+      m_workers.emplace_back(new Worker);
+      Worker & w = *m_workers.back();
+      w.x.reset(new COctreeFuncBlockEvaluator(x));
+      if (gradient)
+        for (int a = 0; a < 3; ++a)
+          w.gradient[a].reset(new COctreeFuncBlockEvaluator(*gradient[a], blockSize));
+    }
+    try
+    {
+      for (int t = 1; t < n; ++t)
+        m_threads.emplace_back([this, t] { workerLoop(*m_workers[static_cast<std::size_t>(t)]); });
+    }
+    catch (...)
+    {
+      stopThreads(); // run with the threads that could be started
+    }
+  }
+  ~tf_VertexSolver() override { stopThreads(); }
+  tf_VertexSolver(tf_VertexSolver const &) = delete;
+  tf_VertexSolver & operator=(tf_VertexSolver const &) = delete;
+
+  void solve(jbEdgeJob const * jobs, jbVertex * out, int count) override
+  {
+    m_jobs = jobs;
+    m_out = out;
+    m_count = count;
+    m_next.store(0);
+    m_error = nullptr;
+    if (m_threads.empty() || count < 2 * CHUNK)
+    {
+      work(*m_workers[0]);
+    }
+    else
+    {
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_busy = static_cast<int>(m_threads.size());
+        ++m_generation;
+      }
+      m_wake.notify_all();
+      work(*m_workers[0]);
+      std::unique_lock<std::mutex> lock(m_mutex);
+      m_done.wait(lock, [this] { return m_busy == 0; });
+    }
+    if (m_error)
+    {
+      std::exception_ptr e = m_error;
+      m_error = nullptr;
+      std::rethrow_exception(e);
+    }
+  }
+
+private:
+  static constexpr int CHUNK = 32;
+
+  struct Worker
+  {
+    std::unique_ptr<COctreeFuncBlockEvaluator> x;
+    std::unique_ptr<COctreeFuncBlockEvaluator> gradient[3];
+  };
+
+  void workerLoop(Worker & w)
+  {
+    long long seen = 0;
+    for (;;)
+    {
+      {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_wake.wait(lock, [&] { return m_stop || m_generation != seen; });
+        if (m_stop)
+          return;
+        seen = m_generation;
+      }
+      work(w);
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        --m_busy;
+      }
+      m_done.notify_all();
+    }
+  }
+
+  void work(Worker & w)
+  {
+    try
+    {
+      for (;;)
+      {
+        int const first = m_next.fetch_add(CHUNK);
+        if (first >= m_count)
+          return;
+        int const last = first + CHUNK < m_count ? first + CHUNK : m_count;
+        for (int k = first; k < last; ++k)
+          solveOne(w, m_jobs[k], m_out[k]);
+      }
+    }
+    catch (...)
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (!m_error)
+        m_error = std::current_exception();
+      m_next.store(m_count);
+    }
+  }
+
+  // Whether X - isoValue > 0 at p, as the specified evaluation says.
+  bool above(Worker & w, Point3D_d const & p) const
+  {
+    double bound = 0.0;
+    double const approx = w.x->evalWithBound(p.asArray(), &bound);
+    double const margin = bound + 4.5e-16 * (std::fabs(approx) + std::fabs(m_isoValue));
+    double const diff = approx - m_isoValue;
+    if (diff > margin)
+      return true;
+    if (-diff > margin)
+      return false;
+    return w.x->eval(p.asArray()) - m_isoValue > 0;
+  }
+
+  // The specified bisection, operation for operation.
+  void solveOne(Worker & w, jbEdgeJob const & job, jbVertex & out) const
+  {
+    Point3D_d pos, neg;
+    if (job.value1 >= 0)
+      pos = job.p1, neg = job.p2;
+    else
+      pos = job.p2, neg = job.p1;
+    for (int n = 1;; ++n)
+    {
+      Point3D_d const mid((pos.x() + neg.x()) * 0.5, (pos.y() + neg.y()) * 0.5, (pos.z() + neg.z()) * 0.5);
+      if (n == 11)
+      {
+        out.position = mid;
+        break;
+      }
+      if (above(w, mid))
+        pos = mid;
+      else
+        neg = mid;
+    }
+    if (w.gradient[0])
+    {
+      double normal[3];
+      for (int a = 0; a < 3; ++a)
+        normal[a] = w.gradient[a]->eval(out.position.asArray());
+      tf_unitNormal(normal);
+      out.normal = Point3D_d(normal);
+    }
+  }
+
+  void stopThreads()
+  {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_stop = true;
+    }
+    m_wake.notify_all();
+    for (std::thread & t : m_threads)
+      if (t.joinable())
+        t.join();
+    m_threads.clear();
+    m_stop = false;
+  }
+
+  double m_isoValue;
+  std::vector<std::unique_ptr<Worker>> m_workers;
+  std::vector<std::thread> m_threads;
+  std::mutex m_mutex;
+  std::condition_variable m_wake;
+  std::condition_variable m_done;
+  long long m_generation = 0;
+  int m_busy = 0;
+  bool m_stop = false;
+  jbEdgeJob const * m_jobs = nullptr;
+  jbVertex * m_out = nullptr;
+  int m_count = 0;
+  std::atomic<int> m_next{0};
+  std::exception_ptr m_error;
 };
 } // namespace
 
-void CVolumetricTriangulatorImpl::extractIsoSurface(tf_CLogLine const & log, tf_LinComb const & x, double isoValue,
+void CVolumetricTriangulatorImpl::extractIsoSurface(tf_CLogLine const &, tf_LinComb const & x,
+                                                    double isoValue,
                                                     std::unique_ptr<tf_Basis> const * gradBasis)
 {
-  COctree const & octree = *m_octree;
+  tf_Basis const * bases[3] = {nullptr, nullptr, nullptr};
+  if (gradBasis)
+    for (int a = 0; a < 3; ++a)
+      bases[a] = gradBasis[a].get();
+  CLevelSetExtraction::polygonise(x, isoValue, gradBasis ? bases : nullptr, m_samples, m_params, m_target,
+                                  m_progress, m_debugLog);
+}
+
+int CLevelSetExtraction::polygonise(LinComb const & x, double isoValue, Basis const * const * gradBasis,
+                                    IInputSamples const * samples, CVolTriangulationParams const & params,
+                                    ITriangulationTarget * target, CProgressCounter * progress,
+                                    VsUt::IDebugLog * debugLog, EEvaluation evaluation, int * vertices)
+{
+  tf_CLogLine const log(debugLog);
+  COctree const & octree = x.getRelatedBasisRef().getOctreeRef();
   log.text("<Marching cubes>");
-  double const edge = octree.getCellSize(m_params.getOctreeDepth() - 1) / m_params.getReconstructFactor();
-  float const cubes = m_params.getReconstructFactor() * static_cast<float>(1 << octree.getLeafCellDepth()) + 1.0f;
+  double const edge = octree.getCellSize(params.getOctreeDepth() - 1) / params.getReconstructFactor();
+  float const cubes =
+      params.getReconstructFactor() * static_cast<float>(1 << octree.getLeafCellDepth()) + 1.0f;
   int const b = static_cast<int>(cubes);
   int bounds[3] = {b, b, b};
 
@@ -151,10 +386,10 @@ void CVolumetricTriangulatorImpl::extractIsoSurface(tf_CLogLine const & log, tf_
   double s[3];
   octree.getBoxCenter(s);
   double best = DBL_MAX;
-  int const samplesNumber = m_samples ? m_samples->pointsNumber() : 0;
+  int const samplesNumber = samples ? samples->pointsNumber() : 0;
   for (int i = 0; i < samplesNumber; ++i)
   {
-    float const * p = m_samples->getSampleCoords3(i);
+    float const * p = samples->getSampleCoords3(i);
     double const dx = s[0] - p[0], dy = s[1] - p[1], dz = s[2] - p[2];
     double const d2 = dx * dx + dy * dy + dz * dz;
     if (d2 < best)
@@ -164,16 +399,34 @@ void CVolumetricTriangulatorImpl::extractIsoSurface(tf_CLogLine const & log, tf_
     }
   }
 
+  bool const fast = evaluation == eFast;
+  // Blocks of four polygoniser cubes along each axis.
+  double const blockSize = 4.0 * edge;
+  std::unique_ptr<COctreeFuncBlockEvaluator> corners(fast ? new COctreeFuncBlockEvaluator(x, blockSize)
+                                                          : nullptr);
   COctreeFuncEvalHelper helper(8, edge * 4.0);
-  bool const closed = m_params.getClosed();
-  tf_OctreeFunAdapter function(&x, &octree, isoValue, &helper, m_samples, closed ? -1.0 : edge * 4.0,
-                               closed ? -1.0 : edge * 2.0);
+  bool const closed = params.getClosed();
+  tf_OctreeFunAdapter function(&x, &octree, isoValue, &helper, samples, closed ? -1.0 : edge * 4.0,
+                               closed ? -1.0 : edge * 2.0, corners.get());
   long long const expected = 6LL * b * b;
   int const expectedFaces = expected > 0x7fffffffLL ? 0x7fffffff : static_cast<int>(expected);
   int vertexCount = 0, triangleCount = 0;
-  tf_TriangleProcessor processor(m_target, &vertexCount, m_progress, expectedFaces, &triangleCount);
+  tf_TriangleProcessor processor(target, &vertexCount, progress, expectedFaces, &triangleCount);
+  // The gradient of X: one combination per axis over the gradient bases, with
+  // the coefficients of X.
+  std::unique_ptr<tf_LinComb> gradient[3];
   if (gradBasis)
-    processor.setGradient(x, gradBasis);
+  {
+    std::vector<double> const & coefficients = x.getCoefficients();
+    for (int axis = 0; axis < 3; ++axis)
+    {
+      gradient[axis].reset(new tf_LinComb(gradBasis[axis]));
+      int const n = gradBasis[axis]->getFunctionsNumber();
+      for (int i = 0; i < n; ++i)
+        gradient[axis]->setBasisCoefficient(i, coefficients[static_cast<std::size_t>(i)]);
+    }
+    processor.setGradient(gradient);
+  }
 
   log("Edge length", edge);
   log("Bounds", bounds[0], bounds[1], bounds[2]);
@@ -181,7 +434,20 @@ void CVolumetricTriangulatorImpl::extractIsoSurface(tf_CLogLine const & log, tf_
   log("Expected faces number", expectedFaces);
 
   jbProcess polygoniser;
-  int const result = polygoniser.polygonize(function, edge, bounds, Point3D_d(s), processor);
+  int result = 0;
+  if (fast)
+  {
+    tf_LinComb const * const g[3] = {gradient[0].get(), gradient[1].get(), gradient[2].get()};
+    tf_VertexSolver solver(*corners, isoValue, gradBasis ? g : nullptr, blockSize,
+                           CVescaThreadingTasksHelper::getNumOfPhisicalThread());
+    if (gradBasis)
+      processor.setNormalsGiven();
+    result = polygoniser.polygonizeDeferred(function, edge, bounds, Point3D_d(s), processor, solver, 4096);
+  }
+  else
+    result = polygoniser.polygonize(function, edge, bounds, Point3D_d(s), processor);
+  if (vertices)
+    *vertices = vertexCount;
   if (result != 0 || triangleCount == 0)
   {
     log.text("Failed to reconstruct iso-value surface");
@@ -190,5 +456,6 @@ void CVolumetricTriangulatorImpl::extractIsoSurface(tf_CLogLine const & log, tf_
   log("Added vertexes", vertexCount);
   log("Added triangles", triangleCount);
   log.text("</Marching cubes>");
+  return triangleCount;
 }
 } // namespace VolTr

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
+#include "QZmath/VolTriang/LevelSetExtraction.h"
+#include "QZmath/VolTriang/OctreeFuncBlockEval.h"
 #include "QZmath/VolTriang/detail/VolumetricTriangulatorImpl.h"
 #include "QZsys/Threading.h"
 
@@ -18,14 +20,18 @@ namespace
 {
 // ---------------------------------------------------------------- iso-value task
 
-// The weighted sum of X over the samples of a strip of cells along x.
+// The weighted sum of X over the samples of a strip of cells along x. With a
+// block evaluator (copied for the task's thread) the values are the same bit
+// for bit: the samples of a strip come cell by cell, so blocks are reused.
 template <class TKernel, class TWeights> class tf_calcMeanIsoValueCycleByPoints : public IVescaInvokeProc
 {
 public:
   tf_calcMeanIsoValueCycleByPoints(COctreeFuncLinCombTmpl<TKernel> const * x, IInputSamples const * samples,
                                    TWeights const * weights, int xBegin, int xEnd,
-                                   CTransThreadPrgCntAdapter * adapter)
-      : m_x(x), m_samples(samples), m_weights(weights), m_xBegin(xBegin), m_xEnd(xEnd), m_adapter(adapter)
+                                   CTransThreadPrgCntAdapter * adapter,
+                                   COctreeFuncBlockEvaluator const * fast)
+      : m_x(x), m_samples(samples), m_weights(weights), m_xBegin(xBegin), m_xEnd(xEnd), m_adapter(adapter),
+        m_fast(fast)
   {
   }
 
@@ -37,6 +43,8 @@ public:
       return;
     COctree const & octree = m_x->getRelatedBasisRef().getOctreeRef();
     COctreeFuncEvalHelper helper(1, 4.0 * octree.getCellSize(octree.getLeafCellDepth()));
+    std::unique_ptr<COctreeFuncBlockEvaluator> fast(m_fast ? new COctreeFuncBlockEvaluator(*m_fast)
+                                                           : nullptr);
     CParallelepiped box = octree.getCellsBoundaryBox();
     double const unit = octree.getUnit();
     double const x0 = octree.getBoxMin()[0];
@@ -53,7 +61,7 @@ public:
           m_adapter->increment();
       float const w = m_weights ? (*m_weights)[static_cast<std::size_t>(it.currentSampleIndex())] : 1.0f;
       m_weightsSum += w;
-      m_weightedValuesSum += m_x->eval(*it, &helper) * w;
+      m_weightedValuesSum += (fast ? fast->eval(*it) : m_x->eval(*it, &helper)) * w;
     }
     for (; lastX < m_xEnd; ++lastX)
       if (m_adapter)
@@ -72,6 +80,7 @@ private:
   double m_weightedValuesSum = 0.0;
   double m_weightsSum = 0.0;
   CTransThreadPrgCntAdapter * m_adapter;
+  COctreeFuncBlockEvaluator const * m_fast;
 };
 } // namespace
 
@@ -79,14 +88,29 @@ private:
 
 double CVolumetricTriangulatorImpl::calcMeanIsoValue(tf_LinComb const & x)
 {
-  using Task = tf_calcMeanIsoValueCycleByPoints<CProductPiecewisePolynom, std::vector<float>>;
   std::vector<float> const * weights = m_params.getVariableDensity() ? &m_densityWeights : nullptr;
+  return CLevelSetExtraction::meanValueAtSamples(x, m_samples, weights, m_progress);
+}
+
+double CLevelSetExtraction::meanValueAtSamples(LinComb const & x, IInputSamples const * samples,
+                                               std::vector<float> const * weights,
+                                               CProgressCounter * progress, EEvaluation evaluation)
+{
+  using Task = tf_calcMeanIsoValueCycleByPoints<CProductPiecewisePolynom, std::vector<float>>;
+  if (!samples)
+    return 0.0;
   int const tasks = std::max(1, CVescaThreadingTasksHelper::getNumOfPhisicalThread());
-  COctree const & octree = *m_octree;
+  COctree const & octree = x.getRelatedBasisRef().getOctreeRef();
+  // Blocks of four leaf cells: a strip's samples come cell by cell.
+  std::unique_ptr<COctreeFuncBlockEvaluator> fast(
+      evaluation == eFast
+          ? new COctreeFuncBlockEvaluator(x, 4.0 * octree.getCellSize(octree.getLeafCellDepth()))
+          : nullptr);
   CParallelepiped const box = octree.getCellsBoundaryBox();
   double const lo = octree.getBoxMin()[0], hi = octree.getBoxMax()[0];
   int const size = octree.getLatticeSize();
-  auto strip = [&](double v) { return hi == lo ? 0 : static_cast<int>(std::floor(size * (v - lo) / (hi - lo))); };
+  auto strip = [&](double v)
+  { return hi == lo ? 0 : static_cast<int>(std::floor(size * (v - lo) / (hi - lo))); };
   int const xLow = strip(box.getMin()[0]) - 1;
   int const xHigh = strip(box.getMax()[0]) + 1;
 
@@ -95,13 +119,13 @@ double CVolumetricTriangulatorImpl::calcMeanIsoValue(tf_LinComb const & x)
   if (tasks > 1)
   {
     adapter.reset(new CTransThreadPrgCntAdapter);
-    adapter->refresh(m_progress, std::max(0, xHigh - xLow));
+    adapter->refresh(progress, std::max(0, xHigh - xLow));
   }
   int begin = xLow;
   for (int k = 0; k < tasks; ++k)
   {
     int const end = xLow + static_cast<int>(static_cast<long long>(xHigh - xLow) * (k + 1) / tasks);
-    work.emplace_back(new Task(&x, m_samples, weights, begin, end, adapter.get()));
+    work.emplace_back(new Task(&x, samples, weights, begin, end, adapter.get(), fast.get()));
     begin = end;
   }
   if (tasks == 1)

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <vector>
 
 namespace VolTr
 {
@@ -32,6 +33,22 @@ inline int bit(int n, int b) { return (n >> b) & 1; }
 const int st_faceBit[6] = {2, 2, 1, 1, 0, 0};
 } // namespace
 
+// The state of a deferred walk: vertices that have an index but no position
+// yet, and the triangles that wait for them.
+struct jbDeferred
+{
+  struct Triangle
+  {
+    int a, b, c;
+    int count; // the vertex count the sink would have seen
+  };
+  jbVertexSolver * solver;
+  int batch;
+  int firstPending;
+  std::vector<jbEdgeJob> jobs;
+  std::vector<Triangle> triangles;
+};
+
 int jbVertices::add(jbVertex const & v)
 {
   if (count >= capacity)
@@ -50,7 +67,7 @@ int jbVertices::add(jbVertex const & v)
 jbProcess::jbProcess()
     : function(nullptr), triangleProcessor(nullptr), size(0), delta(0), bounds{0, 0, 0}, start(),
       cubes(nullptr), vertices{0, 0, nullptr}, centers(nullptr), corners(nullptr), edges(nullptr),
-      m_randState(1)
+      m_randState(1), m_deferred(nullptr)
 {
 }
 
@@ -180,8 +197,16 @@ int jbProcess::vertid(jbCornerlist * c1, jbCornerlist * c2)
   if (known != -1)
     return known;
   jbVertex v;
-  v.position = converge(setpoint(c1->i, c1->j, c1->k), setpoint(c2->i, c2->j, c2->k), c1->value);
   v.normal = Point3D_d();
+  if (m_deferred)
+  {
+    // The index is taken now, in walk order; the position comes with the batch.
+    m_deferred->jobs.push_back(
+        jbEdgeJob{setpoint(c1->i, c1->j, c1->k), setpoint(c2->i, c2->j, c2->k), c1->value});
+    v.position = Point3D_d();
+  }
+  else
+    v.position = converge(setpoint(c1->i, c1->j, c1->k), setpoint(c2->i, c2->j, c2->k), c1->value);
   int const index = vertices.add(v);
   setedge(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k, index);
   return index;
@@ -210,9 +235,9 @@ int jbProcess::dotet(jbCube * cube, int a, int b, int c, int d)
   if (cpos != dpos)
     e6 = vertid(cc, cd);
 
-  jbTriangleProcessor & sink = *triangleProcessor;
-  auto one = [&](int x, int y, int z) { return sink(x, y, z, vertices) != 0 ? 1 : 0; };
-  auto two = [&](int x1, int y1, int z1, int x2, int y2, int z2) {
+  auto one = [&](int x, int y, int z) { return emitTriangle(x, y, z); };
+  auto two = [&](int x1, int y1, int z1, int x2, int y2, int z2)
+  {
     if (!one(x1, y1, z1))
       return 0;
     return one(x2, y2, z2);
@@ -339,25 +364,11 @@ int jbProcess::polygonize(jbFunction & f, double s, int * b, Point3D_d startPoin
     first->next = nullptr;
     cubes = first;
 
-    while (cubes)
+    int const walked = walk();
+    if (walked != 0)
     {
-      jbCube c = cubes->cube;
-      // Six tetrahedra sharing the diagonal from corner 1 to corner 6.
-      if (!dotet(&c, 0, 2, 4, 1) || !dotet(&c, 6, 2, 1, 4) || !dotet(&c, 6, 2, 3, 1) || !dotet(&c, 6, 4, 1, 5) ||
-          !dotet(&c, 6, 1, 3, 5) || !dotet(&c, 6, 3, 7, 5))
-      {
-        releaseAll();
-        return 2;
-      }
-      jbCubes * top = cubes;
-      cubes = cubes->next;
-      std::free(top);
-      testface(c.i - 1, c.j, c.k, &c, 0, 0, 1, 2, 3);
-      testface(c.i + 1, c.j, c.k, &c, 1, 4, 5, 6, 7);
-      testface(c.i, c.j - 1, c.k, &c, 2, 0, 1, 4, 5);
-      testface(c.i, c.j + 1, c.k, &c, 3, 2, 3, 6, 7);
-      testface(c.i, c.j, c.k - 1, &c, 4, 0, 2, 4, 6);
-      testface(c.i, c.j, c.k + 1, &c, 5, 1, 3, 5, 7);
+      releaseAll();
+      return walked;
     }
   }
   catch (...)
@@ -370,7 +381,83 @@ int jbProcess::polygonize(jbFunction & f, double s, int * b, Point3D_d startPoin
   return 0;
 }
 
-int jbProcess::marchingcubes(jbFunction & f, double s, Point3D_d low, Point3D_d high, jbTriangleProcessor & sink)
+int jbProcess::walk()
+{
+  while (cubes)
+  {
+    jbCube c = cubes->cube;
+    // Six tetrahedra sharing the diagonal from corner 1 to corner 6.
+    if (!dotet(&c, 0, 2, 4, 1) || !dotet(&c, 6, 2, 1, 4) || !dotet(&c, 6, 2, 3, 1) ||
+        !dotet(&c, 6, 4, 1, 5) || !dotet(&c, 6, 1, 3, 5) || !dotet(&c, 6, 3, 7, 5))
+      return 2;
+    jbCubes * top = cubes;
+    cubes = cubes->next;
+    std::free(top);
+    testface(c.i - 1, c.j, c.k, &c, 0, 0, 1, 2, 3);
+    testface(c.i + 1, c.j, c.k, &c, 1, 4, 5, 6, 7);
+    testface(c.i, c.j - 1, c.k, &c, 2, 0, 1, 4, 5);
+    testface(c.i, c.j + 1, c.k, &c, 3, 2, 3, 6, 7);
+    testface(c.i, c.j, c.k - 1, &c, 4, 0, 2, 4, 6);
+    testface(c.i, c.j, c.k + 1, &c, 5, 1, 3, 5, 7);
+    if (m_deferred && static_cast<int>(m_deferred->jobs.size()) >= m_deferred->batch && !flushDeferred())
+      return 2;
+  }
+  if (m_deferred && !flushDeferred())
+    return 2;
+  return 0;
+}
+
+int jbProcess::emitTriangle(int a, int b, int c)
+{
+  if (m_deferred)
+  {
+    m_deferred->triangles.push_back(jbDeferred::Triangle{a, b, c, vertices.count});
+    return 1;
+  }
+  return (*triangleProcessor)(a, b, c, vertices) != 0 ? 1 : 0;
+}
+
+int jbProcess::flushDeferred()
+{
+  jbDeferred & d = *m_deferred;
+  int const count = vertices.count - d.firstPending;
+  if (count > 0)
+    d.solver->solve(d.jobs.data(), vertices.items + d.firstPending, count);
+  d.jobs.clear();
+  d.firstPending = vertices.count;
+  // The sink sees each triangle with the vertex list of its moment, so that it
+  // announces the same vertices at the same triangles.
+  for (jbDeferred::Triangle const & t : d.triangles)
+    if ((*triangleProcessor)(t.a, t.b, t.c, jbVertices{t.count, vertices.capacity, vertices.items}) == 0)
+    {
+      d.triangles.clear();
+      return 0;
+    }
+  d.triangles.clear();
+  return 1;
+}
+
+int jbProcess::polygonizeDeferred(jbFunction & f, double s, int * b, Point3D_d startPoint,
+                                  jbTriangleProcessor & sink, jbVertexSolver & solver, int batchVertices)
+{
+  try
+  {
+    m_deferred = new jbDeferred{&solver, batchVertices > 0 ? batchVertices : 1, 0, {}, {}};
+    int const result = polygonize(f, s, b, startPoint, sink);
+    delete m_deferred;
+    m_deferred = nullptr;
+    return result;
+  }
+  catch (...)
+  {
+    delete m_deferred;
+    m_deferred = nullptr;
+    throw;
+  }
+}
+
+int jbProcess::marchingcubes(jbFunction & f, double s, Point3D_d low, Point3D_d high,
+                             jbTriangleProcessor & sink)
 {
   bounds[0] = bounds[1] = bounds[2] = 0;
   try
@@ -380,8 +467,9 @@ int jbProcess::marchingcubes(jbFunction & f, double s, Point3D_d low, Point3D_d 
     double const ry = nextRandom() / 32767.0;
     double const rz = nextRandom() / 32767.0;
     // The jitter keeps lattice points off any special value of the function.
-    start = Point3D_d(high.x() - size * 0.5 - (rx * size * 0.001), high.y() - size * 0.5 - (ry * size * 0.001),
-                      high.z() - size * 0.5 - (rz * size * 0.001));
+    start =
+        Point3D_d(high.x() - size * 0.5 - (rx * size * 0.001), high.y() - size * 0.5 - (ry * size * 0.001),
+                  high.z() - size * 0.5 - (rz * size * 0.001));
     int const nx = static_cast<int>((high.x() - low.x()) / size);
     int const ny = static_cast<int>((high.y() - low.y()) / size);
     int const nz = static_cast<int>((high.z() - low.z()) / size);

@@ -82,6 +82,28 @@ using jbFunction = REmath::Functor2<double, Point3D_d const &, int *>;
 /// of 0 stops the polygoniser.
 using jbTriangleProcessor = REmath::Functor4<int, int, int, int, jbVertices>;
 
+/// A vertex whose position the walk leaves for later: the lattice edge it lies
+/// on, from the corner of `value1` to the other.
+struct jbEdgeJob
+{
+  Point3D_d p1;
+  Point3D_d p2;
+  double value1;
+};
+
+/// Computes deferred vertices in batches, possibly on several threads. For
+/// each job, `out[k].position` must be the point `converge(p1, p2, value1)`
+/// gives with the walk's function; `out[k].normal` is passed on to the sink as
+/// it is left (zero on entry).
+class jbVertexSolver
+{
+public:
+  virtual ~jbVertexSolver() = default;
+  virtual void solve(jbEdgeJob const * jobs, jbVertex * out, int count) = 0;
+};
+
+struct jbDeferred;
+
 class jbProcess
 {
 public:
@@ -98,6 +120,14 @@ public:
   /// the polygoniser's own memory is freed on the way.
   int polygonize(jbFunction & function, double size, int * bounds, Point3D_d start,
                  jbTriangleProcessor & triangleProcessor);
+  /// As `polygonize`, with the same corners, vertices, triangles and order,
+  /// but the bisection of the crossed edges is left to `solver`: the walk
+  /// collects about `batchVertices` new vertices with the triangles that use
+  /// them, has the solver compute them at once, then hands the triangles to
+  /// the sink in their order. The function is then called for the corners and
+  /// the start only; the sink sees what `polygonize` would show it.
+  int polygonizeDeferred(jbFunction & function, double size, int * bounds, Point3D_d start,
+                         jbTriangleProcessor & triangleProcessor, jbVertexSolver & solver, int batchVertices);
   /// Visits every cube of the box from `low` to `high`; returns 0.
   int marchingcubes(jbFunction & function, double size, Point3D_d low, Point3D_d high,
                     jbTriangleProcessor & triangleProcessor);
@@ -130,6 +160,9 @@ private:
   void begin(jbFunction & function, double size, jbTriangleProcessor & triangleProcessor);
   void freeCubes();
   void releaseAll();
+  int walk();
+  int emitTriangle(int a, int b, int c);
+  int flushDeferred();
 
 public:
   jbFunction * function;
@@ -146,5 +179,7 @@ public:
 
 private:
   std::uint32_t m_randState;
+  /// The pending vertices and triangles of a deferred walk; null otherwise.
+  jbDeferred * m_deferred;
 };
 } // namespace VolTr

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "tests/Common/MeshChecks.h"
 #include "QZmath/VolTriang/jbProcess.h"
+#include "tests/Common/MeshChecks.h"
 
 using namespace VolTr;
 using REmath::Point3D_d;
@@ -93,7 +93,8 @@ TEST(jbProcess, SphereIsAClosedOrientedManifold)
   double const size = 0.1;
   ASSERT_EQ(p.polygonize(f, size, bounds, Point3D_d(0.9, 0.1, 0.0), sink), 0);
   auto const t = qztest::analyse(sink.mesh);
-  EXPECT_TRUE(t.closedManifold()) << t.boundaryEdges << " " << t.nonManifoldEdges << " " << t.inconsistentEdges;
+  EXPECT_TRUE(t.closedManifold()) << t.boundaryEdges << " " << t.nonManifoldEdges << " "
+                                  << t.inconsistentEdges;
   EXPECT_EQ(t.eulerCharacteristic, 2);
   EXPECT_EQ(t.components, 1);
   EXPECT_EQ(t.unusedVertices, 0);
@@ -259,10 +260,7 @@ TEST(jbProcess, MarchingCubesCoversEveryComponent)
   struct Two : jbFunction
   {
     Sphere a{0.4, -0.6, 0, 0}, b{0.4, 0.6, 0, 0};
-    double operator()(Point3D_d const & p, int * flag) override
-    {
-      return std::max(a(p, flag), b(p, flag));
-    }
+    double operator()(Point3D_d const & p, int * flag) override { return std::max(a(p, flag), b(p, flag)); }
   } f;
   Collector walk, all;
   jbProcess p;
@@ -293,4 +291,65 @@ TEST(jbVertices, GrowsFromTenByDoubling)
   EXPECT_EQ(v.capacity, 40);
   EXPECT_EQ(v.items[24].position.x(), 24.0);
   std::free(v.items);
+}
+
+namespace
+{
+// Bisects each deferred edge with the walk's own `converge` on a polygoniser
+// of its own, after an optional number of batches fails.
+struct SerialSolver : jbVertexSolver
+{
+  jbFunction * function;
+  double size;
+  int batches = 0;
+  int failAt = -1;
+  explicit SerialSolver(jbFunction * f, double s) : function(f), size(s) {}
+  void solve(jbEdgeJob const * jobs, jbVertex * out, int count) override
+  {
+    if (++batches == failAt)
+      throw std::runtime_error("solver failed");
+    jbProcess bisector;
+    bisector.function = function;
+    for (int k = 0; k < count; ++k)
+      out[k].position = bisector.converge(jobs[k].p1, jobs[k].p2, jobs[k].value1);
+  }
+};
+} // namespace
+
+TEST(jbProcess, DeferredVerticesGiveTheSameSequence)
+{
+  Sphere f(0.7, 0.1, -0.2, 0.3);
+  Torus t(0.6, 0.25);
+  int bounds[3] = {50, 50, 50};
+  for (jbFunction * g : {static_cast<jbFunction *>(&f), static_cast<jbFunction *>(&t)})
+    for (int batch : {1, 7, 100000})
+    {
+      Collector plain, deferred;
+      jbProcess p, q;
+      ASSERT_EQ(p.polygonize(*g, 0.05, bounds, Point3D_d(0.6, 0.1, 0.1), plain), 0);
+      SerialSolver solver(g, 0.05);
+      ASSERT_EQ(q.polygonizeDeferred(*g, 0.05, bounds, Point3D_d(0.6, 0.1, 0.1), deferred, solver, batch), 0);
+      EXPECT_EQ(plain.mesh.triangles, deferred.mesh.triangles);
+      EXPECT_EQ(plain.mesh.vertices, deferred.mesh.vertices);
+      EXPECT_TRUE(deferred.announcedBeforeUse);
+      EXPECT_GT(solver.batches, batch == 1 ? 100 : 0);
+      EXPECT_EQ(q.vertices.items, nullptr);
+    }
+  // A refusal stops at the same triangle; a failing batch frees everything.
+  Collector refused;
+  refused.refuseAfter = 123;
+  SerialSolver solver(&f, 0.05);
+  jbProcess p;
+  EXPECT_EQ(p.polygonizeDeferred(f, 0.05, bounds, Point3D_d(0.6, 0.1, 0.1), refused, solver, 10), 2);
+  EXPECT_EQ(refused.mesh.triangles.size(), 123u);
+  SerialSolver failing(&f, 0.05);
+  failing.failAt = 3;
+  Collector sink;
+  EXPECT_THROW(p.polygonizeDeferred(f, 0.05, bounds, Point3D_d(0.6, 0.1, 0.1), sink, failing, 10),
+               std::runtime_error);
+  EXPECT_EQ(p.corners, nullptr);
+  EXPECT_EQ(p.cubes, nullptr);
+  // No start: the same answer as the plain walk.
+  Constant positive(1.0);
+  EXPECT_EQ(p.polygonizeDeferred(positive, 0.05, bounds, Point3D_d(0, 0, 0), sink, failing, 10), 1);
 }

@@ -1,0 +1,238 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "QZmath/VolTriang/LevelSetExtraction.h"
+#include "QZsys/Exceptions.h"
+#include "QZsys/Progress.h"
+#include "QZsys/Threading.h"
+#include "tests/Common/MeshChecks.h"
+#include "tests/Common/SampleClouds.h"
+
+using namespace VolTr;
+
+namespace
+{
+using Extraction = CLevelSetExtraction;
+
+// Everything the target sees, in order.
+struct Recorder : ITriangulationTarget
+{
+  std::vector<std::array<double, 7>> vertices; // index, position, normal
+  std::vector<std::array<int, 3>> triangles;
+  CProgressCounter * interruptAfter = nullptr;
+  std::size_t interruptCount = 0;
+
+private:
+  void onAddNewVertex(int index, double const * p, double const * n) override
+  {
+    vertices.push_back({double(index), p[0], p[1], p[2], n[0], n[1], n[2]});
+  }
+  void onAddNewVertex(int, float const *, float const *) override { ADD_FAILURE(); }
+  void onAddNewTriangle(int a, int b, int c) override
+  {
+    triangles.push_back({a, b, c});
+    if (interruptAfter && triangles.size() == interruptCount)
+      interruptAfter->RequestInterrupt();
+  }
+};
+
+struct ThreadCount
+{
+  explicit ThreadCount(int n) { CVescaThreadingTasksHelper::setNumOfPhisicalThread(n); }
+  ~ThreadCount() { CVescaThreadingTasksHelper::setNumOfPhisicalThread(0); }
+};
+
+// A smooth function that is negative inside a wavy sphere, on the tree of a
+// sphere cloud: every node gets h^3 times its value at the node, plus noise,
+// so that all depths carry coefficients as after a solve.
+struct Fixture
+{
+  QZTest::CSampleCloud cloud;
+  std::unique_ptr<COctree> tree;
+  CProductPiecewisePolynom kernel;
+  std::unique_ptr<Extraction::Basis> basis;
+  std::unique_ptr<Extraction::Basis> gradBasis[3];
+  std::unique_ptr<Extraction::LinComb> x;
+  CVolTriangulationParams params;
+
+  explicit Fixture(int depth, int points = 3000)
+      : cloud(QZTest::makeSphereCloud(points, 1.0, 17)),
+        kernel(makeApproxGaussian<CProductPiecewisePolynom>())
+  {
+    tree.reset(new COctree(&cloud, depth, nullptr, true, -1));
+    double const s = 1.0 / 0.95;
+    double const scale[3] = {s, s, s};
+    kernel.scaleArgument(scale);
+    basis.reset(new Extraction::Basis(kernel, tree.get(), 0));
+    for (int a = 0; a < 3; ++a)
+    {
+      CProductPiecewisePolynom d;
+      kernel.makePartialDerivative(&d, a);
+      gradBasis[a].reset(new Extraction::Basis(d, tree.get(), 1));
+    }
+    x.reset(new Extraction::LinComb(basis.get()));
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<double> noise(-0.02, 0.02);
+    for (int n = 0; n < basis->getFunctionsNumber(); ++n)
+    {
+      double c[3];
+      tree->getNodePosition(n, c);
+      double const h = tree->getCellSize(tree->getNodeDepth(n));
+      double const r = std::sqrt(c[0] * c[0] + c[1] * c[1] + c[2] * c[2]);
+      x->setBasisCoefficient(n, h * h * h * (r - 1.0 + 0.05 * std::sin(5.0 * c[0]) + noise(rng)));
+    }
+    params.setOctreeDepth(depth);
+  }
+
+  Extraction::Basis const * const * gradients(Extraction::Basis const ** out) const
+  {
+    for (int a = 0; a < 3; ++a)
+      out[a] = gradBasis[a].get();
+    return out;
+  }
+};
+
+int threadsOfProcess()
+{
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind("Threads:", 0) == 0)
+      return std::stoi(line.substr(8));
+  return -1;
+}
+} // namespace
+
+TEST(LevelSetExtraction, FastIsoValueIsTheSpecifiedOneBitForBit)
+{
+  Fixture fx(6);
+  std::vector<float> weights;
+  for (int i = 0; i < fx.cloud.pointsNumber(); ++i)
+    weights.push_back(0.5f + 0.001f * (i % 700));
+  for (int threads : {1, 2})
+  {
+    ThreadCount const count(threads);
+    for (std::vector<float> const * w : {static_cast<std::vector<float> const *>(nullptr),
+                                         static_cast<std::vector<float> const *>(&weights)})
+      EXPECT_EQ(Extraction::meanValueAtSamples(*fx.x, &fx.cloud, w, nullptr, Extraction::eFast),
+                Extraction::meanValueAtSamples(*fx.x, &fx.cloud, w, nullptr, Extraction::eSpecified));
+  }
+  EXPECT_EQ(Extraction::meanValueAtSamples(*fx.x, nullptr, nullptr, nullptr), 0.0);
+}
+
+// The target must see the same vertices (positions and normals bit for bit)
+// and triangles in the same order from the specified and the fast path, with
+// one or two threads, closed or open, with or without normals.
+TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
+{
+  Fixture fx(6);
+  double const iso = Extraction::meanValueAtSamples(*fx.x, &fx.cloud, nullptr, nullptr);
+  Extraction::Basis const * g[3];
+  for (bool closed : {true, false})
+    for (bool normals : {false, true})
+    {
+      fx.params.setClosed(closed);
+      Recorder specified;
+      int specifiedVertices = 0;
+      int const triangles =
+          Extraction::polygonise(*fx.x, iso, normals ? fx.gradients(g) : nullptr, &fx.cloud, fx.params,
+                                 &specified, nullptr, nullptr, Extraction::eSpecified, &specifiedVertices);
+      EXPECT_EQ(triangles, static_cast<int>(specified.triangles.size()));
+      EXPECT_EQ(specifiedVertices, static_cast<int>(specified.vertices.size()));
+      // The golden counts of this function: a change of the walk shows here.
+      if (closed)
+      {
+        EXPECT_EQ(specified.vertices.size(), 14398u);
+        EXPECT_EQ(specified.triangles.size(), 28792u);
+        qztest::Mesh mesh;
+        for (auto const & v : specified.vertices)
+          mesh.vertices.push_back({v[1], v[2], v[3]});
+        for (auto const & t : specified.triangles)
+          mesh.triangles.push_back(t);
+        EXPECT_TRUE(qztest::analyse(mesh).closedManifold());
+      }
+      for (int threads : {1, 2})
+      {
+        ThreadCount const count(threads);
+        Recorder fast;
+        EXPECT_EQ(Extraction::polygonise(*fx.x, iso, normals ? fx.gradients(g) : nullptr, &fx.cloud,
+                                         fx.params, &fast, nullptr, nullptr, Extraction::eFast),
+                  triangles);
+        EXPECT_TRUE(fast.vertices == specified.vertices) << closed << normals << threads;
+        EXPECT_TRUE(fast.triangles == specified.triangles) << closed << normals << threads;
+      }
+    }
+}
+
+TEST(LevelSetExtraction, InterruptionKeepsWhatWasDeliveredAndStopsTheWorkers)
+{
+  Fixture fx(6);
+  double const iso = Extraction::meanValueAtSamples(*fx.x, &fx.cloud, nullptr, nullptr);
+  Recorder whole;
+  Extraction::polygonise(*fx.x, iso, nullptr, &fx.cloud, fx.params, &whole, nullptr, nullptr,
+                         Extraction::eSpecified);
+  ThreadCount const count(2);
+  int const threadsBefore = threadsOfProcess();
+  for (std::size_t after : {1u, 5000u})
+  {
+    CProgressCounter progress;
+    Recorder part;
+    part.interruptAfter = &progress;
+    part.interruptCount = after;
+    EXPECT_THROW(Extraction::polygonise(*fx.x, iso, nullptr, &fx.cloud, fx.params, &part, &progress, nullptr),
+                 CUserIntrException);
+    // The delivered vertices and triangles stay, and they are the beginning
+    // of the whole sequence.
+    ASSERT_EQ(part.triangles.size(), after);
+    ASSERT_LE(part.vertices.size(), whole.vertices.size());
+    EXPECT_TRUE(std::equal(part.vertices.begin(), part.vertices.end(), whole.vertices.begin()));
+    EXPECT_TRUE(std::equal(part.triangles.begin(), part.triangles.end(), whole.triangles.begin()));
+    EXPECT_EQ(threadsOfProcess(), threadsBefore);
+  }
+}
+
+TEST(LevelSetExtraction, NoSurfaceFailsWithTheDocumentedText)
+{
+  Fixture fx(4, 500);
+  for (int n = 0; n < fx.basis->getFunctionsNumber(); ++n)
+    fx.x->setBasisCoefficient(n, 0.0); // no crossing anywhere
+  for (auto mode : {Extraction::eSpecified, Extraction::eFast})
+  {
+    Recorder target;
+    try
+    {
+      Extraction::polygonise(*fx.x, 0.0, nullptr, &fx.cloud, fx.params, &target, nullptr, nullptr, mode);
+      ADD_FAILURE();
+    }
+    catch (CVolTriangulationError const & e)
+    {
+      EXPECT_STREQ(e.what(), "Failed to reconstruct iso-value surface");
+    }
+    EXPECT_TRUE(target.triangles.empty());
+  }
+  // Without samples the walk starts at the box centre; without a target it is
+  // a dry run that still counts.
+  Fixture sphere(4, 500);
+  double const iso = Extraction::meanValueAtSamples(*sphere.x, &sphere.cloud, nullptr, nullptr);
+  int vertices = 0;
+  EXPECT_GT(Extraction::polygonise(*sphere.x, iso, nullptr, &sphere.cloud, sphere.params, nullptr, nullptr,
+                                   nullptr, Extraction::eFast, &vertices),
+            0);
+  EXPECT_GT(vertices, 0);
+  Recorder fromCentre;
+  try
+  {
+    Extraction::polygonise(*sphere.x, iso, nullptr, nullptr, sphere.params, &fromCentre, nullptr, nullptr);
+  }
+  catch (CVolTriangulationError const & e)
+  {
+    EXPECT_STREQ(e.what(), "Failed to reconstruct iso-value surface");
+  }
+}

@@ -1,0 +1,135 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <random>
+
+#include "QZmath/VolTriang/OctreeFuncBlockEval.h"
+#include "tests/Common/SampleClouds.h"
+
+using namespace VolTr;
+
+namespace
+{
+using Basis = COctreeFuncBasisTmpl<CProductPiecewisePolynom>;
+using LinComb = COctreeFuncLinCombTmpl<CProductPiecewisePolynom>;
+
+struct Fixture
+{
+  QZTest::CSampleCloud cloud;
+  std::unique_ptr<COctree> tree;
+  CProductPiecewisePolynom kernel;
+  std::unique_ptr<Basis> basis;
+  std::unique_ptr<LinComb> x;
+  // Coefficients on every depth; with `onlyDepth` set, on that depth alone.
+  Fixture(bool useCenter, int depth, int onlyDepth = -1, int derivativeAxis = -1)
+      : cloud(QZTest::makeSphereCloud(500, 1.0, 11)), kernel(makeApproxGaussian<CProductPiecewisePolynom>())
+  {
+    tree.reset(new COctree(&cloud, depth, nullptr, useCenter, -1));
+    double const s = 1.0 / 0.95;
+    double const scale[3] = {s, s, s};
+    kernel.scaleArgument(scale);
+    if (derivativeAxis >= 0)
+    {
+      CProductPiecewisePolynom d;
+      kernel.makePartialDerivative(&d, derivativeAxis);
+      basis.reset(new Basis(d, tree.get(), 1));
+    }
+    else
+      basis.reset(new Basis(kernel, tree.get(), 0));
+    x.reset(new LinComb(basis.get()));
+    std::mt19937 rng(5 + depth);
+    std::uniform_real_distribution<double> coef(-1.0, 1.0);
+    for (int n = 0; n < basis->getFunctionsNumber(); ++n)
+      if (onlyDepth < 0 || tree->getNodeDepth(n) == onlyDepth)
+        x->setBasisCoefficient(n, n % 7 == 0 ? 0.0 : coef(rng));
+  }
+};
+
+// Random points near the samples (where the nodes are), at the borders of the
+// tree's box and beyond it; every value must equal the combination's own bit
+// for bit, and the bounded approximation must lie within its bound.
+void expectSameValues(Fixture & fx, int points, unsigned seed)
+{
+  COctreeFuncBlockEvaluator fast(*fx.x);
+  ASSERT_TRUE(fast.isAccelerated());
+  COctreeFuncBlockEvaluator copy(fast);
+  COctreeFuncEvalHelper helper(8, 4.0 * fx.tree->getUnit());
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  double const * lo = fx.tree->getBoxMin();
+  double const * hi = fx.tree->getBoxMax();
+  int nonZero = 0;
+  for (int i = 0; i < points; ++i)
+  {
+    double p[3];
+    int const kind = i % 4;
+    for (int a = 0; a < 3; ++a)
+      p[a] = kind == 0 ? 1.1 * u(rng) : fx.cloud.getSampleCoords3(i % 500)[a] + 0.05 * u(rng);
+    if (kind == 3) // on or just beyond a face of the box
+    {
+      int const a = i % 3;
+      p[a] = (i & 4 ? hi[a] : lo[a]) + (i & 8 ? 1e-12 : 0.0) * (i & 4 ? 1 : -1);
+    }
+    double const ref = fx.x->eval(p, &helper);
+    double const value = fast.eval(p);
+    EXPECT_EQ(value, ref) << p[0] << " " << p[1] << " " << p[2];
+    EXPECT_EQ(copy.eval(p), ref);
+    double bound = -1.0;
+    double const approx = fast.evalWithBound(p, &bound);
+    EXPECT_LE(std::fabs(approx - ref), bound);
+    EXPECT_LE(bound, 1e-12 * (1.0 + std::fabs(ref)) + 1e-10 * std::fabs(ref - approx) + 1e-9);
+    nonZero += ref != 0.0;
+  }
+  EXPECT_GT(nonZero, points / 2);
+  float const pf[3] = {0.25f, -0.5f, 0.75f};
+  double const pd[3] = {0.25, -0.5, 0.75};
+  EXPECT_EQ(fast.eval(pf), fx.x->eval(pd, nullptr));
+}
+} // namespace
+
+TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationOnEveryDepthAndPositioning)
+{
+  for (bool center : {true, false})
+  {
+    Fixture all(center, 6);
+    expectSameValues(all, 4000, center ? 1u : 2u);
+    for (int d = all.tree->getNodeDepthBegin(); d < all.tree->getNodeDepthEnd(); ++d)
+    {
+      Fixture one(center, 6, d);
+      expectSameValues(one, 400, 10u + d);
+    }
+  }
+}
+
+TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationForGradientKernels)
+{
+  for (int axis = 0; axis < 3; ++axis)
+  {
+    Fixture fx(true, 5, -1, axis);
+    expectSameValues(fx, 1500, 20u + axis);
+  }
+}
+
+TEST(OctreeFuncBlockEvaluator, ZeroAndNonFinitePointsFollowTheCombination)
+{
+  Fixture fx(true, 4);
+  for (int n = 0; n < fx.basis->getFunctionsNumber(); ++n)
+    fx.x->setBasisCoefficient(n, 0.0);
+  COctreeFuncBlockEvaluator zero(*fx.x);
+  double const p[3] = {0.1, 0.2, 0.3};
+  EXPECT_EQ(zero.eval(p), 0.0);
+  fx.x->setBasisCoefficient(0, 1.0);
+  COctreeFuncBlockEvaluator fast(*fx.x);
+  double const nan[3] = {std::nan(""), 0.0, 0.0};
+  EXPECT_TRUE(std::isnan(fast.eval(nan)) == std::isnan(fx.x->eval(nan, nullptr)));
+  double const far[3] = {1e200, -1e200, 0.0};
+  EXPECT_EQ(fast.eval(far), fx.x->eval(far, nullptr));
+  // Points far apart build blocks of their own; the cache stays bounded.
+  for (int i = 0; i < 100; ++i)
+  {
+    double const q[3] = {-1.0 + 0.02 * i, 0.0, 0.0};
+    EXPECT_EQ(fast.eval(q), fx.x->eval(q, nullptr));
+  }
+  EXPECT_GT(fast.blocksBuilt(), 1);
+}
