@@ -5,12 +5,14 @@
 #include <cfloat>
 #include <cmath>
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
 #include "QZmath/LinSys/LinSysSolverCompose.h"
 #include "QZmath/LinSys/LinSysSolverDecomposed.h"
 #include "QZmath/VolTriang/CSFProductHelper.h"
+#include "QZmath/VolTriang/detail/MultilevelPoisson.h"
 #include "QZmath/VolTriang/detail/VolumetricTriangulatorImpl.h"
 #include "QZsys/Threading.h"
 
@@ -501,4 +503,60 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveEquation(tf_CLogLi
   return x;
 }
 
+// ---------------------------------------------------------------- multilevel solve
+
+std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt::CMultiPhaseManager & phases,
+                                                                         tf_CLogLine const & log,
+                                                                         std::unique_ptr<tf_LinComb> const * field)
+{
+  int const n = m_basis->getFunctionsNumber();
+  log.text("Use CMultilevelPoissonSolver");
+  std::unique_ptr<CMultilevelPoissonSolver> solver;
+  std::vector<double> right;
+  {
+    VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "right_part");
+    log("System size", n);
+    try
+    {
+      solver.reset(new CMultilevelPoissonSolver(*m_octree, m_kernel));
+    }
+    catch (std::invalid_argument const &)
+    {
+      log.text("Failed to solve linear system");
+      throw CVolTriangulationError("Failed to solve linear system");
+    }
+    std::vector<double> const coefficients[3] = {field[0]->getCoefficients(), field[1]->getCoefficients(),
+                                                 field[2]->getCoefficients()};
+    solver->makeRightPart(coefficients, &right);
+    // The same normalisation as the assembled path, so that X comes out on
+    // the same scale.
+    double const factor = REmath::vectorNormalizationFactor(right.data(), static_cast<long long>(right.size()));
+    if (tf_usableFactor(factor))
+    {
+      double const scale = 1.0 / factor;
+      for (double & v : right)
+        v *= scale;
+    }
+    log("Right part normalized by factor", factor);
+  }
+
+  VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "solve");
+  log.text("Trying to solve linear system...");
+  // The assembled path divides the matrix by its last stored element, the
+  // diagonal of the last row.
+  double const matrixFactor = n > 0 ? std::fabs(solver->matrixEntry(n - 1, n - 1)) : 0.0;
+  log("System normalized by factor", matrixFactor);
+  std::vector<double> solution;
+  if (!solver->solve(right, &solution, m_progress, m_debugLog))
+  {
+    log.text("Failed to solve linear system");
+    throw CVolTriangulationError("Failed to solve linear system");
+  }
+  std::unique_ptr<tf_LinComb> x(new tf_LinComb(m_basis.get()));
+  double const scale = tf_usableFactor(matrixFactor) ? matrixFactor : 1.0;
+  for (int i = 0; i < n; ++i)
+    x->setBasisCoefficient(i, solution[static_cast<std::size_t>(i)] * scale);
+  log.text("Linear system solved");
+  return x;
+}
 } // namespace VolTr

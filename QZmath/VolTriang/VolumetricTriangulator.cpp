@@ -21,7 +21,8 @@ namespace VolTr
 CVolTriangulationParams::CVolTriangulationParams()
     : m_octreeDepth(-1), m_reconstructFactor(1.0f), m_closed(true), m_estimateResultNormals(false),
       m_phaseNameShown(false), m_useCenter(true), m_kernelScaleFactor(0.95f), m_debugLog(nullptr),
-      m_variableDensity(true), m_densityEstimationDepthDelta(2), m_detalizationLevel(-1), m_prefferedSolver(0)
+      m_variableDensity(true), m_densityEstimationDepthDelta(2), m_detalizationLevel(-1), m_prefferedSolver(0),
+      m_multilevelSolver(false)
 {
 }
 
@@ -121,7 +122,11 @@ void CVolumetricTriangulatorImpl::pipeline()
     }
   }
 
-  assembleSystem(phases, gradBasis, field);
+  std::unique_ptr<tf_LinComb> x;
+  if (m_params.getMultilevelSolver())
+    x = solveMultilevel(phases, log, field);
+  else
+    assembleSystem(phases, gradBasis, field);
 
   if (!m_params.getEstimateResultNormals())
     for (int j = 0; j < 3; ++j)
@@ -130,9 +135,12 @@ void CVolumetricTriangulatorImpl::pipeline()
       gradBasis[j].reset();
     }
 
-  phases.StartPhase("solve");
-  std::unique_ptr<tf_LinComb> const x = solveEquation(log);
-  phases.FinishCurrentPhase();
+  if (!x)
+  {
+    phases.StartPhase("solve");
+    x = solveEquation(log);
+    phases.FinishCurrentPhase();
+  }
 
   double isoValue = 0.0;
   {
@@ -164,6 +172,8 @@ void CVolumetricTriangulatorImpl::logParameters(tf_CLogLine const & log) const
   log("Variable density", m_params.getVariableDensity());
   if (m_params.getVariableDensity())
     log("Density estimation level delta", m_params.getDensityEstimationDepthDelta());
+  if (m_params.getMultilevelSolver())
+    log("Multilevel solver", m_params.getMultilevelSolver());
 }
 
 void CVolumetricTriangulatorImpl::registerPhases(VsPCnt::CMultiPhaseManager & phases) const
@@ -174,15 +184,24 @@ void CVolumetricTriangulatorImpl::registerPhases(VsPCnt::CMultiPhaseManager & ph
   if (m_params.getVariableDensity())
     phases.RegisterPhase("density weights", 30);
   phases.RegisterPhase("grad_div", 10);
-  if (!twoThreads)
+  if (m_params.getMultilevelSolver())
   {
-    phases.RegisterPhase("right_part", 50);
-    phases.RegisterPhase("matrix", 50);
+    // No matrix is assembled: the right part, then the solve by depths.
+    phases.RegisterPhase("right_part", 10);
+    phases.RegisterPhase("solve", 30);
   }
   else
-    phases.RegisterPhase("matrix+right_part", 100);
-  phases.RegisterPhase("update right part", 5);
-  phases.RegisterPhase("solve", m_params.getOctreeDepth() >= 9 ? 200 : 30);
+  {
+    if (!twoThreads)
+    {
+      phases.RegisterPhase("right_part", 50);
+      phases.RegisterPhase("matrix", 50);
+    }
+    else
+      phases.RegisterPhase("matrix+right_part", 100);
+    phases.RegisterPhase("update right part", 5);
+    phases.RegisterPhase("solve", m_params.getOctreeDepth() >= 9 ? 200 : 30);
+  }
   phases.RegisterPhase("iso-value", 10);
   phases.RegisterPhase("iso-surface", 40);
 }

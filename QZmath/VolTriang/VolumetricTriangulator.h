@@ -84,6 +84,16 @@ public:
   int & prefferedSolver() { return m_prefferedSolver; }
   void setPrefferedSolver(int v) { m_prefferedSolver = v; }
 
+  /// Extension beyond the classic solver choice, off by default: solve the
+  /// system depth by depth (conjugate gradients on each depth's stencil,
+  /// corrected by the other depths, in V-cycles) without ever storing or
+  /// factorising the whole matrix. When on, `prefferedSolver` is not used.
+  /// Same system, same surface within the solve's tolerance; memory grows with
+  /// the node count only, and the time stays near linear in it.
+  bool getMultilevelSolver() const { return m_multilevelSolver; }
+  bool & multilevelSolver() { return m_multilevelSolver; }
+  void setMultilevelSolver(bool v) { m_multilevelSolver = v; }
+
   /// (1 << octreeDepth) * reconstructFactor.
   float getCellFactor() const;
   /// modelSize / getCellFactor().
@@ -104,6 +114,7 @@ private:
   int m_densityEstimationDepthDelta;
   int m_detalizationLevel;
   int m_prefferedSolver;
+  bool m_multilevelSolver;
 };
 
 /// The caller's oriented point cloud. The coordinates pointer of a sample must

@@ -91,7 +91,7 @@ int solverCode(std::string const & s)
     return 3;
   if (s == "decomposing")
     return 4;
-  return -1;
+  return 0; // multilevel: the solver code is not used
 }
 } // namespace
 
@@ -100,7 +100,7 @@ int main(int argc, char ** argv)
   CLI::App app("Reconstructs a watertight triangle mesh from an oriented point cloud.\n"
                "INPUT: PLY (ascii or binary, vertex x y z nx ny nz) or text with x y z nx ny nz per line.\n"
                "OUTPUT: binary little-endian PLY.");
-  std::string input, output, solver = "auto", logPath, jsonPath;
+  std::string input, output, solver = "multilevel", logPath, jsonPath;
   int depth = 8, detail = -1;
   float subdivision = 1.0f, kernelScale = 0.95f;
   bool noDensity = false, open = false, normals = false, corner = false, quiet = false;
@@ -108,9 +108,10 @@ int main(int argc, char ** argv)
   app.add_option("INPUT", input, "oriented point cloud")->required();
   app.add_option("OUTPUT", output, "output mesh (.ply)")->required();
   app.add_option("--depth", depth, "octree depth")->capture_default_str()->check(CLI::Range(1, 16));
-  app.add_option("--solver", solver, "auto, direct, iterative or decomposing")
+  app.add_option("--solver", solver,
+                 "multilevel (by depths, no stored matrix), or the classic auto, direct, iterative, decomposing")
       ->capture_default_str()
-      ->check(CLI::IsMember({"auto", "direct", "iterative", "decomposing"}));
+      ->check(CLI::IsMember({"multilevel", "auto", "direct", "iterative", "decomposing"}));
   app.add_flag("--no-density", noDensity, "no density estimation: every sample weighs the same");
   app.add_flag("--open", open, "the surface is open: stop far from the samples");
   app.add_flag("--normals", normals, "vertex normals from the gradient of the implicit function");
@@ -167,6 +168,7 @@ int main(int argc, char ** argv)
   VolTr::CVolTriangulationParams params;
   params.setOctreeDepth(depth);
   params.setPrefferedSolver(solverCode(solver));
+  params.setMultilevelSolver(solver == "multilevel");
   params.setVariableDensity(!noDensity);
   params.setClosed(!open);
   params.setEstimateResultNormals(normals);

@@ -94,6 +94,9 @@ private:
   void assembleSystem(VsPCnt::CMultiPhaseManager & phases, std::unique_ptr<tf_Basis> * gradBasis,
                       std::unique_ptr<tf_LinComb> * field);
   std::unique_ptr<tf_LinComb> solveEquation(tf_CLogLine const & log);
+  /// The extension's path: right part and solve by depths, no stored matrix.
+  std::unique_ptr<tf_LinComb> solveMultilevel(VsPCnt::CMultiPhaseManager & phases, tf_CLogLine const & log,
+                                              std::unique_ptr<tf_LinComb> const * field);
   double calcMeanIsoValue(tf_LinComb const & x);
 
   // The iso-surface (VolTriangIsoSurface.cpp).

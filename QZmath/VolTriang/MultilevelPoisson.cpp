@@ -1,0 +1,908 @@
+#include "QZmath/VolTriang/detail/MultilevelPoisson.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <numeric>
+#include <sstream>
+#include <stdexcept>
+
+#include "QZmath/VolTriang/SingleVarPolynom.h"
+#include "QZsys/DebugLog.h"
+#include "QZsys/Progress.h"
+#include "QZsys/Threading.h"
+
+namespace VolTr
+{
+// One depth's nodes, sorted by lattice position (x, then y, then z), with a
+// table of the lines of constant (x, y) so that a box of positions is found
+// with one lookup per line.
+struct CMultilevelPoissonSolver::SLevel
+{
+  int depth = 0;
+  /// Leaf steps between neighbouring node positions, and the position of
+  /// lattice index 0: a node stands at m * spacing + offset.
+  int spacing = 1;
+  int offset = 0;
+  /// 1 / cell size, in model units.
+  double scale = 0.0;
+  std::vector<int> m[3];
+  std::vector<int> node;
+  int lo[3] = {0, 0, 0};
+  int n[3] = {0, 0, 0};
+  std::vector<int> lineOfXY;
+  std::vector<int> lineStart;
+  /// A[p][q] between nodes of this depth, by index offset in [-radius,
+  /// radius]^3, x slowest; and its centre, the diagonal.
+  int radius = 0;
+  std::vector<double> stencil;
+  double diagonal = 0.0;
+  int size() const { return static_cast<int>(node.size()); }
+};
+
+// One-variable integrals between a finer (or equal) depth f and a coarser
+// depth c, by offset d = position_f - position_c in leaf steps. The offsets
+// that occur are base + k * spacing_f; beyond the reach the integrals are 0.
+// m: k_f k_c; gF, gC: the derivative on f or on c; lF, lC: the second
+// derivative on f or on c. Kernels unnormalised, arguments s * (x - centre).
+struct CMultilevelPoissonSolver::SPairTables
+{
+  int fine = 0, coarse = 0;
+  double reach = 0.0; // |d| < reach where any value is non-zero
+  int base = 0;
+  int step = 1;
+  std::vector<double> mm, gF, gC, lF, lC;
+  int index(int d) const { return (d - base) / step; }
+};
+
+namespace
+{
+using SLevel = CMultilevelPoissonSolver::SLevel;
+using SPairTables = CMultilevelPoissonSolver::SPairTables;
+
+int tf_floorDiv(long long a, long long b)
+{
+  long long q = a / b;
+  if ((a % b != 0) && ((a < 0) != (b < 0)))
+    --q;
+  return static_cast<int>(q);
+}
+
+// The one-variable kernel with its first two derivatives, on its own pieces.
+class tf_Kernel1D
+{
+public:
+  explicit tf_Kernel1D(CProductPiecewisePolynom const & kernel)
+  {
+    m_k[0] = kernel.getSummand(0).getMultiplier(0);
+    m_k[0].makeDerivative(&m_k[1]);
+    m_k[1].makeDerivative(&m_k[2]);
+    for (int i = 0; i < m_k[0].getKnotsNumber(); ++i)
+      m_knots.push_back(m_k[0].getKnot(i) + m_k[0].getArgShift());
+    m_reach = 0.0;
+    for (double k : m_knots)
+      m_reach = std::max(m_reach, std::fabs(k));
+  }
+  double eval(int derivative, double t) const { return m_k[derivative].eval(t); }
+  std::vector<double> const & knots() const { return m_knots; }
+  /// The support is [-reach, reach] in kernel units.
+  double reach() const { return m_reach; }
+
+  // The integral of k^(a)(sf (x - cf)) k^(b)(sc (x - cc)): Gauss-Legendre on
+  // every interval between the knots of both factors, exact for the degrees
+  // of the kernel's pieces.
+  double integrate(int a, double sf, double cf, int b, double sc, double cc) const
+  {
+    double cuts[32];
+    int count = 0;
+    for (double k : m_knots)
+      cuts[count++] = cf + k / sf;
+    for (double k : m_knots)
+      cuts[count++] = cc + k / sc;
+    std::sort(cuts, cuts + count);
+    static double const nodes[4] = {-0.8611363115940526, -0.3399810435848563, 0.3399810435848563,
+                                    0.8611363115940526};
+    static double const weights[4] = {0.3478548451374538, 0.6521451548625461, 0.6521451548625461,
+                                      0.3478548451374538};
+    double const lo = std::max(cuts[0], std::max(cf - m_reach / sf, cc - m_reach / sc));
+    double const hi = std::min(cuts[count - 1], std::min(cf + m_reach / sf, cc + m_reach / sc));
+    double sum = 0.0;
+    for (int i = 0; i + 1 < count; ++i)
+    {
+      double const x0 = std::max(cuts[i], lo), x1 = std::min(cuts[i + 1], hi);
+      if (!(x1 > x0))
+        continue;
+      double const mid = 0.5 * (x0 + x1), half = 0.5 * (x1 - x0);
+      double part = 0.0;
+      for (int q = 0; q < 4; ++q)
+      {
+        double const x = mid + half * nodes[q];
+        part += weights[q] * eval(a, sf * (x - cf)) * eval(b, sc * (x - cc));
+      }
+      sum += part * half;
+    }
+    return sum;
+  }
+
+private:
+  CSingleVarLimitedPolynom m_k[3];
+  std::vector<double> m_knots;
+  double m_reach;
+};
+
+// Runs body(block, begin, end) over fixed blocks of [0, count) on up to
+// `tasks` threads. Blocks do not depend on the thread count.
+constexpr int tf_blockSize = 2048;
+
+template <class F> void tf_forBlocks(int count, int tasks, F && body)
+{
+  int const blocks = (count + tf_blockSize - 1) / tf_blockSize;
+  if (tasks <= 1 || blocks <= 1)
+  {
+    for (int b = 0; b < blocks; ++b)
+      body(b, b * tf_blockSize, std::min(count, (b + 1) * tf_blockSize));
+    return;
+  }
+  struct Task : IVescaInvokeProc
+  {
+    F * body;
+    int first, stride, blocks, count;
+    void run() override
+    {
+      for (int b = first; b < blocks; b += stride)
+        (*body)(b, b * tf_blockSize, std::min(count, (b + 1) * tf_blockSize));
+    }
+  };
+  int const used = std::min(tasks, blocks);
+  std::vector<Task> work(static_cast<std::size_t>(used));
+  std::vector<IVescaInvokeProc *> procs;
+  for (int t = 0; t < used; ++t)
+  {
+    work[t].body = &body;
+    work[t].first = t;
+    work[t].stride = used;
+    work[t].blocks = blocks;
+    work[t].count = count;
+    procs.push_back(&work[t]);
+  }
+  CVescaThreadingTasksHelper::performInParallel(procs.data(), used, nullptr);
+}
+
+// Runs body(item) for items [0, count) on up to `tasks` threads, each item
+// whole on one thread.
+template <class F> void tf_forItems(int count, int tasks, F && body)
+{
+  if (tasks <= 1 || count <= 1)
+  {
+    for (int i = 0; i < count; ++i)
+      body(i);
+    return;
+  }
+  struct Task : IVescaInvokeProc
+  {
+    F * body;
+    int first, stride, count;
+    void run() override
+    {
+      for (int i = first; i < count; i += stride)
+        (*body)(i);
+    }
+  };
+  int const used = std::min(tasks, count);
+  std::vector<Task> work(static_cast<std::size_t>(used));
+  std::vector<IVescaInvokeProc *> procs;
+  for (int t = 0; t < used; ++t)
+  {
+    work[t].body = &body;
+    work[t].first = t;
+    work[t].stride = used;
+    work[t].count = count;
+    procs.push_back(&work[t]);
+  }
+  CVescaThreadingTasksHelper::performInParallel(procs.data(), used, nullptr);
+}
+
+// Lattice indices per axis that one node can reach on another depth; kernels
+// wider than this (a kernel scale above 2.5) are refused.
+constexpr int tf_maxWindow = 16;
+
+// The candidates of one axis: the lattice indices of level Q within reach of
+// a position, and the table slot of each.
+struct tf_AxisWindow
+{
+  int lo = 0, hi = -1;
+  int slot[tf_maxWindow];
+};
+
+// For a node at position c (leaf steps) of the finer depth of `t` and the
+// level Q of its coarser depth, the indices m of Q with
+// |c - (m * spacing + offset)| < reach, with their table slots.
+inline void tf_axisWindow(tf_AxisWindow * w, int c, SLevel const & q, SPairTables const & t)
+{
+  double const a = (static_cast<double>(c) - q.offset - t.reach) / q.spacing;
+  double const b = (static_cast<double>(c) - q.offset + t.reach) / q.spacing;
+  w->lo = static_cast<int>(std::floor(a)) + 1;
+  w->hi = static_cast<int>(std::ceil(b)) - 1;
+  if (w->hi - w->lo >= tf_maxWindow)
+    w->hi = w->lo + tf_maxWindow - 1; // the constructor refuses such kernels
+  for (int m = w->lo; m <= w->hi; ++m)
+  {
+    int const d = c - (m * q.spacing + q.offset);
+    w->slot[m - w->lo] = t.index(d);
+  }
+}
+
+// Walks the lines (nodes of equal x and y) of a level P and, for each of
+// their nodes in ascending z, the nodes of a level Q within reach, where P is
+// the finer (or the same) depth of the table `t` and Q the coarser. The lines
+// of Q in reach are the same for a whole line of P, and the window along z
+// only moves forward, so no search is repeated per node.
+class tf_LineWalker
+{
+public:
+  static constexpr int maxLines = tf_maxWindow * tf_maxWindow;
+
+  tf_LineWalker(SLevel const & p, SLevel const & q, SPairTables const & t) : m_p(p), m_q(q), m_t(t) {}
+
+  int lineCount() const { return m_lines; }
+  /// The table slots of the x and y offsets of a line of Q in reach.
+  int slotX(int j) const { return m_wx.slot[m_ix[j]]; }
+  int slotY(int j) const { return m_wy.slot[m_iy[j]]; }
+  tf_AxisWindow const & windowZ() const { return m_wz; }
+
+  void setLine(int line)
+  {
+    int const k0 = m_p.lineStart[static_cast<std::size_t>(line)];
+    tf_axisWindow(&m_wx, m_p.m[0][k0] * m_p.spacing + m_p.offset, m_q, m_t);
+    tf_axisWindow(&m_wy, m_p.m[1][k0] * m_p.spacing + m_p.offset, m_q, m_t);
+    m_lines = 0;
+    int const x0 = std::max(m_wx.lo, m_q.lo[0]), x1 = std::min(m_wx.hi, m_q.lo[0] + m_q.n[0] - 1);
+    int const y0 = std::max(m_wy.lo, m_q.lo[1]), y1 = std::min(m_wy.hi, m_q.lo[1] + m_q.n[1] - 1);
+    for (int x = x0; x <= x1; ++x)
+    {
+      int const * row = m_q.lineOfXY.data() + static_cast<std::size_t>(x - m_q.lo[0]) * m_q.n[1];
+      for (int y = y0; y <= y1; ++y)
+      {
+        int const ql = row[y - m_q.lo[1]];
+        if (ql < 0)
+          continue;
+        m_begin[m_lines] = m_ptr[m_lines] = m_q.lineStart[static_cast<std::size_t>(ql)];
+        m_end[m_lines] = m_q.lineStart[static_cast<std::size_t>(ql) + 1];
+        m_ix[m_lines] = x - m_wx.lo;
+        m_iy[m_lines] = y - m_wy.lo;
+        ++m_lines;
+      }
+    }
+  }
+
+  /// Moves to node k of the present line; k must rise along the line.
+  void setNode(int k)
+  {
+    tf_axisWindow(&m_wz, m_p.m[2][k] * m_p.spacing + m_p.offset, m_q, m_t);
+    int const * z = m_q.m[2].data();
+    for (int j = 0; j < m_lines; ++j)
+      while (m_ptr[j] < m_end[j] && z[m_ptr[j]] < m_wz.lo)
+        ++m_ptr[j];
+  }
+
+  /// Calls f(index in Q, slot index along z) for line j of Q in the window.
+  template <class F> void forEach(int j, F && f) const
+  {
+    int const * z = m_q.m[2].data();
+    for (int i = m_ptr[j]; i < m_end[j] && z[i] <= m_wz.hi; ++i)
+      f(i, z[i] - m_wz.lo);
+  }
+
+private:
+  SLevel const & m_p;
+  SLevel const & m_q;
+  SPairTables const & m_t;
+  tf_AxisWindow m_wx, m_wy, m_wz;
+  int m_lines = 0;
+  int m_begin[maxLines], m_end[maxLines], m_ptr[maxLines], m_ix[maxLines], m_iy[maxLines];
+};
+
+int tf_lineCount(SLevel const & p) { return p.size() == 0 ? 0 : static_cast<int>(p.lineStart.size()) - 1; }
+
+// y[k] += sum over the nodes q of Q in reach of A[k][q] x[q], for the nodes k
+// of P, where P is the finer or the same depth. A[k][q] is
+// -sp^3 sq^5 (l m m + m l m + m m l) with the second derivative on q.
+void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t, double const * x, double * y,
+                      int tasks)
+{
+  double const norm = -p.scale * p.scale * p.scale * q.scale * q.scale * q.scale * q.scale * q.scale;
+  tf_forBlocks(tf_lineCount(p), tasks, [&](int, int begin, int end) {
+    tf_LineWalker walk(p, q, t);
+    double a[tf_LineWalker::maxLines], b[tf_LineWalker::maxLines], mz[tf_maxWindow], lz[tf_maxWindow];
+    for (int line = begin; line < end; ++line)
+    {
+      walk.setLine(line);
+      for (int j = 0; j < walk.lineCount(); ++j)
+      {
+        int const sx = walk.slotX(j), sy = walk.slotY(j);
+        a[j] = t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy];
+        b[j] = t.mm[sx] * t.mm[sy];
+      }
+      for (int k = p.lineStart[line]; k < p.lineStart[line + 1]; ++k)
+      {
+        walk.setNode(k);
+        tf_AxisWindow const & wz = walk.windowZ();
+        for (int iz = 0; iz <= wz.hi - wz.lo; ++iz)
+        {
+          mz[iz] = t.mm[wz.slot[iz]];
+          lz[iz] = t.lC[wz.slot[iz]];
+        }
+        double sum = 0.0;
+        for (int j = 0; j < walk.lineCount(); ++j)
+        {
+          double sm = 0.0, sl = 0.0;
+          walk.forEach(j, [&](int i, int iz) {
+            sm += x[i] * mz[iz];
+            sl += x[i] * lz[iz];
+          });
+          sum += a[j] * sm + b[j] * sl;
+        }
+        y[k] += norm * sum;
+      }
+    }
+  });
+}
+
+// y[k] += sum over the nodes q of a finer level Q in reach of A[k][q] x[q],
+// for the nodes k of P: every node of Q gives to the nodes of P it reaches.
+// The lines of Q are cut into a fixed number of chunks with a buffer each,
+// added in chunk order, so the sums do not depend on the threads.
+void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t, double const * x, double * y,
+                       int tasks)
+{
+  if (p.size() == 0 || q.size() == 0)
+    return;
+  double const norm = -q.scale * q.scale * q.scale * p.scale * p.scale * p.scale * p.scale * p.scale;
+  constexpr int chunks = 8;
+  int const lines = tf_lineCount(q);
+  std::vector<std::vector<double>> buffers(chunks);
+  tf_forItems(chunks, tasks, [&](int chunk) {
+    std::vector<double> & out = buffers[chunk];
+    out.assign(p.node.size(), 0.0);
+    tf_LineWalker walk(q, p, t);
+    double a[tf_LineWalker::maxLines], b[tf_LineWalker::maxLines];
+    int const first = static_cast<int>(static_cast<long long>(lines) * chunk / chunks);
+    int const last = static_cast<int>(static_cast<long long>(lines) * (chunk + 1) / chunks);
+    for (int line = first; line < last; ++line)
+    {
+      walk.setLine(line);
+      for (int j = 0; j < walk.lineCount(); ++j)
+      {
+        int const sx = walk.slotX(j), sy = walk.slotY(j);
+        a[j] = t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy];
+        b[j] = t.mm[sx] * t.mm[sy];
+      }
+      for (int i = q.lineStart[line]; i < q.lineStart[line + 1]; ++i)
+      {
+        double const v = x[i];
+        if (v == 0.0)
+          continue;
+        walk.setNode(i);
+        tf_AxisWindow const & wz = walk.windowZ();
+        double const scaled = norm * v;
+        for (int j = 0; j < walk.lineCount(); ++j)
+        {
+          double const aj = scaled * a[j], bj = scaled * b[j];
+          walk.forEach(j, [&](int k, int iz) { out[k] += aj * t.mm[wz.slot[iz]] + bj * t.lC[wz.slot[iz]]; });
+        }
+      }
+    }
+  });
+  for (int chunk = 0; chunk < chunks; ++chunk)
+    for (int k = 0; k < p.size(); ++k)
+      y[k] += buffers[chunk][k];
+}
+
+double tf_dot(double const * a, double const * b, int n, int tasks)
+{
+  std::vector<double> partial(static_cast<std::size_t>((n + tf_blockSize - 1) / tf_blockSize), 0.0);
+  tf_forBlocks(n, tasks, [&](int block, int begin, int end) {
+    double s = 0.0;
+    for (int i = begin; i < end; ++i)
+      s += a[i] * b[i];
+    partial[block] = s;
+  });
+  double s = 0.0;
+  for (double p : partial)
+    s += p;
+  return s;
+}
+
+// y[k] += sum over all depths of A[k][q] x[q] for the nodes k of depth l,
+// skipping depths whose x is still zero.
+void tf_depthProduct(std::vector<SLevel> const & levels, std::vector<SPairTables> const & tables, int l,
+                     std::vector<std::vector<double>> const & x, std::vector<char> const & active, double * y,
+                     int tasks)
+{
+  int const depths = static_cast<int>(levels.size());
+  for (int lq = 0; lq < depths; ++lq)
+  {
+    if (!active[lq])
+      continue;
+    if (lq <= l)
+      tf_gatherProduct(levels[l], levels[lq], tables[static_cast<std::size_t>(l * depths + lq)], x[lq].data(), y,
+                       tasks);
+    else
+      tf_scatterProduct(levels[l], levels[lq], tables[static_cast<std::size_t>(lq * depths + l)], x[lq].data(), y,
+                        tasks);
+  }
+}
+} // namespace
+
+// ------------------------------------------------------------------ set-up
+
+CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProductPiecewisePolynom const & kernel,
+                                                   SMultilevelSolveSettings const & settings)
+    : m_octree(octree), m_settings(settings), m_depthBegin(octree.getNodeDepthBegin()),
+      m_depthEnd(octree.getNodeDepthEnd())
+{
+  int const leaf = octree.getLeafCellDepth();
+  int const depths = std::max(0, m_depthEnd - m_depthBegin);
+  m_levels.resize(static_cast<std::size_t>(depths));
+  std::vector<CTreeNode> const & nodes = octree.getNodesTable();
+  int const n = static_cast<int>(nodes.size());
+
+  std::vector<std::vector<int>> byDepth(static_cast<std::size_t>(depths));
+  for (int i = 0; i < n; ++i)
+    byDepth[static_cast<std::size_t>(nodes[i].depth() - m_depthBegin)].push_back(i);
+
+  m_localIndex.assign(static_cast<std::size_t>(n), -1);
+  for (int l = 0; l < depths; ++l)
+  {
+    SLevel & level = m_levels[static_cast<std::size_t>(l)];
+    level.depth = m_depthBegin + l;
+    level.spacing = 1 << (leaf - level.depth);
+    level.scale = 1.0 / octree.getCellSize(level.depth);
+    std::vector<int> & list = byDepth[static_cast<std::size_t>(l)];
+    if (list.empty())
+      continue;
+    int const c0 = nodes[list[0]].shift().x();
+    level.offset = ((c0 % level.spacing) + level.spacing) % level.spacing;
+    std::sort(list.begin(), list.end(), [&](int a, int b) { return nodes[a].shift() < nodes[b].shift(); });
+    level.node = list;
+    for (int a = 0; a < 3; ++a)
+      level.m[a].resize(list.size());
+    int lo[3] = {INT32_MAX, INT32_MAX, INT32_MAX}, hi[3] = {INT32_MIN, INT32_MIN, INT32_MIN};
+    for (std::size_t k = 0; k < list.size(); ++k)
+    {
+      CInt3 const & s = nodes[list[k]].shift();
+      for (int a = 0; a < 3; ++a)
+      {
+        int const m = tf_floorDiv(static_cast<long long>(s.coord(a)) - level.offset, level.spacing);
+        level.m[a][k] = m;
+        lo[a] = std::min(lo[a], m);
+        hi[a] = std::max(hi[a], m);
+      }
+      m_localIndex[static_cast<std::size_t>(list[k])] = static_cast<int>(k);
+    }
+    for (int a = 0; a < 3; ++a)
+    {
+      level.lo[a] = lo[a];
+      level.n[a] = hi[a] - lo[a] + 1;
+    }
+    level.lineOfXY.assign(static_cast<std::size_t>(level.n[0]) * level.n[1], -1);
+    for (std::size_t k = 0; k < list.size(); ++k)
+      if (k == 0 || level.m[0][k] != level.m[0][k - 1] || level.m[1][k] != level.m[1][k - 1])
+      {
+        std::size_t const cell =
+            static_cast<std::size_t>(level.m[0][k] - lo[0]) * level.n[1] + (level.m[1][k] - lo[1]);
+        level.lineOfXY[cell] = static_cast<int>(level.lineStart.size());
+        level.lineStart.push_back(static_cast<int>(k));
+      }
+    level.lineStart.push_back(static_cast<int>(list.size()));
+  }
+
+  // One-variable integrals for every pair of depths.
+  tf_Kernel1D const k1(kernel);
+  double const unit = octree.getUnit();
+  m_tables.resize(static_cast<std::size_t>(depths * depths));
+  for (int f = 0; f < depths; ++f)
+    for (int c = 0; c <= f; ++c)
+    {
+      SLevel const & lf = m_levels[static_cast<std::size_t>(f)];
+      SLevel const & lc = m_levels[static_cast<std::size_t>(c)];
+      SPairTables & t = m_tables[static_cast<std::size_t>(f * depths + c)];
+      t.fine = lf.depth;
+      t.coarse = lc.depth;
+      t.step = lf.spacing;
+      t.reach = k1.reach() * (lf.spacing + lc.spacing);
+      // Offsets d = position_f - position_c with d = residue (mod step).
+      int const residue = ((lf.offset - lc.offset) % t.step + t.step) % t.step;
+      int const first = tf_floorDiv(static_cast<long long>(std::floor(-t.reach)) - residue, t.step) * t.step + residue;
+      t.base = first;
+      int const count = static_cast<int>(std::floor((t.reach - first) / t.step)) + 1;
+      for (auto * v : {&t.mm, &t.gF, &t.gC, &t.lF, &t.lC})
+        v->assign(static_cast<std::size_t>(std::max(0, count)), 0.0);
+      for (int k = 0; k < count; ++k)
+      {
+        double const cf = (first + k * t.step) * unit;
+        t.mm[k] = k1.integrate(0, lf.scale, cf, 0, lc.scale, 0.0);
+        t.gF[k] = k1.integrate(1, lf.scale, cf, 0, lc.scale, 0.0);
+        t.gC[k] = k1.integrate(0, lf.scale, cf, 1, lc.scale, 0.0);
+        t.lF[k] = k1.integrate(2, lf.scale, cf, 0, lc.scale, 0.0);
+        t.lC[k] = k1.integrate(0, lf.scale, cf, 2, lc.scale, 0.0);
+      }
+    }
+
+  // Same-depth stencils: A[p][q] = -s^8 (l m m + m l m + m m l).
+  for (int l = 0; l < depths; ++l)
+  {
+    SLevel & level = m_levels[static_cast<std::size_t>(l)];
+    SPairTables const & t = m_tables[static_cast<std::size_t>(l * depths + l)];
+    level.radius = static_cast<int>(std::ceil(t.reach / level.spacing)) - 1;
+    int const width = 2 * level.radius + 1;
+    if (width > tf_maxWindow)
+      throw std::invalid_argument("kernel too wide for the multilevel solve");
+    double const s = level.scale, norm = s * s * s * s * s * s * s * s;
+    level.stencil.assign(static_cast<std::size_t>(width) * width * width, 0.0);
+    for (int a = 0; a < width; ++a)
+      for (int b = 0; b < width; ++b)
+        for (int c = 0; c < width; ++c)
+        {
+          int const ia = t.index((a - level.radius) * level.spacing);
+          int const ib = t.index((b - level.radius) * level.spacing);
+          int const ic = t.index((c - level.radius) * level.spacing);
+          level.stencil[static_cast<std::size_t>((a * width + b) * width + c)] =
+              -norm * (t.lC[ia] * t.mm[ib] * t.mm[ic] + t.mm[ia] * t.lC[ib] * t.mm[ic] +
+                       t.mm[ia] * t.mm[ib] * t.lC[ic]);
+        }
+    level.diagonal = level.stencil[static_cast<std::size_t>((level.radius * width + level.radius) * width +
+                                                            level.radius)];
+  }
+}
+
+CMultilevelPoissonSolver::~CMultilevelPoissonSolver() = default;
+
+int CMultilevelPoissonSolver::taskCount() const
+{
+  int const t = m_settings.threads > 0 ? m_settings.threads : CVescaThreadingTasksHelper::getNumOfPhisicalThread();
+  return std::max(1, t);
+}
+
+CMultilevelPoissonSolver::SPairTables const & CMultilevelPoissonSolver::tables(int fine, int coarse) const
+{
+  int const depths = static_cast<int>(m_levels.size());
+  return m_tables[static_cast<std::size_t>((fine - m_depthBegin) * depths + (coarse - m_depthBegin))];
+}
+
+double CMultilevelPoissonSolver::matrixEntry(int a, int b) const
+{
+  int const da = m_octree.getNodeDepth(a), db = m_octree.getNodeDepth(b);
+  int const fine = da >= db ? a : b, coarse = da >= db ? b : a;
+  int const df = std::max(da, db), dc = std::min(da, db);
+  SPairTables const & t = tables(df, dc);
+  CInt3 const & pf = m_octree.getNode(fine).shift();
+  CInt3 const & pc = m_octree.getNode(coarse).shift();
+  double m[3], l[3];
+  for (int axis = 0; axis < 3; ++axis)
+  {
+    int const d = pf.coord(axis) - pc.coord(axis);
+    if (!(std::fabs(d) < t.reach))
+      return 0.0;
+    m[axis] = t.mm[t.index(d)];
+    l[axis] = t.lC[t.index(d)];
+  }
+  double const sf = m_levels[df - m_depthBegin].scale, sc = m_levels[dc - m_depthBegin].scale;
+  double const norm = sf * sf * sf * sc * sc * sc * sc * sc;
+  return -norm * (l[0] * m[1] * m[2] + m[0] * l[1] * m[2] + m[0] * m[1] * l[2]);
+}
+
+// ------------------------------------------------------------------ right part
+
+void CMultilevelPoissonSolver::makeRightPart(std::vector<double> const * coefficients, std::vector<double> * b) const
+{
+  int const depths = static_cast<int>(m_levels.size());
+  int const tasks = taskCount();
+  std::vector<std::vector<double>> local(static_cast<std::size_t>(depths));
+  std::vector<std::vector<double>> field[3];
+  for (int j = 0; j < 3; ++j)
+  {
+    field[j].resize(static_cast<std::size_t>(depths));
+    for (int l = 0; l < depths; ++l)
+    {
+      SLevel const & level = m_levels[l];
+      field[j][l].resize(level.node.size());
+      for (int k = 0; k < level.size(); ++k)
+        field[j][l][k] = coefficients[j][static_cast<std::size_t>(level.node[k])];
+    }
+  }
+  // Which depths carry any field at all.
+  std::vector<char> hasField(static_cast<std::size_t>(depths), 0);
+  for (int l = 0; l < depths; ++l)
+    for (int j = 0; j < 3 && !hasField[l]; ++j)
+      for (double v : field[j][l])
+        if (v != 0.0)
+        {
+          hasField[l] = 1;
+          break;
+        }
+
+  // Gather: a node takes from the field nodes of its own and coarser depths,
+  // <F_o, d_j F_i> = so^3 si^4 (g m m, m g m, m m g) with the derivative on i.
+  for (int l = 0; l < depths; ++l)
+  {
+    SLevel const & p = m_levels[l];
+    local[l].assign(p.node.size(), 0.0);
+    std::vector<double> & out = local[l];
+    for (int lq = 0; lq <= l; ++lq)
+    {
+      if (!hasField[lq])
+        continue;
+      SLevel const & q = m_levels[lq];
+      SPairTables const & t = m_tables[static_cast<std::size_t>(l * depths + lq)];
+      double const norm = p.scale * p.scale * p.scale * q.scale * q.scale * q.scale * q.scale;
+      double const *f0 = field[0][lq].data(), *f1 = field[1][lq].data(), *f2 = field[2][lq].data();
+      tf_forBlocks(tf_lineCount(p), tasks, [&](int, int begin, int end) {
+        tf_LineWalker walk(p, q, t);
+        double c0[tf_LineWalker::maxLines], c1[tf_LineWalker::maxLines], c2[tf_LineWalker::maxLines];
+        double mz[tf_maxWindow], gz[tf_maxWindow];
+        for (int line = begin; line < end; ++line)
+        {
+          walk.setLine(line);
+          for (int j = 0; j < walk.lineCount(); ++j)
+          {
+            int const sx = walk.slotX(j), sy = walk.slotY(j);
+            c0[j] = t.gC[sx] * t.mm[sy];
+            c1[j] = t.mm[sx] * t.gC[sy];
+            c2[j] = t.mm[sx] * t.mm[sy];
+          }
+          for (int k = p.lineStart[line]; k < p.lineStart[line + 1]; ++k)
+          {
+            walk.setNode(k);
+            tf_AxisWindow const & wz = walk.windowZ();
+            for (int iz = 0; iz <= wz.hi - wz.lo; ++iz)
+            {
+              mz[iz] = t.mm[wz.slot[iz]];
+              gz[iz] = t.gC[wz.slot[iz]];
+            }
+            double sum = 0.0;
+            for (int j = 0; j < walk.lineCount(); ++j)
+            {
+              double s0 = 0.0, s1 = 0.0, s2 = 0.0;
+              walk.forEach(j, [&](int i, int iz) {
+                s0 += f0[i] * mz[iz];
+                s1 += f1[i] * mz[iz];
+                s2 += f2[i] * gz[iz];
+              });
+              sum += c0[j] * s0 + c1[j] * s1 + c2[j] * s2;
+            }
+            out[k] += norm * sum;
+          }
+        }
+      });
+    }
+  }
+
+  // Scatter: a field node gives to the nodes of coarser depths, with the
+  // derivative on the finer function. One target depth per task, so every
+  // sum has a fixed order.
+  std::vector<std::vector<double>> scattered(static_cast<std::size_t>(depths));
+  tf_forItems(depths, tasks, [&](int l) {
+    SLevel const & p = m_levels[l];
+    std::vector<double> & out = scattered[l];
+    out.assign(p.node.size(), 0.0);
+    for (int lq = l + 1; lq < depths; ++lq)
+    {
+      if (!hasField[lq] || p.size() == 0)
+        continue;
+      SLevel const & q = m_levels[lq];
+      SPairTables const & t = m_tables[static_cast<std::size_t>(lq * depths + l)];
+      double const norm = p.scale * p.scale * p.scale * q.scale * q.scale * q.scale * q.scale;
+      double const *f0 = field[0][lq].data(), *f1 = field[1][lq].data(), *f2 = field[2][lq].data();
+      tf_LineWalker walk(q, p, t);
+      double c0[tf_LineWalker::maxLines], c1[tf_LineWalker::maxLines], c2[tf_LineWalker::maxLines];
+      for (int line = 0; line < tf_lineCount(q); ++line)
+      {
+        walk.setLine(line);
+        for (int j = 0; j < walk.lineCount(); ++j)
+        {
+          int const sx = walk.slotX(j), sy = walk.slotY(j);
+          c0[j] = t.gF[sx] * t.mm[sy];
+          c1[j] = t.mm[sx] * t.gF[sy];
+          c2[j] = t.mm[sx] * t.mm[sy];
+        }
+        for (int i = q.lineStart[line]; i < q.lineStart[line + 1]; ++i)
+        {
+          if (f0[i] == 0.0 && f1[i] == 0.0 && f2[i] == 0.0)
+            continue;
+          walk.setNode(i);
+          tf_AxisWindow const & wz = walk.windowZ();
+          for (int j = 0; j < walk.lineCount(); ++j)
+          {
+            double const a = norm * (f0[i] * c0[j] + f1[i] * c1[j]), b = norm * f2[i] * c2[j];
+            walk.forEach(j, [&](int k, int iz) { out[k] += a * t.mm[wz.slot[iz]] + b * t.gF[wz.slot[iz]]; });
+          }
+        }
+      }
+    }
+  });
+
+  b->assign(m_localIndex.size(), 0.0);
+  for (int l = 0; l < depths; ++l)
+  {
+    SLevel const & p = m_levels[l];
+    for (int k = 0; k < p.size(); ++k)
+      (*b)[static_cast<std::size_t>(p.node[k])] = local[l][k] + scattered[l][k];
+  }
+}
+
+// ------------------------------------------------------------------ solve
+
+void CMultilevelPoissonSolver::apply(std::vector<double> const & x, std::vector<double> * y) const
+{
+  int const depths = static_cast<int>(m_levels.size());
+  int const tasks = taskCount();
+  std::vector<std::vector<double>> local(static_cast<std::size_t>(depths));
+  std::vector<char> active(static_cast<std::size_t>(depths), 1);
+  for (int l = 0; l < depths; ++l)
+  {
+    SLevel const & p = m_levels[l];
+    local[l].resize(p.node.size());
+    for (int k = 0; k < p.size(); ++k)
+      local[l][k] = x[static_cast<std::size_t>(p.node[k])];
+  }
+  y->assign(m_localIndex.size(), 0.0);
+  std::vector<double> out;
+  for (int l = 0; l < depths; ++l)
+  {
+    SLevel const & p = m_levels[l];
+    out.assign(p.node.size(), 0.0);
+    tf_depthProduct(m_levels, m_tables, l, local, active, out.data(), tasks);
+    for (int k = 0; k < p.size(); ++k)
+      (*y)[static_cast<std::size_t>(p.node[k])] = out[k];
+  }
+}
+
+bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vector<double> * result,
+                                     CProgressCounter * progress, VsUt::IDebugLog * log)
+{
+  int const depths = static_cast<int>(m_levels.size());
+  int const tasks = taskCount();
+  m_report = SMultilevelSolveReport();
+  if (m_localIndex.empty() || rhs.size() != m_localIndex.size())
+    return false;
+
+  std::vector<std::vector<double>> target(static_cast<std::size_t>(depths)), x(target);
+  std::vector<char> active(static_cast<std::size_t>(depths), 0);
+  double work = 0.0, done = 0.0;
+  for (int l = 0; l < depths; ++l)
+  {
+    SLevel const & p = m_levels[l];
+    target[l].resize(p.node.size());
+    for (int k = 0; k < p.size(); ++k)
+      target[l][k] = -rhs[static_cast<std::size_t>(p.node[k])];
+    x[l].assign(p.node.size(), 0.0);
+    m_report.nodesPerDepth.push_back(p.size());
+    work += static_cast<double>(p.size()) * (1 + 2 * std::max(0, m_settings.vCycles));
+  }
+  m_report.iterationsPerDepth.assign(static_cast<std::size_t>(depths), 0);
+
+  std::vector<double> r, z, dir, q, delta;
+  auto relax = [&](int l) {
+    SLevel const & p = m_levels[l];
+    int const n = p.size();
+    if (n == 0)
+      return;
+    // The depth's residual against all depths' present solution.
+    r.assign(static_cast<std::size_t>(n), 0.0);
+    tf_depthProduct(m_levels, m_tables, l, x, active, r.data(), tasks);
+    for (int k = 0; k < n; ++k)
+      r[k] = target[l][k] - r[k];
+
+    bool const small = n <= m_settings.smallDepthNodes;
+    int const cap = small ? std::max(1000, m_settings.maxIterations) : m_settings.maxIterations;
+    double const tolerance = small ? 1e-10 : m_settings.relativeTolerance;
+    double const inverseDiagonal = p.diagonal != 0.0 ? 1.0 / p.diagonal : 0.0;
+    delta.assign(static_cast<std::size_t>(n), 0.0);
+    z.resize(static_cast<std::size_t>(n));
+    dir.resize(static_cast<std::size_t>(n));
+    q.resize(static_cast<std::size_t>(n));
+    double const r0 = std::sqrt(tf_dot(r.data(), r.data(), n, tasks));
+    double rr = r0 * r0;
+    for (int k = 0; k < n; ++k)
+      dir[k] = z[k] = r[k] * inverseDiagonal;
+    double rz = rr * inverseDiagonal;
+    int it = 0;
+    bool converged = !(r0 > 0.0);
+    while (!converged && it < cap)
+    {
+      std::fill(q.begin(), q.end(), 0.0);
+      tf_gatherProduct(p, p, m_tables[static_cast<std::size_t>(l * depths + l)], dir.data(), q.data(), tasks);
+      double const pq = tf_dot(dir.data(), q.data(), n, tasks);
+      if (!(pq > 0.0) || !std::isfinite(pq))
+        break;
+      double const alpha = rz / pq;
+      for (int k = 0; k < n; ++k)
+      {
+        delta[k] += alpha * dir[k];
+        r[k] -= alpha * q[k];
+      }
+      ++it;
+      rr = tf_dot(r.data(), r.data(), n, tasks);
+      if (std::sqrt(rr) <= tolerance * r0)
+      {
+        converged = true;
+        break;
+      }
+      double const rzNew = rr * inverseDiagonal;
+      double const beta = rzNew / rz;
+      rz = rzNew;
+      for (int k = 0; k < n; ++k)
+        dir[k] = r[k] * inverseDiagonal + beta * dir[k];
+      if (progress && (it & 7) == 0)
+        progress->SetPosFloat(std::min(1.0, (done + static_cast<double>(n) * std::min(1.0, it / 20.0)) / work));
+    }
+    if (!converged && r0 > 0.0 && std::find(m_report.cappedDepths.begin(), m_report.cappedDepths.end(), p.depth) ==
+                                      m_report.cappedDepths.end())
+      m_report.cappedDepths.push_back(p.depth);
+    m_report.iterationsPerDepth[l] += it;
+    for (int k = 0; k < n; ++k)
+      x[l][k] += delta[k];
+    active[l] = 1;
+    done += n;
+    if (progress)
+      progress->SetPosFloat(std::min(1.0, done / work));
+  };
+
+  for (int l = 0; l < depths; ++l)
+    relax(l);
+  for (int cycle = 0; cycle < m_settings.vCycles; ++cycle)
+  {
+    for (int l = depths - 2; l >= 0; --l)
+      relax(l);
+    for (int l = 1; l < depths; ++l)
+      relax(l);
+  }
+
+  result->assign(m_localIndex.size(), 0.0);
+  for (int l = 0; l < depths; ++l)
+  {
+    SLevel const & p = m_levels[l];
+    for (int k = 0; k < p.size(); ++k)
+      (*result)[static_cast<std::size_t>(p.node[k])] = x[l][k];
+  }
+
+  if (m_settings.reportResidual)
+  {
+    // The residual over all depths: it costs one product more.
+    std::vector<double> ax;
+    apply(*result, &ax);
+    double num = 0.0, den = 0.0;
+    for (std::size_t i = 0; i < ax.size(); ++i)
+    {
+      double const d = -rhs[i] - ax[i];
+      num += d * d;
+      den += rhs[i] * rhs[i];
+    }
+    m_report.finalRelativeResidual = den > 0.0 ? std::sqrt(num / den) : 0.0;
+  }
+  if (log)
+  {
+    std::ostringstream line;
+    line << "Multilevel iterations per depth: ";
+    for (int l = 0; l < depths; ++l)
+      line << (l ? ", " : "") << m_levels[l].depth << ":" << m_report.iterationsPerDepth[l] << "/"
+           << m_report.nodesPerDepth[l];
+    log->getMessage(line.str().c_str());
+    for (int d : m_report.cappedDepths)
+    {
+      std::ostringstream capped;
+      capped << "Multilevel depth stopped at its iteration cap: " << d;
+      log->getMessage(capped.str().c_str());
+    }
+    if (m_settings.reportResidual)
+    {
+      std::ostringstream residual;
+      residual << "Multilevel relative residual: " << m_report.finalRelativeResidual;
+      log->getMessage(residual.str().c_str());
+    }
+  }
+  return true;
+}
+} // namespace VolTr

@@ -1,0 +1,112 @@
+#pragma once
+// The multilevel solve of the reconstruction's Poisson system.
+//
+// The system is the one the sparse solvers get: A[o][i] = -<F_o, Lap F_i> and
+// b[o] = <F_o, div U> over the octree basis. Here it is never stored. The
+// kernel is separable, so every entry is a sum of products of one-variable
+// integrals that depend only on the two depths and on the offset between the
+// two nodes; those integrals are tabulated once per depth pair and the
+// couplings are formed on the fly. Within a depth the operator is a stencil of
+// 5 x 5 x 5 offsets.
+//
+// The unknowns of all depths together form a generating system (functions of
+// a coarse depth are nearly, though not exactly, combinations of finer ones:
+// the kernel scale breaks exact nesting). The solve is block Gauss-Seidel over
+// the depths: coarse to fine, each depth's constraints corrected by the
+// solution of all other depths, then conjugate gradients with a Jacobi
+// preconditioner on the depth's own stencil. Further sweeps (V-cycles: fine to
+// coarse, then coarse to fine) correct what one cascade leaves behind.
+//
+// Work is cut into fixed blocks of nodes and partial sums are added in block
+// order, so the result does not depend on the number of threads.
+
+#include <vector>
+
+#include "QZmath/VolTriang/Octree.h"
+#include "QZmath/VolTriang/ProductPolynom.h"
+
+class CProgressCounter;
+
+namespace VsUt
+{
+class IDebugLog;
+}
+
+namespace VolTr
+{
+/// How the multilevel solve iterates.
+struct SMultilevelSolveSettings
+{
+  /// Sweeps over the depths after the first cascade (each a V-cycle).
+  int vCycles = 1;
+  /// Conjugate-gradient iterations per depth and sweep, at most.
+  int maxIterations = 60;
+  /// A depth's iteration stops when its residual has fallen by this factor.
+  double relativeTolerance = 1e-3;
+  /// Depths with at most this many nodes are solved to full accuracy.
+  int smallDepthNodes = 4096;
+  /// Tasks for the heavy loops; 0 means one per physical thread.
+  int threads = 0;
+  /// Measure |b - A x| / |b| after the solve (one product more) for the log.
+  bool reportResidual = false;
+};
+
+/// What a solve did, for the log and the tests.
+struct SMultilevelSolveReport
+{
+  std::vector<int> nodesPerDepth;
+  std::vector<int> iterationsPerDepth;
+  /// The depths whose iteration stopped at the cap.
+  std::vector<int> cappedDepths;
+  /// |b - A x| / |b| over all depths after the last sweep.
+  double finalRelativeResidual = 0.0;
+};
+
+class CMultilevelPoissonSolver
+{
+public:
+  /// `kernel` is the scaled sample kernel of the main basis (one summand,
+  /// equal multipliers). The octree must outlive the solver.
+  CMultilevelPoissonSolver(COctree const & octree, CProductPiecewisePolynom const & kernel,
+                           SMultilevelSolveSettings const & settings = SMultilevelSolveSettings());
+  ~CMultilevelPoissonSolver();
+  CMultilevelPoissonSolver(CMultilevelPoissonSolver const &) = delete;
+  CMultilevelPoissonSolver & operator=(CMultilevelPoissonSolver const &) = delete;
+
+  /// b[o] = sum over j of <F_o, field_j>, with field_j the combination of
+  /// `coefficients[j]` (one per node, in node order) over the basis of the
+  /// kernel's derivative along j. The result is in node order.
+  void makeRightPart(std::vector<double> const * coefficients, std::vector<double> * b) const;
+
+  /// The matrix entry A[a][b] between two nodes, from the tables.
+  double matrixEntry(int a, int b) const;
+
+  /// Solves A x + rhs = 0 (the form of the sparse solvers' rows), x in node
+  /// order. Returns false when the system has no unknowns. Progress goes to
+  /// `progress` (may be null) and an interruption passes as CUserIntrException.
+  bool solve(std::vector<double> const & rhs, std::vector<double> * x, CProgressCounter * progress,
+             VsUt::IDebugLog * log);
+
+  /// A x in node order, for tests and residual checks.
+  void apply(std::vector<double> const & x, std::vector<double> * y) const;
+
+  SMultilevelSolveReport const & report() const { return m_report; }
+
+  struct SLevel;
+  struct SPairTables;
+
+private:
+  int taskCount() const;
+  SPairTables const & tables(int fine, int coarse) const;
+
+  COctree const & m_octree;
+  SMultilevelSolveSettings m_settings;
+  int m_depthBegin;
+  int m_depthEnd;
+  std::vector<SLevel> m_levels;
+  std::vector<SPairTables> m_tables;
+  /// For each node, its depth's position in m_levels and its place there.
+  std::vector<int> m_localIndex;
+  SMultilevelSolveReport m_report;
+};
+} // namespace VolTr
