@@ -200,6 +200,89 @@ double tf_distanceAlongGradient(const double * r, const double * p)
   return std::min(std::fabs(t1), std::fabs(t2));
 }
 
+// The finite eigenpairs of a c = lambda b c with b the unit matrix on the
+// linear coefficients 6, 7, 8 and zero elsewhere. Splitting c into the linear
+// part l and the rest r: a_rr r + a_rl l = 0, so r = -a_rr^-1 a_rl l, and
+// (a_ll - a_lr a_rr^-1 a_rl) l = lambda l, a symmetric 3 x 3 problem. False
+// when a_rr is singular to working precision (the caller then solves the
+// pencil in full) or the 3 x 3 solver fails.
+bool tf_reducedEigen(int q, const double (&a)[10][10], int & count, double (&vec)[10][10], double * lambda)
+{
+  int rest[7];
+  int nr = 0;
+  for (int i = 0; i < q; ++i)
+    if (i < 6 || i > 8)
+      rest[nr++] = i;
+  // Cholesky a_rr = L L^T, in place in the lower triangle.
+  double l[7][7];
+  double maxDiag = 0.0;
+  for (int i = 0; i < nr; ++i)
+    maxDiag = std::max(maxDiag, a[rest[i]][rest[i]]);
+  if (!(maxDiag > 0.0) || !std::isfinite(maxDiag))
+    return false;
+  for (int i = 0; i < nr; ++i)
+    for (int j = 0; j <= i; ++j)
+    {
+      double sum = a[rest[i]][rest[j]];
+      for (int k = 0; k < j; ++k)
+        sum -= l[i][k] * l[j][k];
+      if (i == j)
+      {
+        if (!(sum > 1e-13 * maxDiag))
+          return false;
+        l[i][i] = std::sqrt(sum);
+      }
+      else
+        l[i][j] = sum / l[j][j];
+    }
+  // x = a_rr^-1 a_rl, three columns.
+  double x[7][3];
+  for (int c = 0; c < 3; ++c)
+  {
+    for (int i = 0; i < nr; ++i)
+    {
+      double sum = a[rest[i]][6 + c];
+      for (int k = 0; k < i; ++k)
+        sum -= l[i][k] * x[k][c];
+      x[i][c] = sum / l[i][i];
+    }
+    for (int i = nr - 1; i >= 0; --i)
+    {
+      double sum = x[i][c];
+      for (int k = i + 1; k < nr; ++k)
+        sum -= l[k][i] * x[k][c];
+      x[i][c] = sum / l[i][i];
+    }
+  }
+  double s[3][3];
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j)
+    {
+      double sum = a[6 + i][6 + j];
+      for (int k = 0; k < nr; ++k)
+        sum -= a[rest[k]][6 + i] * x[k][j];
+      s[i][j] = sum;
+    }
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < i; ++j)
+      s[i][j] = s[j][i] = 0.5 * (s[i][j] + s[j][i]);
+  double ev[3][3];
+  double * evRows[3] = {ev[0], ev[1], ev[2]};
+  if (!tf_finite3x3(s) || !tf_eigen(s, evRows, lambda))
+    return false;
+  for (int e = 0; e < 3; ++e)
+  {
+    for (int i = 0; i < 10; ++i)
+      vec[e][i] = 0.0;
+    for (int i = 0; i < 3; ++i)
+      vec[e][6 + i] = ev[i][e];
+    for (int k = 0; k < nr; ++k)
+      vec[e][rest[k]] = -(x[k][0] * ev[0][e] + x[k][1] * ev[1][e] + x[k][2] * ev[2][e]);
+  }
+  count = 3;
+  return true;
+}
+
 void tf_monomials(const Point3D & p, double * m)
 {
   double const x = p.x(), y = p.y(), z = p.z();
@@ -297,7 +380,8 @@ bool tf_getNormal2(int n, const Point3D * points, const CGetNormal2Prms & prm, C
   for (int i = 0; i < 10; ++i)
     aRows[i] = a[i], bRows[i] = b[i], vecRows[i] = vec[i];
   int count = 0;
-  if (!gen_right_eigen(q, aRows, bRows, count, vecRows, lambda))
+  bool const reduced = prm.ReducedEigenProblem() && tf_reducedEigen(q, a, count, vec, lambda);
+  if (!reduced && !gen_right_eigen(q, aRows, bRows, count, vecRows, lambda))
     return false;
 
   // 7. Scale each vector to a unit linear part.

@@ -279,6 +279,53 @@ TEST(GetNormal2, FoldTestRejectsTwoSheets)
   EXPECT_LT(lineAngleDeg(normal, x), 0.05);
 }
 
+TEST(GetNormal2, ReducedEigenProblemAgreesWithTheGeneralSolver)
+{
+  auto compare = [](const std::vector<Point3D> & pts, CGetNormal2Prms prm)
+  {
+    Fit2 const general = fit2(pts, &prm);
+    prm.ReducedEigenProblem() = true;
+    Fit2 const reduced = fit2(pts, &prm);
+    ASSERT_EQ(reduced.ok, general.ok);
+    if (!general.ok)
+      return;
+    // The same form up to its sign.
+    double const sign = reduced.normal[0] * general.normal[0] + reduced.normal[1] * general.normal[1] +
+                                    reduced.normal[2] * general.normal[2] >
+                                0
+                            ? 1.0
+                            : -1.0;
+    CQuadFormRaw10<double> g, r;
+    general.form.ConvertToRawFormat(g);
+    reduced.form.ConvertToRawFormat(r);
+    for (int i = 0; i < 10; ++i)
+      EXPECT_NEAR(r[i], sign * g[i], 1e-7);
+    // With a free term the distances depend on the form's sign: K enters
+    // the linear coefficient of the line's equation and not the free one.
+    if (prm.ZeroFremTerm() || sign > 0)
+    {
+      for (std::size_t i = 0; i < pts.size(); ++i)
+        EXPECT_NEAR(reduced.dist[i], general.dist[i], 1e-6);
+    }
+  };
+  CGetNormal2Prms prm;
+  for (unsigned seed = 1; seed <= 4; ++seed)
+  {
+    SCOPED_TRACE(seed);
+    compare(sampleSurface(cylinder(1.5), 30, 0.5, seed).points, prm);
+    compare(sampleSurface(saddle(0.7), 30, 0.5, seed, 1e-3).points, prm);
+    compare(sampleSurface(sphere(1.0), 25, 0.4, seed, 1e-4).points, prm);
+    prm.ZeroFremTerm() = false;
+    compare(sampleSurface(cylinder(1.5), 30, 0.5, seed, 1e-3).points, prm);
+    prm.SetDefault();
+  }
+  // An exact plane, forced: the quadratic moments are singular and the
+  // general solver answers.
+  prm.Force2() = true;
+  compare(sampleSurface(plane(), 30, 1.0, 7).points, prm);
+  EXPECT_FALSE(CGetNormal2Prms().ReducedEigenProblem());
+}
+
 TEST(GetNormal2, IndependentOfOtherThreads)
 {
   std::vector<CNeighbourhood> nbs;
