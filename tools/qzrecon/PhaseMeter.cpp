@@ -25,17 +25,39 @@ double statusKiB(char const * key)
 double CPhaseMeter::residentMiB() { return statusKiB("VmRSS:") / 1024.0; }
 double CPhaseMeter::peakResidentMiB() { return statusKiB("VmHWM:") / 1024.0; }
 
-void CPhaseMeter::resetPeak()
+CPhaseMeter::CPhaseMeter() : m_start(std::chrono::steady_clock::now()), m_phaseStart(m_start)
 {
-  // Writing 5 resets the peak resident size to the present one.
-  if (std::FILE * f = std::fopen("/proc/self/clear_refs", "w"))
-  {
-    std::fputs("5", f);
-    std::fclose(f);
-  }
+  m_phasePeakKiB = static_cast<long long>(statusKiB("VmRSS:"));
+  m_sampler = std::thread([this] {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stop)
+    {
+      lock.unlock();
+      sample();
+      lock.lock();
+      m_wake.wait_for(lock, std::chrono::milliseconds(5));
+    }
+  });
 }
 
-CPhaseMeter::CPhaseMeter() : m_start(std::chrono::steady_clock::now()), m_phaseStart(m_start) {}
+CPhaseMeter::~CPhaseMeter()
+{
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stop = true;
+  }
+  m_wake.notify_all();
+  m_sampler.join();
+}
+
+void CPhaseMeter::sample()
+{
+  long long const now = static_cast<long long>(statusKiB("VmRSS:"));
+  long long seen = m_phasePeakKiB.load();
+  while (now > seen && !m_phasePeakKiB.compare_exchange_weak(seen, now))
+  {
+  }
+}
 
 void CPhaseMeter::onProgress(double, std::string const & phaseName)
 {
@@ -47,7 +69,7 @@ void CPhaseMeter::onProgress(double, std::string const & phaseName)
   m_current = phaseName;
   m_open = true;
   m_phaseStart = std::chrono::steady_clock::now();
-  resetPeak();
+  m_phasePeakKiB = static_cast<long long>(statusKiB("VmRSS:"));
 }
 
 void CPhaseMeter::close()
@@ -57,7 +79,8 @@ void CPhaseMeter::close()
   PhaseRecord r;
   r.name = m_current;
   r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_phaseStart).count();
-  r.peakMiB = peakResidentMiB();
+  sample();
+  r.peakMiB = static_cast<double>(m_phasePeakKiB.load()) / 1024.0;
   m_totalPeakMiB = std::max(m_totalPeakMiB, r.peakMiB);
   m_phases.push_back(r);
   m_open = false;
