@@ -20,6 +20,9 @@ struct tf_QLState
   double const * b = nullptr;
   std::vector<double> lower, upper; // bounds, infinite where absent
   double epsMach = 0.0, tolRel = 0.0;
+  double const * c = nullptr; // the caller's C (lower triangle) and its shift
+  int ldc = 0;
+  double shift = 0.0;
 
   // J and R of the dual method: J J' is the inverse of the shifted C, and
   // J' N = [R; 0] over the normals N of the working set.
@@ -77,7 +80,8 @@ struct tf_QLState
   double & Rat(int row, int col) { return R[row + static_cast<std::size_t>(col) * n]; }
 };
 
-tf_QLState g_state;
+// Constant-initialised, so that loading the library runs nothing; the state
+// itself is made on the first call.
 std::atomic_flag g_busy = ATOMIC_FLAG_INIT;
 
 double tf_machineEpsilon()
@@ -173,6 +177,61 @@ void tf_dropFromWork(tf_QLState & st, int l, int q)
   st.uplus.erase(st.uplus.begin() + l);
 }
 
+// The optimum of the working set recomputed in one go: x = J1 R^-T b - J2 J2' d.
+// The iterate itself carries the rounding of every step, which is large when
+// a shifted semidefinite C put the unconstrained start far away.
+void tf_recomputeSolution(tf_QLState & st, double const * dlin)
+{
+  int const n = st.n, q = static_cast<int>(st.work.size());
+  std::vector<double> y(static_cast<std::size_t>(n), 0.0);
+  for (int i = 0; i < q; ++i) // R' y1 = b of the working set, as it entered
+  {
+    double s = st.sign[i] * st.normal(st.work[i], st.np.data());
+    for (int k = 0; k < i; ++k)
+      s -= st.Rat(k, i) * y[k];
+    y[i] = s / st.Rat(i, i);
+  }
+  for (int i = q; i < n; ++i)
+  {
+    double s = 0.0;
+    for (int k = 0; k < n; ++k)
+      s += st.Jat(k, i) * dlin[k];
+    y[i] = -s;
+  }
+  for (int k = 0; k < n; ++k)
+  {
+    double s = 0.0;
+    for (int i = 0; i < n; ++i)
+      s += st.Jat(k, i) * y[i];
+    st.x[k] = s;
+  }
+  // The multipliers likewise: R u = J1' (G x + d), G the shifted C.
+  std::vector<double> grad(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i)
+  {
+    double s = dlin[i] + st.shift * st.x[i];
+    for (int k = 0; k < n; ++k)
+      s += st.c[std::max(i, k) + static_cast<std::size_t>(std::min(i, k)) * st.ldc] * st.x[k];
+    grad[i] = s;
+  }
+  for (int i = 0; i < q; ++i)
+  {
+    double s = 0.0;
+    for (int k = 0; k < n; ++k)
+      s += st.Jat(k, i) * grad[k];
+    y[i] = s;
+  }
+  for (int i = q - 1; i >= 0; --i)
+  {
+    double s = y[i];
+    for (int k = i + 1; k < q; ++k)
+      s -= st.Rat(i, k) * st.uplus[k];
+    st.uplus[i] = s / st.Rat(i, i);
+    if (!st.isEquality(st.work[i]))
+      st.uplus[i] = std::max(0.0, st.uplus[i]);
+  }
+}
+
 template <class T> void tf_put(T * p, T v)
 {
   if (p)
@@ -202,6 +261,9 @@ int tf_solve(tf_QLState & st, double const * c, int ldc, double const * dlin, in
       return 3;
     shift = shift == 0.0 ? std::sqrt(st.epsMach) * scale : shift / 0.01;
   }
+  st.c = c;
+  st.ldc = ldc;
+  st.shift = shift;
 
   // J = L^-T: invert the lower triangle column by column.
   st.J.assign(static_cast<std::size_t>(n) * n, 0.0);
@@ -279,17 +341,21 @@ int tf_solve(tf_QLState & st, double const * c, int ldc, double const * dlin, in
         }
       }
       if (p < 0)
+      {
+        tf_recomputeSolution(st, dlin);
         return 0;
+      }
     }
     st.uplus.push_back(0.0);
 
     for (;;)
     {
-      if (++iterations > maxIter)
+      if (iterations == maxIter)
       {
         st.uplus.pop_back();
         return 1;
       }
+      ++iterations;
       int const q = static_cast<int>(st.work.size());
       st.normal(p, st.np.data());
       for (int k = 0; k < n; ++k)
@@ -401,7 +467,7 @@ void QLPoptimize(int * m, int * me, int * mmax, int * n, int * nmax, int * mnn, 
     ~LC_Release() { g_busy.clear(std::memory_order_release); }
   } const release;
 
-  tf_QLState & st = g_state;
+  static tf_QLState st;
   st = tf_QLState();
   st.epsMach = tf_machineEpsilon();
   tf_put(eps, st.epsMach);

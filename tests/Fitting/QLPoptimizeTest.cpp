@@ -1,6 +1,7 @@
 // The quadratic program routine on problems with known optima (free, active
 // and inactive constraints, bounds, equalities of either sign), the KKT
-// conditions on random problems, infeasible and malformed input.
+// conditions on random definite and semidefinite problems, infeasible and
+// malformed input.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,7 +20,7 @@ struct QP
   std::vector<double> c, d, a, b, xl, xu; // c and a column-major, tight
   std::vector<double> x, u;
   double f = 0, cres = 0, diag = 0, eps = 0;
-  int ifail = -1, iter = 0, nact = 0, nadd = 0, ndrop = 0, nviol = 0, ndep = 0, nshift = 0;
+  int maxit = 0, ifail = -1, iter = 0, nact = 0, nadd = 0, ndrop = 0, nviol = 0, ndep = 0, nshift = 0;
   std::vector<int> iact, ixstat, icstat;
 
   QP(int n_, int m_, int me_)
@@ -35,7 +36,7 @@ struct QP
   }
   int solve()
   {
-    int mmax = std::max(1, m), nmax = n, mnn = m + 2 * n, maxit = 0;
+    int mmax = std::max(1, m), nmax = n, mnn = m + 2 * n;
     double big = 0, tol = 0;
     x.assign(n, 0.0);
     u.assign(mnn, 0.0);
@@ -89,7 +90,7 @@ TEST(QLPoptimize, ActiveInequalityAndBoundCarryTheirMultipliers)
   EXPECT_EQ(p.nact, 2);
 }
 
-TEST(QLPoptimize, EqualitiesOfEitherSignAndDependentOnes)
+TEST(QLPoptimize, EqualitiesOfEitherSignDependentOnesAndInconsistentSets)
 {
   QP p(2, 2, 2);
   p.c = {2, 0, 0, 2};
@@ -103,20 +104,15 @@ TEST(QLPoptimize, EqualitiesOfEitherSignAndDependentOnes)
 
   p.row(1, {2, 2}, 5.0); // now parallel but apart
   EXPECT_EQ(p.solve(), 2);
-}
-
-TEST(QLPoptimize, InfeasibleBoundsAndConstraintsAreReported)
-{
-  QP p(2, 1, 0);
-  p.c = {1, 0, 0, 1};
-  p.xl = {2, -1e10};
-  p.xu = {1, 1e10};
-  EXPECT_EQ(p.solve(), 2);
 
   QP q(1, 2, 0);
   q.c = {1};
   q.row(0, {1}, 3.0);   // x >= 3
   q.row(1, {-1}, -1.0); // x <= 1
+  EXPECT_EQ(q.solve(), 2);
+  q.m = 0; // the same through the bounds
+  q.xl = {3};
+  q.xu = {1};
   EXPECT_EQ(q.solve(), 2);
 }
 
@@ -141,14 +137,16 @@ TEST(QLPoptimize, RandomProblemsMeetTheOptimalityConditions)
   {
     int const n = 2 + trial % 4, m = 1 + trial % 5, me = trial % 2;
     QP p(n, m, me);
-    std::vector<double> bm(n * n); // C = B B' + I/2
+    // C = B B' + I/2, or of rank n/2 (semidefinite) in every third problem.
+    bool const semi = trial % 3 == 0;
+    std::vector<double> bm(n * n);
     for (double & v : bm)
       v = uni(rng);
     for (int i = 0; i < n; ++i)
       for (int j = 0; j < n; ++j)
       {
-        p.c[i + j * n] = i == j ? 0.5 : 0.0;
-        for (int k = 0; k < n; ++k)
+        p.c[i + j * n] = i == j && !semi ? 0.5 : 0.0;
+        for (int k = 0; k < (semi ? n / 2 : n); ++k)
           p.c[i + j * n] += bm[i + k * n] * bm[j + k * n];
       }
     for (int i = 0; i < n; ++i)
@@ -175,14 +173,19 @@ TEST(QLPoptimize, RandomProblemsMeetTheOptimalityConditions)
     std::vector<double> res(n);
     for (int i = 0; i < n; ++i)
     {
-      res[i] = p.d[i] - p.u[m + i] + p.u[m + n + i];
+      res[i] = p.d[i] + p.diag * p.x[i] - p.u[m + i] + p.u[m + n + i]; // with the shift
       for (int k = 0; k < n; ++k)
         res[i] += p.c[i + k * n] * p.x[k];
       for (int j = 0; j < m; ++j)
         res[i] -= p.u[j] * p.a[j + i * m];
     }
     for (int i = 0; i < n; ++i)
+    {
       EXPECT_NEAR(res[i], 0.0, 1e-10) << trial;
+      EXPECT_LT(std::fabs(p.u[m + i] * (p.x[i] - p.xl[i])) + std::fabs(p.u[m + n + i] * (p.xu[i] - p.x[i])),
+                1e-10);
+      EXPECT_TRUE(p.u[m + i] >= 0.0 && p.u[m + n + i] >= 0.0);
+    }
     for (int j = me; j < m; ++j)
     {
       double s = -p.b[j];
@@ -205,4 +208,13 @@ TEST(QLPoptimize, MalformedInputIsRefused)
   EXPECT_EQ(p.solve(), 6);
   p.c = {-1, 0, 0, 1}; // indefinite beyond any small shift
   EXPECT_EQ(p.solve(), 3);
+
+  // Two constraints to take, one change allowed.
+  p.c = {1, 0, 0, 1};
+  p.d = {-5, -5};
+  p.row(0, {-1, 0}, -1.0);
+  p.xu[1] = 1.0;
+  p.maxit = 1;
+  EXPECT_EQ(p.solve(), 1);
+  EXPECT_EQ(p.iter, 1);
 }
