@@ -201,20 +201,30 @@ struct COctreeFuncBlockEvaluator::Cache
   int current = -1;
   long long clock = 0;
   long long built = 0;
-  // Kernel values per summand, axis and window position, and the windows.
-  double values[tf_Flat::MAX_SUMMANDS][3][MAX_WINDOW];
-  long long windowLow[3];
-  int windowSize[3];
+  // Per depth and axis, the window of nodes that reach the last coordinate
+  // asked on that axis, with their kernel values per summand: points that
+  // share a coordinate (the corners of the polygoniser's lattice, the points
+  // of a bisection along an axis) share them.
+  struct AxisWindow
+  {
+    double coord = std::nan("");
+    long long low = 0;
+    int size = 0;
+    double values[tf_Flat::MAX_SUMMANDS][MAX_WINDOW];
+  };
+  std::vector<AxisWindow> windows;
 };
 
 COctreeFuncBlockEvaluator::COctreeFuncBlockEvaluator(LinComb const & x, double blockSize)
     : m_shared(std::make_shared<Shared>(x, blockSize)), m_cache(new Cache)
 {
+  m_cache->windows.resize(3 * m_shared->depths.size());
 }
 
 COctreeFuncBlockEvaluator::COctreeFuncBlockEvaluator(COctreeFuncBlockEvaluator const & other)
     : m_shared(other.m_shared), m_cache(new Cache)
 {
+  m_cache->windows.resize(3 * m_shared->depths.size());
 }
 
 COctreeFuncBlockEvaluator::~COctreeFuncBlockEvaluator() = default;
@@ -303,34 +313,58 @@ typename TCache::Block const * tf_blockOf(TShared const & sh, TCache & c, double
   return &b;
 }
 
-// The window of nodes of a depth that can reach p, and their kernel values,
+inline long long tf_floor(double v)
+{
+  long long const t = static_cast<long long>(v);
+  return v < static_cast<double>(t) ? t - 1 : t;
+}
+
+inline long long tf_ceil(double v)
+{
+  long long const t = static_cast<long long>(v);
+  return v > static_cast<double>(t) ? t + 1 : t;
+}
+
+// The windows of nodes of a depth that can reach p, and their kernel values,
 // computed exactly as the basis does: the centre from the lattice coordinate,
-// the argument (c - p) * (0.0 - s), the flat factor.
-template <class TShared, class TCache, class TDepthBlock>
-void tf_window(TShared const & sh, typename TShared::Depth const & depth, TDepthBlock const & db, TCache & c,
-               double const * p)
+// the argument (c - p) * (0.0 - s), the flat factor. Only the axes whose
+// coordinate changed are computed again.
+template <class TShared, class TWindow>
+void tf_window(TShared const & sh, typename TShared::Depth const & depth, TWindow * windows, double const * p)
 {
   int const summands = sh.flat.summands();
   for (int a = 0; a < 3; ++a)
   {
+    TWindow & w = windows[a];
+    if (p[a] == w.coord)
+      continue;
     double const u = (p[a] - sh.boxMin[a]) / depth.cellSize - depth.offsetInCells[a];
-    long long lo = static_cast<long long>(std::ceil(u - sh.reach));
-    long long hi = static_cast<long long>(std::floor(u + sh.reach));
-    lo = std::max(lo, db.kLow[a]);
-    hi = std::min(hi, db.kLow[a] + db.n[a] - 1);
+    long long const lo = tf_ceil(u - sh.reach);
+    long long hi = tf_floor(u + sh.reach);
     if (hi - lo + 1 > MAX_WINDOW)
       hi = lo + MAX_WINDOW - 1;
-    c.windowLow[a] = lo;
-    c.windowSize[a] = hi >= lo ? static_cast<int>(hi - lo + 1) : 0;
-    for (int w = 0; w < c.windowSize[a]; ++w)
+    w.low = lo;
+    w.size = hi >= lo ? static_cast<int>(hi - lo + 1) : 0;
+    for (int k = 0; k < w.size; ++k)
     {
-      long long const m = depth.offset[a] + (lo + w) * depth.step;
+      long long const m = depth.offset[a] + (lo + k) * depth.step;
       double const centre = static_cast<double>(static_cast<int>(m)) * sh.unit + sh.boxMin[a];
       double const arg = (centre - p[a]) * (0.0 - depth.scale);
       for (int s = 0; s < summands; ++s)
-        c.values[s][a][w] = sh.flat.factor(s, a).eval(arg);
+        w.values[s][k] = sh.flat.factor(s, a).eval(arg);
     }
+    w.coord = p[a];
   }
+}
+
+// Whether the windows lie inside the block's dense range (they do for a point
+// of the block; the test guards the indexing).
+template <class TWindow, class TDepthBlock> bool tf_inside(TWindow const * w, TDepthBlock const & db)
+{
+  for (int a = 0; a < 3; ++a)
+    if (w[a].size > 0 && (w[a].low < db.kLow[a] || w[a].low + w[a].size > db.kLow[a] + db.n[a]))
+      return false;
+  return true;
 }
 } // namespace
 
@@ -348,11 +382,14 @@ double COctreeFuncBlockEvaluator::eval(double const * p)
   for (std::size_t di = 0; di < sh.depths.size(); ++di)
   {
     Cache::DepthBlock const & db = block->depths[di];
-    tf_window(sh, sh.depths[di], db, c, p);
-    int const n0 = c.windowSize[0], n1 = c.windowSize[1], n2 = c.windowSize[2];
-    std::size_t const base0 = static_cast<std::size_t>(c.windowLow[0] - db.kLow[0]);
-    std::size_t const base1 = static_cast<std::size_t>(c.windowLow[1] - db.kLow[1]);
-    std::size_t const base2 = static_cast<std::size_t>(c.windowLow[2] - db.kLow[2]);
+    Cache::AxisWindow * w = &c.windows[3 * di];
+    tf_window(sh, sh.depths[di], w, p);
+    if (!tf_inside(w, db))
+      return sh.x->eval(p, nullptr);
+    int const n0 = w[0].size, n1 = w[1].size, n2 = w[2].size;
+    std::size_t const base0 = static_cast<std::size_t>(w[0].low - db.kLow[0]);
+    std::size_t const base1 = static_cast<std::size_t>(w[1].low - db.kLow[1]);
+    std::size_t const base2 = static_cast<std::size_t>(w[2].low - db.kLow[2]);
     for (int i = 0; i < n0; ++i)
       for (int j = 0; j < n1; ++j)
       {
@@ -361,10 +398,10 @@ double COctreeFuncBlockEvaluator::eval(double const * p)
         {
           // One summand: the kernel's stop at a zero factor gives the same
           // zero as the full product of finite factors.
-          double const xy = c.values[0][0][i] * c.values[0][1][j];
+          double const xy = w[0].values[0][i] * w[1].values[0][j];
           for (int k = 0; k < n2; ++k)
             if (row[k] != 0.0)
-              value += row[k] * (xy * c.values[0][2][k]);
+              value += row[k] * (xy * w[2].values[0][k]);
           continue;
         }
         for (int k = 0; k < n2; ++k)
@@ -374,19 +411,19 @@ double COctreeFuncBlockEvaluator::eval(double const * p)
           double kernel = 0.0;
           for (int s = 0; s < summands; ++s)
           {
-            double r = c.values[s][0][i];
+            double r = w[0].values[s][i];
             if (r == 0.0)
             {
               kernel += 0.0;
               continue;
             }
-            r *= c.values[s][1][j];
+            r *= w[1].values[s][j];
             if (r == 0.0)
             {
               kernel += 0.0;
               continue;
             }
-            r *= c.values[s][2][k];
+            r *= w[2].values[s][k];
             if (r == 0.0)
             {
               kernel += 0.0;
@@ -423,17 +460,23 @@ double COctreeFuncBlockEvaluator::evalWithBound(double const * p, double * bound
   for (std::size_t di = 0; di < sh.depths.size(); ++di)
   {
     Cache::DepthBlock const & db = block->depths[di];
-    tf_window(sh, sh.depths[di], db, c, p);
-    int const n0 = c.windowSize[0], n1 = c.windowSize[1], n2 = c.windowSize[2];
-    std::size_t const base0 = static_cast<std::size_t>(c.windowLow[0] - db.kLow[0]);
-    std::size_t const base1 = static_cast<std::size_t>(c.windowLow[1] - db.kLow[1]);
-    std::size_t const base2 = static_cast<std::size_t>(c.windowLow[2] - db.kLow[2]);
+    Cache::AxisWindow * w = &c.windows[3 * di];
+    tf_window(sh, sh.depths[di], w, p);
+    if (!tf_inside(w, db))
+    {
+      *bound = 0.0;
+      return sh.x->eval(p, nullptr);
+    }
+    int const n0 = w[0].size, n1 = w[1].size, n2 = w[2].size;
+    std::size_t const base0 = static_cast<std::size_t>(w[0].low - db.kLow[0]);
+    std::size_t const base1 = static_cast<std::size_t>(w[1].low - db.kLow[1]);
+    std::size_t const base2 = static_cast<std::size_t>(w[2].low - db.kLow[2]);
     terms += n0 * n1 * n2 * summands;
     for (int s = 0; s < summands; ++s)
     {
-      double const * vx = c.values[s][0];
-      double const * vy = c.values[s][1];
-      double const * vz = c.values[s][2];
+      double const * vx = w[0].values[s];
+      double const * vy = w[1].values[s];
+      double const * vz = w[2].values[s];
       double depthSum = 0.0, depthAbs = 0.0;
       for (int i = 0; i < n0; ++i)
       {

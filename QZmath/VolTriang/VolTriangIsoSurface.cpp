@@ -159,9 +159,10 @@ private:
   bool m_normalsGiven = false;
 };
 
-// Bisects the polygoniser's crossed edges in batches: the caller's thread and
-// one worker per further physical thread take chunks of a batch from a shared
-// counter. Each thread has its own evaluators. Every sign is decided as the
+// Bisects the polygoniser's crossed edges in batches: one worker per further
+// physical thread starts on a batch when it is submitted, and the caller's
+// thread joins in when it waits for it; all take chunks of the batch from a
+// shared counter. Each thread has its own evaluators. Every sign is decided as the
 // specified bisection decides it: by the bounded approximation when it is
 // clearly away from the iso-value, else by the exact value.
 class tf_VertexSolver : public jbVertexSolver
@@ -195,29 +196,33 @@ public:
   tf_VertexSolver(tf_VertexSolver const &) = delete;
   tf_VertexSolver & operator=(tf_VertexSolver const &) = delete;
 
-  void solve(jbEdgeJob const * jobs, jbVertex * out, int count) override
+  void submit(jbEdgeJob const * jobs, jbVertex * out, int count) override
   {
     m_jobs = jobs;
     m_out = out;
     m_count = count;
     m_next.store(0);
     m_error = nullptr;
-    if (m_threads.empty() || count < 2 * CHUNK)
+    if (m_threads.empty() || count <= 0)
+      return;
     {
-      work(*m_workers[0]);
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_busy = static_cast<int>(m_threads.size());
+      ++m_generation;
     }
-    else
+    m_wake.notify_all();
+  }
+
+  void wait() override
+  {
+    // The caller's thread takes its share of what is left, then waits for
+    // the workers' chunks.
+    work(*m_workers[0]);
     {
-      {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_busy = static_cast<int>(m_threads.size());
-        ++m_generation;
-      }
-      m_wake.notify_all();
-      work(*m_workers[0]);
       std::unique_lock<std::mutex> lock(m_mutex);
       m_done.wait(lock, [this] { return m_busy == 0; });
     }
+    m_count = 0;
     if (m_error)
     {
       std::exception_ptr e = m_error;

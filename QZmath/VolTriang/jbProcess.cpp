@@ -33,8 +33,9 @@ inline int bit(int n, int b) { return (n >> b) & 1; }
 const int st_faceBit[6] = {2, 2, 1, 1, 0, 0};
 } // namespace
 
-// The state of a deferred walk: vertices that have an index but no position
-// yet, and the triangles that wait for them.
+// The state of a deferred walk: two batches of vertices that have an index
+// but no position yet, with the triangles recorded while each was filled. One
+// fills while the solver works on the other.
 struct jbDeferred
 {
   struct Triangle
@@ -42,11 +43,21 @@ struct jbDeferred
     int a, b, c;
     int count; // the vertex count the sink would have seen
   };
+  struct Batch
+  {
+    int first = 0; // index of its first vertex
+    std::vector<jbEdgeJob> jobs;
+    std::vector<jbVertex> results;
+    std::vector<Triangle> triangles;
+  };
   jbVertexSolver * solver;
   int batch;
-  int firstPending;
-  std::vector<jbEdgeJob> jobs;
-  std::vector<Triangle> triangles;
+  Batch slots[2];
+  int filling = 0;
+  bool inFlight = false;
+
+  Batch & current() { return slots[filling]; }
+  Batch & other() { return slots[filling ^ 1]; }
 };
 
 int jbVertices::add(jbVertex const & v)
@@ -201,7 +212,7 @@ int jbProcess::vertid(jbCornerlist * c1, jbCornerlist * c2)
   if (m_deferred)
   {
     // The index is taken now, in walk order; the position comes with the batch.
-    m_deferred->jobs.push_back(
+    m_deferred->current().jobs.push_back(
         jbEdgeJob{setpoint(c1->i, c1->j, c1->k), setpoint(c2->i, c2->j, c2->k), c1->value});
     v.position = Point3D_d();
   }
@@ -399,10 +410,11 @@ int jbProcess::walk()
     testface(c.i, c.j + 1, c.k, &c, 3, 2, 3, 6, 7);
     testface(c.i, c.j, c.k - 1, &c, 4, 0, 2, 4, 6);
     testface(c.i, c.j, c.k + 1, &c, 5, 1, 3, 5, 7);
-    if (m_deferred && static_cast<int>(m_deferred->jobs.size()) >= m_deferred->batch && !flushDeferred())
+    if (m_deferred && static_cast<int>(m_deferred->current().jobs.size()) >= m_deferred->batch &&
+        !flushDeferred(false))
       return 2;
   }
-  if (m_deferred && !flushDeferred())
+  if (m_deferred && !flushDeferred(true))
     return 2;
   return 0;
 }
@@ -411,29 +423,46 @@ int jbProcess::emitTriangle(int a, int b, int c)
 {
   if (m_deferred)
   {
-    m_deferred->triangles.push_back(jbDeferred::Triangle{a, b, c, vertices.count});
+    m_deferred->current().triangles.push_back(jbDeferred::Triangle{a, b, c, vertices.count});
     return 1;
   }
   return (*triangleProcessor)(a, b, c, vertices) != 0 ? 1 : 0;
 }
 
-int jbProcess::flushDeferred()
+int jbProcess::emitDeferred()
 {
   jbDeferred & d = *m_deferred;
-  int const count = vertices.count - d.firstPending;
-  if (count > 0)
-    d.solver->solve(d.jobs.data(), vertices.items + d.firstPending, count);
-  d.jobs.clear();
-  d.firstPending = vertices.count;
+  jbDeferred::Batch & b = d.other();
+  d.solver->wait();
+  d.inFlight = false;
+  for (std::size_t k = 0; k < b.results.size(); ++k)
+    vertices.items[static_cast<std::size_t>(b.first) + k] = b.results[k];
   // The sink sees each triangle with the vertex list of its moment, so that it
   // announces the same vertices at the same triangles.
-  for (jbDeferred::Triangle const & t : d.triangles)
+  for (jbDeferred::Triangle const & t : b.triangles)
     if ((*triangleProcessor)(t.a, t.b, t.c, jbVertices{t.count, vertices.capacity, vertices.items}) == 0)
-    {
-      d.triangles.clear();
       return 0;
-    }
-  d.triangles.clear();
+  b.jobs.clear();
+  b.results.clear();
+  b.triangles.clear();
+  return 1;
+}
+
+int jbProcess::flushDeferred(bool last)
+{
+  jbDeferred & d = *m_deferred;
+  // The batch in flight is done and handed over before the next one starts:
+  // the solver works on one batch at a time, while the walk fills the other.
+  if (d.inFlight && !emitDeferred())
+    return 0;
+  jbDeferred::Batch & b = d.current();
+  b.results.assign(b.jobs.size(), jbVertex{Point3D_d(), Point3D_d()});
+  d.solver->submit(b.jobs.data(), b.results.data(), static_cast<int>(b.jobs.size()));
+  d.inFlight = true;
+  d.filling ^= 1;
+  d.current().first = vertices.count;
+  if (last && !emitDeferred())
+    return 0;
   return 1;
 }
 
@@ -442,14 +471,29 @@ int jbProcess::polygonizeDeferred(jbFunction & f, double s, int * b, Point3D_d s
 {
   try
   {
-    m_deferred = new jbDeferred{&solver, batchVertices > 0 ? batchVertices : 1, 0, {}, {}};
+    m_deferred = new jbDeferred{&solver, batchVertices > 0 ? batchVertices : 1, {}, 0, false};
     int const result = polygonize(f, s, b, startPoint, sink);
+    // A refused triangle can leave a batch in flight: it must end before its
+    // buffers go.
+    if (m_deferred->inFlight)
+      solver.wait();
     delete m_deferred;
     m_deferred = nullptr;
     return result;
   }
   catch (...)
   {
+    if (m_deferred && m_deferred->inFlight)
+    {
+      try
+      {
+        solver.wait();
+      }
+      catch (...)
+      {
+        // the first failure is the one that passes on
+      }
+    }
     delete m_deferred;
     m_deferred = nullptr;
     throw;

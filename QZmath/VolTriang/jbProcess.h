@@ -91,15 +91,20 @@ struct jbEdgeJob
   double value1;
 };
 
-/// Computes deferred vertices in batches, possibly on several threads. For
-/// each job, `out[k].position` must be the point `converge(p1, p2, value1)`
-/// gives with the walk's function; `out[k].normal` is passed on to the sink as
-/// it is left (zero on entry).
+/// Computes deferred vertices in batches, possibly on other threads while the
+/// walk goes on. For each job, `out[k].position` must become the point
+/// `converge(p1, p2, value1)` gives with the walk's function; `out[k].normal`
+/// is passed on to the sink as it is left (zero on entry).
 class jbVertexSolver
 {
 public:
   virtual ~jbVertexSolver() = default;
-  virtual void solve(jbEdgeJob const * jobs, jbVertex * out, int count) = 0;
+  /// Starts a batch; the arrays stay valid until `wait` returns. One batch
+  /// at a time.
+  virtual void submit(jbEdgeJob const * jobs, jbVertex * out, int count) = 0;
+  /// Returns when the submitted batch is complete; a failure of the batch is
+  /// thrown here.
+  virtual void wait() = 0;
 };
 
 struct jbDeferred;
@@ -123,8 +128,9 @@ public:
   /// As `polygonize`, with the same corners, vertices, triangles and order,
   /// but the bisection of the crossed edges is left to `solver`: the walk
   /// collects about `batchVertices` new vertices with the triangles that use
-  /// them, has the solver compute them at once, then hands the triangles to
-  /// the sink in their order. The function is then called for the corners and
+  /// them and submits them to the solver; while the solver works it collects
+  /// the next batch, then hands the first batch's triangles to the sink in
+  /// their order. The function is then called for the corners and
   /// the start only; the sink sees what `polygonize` would show it.
   int polygonizeDeferred(jbFunction & function, double size, int * bounds, Point3D_d start,
                          jbTriangleProcessor & triangleProcessor, jbVertexSolver & solver, int batchVertices);
@@ -162,7 +168,8 @@ private:
   void releaseAll();
   int walk();
   int emitTriangle(int a, int b, int c);
-  int flushDeferred();
+  int flushDeferred(bool last);
+  int emitDeferred();
 
 public:
   jbFunction * function;

@@ -304,14 +304,24 @@ struct SerialSolver : jbVertexSolver
   int batches = 0;
   int failAt = -1;
   explicit SerialSolver(jbFunction * f, double s) : function(f), size(s) {}
-  void solve(jbEdgeJob const * jobs, jbVertex * out, int count) override
+  jbEdgeJob const * pending = nullptr;
+  jbVertex * out = nullptr;
+  int count = 0;
+  void submit(jbEdgeJob const * jobs, jbVertex * results, int n) override
   {
-    if (++batches == failAt)
+    EXPECT_EQ(count, 0); // one batch at a time
+    pending = jobs, out = results, count = n;
+  }
+  void wait() override
+  {
+    int const n = count;
+    count = 0;
+    if (n > 0 && ++batches == failAt)
       throw std::runtime_error("solver failed");
     jbProcess bisector;
     bisector.function = function;
-    for (int k = 0; k < count; ++k)
-      out[k].position = bisector.converge(jobs[k].p1, jobs[k].p2, jobs[k].value1);
+    for (int k = 0; k < n; ++k)
+      out[k].position = bisector.converge(pending[k].p1, pending[k].p2, pending[k].value1);
   }
 };
 } // namespace
