@@ -335,7 +335,10 @@ bool tf_getNormal2(int n, const Point3D * points, const CGetNormal2Prms & prm, C
   double ev[3][3], values[3];
   double * evRows[3] = {ev[0], ev[1], ev[2]};
   normal[0] = normal[1] = normal[2] = 0.0;
-  tf_eigen(scatter, evRows, values); // a failure leaves whatever the solver gave, as the flat test expects
+  // The solver's status is not consulted: this plane only decides whether the
+  // neighbourhood is flat, and a solve that did not converge still gives the
+  // best vectors it reached.
+  tf_eigen(scatter, evRows, values);
   int const k = tf_smallestEigen(values);
   if (k >= 0)
     for (int i = 0; i < 3; ++i)
@@ -368,9 +371,15 @@ bool tf_getNormal2(int n, const Point3D * points, const CGetNormal2Prms & prm, C
     tf_monomials(w[i], mono);
     double const wt = tf_weight(w[i]);
     for (int r = 0; r < q; ++r)
-      for (int c = 0; c < q; ++c)
-        a[r][c] += wt * mono[r] * mono[c];
+    {
+      double const wr = wt * mono[r];
+      for (int c = r; c < q; ++c)
+        a[r][c] += wr * mono[c];
+    }
   }
+  for (int r = 0; r < q; ++r)
+    for (int c = 0; c < r; ++c)
+      a[r][c] = a[c][r]; // exactly symmetric, as the reduction assumes
   // 6. The gradient at the origin (the linear coefficients) has unit length.
   b[6][6] = b[7][7] = b[8][8] = 1.0;
   double const * aRows[10];
