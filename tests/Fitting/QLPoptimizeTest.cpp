@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <functional>
+#include <thread>
 #include <vector>
 
 #include "QZmath/Fitting/QLPoptimize.h"
@@ -218,3 +220,29 @@ TEST(QLPoptimize, MalformedInputIsRefused)
   EXPECT_EQ(p.solve(), 1);
   EXPECT_EQ(p.iter, 1);
 }
+
+#ifdef NDEBUG // a debug build stops at the overlap on purpose
+TEST(QLPoptimize, OverlappingCallsAreRefusedNeverCorrupted)
+{
+  auto hammer = [](int & refused, int & wrong)
+  {
+    for (int rep = 0; rep < 300; ++rep)
+    {
+      QP p(12, 0, 0);
+      for (int i = 0; i < 12; ++i)
+        p.c[i + i * 12] = 1.0, p.d[i] = -2.0 * i, p.xu[i] = 5.0;
+      int const code = p.solve();
+      refused += code == 5;
+      for (int i = 0; code == 0 && i < 12; ++i)
+        wrong += std::fabs(p.x[i] - std::min(2.0 * i, 5.0)) > 1e-12;
+      wrong += code != 0 && code != 5;
+    }
+  };
+  int refused[2] = {0, 0}, wrong[2] = {0, 0};
+  std::thread other(hammer, std::ref(refused[1]), std::ref(wrong[1]));
+  hammer(refused[0], wrong[0]);
+  other.join();
+  EXPECT_EQ(wrong[0] + wrong[1], 0);
+  EXPECT_LT(refused[0] + refused[1], 600);
+}
+#endif
