@@ -24,6 +24,7 @@ struct CMultilevelPoissonSolver::SLevel
   /// Leaf steps between neighbouring node positions, and the position of
   /// lattice index 0: a node stands at m * spacing + offset.
   int spacing = 1;
+  int shift = 0; // spacing == 1 << shift
   int offset = 0;
   /// 1 / cell size, in model units.
   double scale = 0.0;
@@ -38,6 +39,13 @@ struct CMultilevelPoissonSolver::SLevel
   int radius = 0;
   std::vector<double> stencil;
   double diagonal = 0.0;
+  /// The neighbours of each node on its own depth, as runs: for node k and
+  /// neighbour line j (x, y offsets in [-radius, radius]^2, x slowest),
+  /// runStart[k * lines + j] is the first neighbour of the run and bit i of
+  /// runMask tells whether the z offset i - radius holds one; the neighbours
+  /// follow each other in the node order.
+  std::vector<int> runStart;
+  std::vector<std::uint16_t> runMask;
   int size() const { return static_cast<int>(node.size()); }
 };
 
@@ -50,10 +58,14 @@ struct CMultilevelPoissonSolver::SPairTables
 {
   int fine = 0, coarse = 0;
   double reach = 0.0; // |d| < reach where any value is non-zero
+  /// The offsets within reach run from base to last in steps of `step`,
+  /// 1 << shift.
   int base = 0;
+  int last = 0;
   int step = 1;
+  int shift = 0;
   std::vector<double> mm, gF, gC, lF, lC;
-  int index(int d) const { return (d - base) / step; }
+  int index(int d) const { return (d - base) >> shift; }
 };
 
 namespace
@@ -220,17 +232,17 @@ struct tf_AxisWindow
 // |c - (m * spacing + offset)| < reach, with their table slots.
 inline void tf_axisWindow(tf_AxisWindow * w, int c, SLevel const & q, SPairTables const & t)
 {
-  double const a = (static_cast<double>(c) - q.offset - t.reach) / q.spacing;
-  double const b = (static_cast<double>(c) - q.offset + t.reach) / q.spacing;
-  w->lo = static_cast<int>(std::floor(a)) + 1;
-  w->hi = static_cast<int>(std::ceil(b)) - 1;
+  // d = c - offset - m * spacing must lie in [base, last]; spacings are
+  // powers of two, so the bounds are shifts.
+  int const a = c - q.offset;
+  w->lo = -((t.last - a) >> q.shift);
+  w->hi = (a - t.base) >> q.shift;
   if (w->hi - w->lo >= tf_maxWindow)
     w->hi = w->lo + tf_maxWindow - 1; // the constructor refuses such kernels
-  for (int m = w->lo; m <= w->hi; ++m)
-  {
-    int const d = c - (m * q.spacing + q.offset);
-    w->slot[m - w->lo] = t.index(d);
-  }
+  int const ratio = 1 << (q.shift - t.shift);
+  int slot = (a - w->lo * q.spacing - t.base) >> t.shift;
+  for (int m = w->lo; m <= w->hi; ++m, slot -= ratio)
+    w->slot[m - w->lo] = slot;
 }
 
 // Walks the lines (nodes of equal x and y) of a level P and, for each of
@@ -249,6 +261,9 @@ public:
   /// The table slots of the x and y offsets of a line of Q in reach.
   int slotX(int j) const { return m_wx.slot[m_ix[j]]; }
   int slotY(int j) const { return m_wy.slot[m_iy[j]]; }
+  /// The position of line j of Q in the window, from its low corner.
+  int lineX(int j) const { return m_ix[j]; }
+  int lineY(int j) const { return m_iy[j]; }
   tf_AxisWindow const & windowZ() const { return m_wz; }
 
   void setLine(int line)
@@ -304,6 +319,67 @@ private:
 };
 
 int tf_lineCount(SLevel const & p) { return p.size() == 0 ? 0 : static_cast<int>(p.lineStart.size()) - 1; }
+
+// The same-depth neighbour runs of every node of a level (see SLevel).
+void tf_buildRuns(SLevel * level, SPairTables const & t)
+{
+  int const width = 2 * level->radius + 1, lines = width * width;
+  level->runStart.assign(static_cast<std::size_t>(level->size()) * lines, 0);
+  level->runMask.assign(static_cast<std::size_t>(level->size()) * lines, 0);
+  tf_LineWalker walk(*level, *level, t);
+  for (int line = 0; line < tf_lineCount(*level); ++line)
+  {
+    walk.setLine(line);
+    for (int k = level->lineStart[line]; k < level->lineStart[line + 1]; ++k)
+    {
+      walk.setNode(k);
+      for (int j = 0; j < walk.lineCount(); ++j)
+      {
+        int first = -1;
+        unsigned mask = 0;
+        walk.forEach(j, [&](int i, int iz) {
+          if (first < 0)
+            first = i;
+          mask |= 1u << iz;
+        });
+        if (first < 0)
+          continue;
+        std::size_t const at = static_cast<std::size_t>(k) * lines + walk.lineX(j) * width + walk.lineY(j);
+        level->runStart[at] = first;
+        level->runMask[at] = static_cast<std::uint16_t>(mask);
+      }
+    }
+  }
+}
+
+// y[k] (+)= sum over the same depth of A[k][q] x[q], by the runs.
+void tf_sameDepthProduct(SLevel const & p, double const * x, double * y, bool accumulate, int tasks)
+{
+  int const width = 2 * p.radius + 1, lines = width * width;
+  unsigned const full = (1u << width) - 1;
+  double const * st = p.stencil.data();
+  tf_forBlocks(p.size(), tasks, [&](int, int begin, int end) {
+    for (int k = begin; k < end; ++k)
+    {
+      int const * start = p.runStart.data() + static_cast<std::size_t>(k) * lines;
+      std::uint16_t const * mask = p.runMask.data() + static_cast<std::size_t>(k) * lines;
+      double sum = 0.0;
+      for (int j = 0; j < lines; ++j)
+      {
+        unsigned bits = mask[j];
+        double const * w = st + j * width;
+        double const * v = x + start[j];
+        if (bits == full)
+          for (int i = 0; i < width; ++i)
+            sum += w[i] * v[i];
+        else
+          for (; bits != 0; bits &= bits - 1, ++v)
+            sum += w[__builtin_ctz(bits)] * *v;
+      }
+      y[k] = accumulate ? y[k] + sum : sum;
+    }
+  });
+}
 
 // y[k] += sum over the nodes q of Q in reach of A[k][q] x[q], for the nodes k
 // of P, where P is the finer or the same depth. A[k][q] is
@@ -425,7 +501,9 @@ void tf_depthProduct(std::vector<SLevel> const & levels, std::vector<SPairTables
   {
     if (!active[lq])
       continue;
-    if (lq <= l)
+    if (lq == l)
+      tf_sameDepthProduct(levels[l], x[lq].data(), y, true, tasks);
+    else if (lq < l)
       tf_gatherProduct(levels[l], levels[lq], tables[static_cast<std::size_t>(l * depths + lq)], x[lq].data(), y,
                        tasks);
     else
@@ -457,7 +535,8 @@ CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProd
   {
     SLevel & level = m_levels[static_cast<std::size_t>(l)];
     level.depth = m_depthBegin + l;
-    level.spacing = 1 << (leaf - level.depth);
+    level.shift = leaf - level.depth;
+    level.spacing = 1 << level.shift;
     level.scale = 1.0 / octree.getCellSize(level.depth);
     std::vector<int> & list = byDepth[static_cast<std::size_t>(l)];
     if (list.empty())
@@ -512,11 +591,19 @@ CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProd
       t.coarse = lc.depth;
       t.step = lf.spacing;
       t.reach = k1.reach() * (lf.spacing + lc.spacing);
-      // Offsets d = position_f - position_c with d = residue (mod step).
+      // Offsets d = position_f - position_c are residue (mod step); keep
+      // those strictly within reach.
+      t.shift = lf.shift;
       int const residue = ((lf.offset - lc.offset) % t.step + t.step) % t.step;
-      int const first = tf_floorDiv(static_cast<long long>(std::floor(-t.reach)) - residue, t.step) * t.step + residue;
+      int first = tf_floorDiv(static_cast<long long>(std::floor(-t.reach)) - residue, t.step) * t.step + residue;
+      while (!(first > -t.reach))
+        first += t.step;
+      int last = first;
+      while (last + t.step < t.reach)
+        last += t.step;
       t.base = first;
-      int const count = static_cast<int>(std::floor((t.reach - first) / t.step)) + 1;
+      t.last = last;
+      int const count = (last - first) / t.step + 1;
       for (auto * v : {&t.mm, &t.gF, &t.gC, &t.lF, &t.lC})
         v->assign(static_cast<std::size_t>(std::max(0, count)), 0.0);
       for (int k = 0; k < count; ++k)
@@ -554,6 +641,7 @@ CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProd
         }
     level.diagonal = level.stencil[static_cast<std::size_t>((level.radius * width + level.radius) * width +
                                                             level.radius)];
+    tf_buildRuns(&level, t);
   }
 }
 
@@ -812,8 +900,7 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     bool converged = !(r0 > 0.0);
     while (!converged && it < cap)
     {
-      std::fill(q.begin(), q.end(), 0.0);
-      tf_gatherProduct(p, p, m_tables[static_cast<std::size_t>(l * depths + l)], dir.data(), q.data(), tasks);
+      tf_sameDepthProduct(p, dir.data(), q.data(), false, tasks);
       double const pq = tf_dot(dir.data(), q.data(), n, tasks);
       if (!(pq > 0.0) || !std::isfinite(pq))
         break;
