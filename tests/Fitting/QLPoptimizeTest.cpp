@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <functional>
+#include <random>
 #include <thread>
 #include <vector>
 
