@@ -195,3 +195,33 @@ TEST(Projectors, JoinTakesTheNearerOwner)
   assigned = *static_cast<CProjectorsJoin *>(copy.get());
   EXPECT_EQ(assigned.GetProjectorsNumber(), 2);
 }
+
+TEST(Projectors, NonFiniteInputFailsQuietly)
+{
+  float const nan = std::nanf("");
+  float const a[3] = {0, 0, 0}, b[3] = {1, 0, 0}, c[3] = {0, 1, 0}, down[3] = {0, 0, -1};
+  float const bad[3] = {nan, 0.5f, 1.0f};
+  float hit[3], over = 0.0f, dist2 = 0.0f;
+  bool inside = true;
+  EXPECT_FALSE(IntersectTriangLine(a, b, c, bad, down, hit));
+  EXPECT_FALSE(IntersectTriangLineFree(a, b, c, bad, down, hit, 0.1f, inside, &over, &dist2));
+  float const * const v[3] = {a, b, c};
+  int where = 0;
+  EXPECT_TRUE(std::isnan(distancePointTriangle2(bad, v, where, hit)));
+  EXPECT_TRUE(std::isnan(REmath::CProjectorTriangle(a, b, c).DistToTriangle2Precalced(bad)));
+  double params[2];
+  double const d[3] = {1, 0, 0}, dn[3] = {std::nan(""), 1, 0};
+  EXPECT_FALSE(MakeMinDist2Lines(d, d, d, dn, params));
+  double delta[3] = {0, 0, 1};
+  EXPECT_FALSE(meetTwoVectors(d, dn, delta, params, 1.0));
+
+  Matrix<Point3D> const net = makeNet();
+  double u = -1, vv = -1;
+  ProjectPointToNet(bad, net, u, vv);
+  float out[3];
+  getPointOnNet(nan, nan, net, out);
+  EXPECT_EQ(out[0], 0.0f);
+  // The contour tests take their data as valid: only that they return.
+  Check2dContourSelfIntersections({0, 0, 4, 0, std::nan(""), 4, 0, 4, 2, 2, 0, 0});
+  EXPECT_FALSE(isPointInContour(std::nan(""), 1.0, {0, 0, 4, 0, 4, 4, 0, 0}));
+}
