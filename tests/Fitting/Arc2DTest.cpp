@@ -1,0 +1,159 @@
+// Planar arcs against hand-computed geometry: intersections of segments and
+// circles with the choice nearer the origin, fillets checked by their
+// tangencies, elements through three points, and the four-point error.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "QZmath/Fitting/Arc2D.h"
+
+namespace
+{
+CArc2D segment(float x0, float y0, float x1, float y1)
+{
+  CArc2D a{};
+  a.m_start[0] = x0, a.m_start[1] = y0, a.m_end[0] = x1, a.m_end[1] = y1;
+  a.m_straight = 1;
+  return a;
+}
+CArc2D circle(float cx, float cy, float r)
+{
+  CArc2D a{};
+  a.m_center[0] = cx, a.m_center[1] = cy, a.m_radius = r;
+  return a;
+}
+float dist(float const * a, float const * b) { return std::hypot(a[0] - b[0], a[1] - b[1]); }
+/// Distance of p from the line of a segment.
+float lineDist(CArc2D const & s, float const * p)
+{
+  float const d[2] = {s.m_end[0] - s.m_start[0], s.m_end[1] - s.m_start[1]};
+  return std::fabs(d[0] * (p[1] - s.m_start[1]) - d[1] * (p[0] - s.m_start[0])) / std::hypot(d[0], d[1]);
+}
+} // namespace
+
+TEST(Arc2D, Intersections)
+{
+  float p[2];
+  CArc2D pair[2] = {segment(-1, 1, 3, 1), segment(2, -5, 2, -4)}; // infinite lines meet at (2, 1)
+  ASSERT_TRUE(Get2ArcsIntersect(pair, p));
+  EXPECT_FLOAT_EQ(p[0], 2.0f);
+  EXPECT_FLOAT_EQ(p[1], 1.0f);
+
+  // The line y = 3 cuts the circle about (4, 0) of radius 5 at x = 0 and 8.
+  CArc2D lc[2] = {segment(10, 3, 9, 3), circle(4, 0, 5)};
+  ASSERT_TRUE(Get2ArcsIntersect(lc, p));
+  EXPECT_NEAR(p[0], 0.0f, 1e-5f);
+  EXPECT_NEAR(p[1], 3.0f, 1e-5f);
+  std::swap(lc[0], lc[1]);
+  ASSERT_TRUE(Get2ArcsIntersect(lc, p));
+  EXPECT_NEAR(p[0], 0.0f, 1e-5f);
+  CArc2D miss[2] = {segment(0, 6, 1, 6), circle(4, 0, 5)};
+  EXPECT_FALSE(Get2ArcsIntersect(miss, p));
+
+  // Circles about (0, 0) r 5 and (8, 0) r 5 meet at (4, +-3); equally near the
+  // origin, the + solution (m + h (wy, -wx) / L = (4, -3)) is kept.
+  CArc2D cc[2] = {circle(0, 0, 5), circle(8, 0, 5)};
+  ASSERT_TRUE(Get2ArcsIntersect(cc, p));
+  EXPECT_NEAR(p[0], 4.0f, 1e-5f);
+  EXPECT_NEAR(p[1], -3.0f, 1e-5f);
+  // About (8, 2) and (0, 2), both r 5: (4, 5) and (4, -1); the nearer one is
+  // the - solution here.
+  cc[0] = circle(8, 2, 5);
+  cc[1] = circle(0, 2, 5);
+  ASSERT_TRUE(Get2ArcsIntersect(cc, p));
+  EXPECT_NEAR(p[0], 4.0f, 1e-5f);
+  EXPECT_NEAR(p[1], -1.0f, 1e-5f);
+  CArc2D apart[2] = {circle(0, 0, 1), circle(5, 0, 1)};
+  EXPECT_FALSE(Get2ArcsIntersect(apart, p));
+  CArc2D concentric[2] = {circle(1, 1, 1), circle(1, 1, 2)};
+  EXPECT_FALSE(Get2ArcsIntersect(concentric, p));
+}
+
+TEST(Arc2D, FilletOfTwoSegments)
+{
+  // The corner of the negative x axis and the positive y axis; the fillet
+  // through (-1, 1) has centre (-r, r) with r = 2 + sqrt(2) (the larger root:
+  // the point is the arc's middle, nearest the corner).
+  CArc2D const corner[2] = {segment(-10, 0, 0, 0), segment(0, 0, 0, 10)};
+  CArc2D f{};
+  f.m_straight = 7;
+  float const p[2] = {-1, 1};
+  ASSERT_TRUE(f.Make2ArcsFillet(corner, p));
+  float const r = 2.0f + std::sqrt(2.0f);
+  EXPECT_NEAR(f.m_radius, r, 1e-5f);
+  EXPECT_NEAR(f.m_center[0], -r, 1e-5f);
+  EXPECT_NEAR(f.m_center[1], r, 1e-5f);
+  EXPECT_NEAR(f.m_start[0], -r, 1e-5f);
+  EXPECT_NEAR(f.m_start[1], 0.0f, 1e-5f);
+  EXPECT_NEAR(f.m_end[0], 0.0f, 1e-5f);
+  EXPECT_NEAR(f.m_end[1], r, 1e-5f);
+  EXPECT_EQ(f.m_straight, 7);
+  // A point outside the corner is on the wrong side of the second segment;
+  // parallel segments have no centre.
+  float const outside[2] = {1, 1};
+  EXPECT_FALSE(f.Make2ArcsFillet(corner, outside));
+  CArc2D const parallel[2] = {segment(0, 0, 1, 0), segment(5, 2, 4, 2)};
+  float const between[2] = {2, 1};
+  EXPECT_FALSE(f.Make2ArcsFillet(parallel, between));
+}
+
+TEST(Arc2D, FilletsWithCirclesTouchBoth)
+{
+  // The line y = 0 and the circle about (5, 5) of radius 3, point between.
+  CArc2D const lc[2] = {segment(-10, 0, 0, 0), circle(5, 5, 3)};
+  float const p[2] = {1, 1};
+  CArc2D f{};
+  ASSERT_TRUE(f.Make2ArcsFillet(lc, p));
+  EXPECT_NEAR(f.m_center[1], f.m_radius, 1e-4f);
+  EXPECT_NEAR(dist(f.m_center, lc[1].m_center), 3 + f.m_radius, 1e-4f);
+  EXPECT_NEAR(dist(f.m_center, p), f.m_radius, 1e-4f);
+  EXPECT_NEAR(lineDist(lc[0], f.m_start), 0.0f, 1e-5f);
+  EXPECT_NEAR(dist(f.m_end, lc[1].m_center), 3.0f, 1e-4f);
+  EXPECT_NEAR(dist(f.m_end, f.m_center), f.m_radius, 1e-4f);
+
+  // Two circles apart, the fillet outside both.
+  CArc2D const cc[2] = {circle(0, 0, 2), circle(6, 0, 2)};
+  float const q[2] = {3, 1};
+  ASSERT_TRUE(f.Make2ArcsFillet(cc, q));
+  EXPECT_NEAR(dist(f.m_center, cc[0].m_center), 2 + f.m_radius, 1e-4f);
+  EXPECT_NEAR(dist(f.m_center, cc[1].m_center), 2 + f.m_radius, 1e-4f);
+  EXPECT_NEAR(dist(f.m_center, q), f.m_radius, 1e-4f);
+  EXPECT_NEAR(dist(f.m_start, cc[0].m_center), 2.0f, 1e-4f);
+  EXPECT_NEAR(dist(f.m_end, cc[1].m_center), 2.0f, 1e-4f);
+  // A point inside a circle contradicts a fillet from outside.
+  float const inside[2] = {0.5f, 0};
+  EXPECT_FALSE(f.Make2ArcsFillet(cc, inside));
+}
+
+TEST(Arc2D, ThreePointsAndFourPointError)
+{
+  float const xs[3] = {0, 1, 2}, ys[3] = {0, 1, 0};
+  CArc2D a = circle(9, 9, 9);
+  CArc2D::m_bArcApprox = false;
+  a.MakeBy3Points(xs, ys);
+  EXPECT_EQ(a.m_straight, 1);
+  EXPECT_EQ(a.m_end[0], 2.0f);
+  EXPECT_EQ(a.m_radius, 9.0f); // untouched
+  CArc2D::m_bArcApprox = true;
+  a.MakeBy3Points(xs, ys);
+  EXPECT_EQ(a.m_straight, 0);
+  EXPECT_NEAR(a.m_center[0], 1.0f, 1e-6f);
+  EXPECT_NEAR(a.m_center[1], 0.0f, 1e-6f);
+  EXPECT_NEAR(a.m_radius, 1.0f, 1e-6f);
+  float const cx[3] = {0, 1, 2}, cy[3] = {0, 2, 4};
+  a.MakeBy3Points(cx, cy);
+  EXPECT_EQ(a.m_straight, 1);
+  EXPECT_EQ(a.m_end[1], 4.0f);
+  CArc2D::m_bArcApprox = false;
+
+  float px[4], py[4];
+  for (int i = 0; i < 4; ++i)
+    px[i] = 1 + 3 * std::cos(0.7f * i), py[i] = 2 + 3 * std::sin(0.7f * i);
+  EXPECT_NEAR(Arc4pointsError(px, py), 0.0f, 1e-5f);
+  px[2] = 1 + 3.5f * std::cos(1.4f), py[2] = 2 + 3.5f * std::sin(1.4f);
+  EXPECT_NEAR(Arc4pointsError(px, py), 0.5f, 1e-5f);
+  float const lx[4] = {0, 1, 1.5f, 3}, ly[4] = {0, 0, -2, 0};
+  EXPECT_NEAR(Arc4pointsError(lx, ly), 2.0f, 1e-6f);
+  float const same[4] = {1, 1, 1, 1}, up[4] = {0, 0, 3, 0};
+  EXPECT_NEAR(Arc4pointsError(same, up), 3.0f, 1e-6f);
+}
