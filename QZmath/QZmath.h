@@ -57,10 +57,13 @@
 #include "QZmath/BlockProcessor/ThreadTrace.h"
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
 
+#include "QZmath/Fitting/Arc2D.h"
+#include "QZmath/Fitting/ContourCorners.h"
 #include "QZmath/Fitting/FitCircle.h"
 #include "QZmath/Fitting/FitLine.h"
 #include "QZmath/Fitting/MinMaxOptimizer.h"
 #include "QZmath/Fitting/PlaneEq.h"
+#include "QZmath/Fitting/PolylineFitCurve.h"
 #include "QZmath/Fitting/PolylineSmoothing.h"
 #include "QZmath/Fitting/QLPoptimize.h"
 #include "QZmath/Fitting/RobustRegression.h"
