@@ -37,12 +37,15 @@ namespace VolTr
 /// How the multilevel solve iterates.
 struct SMultilevelSolveSettings
 {
-  /// Sweeps over the depths after the first cascade (each a V-cycle).
-  int vCycles = 1;
+  /// Sweeps over the depths after the first cascade (each a V-cycle). The
+  /// sweeps, not the accuracy of each depth's solve, make the surface: on
+  /// spheres at depths 7 and 8, one cycle leaves the vertices 1.7 % of the
+  /// leaf cell from those of the direct solve, two leave 0.5-0.7 %.
+  int vCycles = 2;
   /// Conjugate-gradient iterations per depth and sweep, at most.
-  int maxIterations = 60;
+  int maxIterations = 30;
   /// A depth's iteration stops when its residual has fallen by this factor.
-  double relativeTolerance = 1e-3;
+  double relativeTolerance = 3e-2;
   /// Depths with at most this many nodes are solved to full accuracy.
   int smallDepthNodes = 4096;
   /// Tasks for the heavy loops; 0 means one per physical thread.
