@@ -41,6 +41,16 @@ public:
   /// it to decide the side of a level where the value is clearly away from it.
   double evalWithBound(double const * p, double * bound);
 
+  /// Prepares the restriction of the function to the segment parallel to
+  /// `axis` through p (whose other two coordinates it keeps) from `low` to
+  /// `high` on that axis: a piecewise polynomial of one variable, made once
+  /// from the nodes that reach the segment. False when it cannot be made
+  /// (then `evalOnAxisSegment` falls back to `evalWithBound`).
+  bool setAxisSegment(double const * p, int axis, double low, double high);
+  /// As `evalWithBound` at the point of the last segment with coordinate v on
+  /// its axis, v between its ends.
+  double evalOnAxisSegment(double v, double * bound);
+
   /// False when the kernel or the tree does not fit the dense form: every call
   /// then forwards to the combination's own evaluation (with a bound of 0).
   bool isAccelerated() const;

@@ -284,11 +284,13 @@ private:
     }
   }
 
-  // Whether X - isoValue > 0 at p, as the specified evaluation says.
-  bool above(Worker & w, Point3D_d const & p) const
+  // Whether X - isoValue > 0 at p, as the specified evaluation says. On an
+  // axis-parallel edge the prepared restriction gives the approximation.
+  bool above(Worker & w, Point3D_d const & p, int axis) const
   {
     double bound = 0.0;
-    double const approx = w.x->evalWithBound(p.asArray(), &bound);
+    double const approx =
+        axis >= 0 ? w.x->evalOnAxisSegment(p.asArray()[axis], &bound) : w.x->evalWithBound(p.asArray(), &bound);
     double const margin = bound + 4.5e-16 * (std::fabs(approx) + std::fabs(m_isoValue));
     double const diff = approx - m_isoValue;
     if (diff > margin)
@@ -306,6 +308,19 @@ private:
       pos = job.p1, neg = job.p2;
     else
       pos = job.p2, neg = job.p1;
+    // The midpoints keep the coordinates in which the ends agree.
+    int axis = -1, moving = 0;
+    for (int a = 0; a < 3; ++a)
+      if (job.p1.asArray()[a] != job.p2.asArray()[a])
+        axis = a, ++moving;
+    if (moving == 1)
+    {
+      double const u = job.p1.asArray()[axis], v = job.p2.asArray()[axis];
+      if (!w.x->setAxisSegment(job.p1.asArray(), axis, u < v ? u : v, u < v ? v : u))
+        axis = -1;
+    }
+    else
+      axis = -1;
     for (int n = 1;; ++n)
     {
       Point3D_d const mid((pos.x() + neg.x()) * 0.5, (pos.y() + neg.y()) * 0.5, (pos.z() + neg.z()) * 0.5);
@@ -314,7 +329,7 @@ private:
         out.position = mid;
         break;
       }
-      if (above(w, mid))
+      if (above(w, mid, axis))
         pos = mid;
       else
         neg = mid;

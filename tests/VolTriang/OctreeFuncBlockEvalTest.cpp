@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -108,6 +109,47 @@ TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationForGradientKernels)
   {
     Fixture fx(true, 5, -1, axis);
     expectSameValues(fx, 1500, 20u + axis);
+  }
+}
+
+// On axis-parallel segments the function is a piecewise polynomial of one
+// variable: its values stay within their bounds of the exact ones, and the
+// bounds are tight enough to decide a side almost everywhere.
+TEST(OctreeFuncBlockEvaluator, AxisSegmentsAgreeWithTheExactValues)
+{
+  for (int derivative : {-1, 1})
+  {
+    Fixture fx(true, 6, -1, derivative);
+    COctreeFuncBlockEvaluator fast(*fx.x, 8.0 * fx.tree->getUnit());
+    std::mt19937 rng(31);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    double const edge = 2.0 * fx.tree->getUnit();
+    int made = 0;
+    double largestValue = 0.0, largestBound = 0.0;
+    for (int i = 0; i < 300; ++i)
+    {
+      float const * s = fx.cloud.getSampleCoords3(i);
+      double p[3] = {s[0] + 0.1 * u(rng), s[1] + 0.1 * u(rng), s[2] + 0.1 * u(rng)};
+      int const axis = i % 3;
+      double const low = p[axis], high = p[axis] + edge * (i % 7 == 0 ? 3.0 : 1.0);
+      made += fast.setAxisSegment(p, axis, low, high);
+      for (int k = 0; k <= 16; ++k)
+      {
+        double q[3] = {p[0], p[1], p[2]};
+        q[axis] = low + (high - low) * k / 16.0;
+        double bound = -1.0;
+        double const value = fast.evalOnAxisSegment(q[axis], &bound);
+        double const exact = fx.x->eval(q, nullptr);
+        EXPECT_LE(std::fabs(value - exact), bound);
+        largestValue = std::max(largestValue, std::fabs(exact));
+        largestBound = std::max(largestBound, bound);
+      }
+    }
+    EXPECT_GT(made, 250);
+    EXPECT_LT(largestBound, 1e-11 * largestValue);
+    double const p[3] = {0.0, 0.0, 0.0};
+    EXPECT_FALSE(fast.setAxisSegment(p, 3, 0.0, 1.0));
+    EXPECT_FALSE(fast.setAxisSegment(p, 0, 1.0, 0.0));
   }
 }
 
