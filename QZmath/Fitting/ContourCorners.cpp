@@ -75,6 +75,23 @@ bool tf_cornerMeasure(std::vector<Point3D_d> const & p, double radius2, bool clo
   double const r2 = radius2 > 0.0 ? radius2 : 0.0;
   std::size_t const n = p.size();
   c.assign(n, -1.0);
+  // A chord at least as long as the diagonal of the points' box has no arm
+  // anywhere. Said at once, since every walk of an open contour would run
+  // to its end: quadratic time on a long contour. NaN coordinates stay out
+  // of the box, as they are never arms.
+  double lo[3] = {HUGE_VAL, HUGE_VAL, HUGE_VAL}, hi[3] = {-HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+  for (Point3D_d const & q : p)
+    for (int k = 0; k < 3; ++k)
+    {
+      double const v = q.asArray()[k];
+      lo[k] = v < lo[k] ? v : lo[k];
+      hi[k] = v > hi[k] ? v : hi[k];
+    }
+  double extent2 = 0.0;
+  for (int k = 0; k < 3; ++k)
+    extent2 += hi[k] > lo[k] ? (hi[k] - lo[k]) * (hi[k] - lo[k]) : 0.0;
+  if (!(extent2 > r2))
+    return !closed || n == 0;
   for (std::size_t i = 0; i < n; ++i)
   {
     double a[3], b[3];
