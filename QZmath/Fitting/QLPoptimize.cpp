@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cassert>
 #include <cmath>
+#include <exception>
 #include <limits>
 #include <vector>
 
@@ -472,8 +473,11 @@ void QLPoptimize(int * m, int * me, int * mmax, int * n, int * nmax, int * mnn, 
   st.epsMach = tf_machineEpsilon();
   tf_put(eps, st.epsMach);
 
+  // The sizes are compared in 64 bits: m + 2 n must not wrap round for the
+  // test to mean anything.
   if (!m || !me || !mmax || !n || !nmax || !mnn || !c || !d || !xl || !xu || !x || *n < 1 || *m < 0 ||
-      *me < 0 || *me > *m || *nmax < *n || *mnn < *m + 2 * *n || (*m > 0 && (!a || !b || *mmax < *m)))
+      *me < 0 || *me > *m || *nmax < *n || *mnn < static_cast<long long>(*m) + 2LL * *n ||
+      (*m > 0 && (!a || !b || *mmax < *m)))
   {
     *ifail = 4;
     return;
@@ -506,17 +510,28 @@ void QLPoptimize(int * m, int * me, int * mmax, int * n, int * nmax, int * mnn, 
     *ifail = 6;
     return;
   }
-  st.lower.resize(st.n);
-  st.upper.resize(st.n);
-  for (int i = 0; i < st.n; ++i)
-  {
-    st.lower[i] = xl[i] <= -big ? -tf_inf : xl[i];
-    st.upper[i] = xu[i] >= big ? tf_inf : xu[i];
-  }
-
   int iterations = 0, adds = 0, drops = 0, dependent = 0, shifts = 0;
   double shift = 0.0;
-  int const code = tf_solve(st, c, *nmax, d, maxIter, iterations, adds, drops, dependent, shift, shifts);
+  int code;
+  try
+  {
+    st.lower.resize(st.n);
+    st.upper.resize(st.n);
+    for (int i = 0; i < st.n; ++i)
+    {
+      st.lower[i] = xl[i] <= -big ? -tf_inf : xl[i];
+      st.upper[i] = xu[i] >= big ? tf_inf : xu[i];
+    }
+    code = tf_solve(st, c, *nmax, d, maxIter, iterations, adds, drops, dependent, shift, shifts);
+  }
+  catch (std::exception const &)
+  {
+    // The working arrays are of order n^2: sizes beyond the memory are bad
+    // dimensions too. Nothing of the caller's is written.
+    st = tf_QLState();
+    *ifail = 4;
+    return;
+  }
   *ifail = code;
   tf_put(iter, iterations);
   tf_put(nadd, adds);

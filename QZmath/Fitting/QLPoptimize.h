@@ -54,7 +54,8 @@
 //  double *diag    out  the multiple of the identity added to C
 //  int    *ifail   out  0 solved; 1 iteration cap reached; 2 constraints
 //                       inconsistent; 3 C not positive semidefinite (or not
-//                       finite); 4 bad dimensions or a missing array;
+//                       finite); 4 bad dimensions, a missing array, or
+//                       working arrays (of order n^2) beyond the memory;
 //                       5 overlapping call; 6 non-finite data
 //  int    *iter    out  active-set changes made
 //  int    *nact    out  number of active constraints at x

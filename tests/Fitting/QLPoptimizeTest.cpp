@@ -210,6 +210,13 @@ TEST(QLPoptimize, MalformedInputIsRefused)
   EXPECT_EQ(p.solve(), 6);
   p.c = {-1, 0, 0, 1}; // indefinite beyond any small shift
   EXPECT_EQ(p.solve(), 3);
+  // Sizes whose m + 2 n does not fit in an int are refused before any array
+  // is read, not wrapped round.
+  int m = 0, me = 0, mmax = 1, n = 1500000000, mnn = 2000000000, ifail = -1;
+  QLPoptimize(&m, &me, &mmax, &n, &n, &mnn, nullptr, p.c.data(), p.d.data(), nullptr, nullptr, p.xl.data(),
+              p.xu.data(), nullptr, nullptr, p.x.data(), nullptr, nullptr, nullptr, nullptr, &ifail, nullptr,
+              nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(ifail, 4);
 
   // Two constraints to take, one change allowed.
   p.c = {1, 0, 0, 1};
