@@ -1126,8 +1126,6 @@ template <class T> void tf_rotateRight(std::vector<T> & v, std::size_t stride)
 bool CPolylineFitCurve::moveSegmentsCyclically(int boundary)
 {
   int const nb = boundaryCount();
-  if (nb == 0)
-    return false;
   // The strides are those of the result arrays (7 and 6), not of the stored
   // ones (4): callers depend on exactly this movement.
   if (boundary == 0)
@@ -1139,7 +1137,7 @@ bool CPolylineFitCurve::moveSegmentsCyclically(int boundary)
     tf_rotateLeft(m_segments, 1);
     return true;
   }
-  if (boundary == nb - 1)
+  if (nb > 0 && boundary == nb - 1)
   {
     tf_rotateRight(m_curveParams, 7);
     tf_rotateRight(m_curveTypes, 1);

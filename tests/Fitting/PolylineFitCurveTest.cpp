@@ -237,6 +237,7 @@ TEST(PolylineFitCurve, NothingToFitAndFreeSegments)
   EXPECT_EQ(crv, std::vector<double>(3, 7.0));
   EXPECT_EQ(bnd, std::vector<double>(2, 7.0));
   EXPECT_EQ(fit.getCurveType(0), -1);
+  EXPECT_TRUE(fit.moveSegmentsCyclically(0)); // nothing to move, and no error
 
   // A tolerance below the noise accepts no model: every segment stays free,
   // nothing is fitted and the curve entries stay 0.
