@@ -72,6 +72,7 @@
 #include "QZmath/SurfaceAnalysis/Distances.h"
 #include "QZmath/SurfaceAnalysis/GetNormal.h"
 #include "QZmath/SurfaceAnalysis/NetProjection.h"
+#include "QZmath/SurfaceAnalysis/NormalEstimation.h"
 #include "QZmath/SurfaceAnalysis/ProjectorTriangle.h"
 #include "QZmath/SurfaceAnalysis/Projectors.h"
 #include "QZmath/SurfaceAnalysis/QuadraticForm.h"

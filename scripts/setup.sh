@@ -9,6 +9,7 @@ PACKAGES=(
   libmkl-dev
   libboost-dev
   libcminpack-dev
+  libnanoflann-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
 )

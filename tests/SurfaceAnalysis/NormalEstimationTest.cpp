@@ -1,0 +1,479 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "QZmath/SurfaceAnalysis/NormalEstimation.h"
+#include "QZsys/Threading.h"
+#include "tests/Common/SampleClouds.h"
+
+using namespace REmath;
+
+namespace
+{
+// A cloud with the true unit normal of every point.
+struct Truth
+{
+  std::vector<float> coords, normals;
+  int size() const { return static_cast<int>(coords.size() / 3); }
+  void add(double x, double y, double z, double nx, double ny, double nz)
+  {
+    for (double v : {x, y, z})
+      coords.push_back(static_cast<float>(v));
+    for (double v : {nx, ny, nz})
+      normals.push_back(static_cast<float>(v));
+  }
+  void append(QZTest::CSampleCloud const & c, bool flip = false)
+  {
+    for (int i = 0; i < c.size(); ++i)
+    {
+      float const * p = c.getSampleCoords3(i);
+      float const * n = c.getSampleNormal3(i);
+      double const s = flip ? -1.0 : 1.0;
+      add(p[0], p[1], p[2], s * n[0], s * n[1], s * n[2]);
+    }
+  }
+  // Gaussian position noise of the given deviation per coordinate.
+  void jitter(double sigma, std::uint64_t seed)
+  {
+    QZTest::CCloudRandom rnd(seed);
+    for (float & v : coords)
+    {
+      double const u = 1.0 - rnd.uniform(), w = rnd.uniform();
+      v += static_cast<float>(sigma * std::sqrt(-2.0 * std::log(u)) * std::cos(6.283185307179586 * w));
+    }
+  }
+};
+
+// The fraction of points whose normal has the sign of the true one.
+double agreeing(Truth const & t, CEstimatedNormals const & r)
+{
+  int good = 0;
+  for (int i = 0; i < t.size(); ++i)
+  {
+    float const * a = r.getNormal(i);
+    float const * b = &t.normals[3 * static_cast<std::size_t>(i)];
+    good += a[0] * b[0] + a[1] * b[1] + a[2] * b[2] > 0.0f ? 1 : 0;
+  }
+  return static_cast<double>(good) / t.size();
+}
+
+CEstimatedNormals estimate(Truth const & t, CNormalEstimationParams const & p = CNormalEstimationParams())
+{
+  CEstimatedNormals r;
+  CNormalEstimator(p).run(t.coords.data(), t.size(), r);
+  return r;
+}
+
+// A closed box of half sizes (a, a, h) sampled uniformly by area.
+Truth box(int n, double a, double h, std::uint64_t seed)
+{
+  QZTest::CCloudRandom rnd(seed);
+  double const areas[3] = {4 * a * a, 4 * a * h, 4 * a * h}; // faces normal to z, x, y (each of two)
+  double const total = areas[0] + areas[1] + areas[2];
+  Truth t;
+  for (int i = 0; i < n; ++i)
+  {
+    double const pick = rnd.uniform() * total, s = rnd.uniform() < 0.5 ? -1.0 : 1.0;
+    double const u = rnd.uniform(-1, 1), v = rnd.uniform(-1, 1);
+    if (pick < areas[0])
+      t.add(a * u, a * v, s * h, 0, 0, s);
+    else if (pick < areas[0] + areas[1])
+      t.add(s * a, a * u, h * v, s, 0, 0);
+    else
+      t.add(a * u, s * a, h * v, 0, s, 0);
+  }
+  return t;
+}
+
+class NormalEstimationThreads : public ::testing::Test
+{
+protected:
+  void TearDown() override { CVescaThreadingTasksHelper::setNumOfPhisicalThread(0); }
+};
+} // namespace
+
+TEST(NormalEstimation, NeighboursMatchBruteForce)
+{
+  // Random points, with a few exact copies so that ties at distance 0 occur.
+  Truth t;
+  QZTest::CCloudRandom rnd(7);
+  for (int i = 0; i < 400; ++i)
+    t.add(rnd.uniform(), rnd.uniform(), rnd.uniform(), 0, 0, 1);
+  for (int i = 0; i < 20; ++i)
+  {
+    int const j = rnd.below(400);
+    t.add(t.coords[3 * j], t.coords[3 * j + 1], t.coords[3 * j + 2], 0, 0, 1);
+  }
+  int const n = t.size();
+  for (int k : {1, 6, 25})
+    for (double radius : {0.0, 0.08})
+    {
+      CNormalEstimationParams p;
+      p.setNeighbours(k);
+      p.setMaxRadius(radius);
+      CNeighbourGraph g;
+      CNormalEstimator(p).findNeighbours(t.coords.data(), n, g);
+      ASSERT_EQ(g.size(), n);
+      int duplicates = 0;
+      for (int i = 0; i < n; ++i)
+      {
+        std::vector<std::pair<double, int>> all;
+        for (int j = 0; j < n; ++j)
+          if (j != i)
+          {
+            double d2 = 0;
+            for (int c = 0; c < 3; ++c)
+            {
+              double const d = t.coords[3 * i + c] - t.coords[3 * j + c];
+              d2 += d * d;
+            }
+            if (radius == 0.0 || d2 <= radius * radius)
+              all.emplace_back(d2, j);
+          }
+        std::sort(all.begin(), all.end());
+        all.resize(std::min<std::size_t>(all.size(), k));
+        ASSERT_EQ(g.getNeighbourCount(i), static_cast<int>(all.size())) << "point " << i << " k " << k;
+        for (std::size_t a = 0; a < all.size(); ++a)
+          ASSERT_EQ(g.getNeighbours(i)[a], all[a].second) << "point " << i << " k " << k << " r " << radius;
+        if (!all.empty())
+        {
+          EXPECT_EQ(g.getReach2(i), all.back().first);
+        }
+        duplicates += !all.empty() && all[0].first == 0.0;
+      }
+      EXPECT_EQ(g.getDuplicateCount(), duplicates);
+      EXPECT_GE(duplicates, 20);
+    }
+}
+
+TEST(NormalEstimation, NormalsOfKnownSurfaces)
+{
+  // Unoriented: compare |n . truth|; curvature from the second order.
+  struct Case
+  {
+    char const * name;
+    Truth cloud;
+    double curvature; // of every point, in 1 / length
+  };
+  Truth sphere, plane, cylinder;
+  sphere.append(QZTest::makeSphereCloud(4000, 2.0, 11));
+  plane.append(QZTest::makePlaneCloud(3000, 1.0, 0.5, 12));
+  QZTest::CCloudRandom rnd(13);
+  for (int i = 0; i < 4000; ++i)
+  {
+    double const phi = rnd.uniform(0, 6.283185307179586), z = rnd.uniform(-2, 2);
+    cylinder.add(0.5 * std::cos(phi), 0.5 * std::sin(phi), z, std::cos(phi), std::sin(phi), 0);
+  }
+  // A trace of noise, as every scan has: the quadric fit needs it.
+  for (Truth * t : {&sphere, &plane, &cylinder})
+    t->jitter(1e-4, 14);
+  for (Case const & c : {Case{"sphere", sphere, 0.5}, Case{"plane", plane, 0.0}, Case{"cylinder", cylinder, 1.0}})
+    for (bool second : {false, true})
+    {
+      CNormalEstimationParams p;
+      p.setSecondOrder(second);
+      CNeighbourGraph g;
+      CEstimatedNormals r;
+      CNormalEstimator e(p);
+      e.findNeighbours(c.cloud.coords.data(), c.cloud.size(), g);
+      e.estimateNormals(c.cloud.coords.data(), c.cloud.size(), g, r);
+      ASSERT_EQ(r.size(), c.cloud.size());
+      EXPECT_EQ(r.getDegenerateCount(), 0) << c.name;
+      EXPECT_FALSE(r.isOriented());
+      double worst = 1.0, curvatureError = 0.0;
+      int known = 0;
+      for (int i = 0; i < r.size(); ++i)
+      {
+        float const * a = r.getNormal(i);
+        float const * b = &c.cloud.normals[3 * static_cast<std::size_t>(i)];
+        EXPECT_NEAR(a[0] * a[0] + a[1] * a[1] + a[2] * a[2], 1.0, 1e-6);
+        worst = std::min(worst, std::fabs(static_cast<double>(a[0] * b[0] + a[1] * b[1] + a[2] * b[2])));
+        if (second && r.getCurvatures()[i] >= 0.0f)
+        {
+          ++known;
+          curvatureError += std::fabs(r.getCurvatures()[i] - c.curvature);
+        }
+      }
+      // The plane of a neighbourhood tilts where the point is off its centre;
+      // the quadric passes through the point.
+      EXPECT_GT(worst, second ? 0.9995 : 0.99) << c.name << (second ? " second order" : "");
+      if (second)
+      {
+        ASSERT_EQ(r.getCurvatures().size(), static_cast<std::size_t>(r.size()));
+        EXPECT_GT(known, r.size() * 9 / 10) << c.name;
+        EXPECT_LT(curvatureError / known, 0.02 + 0.02 * c.curvature) << c.name;
+      }
+      else
+        EXPECT_TRUE(r.getCurvatures().empty());
+    }
+}
+
+TEST(NormalEstimation, ClosedSurfacesWithNoiseFaceOutward)
+{
+  // Half a percent of the size as position noise on each coordinate.
+  Truth sphere, torus, nested;
+  sphere.append(QZTest::makeSphereCloud(30000, 1.0, 21));
+  torus.append(QZTest::makeTorusCloud(30000, 1.0, 0.35, 22));
+  nested.append(QZTest::makeSphereCloud(24000, 1.0, 23));
+  nested.append(QZTest::makeSphereCloud(6000, 0.5, 24), true); // the cavity: inward
+  for (Truth * t : {&sphere, &torus, &nested})
+    t->jitter(0.005, 25);
+  CEstimatedNormals const s = estimate(sphere), to = estimate(torus), ne = estimate(nested);
+  EXPECT_GE(agreeing(sphere, s), 0.999);
+  EXPECT_GE(agreeing(torus, to), 0.999);
+  EXPECT_GE(agreeing(nested, ne), 0.999);
+  EXPECT_EQ(s.getComponentCount(), 1);
+  EXPECT_EQ(ne.getComponentCount(), 2);
+  EXPECT_EQ(ne.getInwardComponentCount(), 1);
+
+  // Without the nesting rule the inner sphere faces out, as its own seed says.
+  CNormalEstimationParams p;
+  p.setNestedInward(false);
+  CEstimatedNormals const flat = estimate(nested, p);
+  EXPECT_EQ(flat.getInwardComponentCount(), 0);
+  EXPECT_NEAR(agreeing(nested, flat), 0.8, 0.01);
+}
+
+TEST(NormalEstimation, ThinPlatesKeepTheirSides)
+{
+  // Closed plates whose two large faces come closer than a neighbourhood's
+  // reach: neighbours of a face point include points of the other face, and
+  // the propagation must still not cross over.
+  for (double h : {0.05, 0.02})
+  {
+    Truth t = box(40000, 1.0, h, 31);
+    CEstimatedNormals const r = estimate(t);
+    EXPECT_GE(agreeing(t, r), 0.995) << "half thickness " << h;
+  }
+}
+
+TEST(NormalEstimation, ViewpointOrientsAScan)
+{
+  // A wavy height field seen from above, as one scan: every normal must face
+  // the scanner side (+z of the surface), also at the steep flanks.
+  Truth t;
+  QZTest::CCloudRandom rnd(41);
+  for (int i = 0; i < 20000; ++i)
+  {
+    double const x = rnd.uniform(-1, 1), y = rnd.uniform(-1, 1);
+    double const z = 0.25 * std::sin(4 * x) * std::cos(3 * y);
+    double const zx = std::cos(4 * x) * std::cos(3 * y), zy = -0.75 * std::sin(4 * x) * std::sin(3 * y);
+    double const l = std::sqrt(zx * zx + zy * zy + 1);
+    t.add(x, y, z, -zx / l, -zy / l, 1 / l);
+  }
+  t.jitter(0.002, 42);
+  CNormalEstimationParams p;
+  p.setViewpoint(Point3D_d(0.4, -0.3, 2.5));
+  CEstimatedNormals const r = estimate(t, p);
+  EXPECT_GE(agreeing(t, r), 0.999);
+  EXPECT_EQ(r.getComponentCount(), 1);
+
+  // Every point facing the viewpoint directly: no normal turns away from it.
+  p.setViewpointMinCosine(0.0);
+  CEstimatedNormals const direct = estimate(t, p);
+  for (int i = 0; i < t.size(); ++i)
+  {
+    float const * q = &t.coords[3 * static_cast<std::size_t>(i)];
+    float const * n = direct.getNormal(i);
+    ASSERT_GE(n[0] * (0.4 - q[0]) + n[1] * (-0.3 - q[1]) + n[2] * (2.5 - q[2]), 0.0) << i;
+  }
+
+  // The visible half of a sphere seen from outside faces outward.
+  Truth half;
+  Truth all;
+  all.append(QZTest::makeSphereCloud(20000, 1.0, 43));
+  for (int i = 0; i < all.size(); ++i)
+    if (all.coords[3 * i] + all.coords[3 * i + 1] > 0.2)
+      half.add(all.coords[3 * i], all.coords[3 * i + 1], all.coords[3 * i + 2], all.normals[3 * i],
+               all.normals[3 * i + 1], all.normals[3 * i + 2]);
+  p.setViewpoint(Point3D_d(3.0, 3.0, 0.5));
+  p.setViewpointMinCosine(0.2);
+  EXPECT_GE(agreeing(half, estimate(half, p)), 0.999);
+}
+
+TEST_F(NormalEstimationThreads, ResultsDoNotDependOnTheThreadCount)
+{
+  Truth t;
+  t.append(QZTest::makeTorusCloud(12000, 1.0, 0.3, 51));
+  t.jitter(0.003, 52);
+  for (bool second : {false, true})
+  {
+    CNormalEstimationParams p;
+    p.setSecondOrder(second);
+    std::vector<CEstimatedNormals> results;
+    std::vector<CNeighbourGraph> graphs;
+    for (int threads : {1, 2, 3})
+    {
+      CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
+      graphs.emplace_back();
+      CNormalEstimator(p).findNeighbours(t.coords.data(), t.size(), graphs.back());
+      results.push_back(estimate(t, p));
+    }
+    for (std::size_t r = 1; r < results.size(); ++r)
+    {
+      for (int i = 0; i < t.size(); ++i)
+        ASSERT_TRUE(std::equal(graphs[0].getNeighbours(i), graphs[0].getNeighbours(i) + graphs[0].getK(),
+                               graphs[r].getNeighbours(i)));
+      EXPECT_EQ(results[0].getNormals(), results[r].getNormals());
+      EXPECT_EQ(results[0].getCurvatures(), results[r].getCurvatures());
+    }
+  }
+}
+
+TEST_F(NormalEstimationThreads, InterruptionStopsEachStepAndClearsTheResult)
+{
+  class Interrupter : public IProgressObserver
+  {
+  public:
+    Interrupter(CProgressCounter & c, double at) : m_counter(c), m_at(at) {}
+    void onProgress(double pos, std::string const &) override
+    {
+      if (pos >= m_at)
+        m_counter.RequestInterrupt();
+    }
+
+  private:
+    CProgressCounter & m_counter;
+    double m_at;
+  };
+  Truth t;
+  t.append(QZTest::makeSphereCloud(60000, 1.0, 61));
+  for (int threads : {1, 2})
+    for (double at : {0.0, 0.1, 0.6, 0.9})
+    {
+      CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
+      CProgressCounter progress;
+      Interrupter stop(progress, at);
+      progress.AddObserver(&stop);
+      CEstimatedNormals r;
+      EXPECT_THROW(CNormalEstimator().run(t.coords.data(), t.size(), r, &progress), CUserIntrException)
+          << threads << " threads, at " << at;
+      EXPECT_EQ(r.size(), 0);
+      EXPECT_EQ(progress.GetRangeDepth(), 0);
+    }
+}
+
+TEST(NormalEstimation, BadInputIsRefusedWithItsCause)
+{
+  Truth good;
+  good.append(QZTest::makeSphereCloud(200, 1.0, 71));
+  auto failure = [](Truth const & t, CNormalEstimationParams const & p, int count = -2) {
+    CEstimatedNormals r;
+    try
+    {
+      CNormalEstimator(p).run(t.coords.empty() ? nullptr : t.coords.data(), count == -2 ? t.size() : count, r);
+    }
+    catch (CNormalEstimationError const & e)
+    {
+      EXPECT_EQ(r.size(), 0);
+      return std::make_pair(static_cast<int>(e.getReason()), std::string(e.what()));
+    }
+    return std::make_pair(0, std::string());
+  };
+  CNormalEstimationParams p;
+  using R = std::pair<int, std::string>;
+  p.setNeighbours(0);
+  EXPECT_EQ(failure(good, p), R(eNEBadNeighbourCount, "Normal estimation: the neighbour count k must be positive, got 0"));
+  p.setNeighbours(-3);
+  EXPECT_EQ(failure(good, p).first, eNEBadNeighbourCount);
+  p = CNormalEstimationParams();
+  p.setMaxRadius(-1.0);
+  EXPECT_EQ(failure(good, p), R(eNEBadRadius, "Normal estimation: the radius limit must be 0 (none) or positive, got -1"));
+  p.setMaxRadius(std::numeric_limits<double>::quiet_NaN());
+  EXPECT_EQ(failure(good, p).first, eNEBadRadius);
+  p = CNormalEstimationParams();
+  p.setViewpoint(Point3D_d(0.0, std::numeric_limits<double>::infinity(), 0.0));
+  EXPECT_EQ(failure(good, p), R(eNEBadViewpoint, "Normal estimation: the viewpoint has a non-finite coordinate"));
+  p = CNormalEstimationParams();
+  EXPECT_EQ(failure(Truth(), p, 5), R(eNENoPoints, "Normal estimation: no point coordinates were given"));
+  EXPECT_EQ(failure(good, p, 20), R(eNETooFewPoints, "Normal estimation: 20 points, fewer than k + 1 = 21"));
+  EXPECT_EQ(failure(Truth(), p, 0).first, eNETooFewPoints);
+
+  Truth nan = good;
+  nan.coords[3 * 17 + 1] = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_EQ(failure(nan, p), R(eNENonFinitePoint, "Normal estimation: point 17 has a non-finite coordinate"));
+  Truth same, line;
+  QZTest::CCloudRandom rnd(72);
+  for (int i = 0; i < 50; ++i)
+  {
+    same.add(1.5, -2, 3, 0, 0, 1);
+    double const s = rnd.uniform(-10, 10); // along a slanted line: float rounding puts points off it
+    line.add(1 + 0.3 * s, 2 - 0.7 * s, 0.1 * s, 0, 0, 1);
+  }
+  EXPECT_EQ(failure(same, p), R(eNEAllCoincident, "Normal estimation: all 50 points coincide"));
+  EXPECT_EQ(failure(line, p), R(eNEAllCollinear, "Normal estimation: all 50 points lie on one line"));
+
+  // Steps given each other's results for another cloud.
+  CNeighbourGraph g;
+  CEstimatedNormals r;
+  CNormalEstimator e;
+  e.findNeighbours(good.coords.data(), 100, g);
+  try
+  {
+    e.estimateNormals(good.coords.data(), good.size(), g, r);
+    ADD_FAILURE() << "a graph of 100 points was taken for 200";
+  }
+  catch (CNormalEstimationError const & err)
+  {
+    EXPECT_EQ(err.getReason(), eNEMismatch);
+    EXPECT_STREQ(err.what(), "Normal estimation: the neighbours were made for 100 points, not 200");
+  }
+}
+
+TEST(NormalEstimation, DegenerateNeighbourhoodsTakeTheFallback)
+{
+  // A plane, a wire standing out of it, and a lump of 25 copies of one
+  // point: the wire's far points and the lump have no plane of their own.
+  Truth t;
+  t.append(QZTest::makePlaneCloud(2000, 1.0, 0.0, 81));
+  for (int i = 1; i <= 60; ++i)
+    t.add(0.0, 0.0, 0.02 * i, 0, 0, 1);
+  int const lump = t.size();
+  for (int i = 0; i < 25; ++i)
+    t.add(5, 5, 5, 0, 0, 1);
+  CNormalEstimationParams p;
+  p.setNeighbours(10);
+  CNormalEstimator e(p);
+  CNeighbourGraph g;
+  CEstimatedNormals r;
+  e.findNeighbours(t.coords.data(), t.size(), g);
+  e.estimateNormals(t.coords.data(), t.size(), g, r);
+  EXPECT_EQ(g.getDuplicateCount(), 25);
+  int wire = 0;
+  for (int i = 2000; i < lump; ++i)
+    wire += r.isDegenerate(i) ? 1 : 0;
+  EXPECT_GE(wire, 50); // the top of the wire sees only the wire
+  for (int i = lump; i < t.size(); ++i)
+  {
+    ASSERT_TRUE(r.isDegenerate(i));
+    EXPECT_EQ(std::vector<float>(r.getNormal(i), r.getNormal(i) + 3), std::vector<float>({0.0f, 0.0f, 1.0f}));
+  }
+  int degenerate = 0;
+  for (int i = 0; i < t.size(); ++i)
+    if (r.isDegenerate(i))
+    {
+      ++degenerate;
+      // The fallback is the normal of the nearest sound neighbour, if any.
+      int const * nb = g.getNeighbours(i);
+      int const * sound = std::find_if(nb, nb + g.getNeighbourCount(i), [&](int j) { return !r.isDegenerate(j); });
+      if (sound != nb + g.getNeighbourCount(i))
+      {
+        EXPECT_EQ(std::vector<float>(r.getNormal(i), r.getNormal(i) + 3),
+                  std::vector<float>(r.getNormal(*sound), r.getNormal(*sound) + 3));
+      }
+    }
+  EXPECT_EQ(r.getDegenerateCount(), degenerate);
+  e.orientNormals(t.coords.data(), t.size(), g, r);
+  EXPECT_EQ(r.getDegenerateCount(), degenerate);
+  EXPECT_EQ(r.getComponentCount(), 2); // the lump is apart
+  for (int i = 0; i < 2000; ++i)
+    if (std::fabs(t.coords[3 * i]) > 0.2 || std::fabs(t.coords[3 * i + 1]) > 0.2) // away from the wire
+    {
+      ASSERT_GT(r.getNormal(i)[2], 0.99f) << i;
+    }
+}
