@@ -40,13 +40,17 @@ bool tf_finite3x3(const double (&s)[3][3])
   return true;
 }
 
-// Adds v v^T to the scatter matrix.
+// Adds v v^T to the upper triangle of the scatter matrix. v_i v_j and v_j v_i
+// round alike, so mirroring the finished sums (tf_mirror) gives the full sum
+// bit for bit at two thirds of the work.
 void tf_addOuter(double (&s)[3][3], const double * v)
 {
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j)
-      s[i][j] += v[i] * v[j];
+  s[0][0] += v[0] * v[0], s[0][1] += v[0] * v[1], s[0][2] += v[0] * v[2];
+  s[1][1] += v[1] * v[1], s[1][2] += v[1] * v[2];
+  s[2][2] += v[2] * v[2];
 }
+
+void tf_mirror(double (&s)[3][3]) { s[1][0] = s[0][1], s[2][0] = s[0][2], s[2][1] = s[1][2]; }
 
 // Eigen-decomposition of the scatter `s` in `rows` (three rows of 3): values
 // to d, vectors to the columns of rows. False when the solver does not
@@ -65,7 +69,7 @@ bool tf_eigen(const double (&s)[3][3], double ** rows, double * d)
 // of the smallest eigenvalue, or -1 on failure.
 int tf_firstOrder(int n, const Point3D * points, double ** matrix, double * values, double * normal)
 {
-  if (n < 3 || points == nullptr || matrix == nullptr)
+  if (n < 3 || points == nullptr || matrix == nullptr || normal == nullptr)
     return -1;
   double c[3] = {0.0, 0.0, 0.0};
   for (int i = 0; i < n; ++i)
@@ -79,6 +83,7 @@ int tf_firstOrder(int n, const Point3D * points, double ** matrix, double * valu
     double const r[3] = {points[i].x() - c[0], points[i].y() - c[1], points[i].z() - c[2]};
     tf_addOuter(s, r);
   }
+  tf_mirror(s);
   if (!tf_finite3x3(s) || !tf_eigen(s, matrix, values))
     return -1;
   int const k = tf_smallestEigen(values);
@@ -172,7 +177,7 @@ bool tf_passesFoldTest(const CQuadraticForm & form, int n, const Point3D * w)
     if (g0.x() * g.x() + g0.y() * g.y() + g0.z() * g.z() <= -0.95)
       ++back;
   }
-  return static_cast<float>(back) < 0.2f * static_cast<float>(n);
+  return static_cast<float>(back) < 0.2 * n;
 }
 
 // The parameter along p + t L where the line meets the form (raw ten
@@ -268,10 +273,12 @@ bool tf_reducedEigen(int q, const double (&a)[10][10], int & count, double (&vec
       s[i][j] = s[j][i] = 0.5 * (s[i][j] + s[j][i]);
   double ev[3][3];
   double * evRows[3] = {ev[0], ev[1], ev[2]};
-  if (!tf_finite3x3(s) || !tf_eigen(s, evRows, lambda))
-    return false;
+  double values[3];
+  if (!tf_finite3x3(s) || !tf_eigen(s, evRows, values))
+    return false; // lambda untouched: the general solver fills it afresh
   for (int e = 0; e < 3; ++e)
   {
+    lambda[e] = values[e];
     for (int i = 0; i < 10; ++i)
       vec[e][i] = 0.0;
     for (int i = 0; i < 3; ++i)
@@ -332,6 +339,7 @@ bool tf_getNormal2(int n, const Point3D * points, const CGetNormal2Prms & prm, C
     double const r[3] = {w[i].x() - m[0], w[i].y() - m[1], w[i].z() - m[2]};
     tf_addOuter(scatter, r);
   }
+  tf_mirror(scatter);
   double ev[3][3], values[3];
   double * evRows[3] = {ev[0], ev[1], ev[2]};
   normal[0] = normal[1] = normal[2] = 0.0;
@@ -402,13 +410,15 @@ bool tf_getNormal2(int n, const Point3D * points, const CGetNormal2Prms & prm, C
   }
 
   // 8. Among the smaller eigenvalues, the form of least weighted residual that
-  // is not too curved, has a gradient and is not folded.
-  double maxAbs = 0.0, minAbs = 0.0;
-  for (int e = 0; e < count; ++e)
+  // is not too curved, has a gradient and is not folded. The bound is taken
+  // over all q entries of the value array: those past `count` (the infinite
+  // eigenvalues the solver dropped) stay 0, so that with any dropped the
+  // bound is half the greatest magnitude.
+  double maxAbs = std::fabs(lambda[0]), minAbs = maxAbs;
+  for (int e = 1; e < q; ++e)
   {
-    double const v = std::fabs(lambda[e]);
-    maxAbs = e == 0 ? v : std::max(maxAbs, v);
-    minAbs = e == 0 ? v : std::min(minAbs, v);
+    maxAbs = std::max(maxAbs, std::fabs(lambda[e]));
+    minAbs = std::min(minAbs, std::fabs(lambda[e]));
   }
   double const threshold = (maxAbs + minAbs) / 2.0;
   double best = 1e30;
@@ -482,7 +492,7 @@ int GetNormal(int n, const Point3D * points, double ** matrix, double * normal)
 int GetNormal(int n, const Point3D * points, double ** matrix, float * normal)
 {
   double values[3], d[3];
-  if (tf_firstOrder(n, points, matrix, values, d) < 0)
+  if (normal == nullptr || tf_firstOrder(n, points, matrix, values, d) < 0)
     return 0;
   tf_toFloat(d, normal);
   return 1;
@@ -501,6 +511,8 @@ int GetAnisotropy(int n, const Point3D * points, double ** matrix, float & aniso
 
 bool EstimateNormal(const std::vector<Point3D> & points, double * normal)
 {
+  if (normal == nullptr)
+    return false;
   normal[0] = normal[1] = normal[2] = 0.0;
   double m[3][3];
   double * rows[3] = {m[0], m[1], m[2]};
@@ -593,15 +605,14 @@ CGetNormal2Prms tf_curvaturePrms()
 bool EstimateCurvature(const std::vector<Point3D> & points, bool computeNormal, double * normal,
                        Matrix<double> & tensor)
 {
-  std::vector<Point3D> const copy(points);
-  int const n = static_cast<int>(copy.size());
+  int const n = static_cast<int>(points.size());
   if (n < 3)
     return false;
   CGetNormal2Prms const prm = tf_curvaturePrms();
   CQuadraticForm form;
   std::vector<float> dist(static_cast<std::size_t>(n));
   double est[3], s = 0.0;
-  bool const ok = GetNormal2(n, copy.data(), &prm, &form, est, dist.data(), &s);
+  bool const ok = GetNormal2(n, points.data(), &prm, &form, est, dist.data(), &s);
   if (normal && !computeNormal)
     est[0] = normal[0], est[1] = normal[1], est[2] = normal[2];
   if (!ok)

@@ -73,8 +73,9 @@ private:
 
 /// First-order normal of n points. `matrix` is three caller-owned rows of 3
 /// doubles; on return its columns hold the eigenvectors of the scatter
-/// matrix. Returns 1, or 0 when n < 3, a coordinate is not finite or the
-/// eigensolver fails.
+/// matrix. Returns 1, or 0 when n < 3, a coordinate is not finite, the
+/// eigensolver fails or no eigenvalue lies below 1e30 (a spread too wide for
+/// the selection).
 int GetNormal(int n, const REmath::Point3D * points, double ** matrix, double * normal);
 int GetNormal(int n, const REmath::Point3D * points, double ** matrix, float * normal);
 
@@ -90,7 +91,12 @@ bool EstimateNormal(const std::vector<REmath::Point3D> & points, double * normal
 /// gradient from the quadric, in the scaled units below. `form` (may be null)
 /// receives the plane (Q = 0, L = normal) or the quadric, relative to point 0
 /// and scaled by 1 / `*scale`, the root mean square distance of the others
-/// from point 0. `scale` may be null. False when no quadric passes the tests
+/// from point 0. `scale` may be null. Only the quadrics whose eigenvalue
+/// (their weighted residual) is at most the mean of the greatest and least
+/// magnitudes over all q slots are candidates; the slots of the infinite
+/// eigenvalues the solver drops count as 0, so in effect the bound is half
+/// the greatest, and a neighbourhood where no quadric fits clearly better
+/// than the others (noise) has none. False when no candidate passes the tests
 /// (curvature above 2.0 in scaled units, zero gradient, two sheets), for
 /// fewer than three points, coincident points or non-finite coordinates.
 bool GetNormal2(int n, const REmath::Point3D * points, const CGetNormal2Prms * prms, CQuadraticForm * form,
@@ -105,11 +111,11 @@ double MaxCurvature(const CQuadraticForm & form);
 double MaxCurvature(const CQuadFormRaw9<double> & form);
 
 /// Both principal curvature magnitudes at the origin (unordered), or both
-/// UNKNOWN_CURVATURE for a zero gradient or an umbilic point (where the two
-/// agree within 1e-5). `tensor` (3 x 3, may be null) receives the two
-/// magnitudes spread over an arbitrary tangent frame (not the principal
-/// directions); `normal` (may be null) the unit gradient, both only when the
-/// curvatures are known.
+/// UNKNOWN_CURVATURE for a zero gradient (|b|^2 <= 1e-10) or an umbilic
+/// point (H^2 - E G + F^2 < 1e-10, the two within 2e-5 of each other).
+/// `tensor` (3 x 3, may be null) receives the two magnitudes spread over an
+/// arbitrary tangent frame (not the principal directions); `normal` (may be
+/// null) the unit gradient, both only when the curvatures are known.
 void GetCurvatures(const CQuadFormRaw9<double> & form, double * curvatures, REmath::Matrix<double> * tensor,
                    double * normal);
 

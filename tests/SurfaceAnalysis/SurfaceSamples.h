@@ -19,8 +19,7 @@ using REmath::Point3D;
 struct CNeighbourhood
 {
   std::vector<Point3D> points;
-  double normal[3];   ///< the true unit normal at points[0]
-  double frame[3][3]; ///< rows: local x, y, z (= normal) in world coordinates
+  double normal[3]; ///< the true unit normal at points[0]
 };
 
 inline CNeighbourhood sampleSurface(const std::function<double(double, double)> & height, int n,
@@ -41,9 +40,6 @@ inline CNeighbourhood sampleSurface(const std::function<double(double, double)> 
   double const r[3][3] = {{1 - 2 * (y * y + z * z), 2 * (x * y - w * z), 2 * (x * z + w * y)},
                           {2 * (x * y + w * z), 1 - 2 * (x * x + z * z), 2 * (y * z - w * x)},
                           {2 * (x * z - w * y), 2 * (y * z + w * x), 1 - 2 * (x * x + y * y)}};
-  for (int i = 0; i < 3; ++i)
-    for (int k = 0; k < 3; ++k)
-      nb.frame[i][k] = r[k][i];
   for (int k = 0; k < 3; ++k)
     nb.normal[k] = r[k][2];
   double const origin[3] = {10.0 * scale, -4.0 * scale, 7.0 * scale};
