@@ -4,18 +4,14 @@
 #include <random>
 
 #include "QZmath/SurfaceAnalysis/QuadraticForm.h"
-#include "QZsys/Exceptions.h"
 
 using REmath::Point3D_d;
 
 namespace
 {
-// x^2 + y^2 + (z - 3)^2 - 1: a unit sphere centred at (0, 0, 3).
-CQuadraticForm unitSphereAt3()
-{
-  return CQuadraticForm::buildFromCoefficients(1, 1, 1, 0, 0, 0, 0, 0, -6, 8);
-}
+double const C[10] = {1.5, -2.0, 0.25, 3.0, 4.0, -1.0, 0.5, 0.75, -0.125, 2.5};
 
+// The form's value straight from its monomials, in the raw order.
 double monomialValue(const double * c, const Point3D_d & p)
 {
   double const x = p.x(), y = p.y(), z = p.z();
@@ -24,103 +20,91 @@ double monomialValue(const double * c, const Point3D_d & p)
 }
 } // namespace
 
-TEST(QuadraticForm, RawArraysRoundTripAndAccessors)
+TEST(QuadraticForm, CoefficientArraysAndAccessors)
 {
-  double const c[10] = {1.5, -2.0, 0.25, 3.0, 4.0, -1.0, 0.5, 0.75, -0.125, 2.5};
-  CQuadraticForm const f = CQuadraticForm::buildFromCoeffArray(10, c);
-  // The mixed coefficients are halved into both mirror entries.
-  EXPECT_EQ(f.GetQuadaricTerm().m[0][1], -1.0);
+  CQuadraticForm const f = CQuadraticForm::buildFromCoeffArray(10, C);
+  // Mixed coefficients are halved into both mirror entries and summed back.
   EXPECT_EQ(f.GetQuadaricTerm().m[1][0], -1.0);
-  EXPECT_EQ(f.getKXY(), -2.0);
-  EXPECT_EQ(f.getKYZ(), 4.0);
-  EXPECT_EQ(f.getKZ(), -0.125);
-  EXPECT_EQ(f.getK(), 2.5);
+  EXPECT_EQ(f.getKXY(), C[1]);
+  EXPECT_EQ(f.getKXZ(), C[2]);
+  EXPECT_EQ(f.getKYZ(), C[4]);
   CQuadFormRaw10<double> raw10;
   f.ConvertToRawFormat(raw10);
-  for (int i = 0; i < 10; ++i)
-    EXPECT_EQ(raw10[i], c[i]);
   CQuadFormRaw9<float> raw9;
   f.ConvertToRawFormat(raw9);
+  for (int i = 0; i < 10; ++i)
+    EXPECT_EQ(raw10[i], C[i]);
   for (int i = 0; i < 9; ++i)
-    EXPECT_EQ(raw9[i], static_cast<float>(c[i]));
-  // The argument order of buildFromCoefficients puts the squares first.
+    EXPECT_EQ(raw9[i], static_cast<float>(C[i]));
+  // buildFromCoefficients takes the three squares first.
   CQuadraticForm const g =
-      CQuadraticForm::buildFromCoefficients(c[0], c[3], c[5], c[1], c[2], c[4], c[6], c[7], c[8], c[9]);
-  EXPECT_EQ(g.GetQuadaricTerm().m[1][2], f.GetQuadaricTerm().m[1][2]);
-  EXPECT_EQ(g.getKYY(), 3.0);
+      CQuadraticForm::buildFromCoefficients(C[0], C[3], C[5], C[1], C[2], C[4], C[6], C[7], C[8], C[9]);
+  CQuadFormRaw10<double> rawG;
+  g.ConvertToRawFormat(rawG);
+  for (int i = 0; i < 10; ++i)
+    EXPECT_EQ(rawG[i], C[i]);
 
-  // Short arrays leave the later coefficients 0; float arrays work alike.
+  // Short arrays leave the later coefficients 0.
   float const cf[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
   CQuadraticForm const nine = CQuadraticForm::buildFromCoeffArray(9, cf);
   EXPECT_EQ(nine.getKZ(), 9.0);
   EXPECT_EQ(nine.getK(), 0.0);
   CQuadraticForm const six = CQuadraticForm::buildFromCoeffArray(6, cf);
   EXPECT_EQ(six.getKZZ(), 6.0);
-  EXPECT_EQ(six.GetLinearTerm().length(), 0.0);
-  EXPECT_EQ(six.getK(), 0.0);
-
-  // The default form: the identity, no linear or free term.
+  EXPECT_EQ(six.GetLinearTerm().length() + six.getK(), 0.0);
+  // The default form is the identity with no linear or free term.
   CQuadraticForm const d;
-  EXPECT_EQ(d.getKXX() + d.getKYY() + d.getKZZ(), 3.0);
-  EXPECT_EQ(d.getKXY() + d.getKXZ() + d.getKYZ() + d.getK(), 0.0);
+  EXPECT_EQ(d.eval(Point3D_d(1.0, 2.0, 2.0)), 9.0);
 }
 
 TEST(QuadraticForm, EvaluationAndGradient)
 {
-  double const c[10] = {1.5, -2.0, 0.25, 3.0, 4.0, -1.0, 0.5, 0.75, -0.125, 2.5};
-  CQuadraticForm f = CQuadraticForm::buildFromCoeffArray(10, c);
+  CQuadraticForm f = CQuadraticForm::buildFromCoeffArray(10, C);
   Point3D_d const p(0.3, -1.2, 2.0);
-  EXPECT_NEAR(f.eval(p), monomialValue(c, p), 1e-12);
-  // The gradient against central differences.
+  EXPECT_NEAR(f.eval(p), monomialValue(C, p), 1e-12);
   Point3D_d const g = f.evalGradient(p);
   for (int k = 0; k < 3; ++k)
   {
     Point3D_d a = p, b = p;
     a.asArray()[k] += 1e-6, b.asArray()[k] -= 1e-6;
-    EXPECT_NEAR(g.asArray()[k], (monomialValue(c, a) - monomialValue(c, b)) / 2e-6, 1e-6);
+    EXPECT_NEAR(g.asArray()[k], (monomialValue(C, a) - monomialValue(C, b)) / 2e-6, 1e-6);
   }
-  // A non-symmetric Q: eval reads all nine entries, the gradient rows only.
+  // A non-symmetric Q: eval reads all nine entries (the pair's sum is what
+  // counts), the gradient the rows only.
   f.GetQuadaricTerm().m[0][1] = 1.0;
   f.GetQuadaricTerm().m[1][0] = -3.0;
-  EXPECT_NEAR(f.eval(p), monomialValue(c, p), 1e-12); // the sum of the pair is unchanged
+  EXPECT_NEAR(f.eval(p), monomialValue(C, p), 1e-12);
   EXPECT_EQ(f.evalGradient(p).x(), 2.0 * (1.5 * 0.3 + 1.0 * -1.2 + 0.125 * 2.0) + 0.5);
 }
 
 TEST(QuadraticForm, SolvingForZ)
 {
-  CQuadraticForm const s = unitSphereAt3();
+  // x^2 + y^2 + (z - 3)^2 = 1.
+  CQuadraticForm const s = CQuadraticForm::buildFromCoefficients(1, 1, 1, 0, 0, 0, 0, 0, -6, 8);
   double z1 = -7, z2 = -7;
-  // Two roots, the one nearer to z = 0 first.
   ASSERT_EQ(s.calculateZByXY(0.0, 0.0, z1, z2), CQuadraticForm::CalcZTwo);
-  EXPECT_DOUBLE_EQ(z1, 2.0);
+  EXPECT_DOUBLE_EQ(z1, 2.0); // the root nearer to z = 0 first
   EXPECT_DOUBLE_EQ(z2, 4.0);
   // Sorted by the gradient: z1 where the gradient points along dir.
-  ASSERT_EQ(s.calculateZByXYSortedByGrad(0.0, 0.0, z1, z2, Point3D_d(0.0, 0.0, 5.0)),
-            CQuadraticForm::CalcZTwo);
+  s.calculateZByXYSortedByGrad(0.0, 0.0, z1, z2, Point3D_d(0.0, 0.0, 5.0));
   EXPECT_DOUBLE_EQ(z1, 4.0);
-  ASSERT_EQ(s.calculateZByXYSortedByGrad(0.0, 0.0, z1, z2, Point3D_d(0.0, 0.0, -1.0)),
-            CQuadraticForm::CalcZTwo);
+  s.calculateZByXYSortedByGrad(0.0, 0.0, z1, z2, Point3D_d(0.0, 0.0, -1.0));
   EXPECT_DOUBLE_EQ(z1, 2.0);
   // One variable for both outputs keeps the second formula's root.
   double same = 0.0;
   s.calculateZByXY(0.0, 0.0, same, same);
   EXPECT_DOUBLE_EQ(same, 2.0);
-  // Tangent: a double root.
-  ASSERT_EQ(s.calculateZByXY(1.0, 0.0, z1, z2), CQuadraticForm::CalcZTwo);
+  ASSERT_EQ(s.calculateZByXY(1.0, 0.0, z1, z2), CQuadraticForm::CalcZTwo); // tangent
   EXPECT_EQ(z1, z2);
-  EXPECT_DOUBLE_EQ(z1, 3.0);
-  // Outside: no root, outputs untouched.
   z1 = z2 = -7;
   EXPECT_EQ(s.calculateZByXY(2.0, 0.0, z1, z2), CQuadraticForm::CalcZNone);
-  EXPECT_EQ(z1, -7.0);
-  EXPECT_EQ(z2, -7.0);
+  EXPECT_EQ(z1 + z2, -14.0); // untouched
 
-  // No z^2 term: the plane x + 2z - 4 = 0 has one root, z2 untouched.
+  // No z^2 term: one root, z2 untouched; no z at all: every z, or none.
   CQuadraticForm const plane = CQuadraticForm::buildFromCoefficients(0, 0, 0, 0, 0, 0, 1, 0, 2, -4);
   ASSERT_EQ(plane.calculateZByXY(2.0, 5.0, z1, z2), CQuadraticForm::CalcZOne);
   EXPECT_DOUBLE_EQ(z1, 1.0);
   EXPECT_EQ(z2, -7.0);
-  // No z at all: every z, or none.
   CQuadraticForm const cyl = CQuadraticForm::buildFromCoefficients(1, 1, 0, 0, 0, 0, 0, 0, 0, -1);
   z1 = -7;
   EXPECT_EQ(cyl.calculateZByXY(1.0, 0.0, z1, z2), CQuadraticForm::CalcZAny);
@@ -136,21 +120,18 @@ TEST(QuadraticForm, TransformToBasisKeepsTheSurface)
   for (double & v : c)
     v = u(rng);
   CQuadraticForm const f = CQuadraticForm::buildFromCoeffArray(10, c);
-
-  // A turned, moved and scaled frame: the form in frame coordinates y has
-  // the value of the original at x = A y + t.
+  // A turned, moved and scaled frame: the form in frame coordinates y has the
+  // value of the original at x = A y + t.
   auto scaled = [](Point3D_d v, double s) { return v.unitLength() *= s; };
-  Point3D_d const e0 = scaled(Point3D_d(1.0, 2.0, 0.5), 2.0);
-  Point3D_d const e1 = scaled(Point3D_d(-2.0, 1.0, 0.0), 0.5);
-  Point3D_d const e2 = scaled(Point3D_d(-0.4, -0.2, 2.0), 3.0);
-  Point3D_d const origin(1.0, -3.0, 0.7);
-  COrthoNormBasis const basis = COrthoNormBasis::buildByOrthsAndOrigin(e0, e1, e2, origin);
+  COrthoNormBasis const basis = COrthoNormBasis::buildByOrthsAndOrigin(
+      scaled(Point3D_d(1.0, 2.0, 0.5), 2.0), scaled(Point3D_d(-2.0, 1.0, 0.0), 0.5),
+      scaled(Point3D_d(-0.4, -0.2, 2.0), 3.0), Point3D_d(1.0, -3.0, 0.7));
   CQuadraticForm const g = f.getTransformedToBasis(basis);
   for (int rep = 0; rep < 20; ++rep)
   {
     Point3D_d const y(u(rng), u(rng), u(rng));
-    Point3D_d const x = basis.transformCoordsFromBasis(y);
-    EXPECT_NEAR(g.eval(y), f.eval(x), 1e-10 * (1.0 + std::fabs(f.eval(x))));
+    double const fx = f.eval(basis.transformCoordsFromBasis(y));
+    EXPECT_NEAR(g.eval(y), fx, 1e-10 * (1.0 + std::fabs(fx)));
   }
   EXPECT_TRUE(g.GetQuadaricTerm().isSelfAdjoint());
 
