@@ -33,40 +33,31 @@ float lineDist(CArc2D const & s, float const * p)
 
 TEST(Arc2D, Intersections)
 {
-  float p[2];
-  CArc2D pair[2] = {segment(-1, 1, 3, 1), segment(2, -5, 2, -4)}; // infinite lines meet at (2, 1)
-  ASSERT_TRUE(Get2ArcsIntersect(pair, p));
-  EXPECT_FLOAT_EQ(p[0], 2.0f);
-  EXPECT_FLOAT_EQ(p[1], 1.0f);
-
-  // The line y = 3 cuts the circle about (4, 0) of radius 5 at x = 0 and 8.
-  CArc2D lc[2] = {segment(10, 3, 9, 3), circle(4, 0, 5)};
-  ASSERT_TRUE(Get2ArcsIntersect(lc, p));
-  EXPECT_NEAR(p[0], 0.0f, 1e-5f);
-  EXPECT_NEAR(p[1], 3.0f, 1e-5f);
-  std::swap(lc[0], lc[1]);
-  ASSERT_TRUE(Get2ArcsIntersect(lc, p));
-  EXPECT_NEAR(p[0], 0.0f, 1e-5f);
-  CArc2D miss[2] = {segment(0, 6, 1, 6), circle(4, 0, 5)};
-  EXPECT_FALSE(Get2ArcsIntersect(miss, p));
-
-  // Circles about (0, 0) r 5 and (8, 0) r 5 meet at (4, +-3); equally near the
-  // origin, the + solution (m + h (wy, -wx) / L = (4, -3)) is kept.
-  CArc2D cc[2] = {circle(0, 0, 5), circle(8, 0, 5)};
-  ASSERT_TRUE(Get2ArcsIntersect(cc, p));
-  EXPECT_NEAR(p[0], 4.0f, 1e-5f);
-  EXPECT_NEAR(p[1], -3.0f, 1e-5f);
-  // About (8, 2) and (0, 2), both r 5: (4, 5) and (4, -1); the nearer one is
-  // the - solution here.
-  cc[0] = circle(8, 2, 5);
-  cc[1] = circle(0, 2, 5);
-  ASSERT_TRUE(Get2ArcsIntersect(cc, p));
-  EXPECT_NEAR(p[0], 4.0f, 1e-5f);
-  EXPECT_NEAR(p[1], -1.0f, 1e-5f);
-  CArc2D apart[2] = {circle(0, 0, 1), circle(5, 0, 1)};
-  EXPECT_FALSE(Get2ArcsIntersect(apart, p));
-  CArc2D concentric[2] = {circle(1, 1, 1), circle(1, 1, 2)};
-  EXPECT_FALSE(Get2ArcsIntersect(concentric, p));
+  struct Case
+  {
+    CArc2D a, b;
+    bool ok;
+    float x, y;
+  } const cases[] = {
+      {segment(-1, 1, 3, 1), segment(2, -5, 2, -4), true, 2, 1}, // the infinite lines meet
+      {segment(10, 3, 9, 3), circle(4, 0, 5), true, 0, 3},       // y = 3 cuts at x = 0 and x = 8
+      {circle(4, 0, 5), segment(10, 3, 9, 3), true, 0, 3},
+      {segment(0, 6, 1, 6), circle(4, 0, 5), false, 0, 0},
+      // (4, 3) and (4, -3) are equally near the origin: the + solution,
+      // m + h (wy, -wx) / L = (4, -3), is kept.
+      {circle(0, 0, 5), circle(8, 0, 5), true, 4, -3},
+      {circle(8, 2, 5), circle(0, 2, 5), true, 4, -1}, // (4, 5) or (4, -1): the - solution is nearer
+      {circle(0, 0, 1), circle(5, 0, 1), false, 0, 0},
+      {circle(1, 1, 1), circle(1, 1, 2), false, 0, 0}, // one centre
+  };
+  for (Case const & c : cases)
+  {
+    CArc2D const pair[2] = {c.a, c.b};
+    float p[2] = {7, 7};
+    ASSERT_EQ(Get2ArcsIntersect(pair, p), c.ok) << c.x << " " << c.y;
+    EXPECT_TRUE(!c.ok || (std::fabs(p[0] - c.x) < 1e-5f && std::fabs(p[1] - c.y) < 1e-5f))
+        << p[0] << " " << p[1];
+  }
 }
 
 TEST(Arc2D, FilletOfTwoSegments)

@@ -22,16 +22,12 @@ std::vector<Point3D_d> polygon(std::vector<double> const & corners, int perSide,
   std::vector<Point3D_d> pts;
   std::size_t const n = corners.size() / 2;
   for (std::size_t c = 0; c < n; ++c)
-  {
-    double const x0 = corners[2 * c], y0 = corners[2 * c + 1];
-    double const x1 = corners[2 * ((c + 1) % n)], y1 = corners[2 * ((c + 1) % n) + 1];
-    for (int i = 0; i < perSide; ++i)
+    for (double i = 0; i < perSide; ++i)
     {
-      double const t = static_cast<double>(i) / perSide;
-      Point3D_d p(x0 + t * (x1 - x0), y0 + t * (y1 - y0), 0.0);
-      pts.push_back(s ? add(p, s->noise(sigma)) : p);
+      Point3D_d const a(corners[2 * c], corners[2 * c + 1], 0.0);
+      Point3D_d const b(corners[2 * ((c + 1) % n)], corners[2 * ((c + 1) % n) + 1], 0.0);
+      pts.push_back(a + (b - a) * (i / perSide) + (s ? s->noise(sigma) : Point3D_d()));
     }
-  }
   return pts;
 }
 
@@ -61,8 +57,8 @@ std::vector<int> referenceMarks(std::vector<Point3D_d> const & p, double r2, boo
         if (!closed && (j < 0 || j >= n))
           break;
         j = (j + n) % n;
-        if (dot(add(p[j], scale(p[i], -1.0)), add(p[j], scale(p[i], -1.0))) > r2)
-          found[side] = true, arm[side] = unit(add(p[j], scale(p[i], -1.0)));
+        if (dot(p[j] - p[i], p[j] - p[i]) > r2)
+          found[side] = true, arm[side] = unit(p[j] - p[i]);
       }
     if (found[0] && found[1])
       c[i] = dot(arm[0], arm[1]);
@@ -196,7 +192,7 @@ TEST(ContourCorners, ThinningMatchesTheRescanningReference)
     for (int i = 0; i < n; ++i)
     {
       zig.push_back(p);
-      p = add(p, Point3D_d(s.uniform(-1.0, 1.0), s.uniform(-1.0, 1.0), 0.0));
+      p += Point3D_d(s.uniform(-1.0, 1.0), s.uniform(-1.0, 1.0), 0.0);
     }
     bool const closed = trial % 2 == 1;
     double const r2 = s.uniform(0.1, 2.0);

@@ -16,28 +16,17 @@ namespace
 // Distance of `p` from the line (origin, unit direction).
 double lineDistance(Point3D_d const & p, Point3D_d const & o, Point3D_d const & d)
 {
-  Point3D_d const c = cross(add(p, scale(o, -1.0)), d);
+  Point3D_d const c = cross(p - o, d);
   return std::sqrt(dot(c, c));
 }
 } // namespace
 
-TEST(FitLine, TwoPointsGiveMidpointAndUnitDirectionFromFirst)
-{
-  std::vector<Point3D_d> const pts = {Point3D_d(1.0, 2.0, 3.0), Point3D_d(1.0, 2.0, 7.0)};
-  Point3D_d o, d;
-  ASSERT_TRUE(FitLineToPointSet(pts, o, d));
-  EXPECT_TRUE(same(o, Point3D_d(1.0, 2.0, 5.0)));
-  EXPECT_TRUE(same(d, Point3D_d(0.0, 0.0, 1.0)));
-  ASSERT_TRUE(FitLineToPointSetRobust(pts, o, d));
-  EXPECT_TRUE(same(d, Point3D_d(0.0, 0.0, 1.0)));
-}
-
-TEST(FitLine, ExactPointsGiveTheLineInBothPrecisions)
+TEST(FitLine, ExactPointsGiveTheLineInBothPrecisionsAndTwoPointsTheirChord)
 {
   Point3D_d const dir = unit(Point3D_d(1.0, -2.0, 0.5));
   std::vector<Point3D_d> pts;
   for (int i = 0; i < 7; ++i)
-    pts.push_back(add(Point3D_d(3.0, 1.0, -2.0), scale(dir, i - 3.0)));
+    pts.push_back(Point3D_d(3.0, 1.0, -2.0) + dir * (i - 3.0));
   Point3D_d o, d;
   ASSERT_TRUE(FitLineToPointSet(pts, o, d));
   EXPECT_NEAR(std::sqrt(dot(d, d)), 1.0, 1e-14);
@@ -45,6 +34,13 @@ TEST(FitLine, ExactPointsGiveTheLineInBothPrecisions)
   EXPECT_LT(dist(o, Point3D_d(3.0, 1.0, -2.0)), 1e-12); // the centroid
   ASSERT_TRUE(FitLineToPointSet(toFloat(pts), o, d));
   EXPECT_LT(sinAngle(d, dir), 1e-6);
+  // Two points: their midpoint and the unit vector from the first to the second.
+  std::vector<Point3D_d> const two = {Point3D_d(1.0, 2.0, 3.0), Point3D_d(1.0, 2.0, 7.0)};
+  for (bool robust : {false, true})
+  {
+    ASSERT_TRUE(robust ? FitLineToPointSetRobust(two, o, d) : FitLineToPointSet(two, o, d));
+    EXPECT_TRUE(same(o, Point3D_d(1.0, 2.0, 5.0)) && same(d, Point3D_d(0.0, 0.0, 1.0)));
+  }
 }
 
 TEST(FitLine, RobustFitIgnoresGrossOutliersThatPullThePlainFit)
@@ -54,7 +50,7 @@ TEST(FitLine, RobustFitIgnoresGrossOutliersThatPullThePlainFit)
   double const sigma = 0.01;
   std::vector<Point3D_d> pts = s.line(o0, dir, 400, 5.0, sigma);
   // About 17 % in a cloud off one end of the line.
-  s.spoil(pts, 6, add(o0, scale(dir, 4.0)), 1.0, scale(unit(cross(dir, Point3D_d(0.0, 0.0, 1.0))), 3.0));
+  s.spoil(pts, 6, o0 + dir * 4.0, 1.0, unit(cross(dir, Point3D_d(0.0, 0.0, 1.0))) * 3.0);
   Point3D_d o, d;
   ASSERT_TRUE(FitLineToPointSet(pts, o, d));
   EXPECT_GT(sinAngle(d, dir), 0.05);
@@ -75,7 +71,7 @@ TEST(FitLine, ThroughPointKeepsThePointAndFindsTheDirection)
 {
   CSampler s(11);
   Point3D_d const fixed(0.0, 0.0, 0.0), dir = unit(Point3D_d(1.0, 1.0, 0.0));
-  std::vector<Point3D_d> pts = s.line(add(fixed, scale(dir, 6.0)), dir, 200, 5.0, 0.01);
+  std::vector<Point3D_d> pts = s.line(fixed + dir * 6.0, dir, 200, 5.0, 0.01);
   s.spoil(pts, 8, Point3D_d(3.0, 3.0, 0.0), 2.0, Point3D_d(0.0, 0.0, 3.0));
   Point3D_d d;
   ASSERT_TRUE(FitLineToPointSetThroughPointRobust(pts, fixed, d));
@@ -88,21 +84,17 @@ TEST(FitLine, ThroughPointKeepsThePointAndFindsTheDirection)
 
 TEST(FitLine, BadInputFails)
 {
-  Point3D_d o, d;
-  std::vector<Point3D_d> pts;
-  EXPECT_FALSE(FitLineToPointSet(pts, o, d));
-  EXPECT_FALSE(FitLineToPointSetRobust(pts, o, d));
-  EXPECT_FALSE(FitLineToPointSetThroughPointRobust(pts, Point3D_d(0.0, 0.0, 0.0), d));
-  pts.push_back(Point3D_d(1.0, 1.0, 1.0));
-  EXPECT_FALSE(FitLineToPointSet(pts, o, d));
-  EXPECT_FALSE(FitLineToPointSetRobust(pts, o, d));
-  pts.push_back(Point3D_d(1.0, 1.0, 1.0)); // coincident pair
-  EXPECT_FALSE(FitLineToPointSet(pts, o, d));
-  EXPECT_FALSE(FitLineToPointSetRobust(pts, o, d));
   double const nan = std::numeric_limits<double>::quiet_NaN();
-  pts = {Point3D_d(0.0, 0.0, 0.0), Point3D_d(1.0, 0.0, 0.0), Point3D_d(nan, 2.0, 0.0),
-         Point3D_d(3.0, 0.0, 0.0)};
-  EXPECT_FALSE(FitLineToPointSet(pts, o, d));
-  EXPECT_FALSE(FitLineToPointSetRobust(pts, o, d));
-  EXPECT_FALSE(FitLineToPointSetRobust(toFloat(pts), o, d));
+  Point3D_d const p(1.0, 1.0, 1.0);
+  std::vector<std::vector<Point3D_d>> const bad = {
+      {}, {p}, {p, p}, {Point3D_d(0.0, 0.0, 0.0), Point3D_d(1.0, 0.0, 0.0), Point3D_d(nan, 2.0, 0.0), p}};
+  Point3D_d o, d;
+  for (auto const & pts : bad)
+  {
+    EXPECT_FALSE(FitLineToPointSet(pts, o, d)) << pts.size();
+    EXPECT_FALSE(FitLineToPointSetRobust(pts, o, d)) << pts.size();
+    EXPECT_FALSE(FitLineToPointSetRobust(toFloat(pts), o, d)) << pts.size();
+  }
+  EXPECT_FALSE(FitLineToPointSetThroughPointRobust({}, p, d));
+  EXPECT_FALSE(FitLineToPointSetThroughPointRobust({p}, p, d));
 }

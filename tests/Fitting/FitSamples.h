@@ -1,7 +1,7 @@
 #pragma once
 // Seeded samples of known geometry for the fitting tests: points on lines,
 // circles and planes with Gaussian noise, and gross outliers replacing a share
-// of them.
+// of them; and the little vector algebra the checks need.
 
 #include <cmath>
 #include <random>
@@ -13,11 +13,9 @@ namespace QZFitTest
 {
 using REmath::Point3D_d;
 
-inline Point3D_d add(Point3D_d const & a, Point3D_d const & b)
-{
-  return Point3D_d(a.x() + b.x(), a.y() + b.y(), a.z() + b.z());
-}
-inline Point3D_d scale(Point3D_d const & a, double s) { return Point3D_d(a.x() * s, a.y() * s, a.z() * s); }
+inline Point3D_d operator+(Point3D_d a, Point3D_d const & b) { return a += b; }
+inline Point3D_d operator-(Point3D_d a, Point3D_d const & b) { return a -= b; }
+inline Point3D_d operator*(Point3D_d a, double s) { return a *= s; }
 inline bool same(Point3D_d const & a, Point3D_d const & b)
 {
   return a.x() == b.x() && a.y() == b.y() && a.z() == b.z();
@@ -31,23 +29,15 @@ inline Point3D_d cross(Point3D_d const & a, Point3D_d const & b)
   return Point3D_d(a.y() * b.z() - a.z() * b.y(), a.z() * b.x() - a.x() * b.z(),
                    a.x() * b.y() - a.y() * b.x());
 }
-inline double dist(Point3D_d const & a, Point3D_d const & b)
-{
-  return std::sqrt(dot(add(a, scale(b, -1.0)), add(a, scale(b, -1.0))));
-}
-inline Point3D_d unit(Point3D_d const & a) { return scale(a, 1.0 / std::sqrt(dot(a, a))); }
+inline double dist(Point3D_d const & a, Point3D_d const & b) { return (a - b).length(); }
+inline Point3D_d unit(Point3D_d const & a) { return a * (1.0 / a.length()); }
 /// |sin| of the angle between two directions, sign ignored.
-inline double sinAngle(Point3D_d const & a, Point3D_d const & b)
-{
-  Point3D_d const c = cross(unit(a), unit(b));
-  return std::sqrt(dot(c, c));
-}
+inline double sinAngle(Point3D_d const & a, Point3D_d const & b) { return cross(unit(a), unit(b)).length(); }
 
 /// A unit frame (u, v) of the plane with normal n.
 inline void planeAxes(Point3D_d const & n, Point3D_d & u, Point3D_d & v)
 {
-  Point3D_d const helper = std::fabs(n.x()) < 0.9 ? Point3D_d(1.0, 0.0, 0.0) : Point3D_d(0.0, 1.0, 0.0);
-  u = unit(cross(n, helper));
+  u = unit(cross(n, std::fabs(n.x()) < 0.9 ? Point3D_d(1.0, 0.0, 0.0) : Point3D_d(0.0, 1.0, 0.0)));
   v = cross(unit(n), u);
 }
 
@@ -58,17 +48,13 @@ public:
   double gauss(double sigma) { return std::normal_distribution<double>(0.0, sigma)(m_rng); }
   double uniform(double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(m_rng); }
   Point3D_d noise(double sigma) { return Point3D_d(gauss(sigma), gauss(sigma), gauss(sigma)); }
-  Point3D_d inBox(double half)
-  {
-    return Point3D_d(uniform(-half, half), uniform(-half, half), uniform(-half, half));
-  }
 
   std::vector<Point3D_d> line(Point3D_d const & origin, Point3D_d const & dir, int n, double halfLength,
                               double sigma)
   {
     std::vector<Point3D_d> pts;
     for (int i = 0; i < n; ++i)
-      pts.push_back(add(add(origin, scale(unit(dir), uniform(-halfLength, halfLength))), noise(sigma)));
+      pts.push_back(origin + unit(dir) * uniform(-halfLength, halfLength) + noise(sigma));
     return pts;
   }
   /// Points on the arc [a0, a1] (radians) of a circle in the plane of `normal`.
@@ -81,8 +67,7 @@ public:
     for (int i = 0; i < n; ++i)
     {
       double const t = uniform(a0, a1);
-      pts.push_back(add(add(center, add(scale(u, radius * std::cos(t)), scale(v, radius * std::sin(t)))),
-                        noise(sigma)));
+      pts.push_back(center + u * (radius * std::cos(t)) + v * (radius * std::sin(t)) + noise(sigma));
     }
     return pts;
   }
@@ -93,17 +78,17 @@ public:
     planeAxes(normal, u, v);
     std::vector<Point3D_d> pts;
     for (int i = 0; i < n; ++i)
-      pts.push_back(add(add(center, add(scale(u, uniform(-half, half)), scale(v, uniform(-half, half)))),
-                        scale(unit(normal), gauss(sigma))));
+      pts.push_back(center + u * uniform(-half, half) + v * uniform(-half, half) +
+                    unit(normal) * gauss(sigma));
     return pts;
   }
   /// Replaces every k-th point by one uniform in a box of `half` about
-  /// `around`, shifted to one side so that the plain fits are pulled.
+  /// `around + shift`, so that the plain fits are pulled to one side.
   void spoil(std::vector<Point3D_d> & pts, int every, Point3D_d const & around, double half,
              Point3D_d const & shift)
   {
     for (std::size_t i = 0; i < pts.size(); i += static_cast<std::size_t>(every))
-      pts[i] = add(add(around, inBox(half)), shift);
+      pts[i] = around + shift + Point3D_d(uniform(-half, half), uniform(-half, half), uniform(-half, half));
   }
 
 private:

@@ -87,22 +87,6 @@ std::vector<Point3D_d> noisyCurve(int n, bool closed, unsigned seed)
   return pts;
 }
 
-double meanRadius(std::vector<Point3D> const & pts)
-{
-  double sum = 0.0;
-  for (Point3D const & p : pts)
-    sum += std::hypot(p.x(), p.y());
-  return sum / pts.size();
-}
-
-std::vector<Point3D> circle(int n)
-{
-  std::vector<Point3D> pts;
-  for (int i = 0; i <= n; ++i)
-    pts.emplace_back(std::cos(2 * M_PI * i / n), std::sin(2 * M_PI * i / n), 0.0);
-  pts.back() = pts.front();
-  return pts;
-}
 } // namespace
 
 TEST(PolylineSmoothing, MatchesTheFullLengthSchemeOpenAndClosed)
@@ -163,47 +147,51 @@ TEST(PolylineSmoothing, NoisyLineMovesTowardTheLineWithFixedPointsExact)
 
 TEST(PolylineSmoothing, CounterStepKeepsACircleWherePlainAveragingShrinksIt)
 {
-  std::vector<Point3D> plain = circle(24), kept = circle(24);
-  CPolylineSmoothParams params(true, 0.4, 20, false, nullptr);
-  ASSERT_TRUE(smoothPolylineWithFixedPoints(plain, params));
-  params.SetPreserveShape(true);
-  ASSERT_TRUE(smoothPolylineWithFixedPoints(kept, params));
-  EXPECT_LT(meanRadius(plain), 0.9);
-  EXPECT_NEAR(meanRadius(kept), 1.0, 0.02);
-  EXPECT_EQ(kept.back().x(), kept.front().x());
-  EXPECT_EQ(kept.back().y(), kept.front().y());
+  double radius[2];
+  for (bool keep : {false, true})
+  {
+    std::vector<Point3D> pts;
+    for (int i = 0; i <= 24; ++i)
+      pts.emplace_back(std::cos(2 * M_PI * i / 24), std::sin(2 * M_PI * i / 24), 0.0);
+    pts.back() = pts.front();
+    ASSERT_TRUE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(true, 0.4, 20, keep, nullptr)));
+    EXPECT_TRUE(pts.back().x() == pts.front().x() && pts.back().y() == pts.front().y());
+    radius[keep] = 0.0;
+    for (Point3D const & p : pts)
+      radius[keep] += std::hypot(p.x(), p.y()) / pts.size();
+  }
+  EXPECT_LT(radius[0], 0.9);
+  EXPECT_NEAR(radius[1], 1.0, 0.02);
 }
 
 TEST(PolylineSmoothing, DegenerateInputKeepsThePointsOrFailsAsDocumented)
 {
   std::vector<Point3D_d> none;
   EXPECT_TRUE(smoothPolylineWithFixedPoints(none, CPolylineSmoothParams()));
-
   std::vector<Point3D_d> const orig = noisyCurve(12, false, 1);
-  std::vector<Point3D_d> pts = orig;
-  EXPECT_TRUE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, 0, true, nullptr)));
-  for (int i = 0; i < 12; ++i)
-    EXPECT_EQ(pts[i].y(), orig[i].y());
-
-  std::vector<int> all(12);
-  for (int i = 0; i < 12; ++i)
-    all[i] = 11 - i;
-  pts = orig;
-  EXPECT_TRUE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, 10, true, &all)));
-  for (int i = 0; i < 12; ++i)
-    EXPECT_EQ(pts[i].z(), orig[i].z());
-
-  for (std::vector<int> bad : {std::vector<int>{12}, std::vector<int>{-1}})
+  std::vector<int> all = {11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0}, twice = {4, 4}, past = {12}, negative = {-1};
+  // No passes, or every point fixed: nothing moves. An index outside the
+  // polyline: refused, nothing moves. A repeated index makes the impulse
+  // system singular: smoothed, not restored.
+  struct Case
   {
-    pts = orig;
-    EXPECT_FALSE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, 10, true, &bad)));
-    EXPECT_EQ(pts[5].y(), orig[5].y()); // untouched
+    int nIter;
+    std::vector<int> * fixed;
+    bool ok, moves;
+  } const cases[] = {{0, nullptr, true, false},
+                     {10, &all, true, false},
+                     {10, &past, false, false},
+                     {10, &negative, false, false},
+                     {10, &twice, false, true}};
+  for (Case const & c : cases)
+  {
+    std::vector<Point3D_d> pts = orig;
+    EXPECT_EQ(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, c.nIter, true, c.fixed)),
+              c.ok);
+    for (int i = 0; i < 12; ++i)
+      EXPECT_EQ(pts[i].y() != orig[i].y() || pts[i].z() != orig[i].z(), c.moves && i % 11 != 0)
+          << i; // open ends stay
   }
-  // A repeated index makes the impulse system singular: smoothed, not restored.
-  std::vector<int> twice = {4, 4};
-  pts = orig;
-  EXPECT_FALSE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(false, 0.4, 10, true, &twice)));
-  EXPECT_NE(pts[5].y(), orig[5].y());
 }
 
 TEST(ArrangePoints, OnLineSortsInTheRequestedDirection)

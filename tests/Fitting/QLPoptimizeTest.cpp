@@ -53,43 +53,40 @@ struct QP
 };
 } // namespace
 
-TEST(QLPoptimize, FreeAndInactiveConstraintsGiveTheUnconstrainedMinimum)
+TEST(QLPoptimize, KnownOptimaWithTheirMultipliers)
 {
-  QP p(2, 1, 0);
-  p.c = {2, 0, 0, 4};
-  p.d = {-2, -4};
-  p.row(0, {1, 1}, 0.0); // x0 + x1 >= 0, far from binding
-  ASSERT_EQ(p.solve(), 0);
-  EXPECT_NEAR(p.x[0], 1.0, 1e-12);
-  EXPECT_NEAR(p.x[1], 1.0, 1e-12);
-  EXPECT_NEAR(p.f, -3.0, 1e-12);
-  EXPECT_EQ(p.nact, 0);
-  EXPECT_EQ(p.u[0], 0.0);
-  EXPECT_EQ(p.eps, std::ldexp(1.0, -52));
-}
-
-TEST(QLPoptimize, ActiveInequalityAndBoundCarryTheirMultipliers)
-{
-  // min (x0 - 1)^2 + (x1 - 2)^2 with x0 + x1 <= 1 and x0 <= 0.25.
-  QP p(2, 1, 0);
-  p.c = {2, 0, 0, 2};
-  p.d = {-2, -4};
-  p.row(0, {-1, -1}, -1.0);
-  ASSERT_EQ(p.solve(), 0);
-  EXPECT_NEAR(p.x[0], 0.0, 1e-12);
-  EXPECT_NEAR(p.x[1], 1.0, 1e-12);
-  EXPECT_NEAR(p.u[0], 2.0, 1e-12);
-  EXPECT_EQ(p.icstat[0], 1);
-
-  p.xu[0] = -0.5;
-  ASSERT_EQ(p.solve(), 0);
-  EXPECT_NEAR(p.x[0], -0.5, 1e-12);
-  EXPECT_NEAR(p.x[1], 1.5, 1e-12);
-  EXPECT_EQ(p.ixstat[0], 1);
-  // Stationarity: C x + d = u0 (-1, -1) + u_up (-1, 0).
-  EXPECT_NEAR(p.u[0], 1.0, 1e-12);
-  EXPECT_NEAR(p.u[1 + 2 + 0], 2.0, 1e-12);
-  EXPECT_EQ(p.nact, 2);
+  // min 1/2 x'Cx - 2 x0 - 4 x1 under one general constraint a x >= b and the
+  // upper bound of x0. Stationarity: C x + d = u0 a - u_up0 e0.
+  struct Case
+  {
+    std::vector<double> c, a;
+    double b, xu0;
+    std::vector<double> x, u;
+    double f;
+    int nact;
+  } const cases[] = {
+      {{2, 0, 0, 4}, {1, 1}, 0.0, 1e10, {1, 1}, {0, 0, 0, 0, 0}, -3.0, 0},         // far from binding
+      {{2, 0, 0, 2}, {-1, -1}, -1.0, 1e10, {0, 1}, {2, 0, 0, 0, 0}, -3.0, 1},      // x0 + x1 <= 1 binds
+      {{2, 0, 0, 2}, {-1, -1}, -1.0, -0.5, {-0.5, 1.5}, {1, 0, 0, 2, 0}, -2.5, 2}, // and x0 <= -0.5
+  };
+  for (Case const & c : cases)
+  {
+    QP p(2, 1, 0);
+    p.c = c.c;
+    p.d = {-2, -4};
+    p.row(0, c.a, c.b);
+    p.xu[0] = c.xu0;
+    ASSERT_EQ(p.solve(), 0);
+    for (int i = 0; i < 2; ++i)
+      EXPECT_NEAR(p.x[i], c.x[i], 1e-12) << c.nact;
+    for (int j = 0; j < 5; ++j)
+      EXPECT_NEAR(p.u[j], c.u[j], 1e-12) << c.nact;
+    EXPECT_NEAR(p.f, c.f, 1e-12);
+    EXPECT_EQ(p.nact, c.nact);
+    EXPECT_EQ(p.icstat[0], c.nact > 0 ? 1 : 0);
+    EXPECT_EQ(p.ixstat[0], c.nact > 1 ? 1 : 0);
+    EXPECT_EQ(p.eps, std::ldexp(1.0, -52));
+  }
 }
 
 TEST(QLPoptimize, EqualitiesOfEitherSignDependentOnesAndInconsistentSets)

@@ -56,50 +56,40 @@ double geman(double r, double sigma)
 }
 } // namespace
 
-TEST(RobustRegressionSolver, WeightsFollowLowerMedianScaleWithHardCut)
+TEST(RobustRegressionSolver, ScaleIsTheLowerMedianAndWeightsCutAtTwoScales)
 {
-  // Lower median of {0.1, 0.2, 0.3, 5, 10, 1} (k = 2 of 6, sorted) is 0.3.
-  CScriptedTask task({{0.1, 0.2, 0.3, 5.0, 10.0, 1.0}});
-  task.m_convergeAt = 1;
-  CRobustRegressionSolver solver(task);
-  EXPECT_TRUE(solver.suppWeights().empty());
-  ASSERT_EQ(solver.solveRegression(), 0);
-  double const sigma = 1.4826 * 0.3;
-  EXPECT_DOUBLE_EQ(solver.sigma(), sigma);
-  ASSERT_EQ(task.m_weights.size(), 1u);
-  std::vector<double> const & w = task.m_weights[0];
-  EXPECT_DOUBLE_EQ(w[0], geman(0.1, sigma));
-  EXPECT_DOUBLE_EQ(w[2], geman(0.3, sigma));
-  EXPECT_EQ(w[3], 0.0);
-  EXPECT_EQ(w[4], 0.0);
-  EXPECT_EQ(w[5], 0.0); // 1.0 > 2 sigma = 0.889
-  EXPECT_EQ(solver.suppCount(), 3);
-  EXPECT_EQ(solver.iterationCount(), 1);
-  EXPECT_EQ(solver.suppWeights(), w);
-}
-
-TEST(RobustRegressionSolver, MedianOfOneAndTwoSamplesAndExactCut)
-{
-  CScriptedTask one(std::vector<std::vector<double>>(1, {2.0}));
-  one.m_convergeAt = 1;
-  CRobustRegressionSolver s1(one);
-  ASSERT_EQ(s1.solveRegression(), 0);
-  EXPECT_DOUBLE_EQ(s1.sigma(), 1.4826 * 2.0);
-
-  CScriptedTask two({{3.0, 1.0}});
-  two.m_convergeAt = 1;
-  CRobustRegressionSolver s2(two);
-  ASSERT_EQ(s2.solveRegression(), 0);
-  EXPECT_DOUBLE_EQ(s2.sigma(), 1.4826);
-
-  // A residual of exactly two scales is cut: scale 1 from the median 1/1.4826.
-  double const m = 1.0 / 1.4826;
-  CScriptedTask cut({{m, m, 1.4826 * m * 2.0}});
-  cut.m_convergeAt = 1;
-  CRobustRegressionSolver s3(cut);
-  ASSERT_EQ(s3.solveRegression(), 0);
-  EXPECT_EQ(cut.m_weights[0][2], 0.0);
-  EXPECT_EQ(s3.suppCount(), 2);
+  double const m = 1.0 / 1.4826; // a scale of (nearly) 1
+  struct Case
+  {
+    std::vector<double> residuals;
+    double median;
+    int kept;
+  } const cases[] = {
+      {{0.1, 0.2, 0.3, 5.0, 10.0, 1.0}, 0.3, 3}, // k = 2 of 6; 1.0 lies beyond 2 sigma = 0.889
+      {{2.0}, 2.0, 1},
+      {{3.0, 1.0}, 1.0, 1},             // the smaller of two
+      {{m, m, 1.4826 * m * 2.0}, m, 2}, // exactly two scales is cut
+      {{0.0, 0.0, 0.0, 0.0}, 0.0, 0},   // scale 0: every residual meets r >= 0
+  };
+  for (Case const & c : cases)
+  {
+    CScriptedTask task({c.residuals});
+    task.m_convergeAt = 1;
+    CRobustRegressionSolver solver(task);
+    EXPECT_TRUE(solver.suppWeights().empty());
+    ASSERT_EQ(solver.solveRegression(), 0);
+    double const sigma = 1.4826 * c.median;
+    EXPECT_DOUBLE_EQ(solver.sigma(), sigma);
+    ASSERT_EQ(task.m_weights.size(), 1u);
+    for (std::size_t i = 0; i < c.residuals.size(); ++i)
+    {
+      double const r = c.residuals[i];
+      EXPECT_DOUBLE_EQ(task.m_weights[0][i], r >= 2.0 * sigma ? 0.0 : geman(r, sigma)) << i;
+    }
+    EXPECT_EQ(solver.suppCount(), c.kept);
+    EXPECT_EQ(solver.iterationCount(), 1);
+    EXPECT_EQ(solver.suppWeights(), task.m_weights[0]);
+  }
 }
 
 TEST(RobustRegressionSolver, ScaleRisesButNeverFallsBelowFirstRound)
@@ -112,16 +102,6 @@ TEST(RobustRegressionSolver, ScaleRisesButNeverFallsBelowFirstRound)
   // Round 2 sees residuals 0.1 but keeps the first scale; round 3 rises to 4.
   EXPECT_DOUBLE_EQ(task.m_weights[1][0], geman(0.1, 1.4826));
   EXPECT_DOUBLE_EQ(solver.sigma(), 1.4826 * 4.0);
-}
-
-TEST(RobustRegressionSolver, ZeroResidualsGiveZeroWeights)
-{
-  CScriptedTask task({{0.0, 0.0, 0.0, 0.0}});
-  task.m_convergeAt = 1;
-  CRobustRegressionSolver solver(task);
-  ASSERT_EQ(solver.solveRegression(), 0);
-  EXPECT_EQ(task.m_weights[0], std::vector<double>(4, 0.0));
-  EXPECT_EQ(solver.suppCount(), 0);
 }
 
 TEST(RobustRegressionSolver, IterationLimitIsSuccessAndRunsRestart)
@@ -139,7 +119,7 @@ TEST(RobustRegressionSolver, IterationLimitIsSuccessAndRunsRestart)
   EXPECT_DOUBLE_EQ(solver.sigma(), 1.4826 * 20.0);
 }
 
-TEST(RobustRegressionSolver, TaskFailuresPassThroughUnchanged)
+TEST(RobustRegressionSolver, TaskFailuresPassThroughAndDegenerateTablesEnd)
 {
   CScriptedTask initial({{1.0, 2.0}});
   initial.m_initialCode = 9;
@@ -152,18 +132,16 @@ TEST(RobustRegressionSolver, TaskFailuresPassThroughUnchanged)
   CRobustRegressionSolver s2(weighted);
   EXPECT_EQ(s2.solveRegression(), 42);
   EXPECT_EQ(weighted.m_fits, 3u);
-}
 
-TEST(RobustRegressionSolver, NoSamplesAndNaNResidualsEnd)
-{
+  // No samples, and NaN residuals, which no weight test can sort out.
   CScriptedTask empty(std::vector<std::vector<double>>(1));
-  CRobustRegressionSolver s1(empty);
-  EXPECT_EQ(s1.solveRegression(), 0);
-  EXPECT_TRUE(s1.suppWeights().empty());
+  CRobustRegressionSolver s3(empty);
+  EXPECT_EQ(s3.solveRegression(), 0);
+  EXPECT_TRUE(s3.suppWeights().empty());
 
   double const nan = std::numeric_limits<double>::quiet_NaN();
   CScriptedTask withNaN({{nan, 1.0, nan, 2.0, nan}});
-  CRobustRegressionSolver s2(withNaN);
-  EXPECT_EQ(s2.solveRegression(), 0);
+  CRobustRegressionSolver s4(withNaN);
+  EXPECT_EQ(s4.solveRegression(), 0);
   EXPECT_EQ(withNaN.m_fits, 49u);
 }
