@@ -78,25 +78,31 @@ tf_Fixture const & fixture()
   return f;
 }
 
-// Bisection points as the polygoniser asks for them: lattice edges of the
-// seven directions of its tetrahedra around samples, ten midpoints each.
+// Bisection points as the polygoniser asks for them: edges of its lattice
+// (start at the origin, cube edge of the finest node spacing) in the seven
+// directions of its tetrahedra around samples, ten midpoints each.
 struct tf_Edges
 {
-  std::vector<double> from, to; // three coordinates per edge
+  double size = 0.0;
+  int bound = 0;
+  std::vector<int> from, to;       // three lattice indices per edge
+  std::vector<double> p1, p2;      // and their points
+  std::vector<double> value1;      // X - level at the first end
 };
 
 tf_Edges const & edges()
 {
   static tf_Edges const e = [] {
     tf_Fixture const & f = fixture();
-    double const edge = f.tree->getCellSize(tf_Fixture::DEPTH - 1);
-    int const directions[7][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {1, 1, 0}, {0, 1, 1}, {1, 0, 1}, {1, 1, 1}};
     tf_Edges r;
+    r.size = f.tree->getCellSize(tf_Fixture::DEPTH - 1);
+    r.bound = static_cast<int>(2.0 / r.size) + 2;
+    int const directions[7][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {1, 1, 0}, {0, 1, 1}, {1, 0, 1}, {1, 1, 1}};
     // Samples in the order of blocks of four edges, as a walk meets them.
     std::vector<int> order;
     for (int i = 0; i < f.cloud.pointsNumber(); i += 5)
       order.push_back(i);
-    auto key = [&](int i, int a) { return std::floor(f.cloud.getSampleCoords3(i)[a] / (4.0 * edge)); };
+    auto key = [&](int i, int a) { return std::floor(f.cloud.getSampleCoords3(i)[a] / (4.0 * r.size)); };
     std::sort(order.begin(), order.end(), [&](int i, int j) {
       for (int a = 0; a < 3; ++a)
         if (key(i, a) != key(j, a))
@@ -109,12 +115,19 @@ tf_Edges const & edges()
         break;
       float const * s = f.cloud.getSampleCoords3(i);
       for (auto const & d : directions)
+      {
+        double q1[3];
         for (int a = 0; a < 3; ++a)
         {
-          double const c = std::floor(s[a] / edge) * edge;
-          r.from.push_back(c);
-          r.to.push_back(c + d[a] * edge);
+          int const from = static_cast<int>(std::floor(-s[a] / r.size + 0.5));
+          r.from.push_back(from);
+          r.to.push_back(from + d[a]);
+          q1[a] = 0.0 - (from - 0.5) * r.size;
+          r.p1.push_back(q1[a]);
+          r.p2.push_back(0.0 - (from + d[a] - 0.5) * r.size);
         }
+        r.value1.push_back(f.x->eval(q1, nullptr) - f.isoValue);
+      }
     }
     return r;
   }();
@@ -130,17 +143,21 @@ void BM_Evaluation(benchmark::State & state)
   double sum = 0.0;
   for (auto _ : state)
   {
-    COctreeFuncEvalHelper helper(8, 4.0 * f.tree->getCellSize(tf_Fixture::DEPTH - 1));
-    COctreeFuncBlockEvaluator fast(*f.x, 4.0 * f.tree->getCellSize(tf_Fixture::DEPTH - 1));
+    COctreeFuncEvalHelper helper(8, 4.0 * e.size);
+    COctreeFuncBlockEvaluator fast(*f.x, 4.0 * e.size);
+    double const origin[3] = {0.0, 0.0, 0.0};
+    fast.setLattice(origin, e.size, e.bound);
     for (std::size_t i = 0; i < n; ++i)
     {
-      double const * p1 = &e.from[3 * i];
-      double const * p2 = &e.to[3 * i];
-      int axis = -1, moving = 0;
-      for (int a = 0; a < 3; ++a)
-        if (p1[a] != p2[a])
-          axis = a, ++moving;
-      bool const segment = kind == 3 && moving == 1 && fast.setAxisSegment(p1, axis, p1[axis], p2[axis]);
+      double const * p1 = &e.p1[3 * i];
+      double const * p2 = &e.p2[3 * i];
+      if (kind == 3)
+      {
+        double end[3];
+        fast.convergeOnLatticeEdge(&e.from[3 * i], &e.to[3 * i], e.value1[i], f.isoValue, end);
+        sum += end[0];
+        continue;
+      }
       for (int k = 1; k <= 10; ++k)
       {
         double q[3];
@@ -148,10 +165,7 @@ void BM_Evaluation(benchmark::State & state)
         for (int a = 0; a < 3; ++a)
           q[a] = p1[a] + t * (p2[a] - p1[a]);
         double bound;
-        sum += kind == 0 ? f.x->eval(q, &helper)
-             : kind == 1 ? fast.eval(q)
-             : segment   ? fast.evalOnAxisSegment(q[axis], &bound)
-                         : fast.evalWithBound(q, &bound);
+        sum += kind == 0 ? f.x->eval(q, &helper) : kind == 1 ? fast.eval(q) : fast.evalWithBound(q, &bound);
       }
     }
   }
@@ -159,7 +173,7 @@ void BM_Evaluation(benchmark::State & state)
   state.counters["ns per evaluation"] = benchmark::Counter(static_cast<double>(n) * 10 * state.iterations() * 1e-9,
                                                            benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
   char const * labels[] = {"combination's eval", "block evaluator, exact", "block evaluator, bounded",
-                           "bounded, axis edges by segment"};
+                           "whole bisections on the lattice, per midpoint"};
   state.SetLabel(labels[kind]);
 }
 

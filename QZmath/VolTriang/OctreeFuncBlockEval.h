@@ -41,15 +41,28 @@ public:
   /// it to decide the side of a level where the value is clearly away from it.
   double evalWithBound(double const * p, double * bound);
 
-  /// Prepares the restriction of the function to the segment parallel to
-  /// `axis` through p (whose other two coordinates it keeps) from `low` to
-  /// `high` on that axis: a piecewise polynomial of one variable, made once
-  /// from the nodes that reach the segment. False when it cannot be made
-  /// (then `evalOnAxisSegment` falls back to `evalWithBound`).
-  bool setAxisSegment(double const * p, int axis, double low, double high);
-  /// As `evalWithBound` at the point of the last segment with coordinate v on
-  /// its axis, v between its ends.
-  double evalOnAxisSegment(double v, double * bound);
+  /// The polygoniser's lattice: the point of index (i, j, k) has the
+  /// coordinates start[a] - (index - 0.5) * size, computed as the polygoniser
+  /// computes them, for indices from -bound - 1 to bound + 1. The kernel
+  /// values of every lattice coordinate are tabulated once; copies made
+  /// afterwards share the tables. False, and no tables, when the kernel does
+  /// not fit (more than one summand, pieces above degree 2) or the tables
+  /// would be too large: the lattice calls below then take the point forms.
+  bool setLattice(double const * start, double size, int bound);
+  /// Takes the lattice tables of another evaluator of the same combination.
+  void shareLattice(COctreeFuncBlockEvaluator const & other);
+  /// `evalWithBound` at the lattice point of the given index.
+  double evalLatticeWithBound(int const * index, double * bound);
+  /// The polygoniser's bisection of the lattice edge between the points of
+  /// indices `from` and `to` for the level `isoValue`: ten midpoints, each
+  /// moving the end of its side, from the ends ordered by `valueFrom`
+  /// (the value of X - isoValue at `from`: not negative puts `from` on the
+  /// positive side); `result` receives the eleventh midpoint. Every side is
+  /// the one the exact value gives: the edge's restriction of the function
+  /// (a piecewise polynomial of one variable, made once per edge) decides
+  /// where it is clearly away from the level, the exact value elsewhere.
+  void convergeOnLatticeEdge(int const * from, int const * to, double valueFrom, double isoValue,
+                             double * result);
 
   /// False when the kernel or the tree does not fit the dense form: every call
   /// then forwards to the combination's own evaluation (with a bound of 0).
@@ -58,10 +71,14 @@ public:
   /// Blocks built so far (a measure of locality for tests and benchmarks).
   long long blocksBuilt() const;
 
-private:
+  // The inside, defined in a detail header.
   struct Shared;
   struct Cache;
+  struct Lattice;
+
+private:
   std::shared_ptr<Shared const> m_shared;
   std::unique_ptr<Cache> m_cache;
+  std::shared_ptr<Lattice const> m_lattice;
 };
 } // namespace VolTr

@@ -7,7 +7,9 @@
 // that runs batches of them on every physical thread; the walk, the corners
 // and the hand-over of triangles stay on the caller's thread, in their order.
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cfloat>
 #include <condition_variable>
 #include <exception>
@@ -39,7 +41,9 @@ void tf_unitNormal(double * normal)
 
 // X - isoValue, positive outside. On an open surface, a point far from all
 // samples, or near only a boundary sample, is flagged: the walk stops there.
-class tf_OctreeFunAdapter : public jbFunction
+// With the block evaluator it also answers for the lattice's corners, from
+// kernel values tabulated per lattice index.
+class tf_OctreeFunAdapter : public jbFunction, public jbLatticeFunction
 {
 public:
   tf_OctreeFunAdapter(tf_LinComb const * function, COctree const * octree, double isoValue,
@@ -60,6 +64,29 @@ public:
         *flag = 0;
     }
     return (m_fast ? m_fast->eval(p.asArray()) : m_function->eval(p.asArray(), m_helper)) - m_isoValue;
+  }
+
+  void setLattice(Point3D_d const & start, double size, int const * bounds) override
+  {
+    if (m_fast)
+      m_fast->setLattice(start.asArray(), size, std::max(bounds[0], std::max(bounds[1], bounds[2])));
+  }
+
+  // Only the side matters to the walk: a value clearly away from the level
+  // stands as it is, one within its rounding bound is computed exactly.
+  double corner(int i, int j, int k, Point3D_d const & p, int * flag) override
+  {
+    if (!m_fast)
+      return (*this)(p, flag);
+    *flag = m_outerRadius > 0 ? openSurfaceFlag(p) : 0;
+    int const index[3] = {i, j, k};
+    double bound = 0.0;
+    double const approx = m_fast->evalLatticeWithBound(index, &bound);
+    double const margin = bound + 4.5e-16 * (std::fabs(approx) + std::fabs(m_isoValue));
+    double const diff = approx - m_isoValue;
+    if (diff > margin || -diff > margin)
+      return diff;
+    return m_fast->eval(p.asArray()) - m_isoValue;
   }
 
 private:
@@ -170,7 +197,7 @@ class tf_VertexSolver : public jbVertexSolver
 public:
   tf_VertexSolver(COctreeFuncBlockEvaluator const & x, double isoValue, tf_LinComb const * const * gradient,
                   double blockSize, int threads)
-      : m_isoValue(isoValue)
+      : m_prototype(x), m_isoValue(isoValue)
   {
     int const n = threads > 1 ? threads : 1;
     for (int t = 0; t < n; ++t)
@@ -195,6 +222,13 @@ public:
   ~tf_VertexSolver() override { stopThreads(); }
   tf_VertexSolver(tf_VertexSolver const &) = delete;
   tf_VertexSolver & operator=(tf_VertexSolver const &) = delete;
+
+  // The corners' evaluator has tabulated the lattice: the workers share it.
+  void setLattice(Point3D_d const &, double, int const *) override
+  {
+    for (auto & w : m_workers)
+      w->x->shareLattice(m_prototype);
+  }
 
   void submit(jbEdgeJob const * jobs, jbVertex * out, int count) override
   {
@@ -284,56 +318,12 @@ private:
     }
   }
 
-  // Whether X - isoValue > 0 at p, as the specified evaluation says. On an
-  // axis-parallel edge the prepared restriction gives the approximation.
-  bool above(Worker & w, Point3D_d const & p, int axis) const
-  {
-    double bound = 0.0;
-    double const approx =
-        axis >= 0 ? w.x->evalOnAxisSegment(p.asArray()[axis], &bound) : w.x->evalWithBound(p.asArray(), &bound);
-    double const margin = bound + 4.5e-16 * (std::fabs(approx) + std::fabs(m_isoValue));
-    double const diff = approx - m_isoValue;
-    if (diff > margin)
-      return true;
-    if (-diff > margin)
-      return false;
-    return w.x->eval(p.asArray()) - m_isoValue > 0;
-  }
-
-  // The specified bisection, operation for operation.
+  // The bisection of the walk, every side as the exact value decides it.
   void solveOne(Worker & w, jbEdgeJob const & job, jbVertex & out) const
   {
-    Point3D_d pos, neg;
-    if (job.value1 >= 0)
-      pos = job.p1, neg = job.p2;
-    else
-      pos = job.p2, neg = job.p1;
-    // The midpoints keep the coordinates in which the ends agree.
-    int axis = -1, moving = 0;
-    for (int a = 0; a < 3; ++a)
-      if (job.p1.asArray()[a] != job.p2.asArray()[a])
-        axis = a, ++moving;
-    if (moving == 1)
-    {
-      double const u = job.p1.asArray()[axis], v = job.p2.asArray()[axis];
-      if (!w.x->setAxisSegment(job.p1.asArray(), axis, u < v ? u : v, u < v ? v : u))
-        axis = -1;
-    }
-    else
-      axis = -1;
-    for (int n = 1;; ++n)
-    {
-      Point3D_d const mid((pos.x() + neg.x()) * 0.5, (pos.y() + neg.y()) * 0.5, (pos.z() + neg.z()) * 0.5);
-      if (n == 11)
-      {
-        out.position = mid;
-        break;
-      }
-      if (above(w, mid, axis))
-        pos = mid;
-      else
-        neg = mid;
-    }
+    double position[3];
+    w.x->convergeOnLatticeEdge(job.from, job.to, job.value1, m_isoValue, position);
+    out.position = Point3D_d(position);
     if (w.gradient[0])
     {
       double normal[3];
@@ -358,6 +348,7 @@ private:
     m_stop = false;
   }
 
+  COctreeFuncBlockEvaluator const & m_prototype;
   double m_isoValue;
   std::vector<std::unique_ptr<Worker>> m_workers;
   std::vector<std::thread> m_threads;
@@ -420,8 +411,8 @@ int CLevelSetExtraction::polygonise(LinComb const & x, double isoValue, Basis co
   }
 
   bool const fast = evaluation == eFast;
-  // Blocks of four polygoniser cubes along each axis.
-  double const blockSize = 4.0 * edge;
+  // Blocks of eight polygoniser cubes along each axis.
+  double const blockSize = 8.0 * edge;
   std::unique_ptr<COctreeFuncBlockEvaluator> corners(fast ? new COctreeFuncBlockEvaluator(x, blockSize)
                                                           : nullptr);
   COctreeFuncEvalHelper helper(8, edge * 4.0);
@@ -462,7 +453,8 @@ int CLevelSetExtraction::polygonise(LinComb const & x, double isoValue, Basis co
                            CVescaThreadingTasksHelper::getNumOfPhisicalThread());
     if (gradBasis)
       processor.setNormalsGiven();
-    result = polygoniser.polygonizeDeferred(function, edge, bounds, Point3D_d(s), processor, solver, 4096);
+    result = polygoniser.polygonizeDeferred(function, edge, bounds, Point3D_d(s), processor, solver, 4096,
+                                            &function);
   }
   else
     result = polygoniser.polygonize(function, edge, bounds, Point3D_d(s), processor);

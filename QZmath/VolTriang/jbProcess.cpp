@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -31,6 +32,75 @@ inline bool lexLess(int i1, int j1, int k1, int i2, int j2, int k2)
 inline int bit(int n, int b) { return (n >> b) & 1; }
 
 const int st_faceBit[6] = {2, 2, 1, 1, 0, 0};
+
+// Lattice indices packed into one 64-bit key: 19 bits per axis, offset by
+// 2^18, and 5 bits for the step to an edge's other end (or 31 for a point).
+constexpr int PACK_LIMIT = (1 << 18) - 2;
+inline std::uint64_t tf_pack(int i, int j, int k, int code)
+{
+  std::uint64_t const o = 1u << 18;
+  return ((static_cast<std::uint64_t>(i) + o) << 43) | ((static_cast<std::uint64_t>(j) + o) << 24) |
+         ((static_cast<std::uint64_t>(k) + o) << 5) | static_cast<std::uint64_t>(code);
+}
+
+// An open-addressing map from packed keys, for the deferred walk's corners,
+// cubes and edges: a lookup costs a probe or two whatever the surface's size,
+// where the chained tables of fixed size grow long chains.
+template <class V> class tf_PackedMap
+{
+public:
+  V * find(std::uint64_t key)
+  {
+    if (m_keys.empty())
+      return nullptr;
+    for (std::size_t h = hash(key) & m_mask;; h = (h + 1) & m_mask)
+    {
+      if (m_keys[h] == key)
+        return &m_values[h];
+      if (m_keys[h] == EMPTY)
+        return nullptr;
+    }
+  }
+  /// Adds a key that is not there.
+  void insert(std::uint64_t key, V const & value)
+  {
+    if (2 * (m_count + 1) > m_keys.size())
+      grow();
+    std::size_t h = hash(key) & m_mask;
+    while (m_keys[h] != EMPTY)
+      h = (h + 1) & m_mask;
+    m_keys[h] = key;
+    m_values[h] = value;
+    ++m_count;
+  }
+
+private:
+  static constexpr std::uint64_t EMPTY = ~std::uint64_t(0);
+  static std::size_t hash(std::uint64_t k)
+  {
+    k ^= k >> 33;
+    k *= 0xff51afd7ed558ccdULL;
+    k ^= k >> 33;
+    return static_cast<std::size_t>(k);
+  }
+  void grow()
+  {
+    std::size_t const size = m_keys.empty() ? 4096 : 2 * m_keys.size();
+    std::vector<std::uint64_t> keys(size, EMPTY);
+    std::vector<V> values(size);
+    keys.swap(m_keys);
+    values.swap(m_values);
+    m_mask = size - 1;
+    m_count = 0;
+    for (std::size_t h = 0; h < keys.size(); ++h)
+      if (keys[h] != EMPTY)
+        insert(keys[h], values[h]);
+  }
+  std::vector<std::uint64_t> m_keys;
+  std::vector<V> m_values;
+  std::size_t m_mask = 0;
+  std::size_t m_count = 0;
+};
 } // namespace
 
 // The state of a deferred walk: two batches of vertices that have an index
@@ -52,9 +122,61 @@ struct jbDeferred
   };
   jbVertexSolver * solver;
   int batch;
+  jbLatticeFunction * lattice = nullptr;
   Batch slots[2];
   int filling = 0;
   bool inFlight = false;
+  // The walk's own tables, when the lattice indices fit the packed keys.
+  bool packed = false;
+  tf_PackedMap<jbCornerlist *> corners;
+  tf_PackedMap<char> centers;
+  tf_PackedMap<int> edges;
+  // A corner with the vertices of the edges to its 13 neighbours that come
+  // after it in lexicographic order: the walk finds an edge's vertex through
+  // the corner it already holds, without a lookup.
+  struct CornerRecord
+  {
+    jbCornerlist corner;
+    int edges[13];
+  };
+  std::vector<std::unique_ptr<CornerRecord[]>> cornerChunks;
+  std::size_t cornersInChunk = 0;
+
+  jbCornerlist * newCorner()
+  {
+    constexpr std::size_t CHUNK = 4096;
+    if (cornerChunks.empty() || cornersInChunk == CHUNK)
+    {
+      cornerChunks.emplace_back(new CornerRecord[CHUNK]());
+      cornersInChunk = 0;
+    }
+    CornerRecord & r = cornerChunks.back()[cornersInChunk++];
+    for (int & e : r.edges)
+      e = -1;
+    return &r.corner;
+  }
+  static CornerRecord * record(jbCornerlist * c) { return reinterpret_cast<CornerRecord *>(c); }
+  // The slot of the step to a following neighbour, or -1.
+  static int forwardSlot(int di, int dj, int dk)
+  {
+    if (dj < -1 || dj > 1 || dk < -1 || dk > 1)
+      return -1;
+    if (di == 1)
+      return (dj + 1) * 3 + (dk + 1);
+    if (di == 0 && dj == 1)
+      return 9 + (dk + 1);
+    if (di == 0 && dj == 0 && dk == 1)
+      return 12;
+    return -1;
+  }
+  // The step from an edge's first end to its second, when both are
+  // neighbours on the lattice (always so in the walk); -1 otherwise.
+  static int edgeCode(int di, int dj, int dk)
+  {
+    if (di < -1 || di > 1 || dj < -1 || dj > 1 || dk < -1 || dk > 1)
+      return -1;
+    return (di + 1) * 9 + (dj + 1) * 3 + (dk + 1);
+  }
 
   Batch & current() { return slots[filling]; }
   Batch & other() { return slots[filling ^ 1]; }
@@ -91,6 +213,19 @@ Point3D_d jbProcess::setpoint(int i, int j, int k) const
 
 jbCornerlist * jbProcess::setcorner(int i, int j, int k)
 {
+  if (m_deferred && m_deferred->packed)
+  {
+    std::uint64_t const key = tf_pack(i, j, k, 31);
+    if (jbCornerlist ** known = m_deferred->corners.find(key))
+      return *known;
+    jbCornerlist * c = m_deferred->newCorner();
+    c->i = i, c->j = j, c->k = k;
+    c->flag = 0;
+    Point3D_d const p = setpoint(i, j, k);
+    c->value = m_deferred->lattice ? m_deferred->lattice->corner(i, j, k, p, &c->flag) : (*function)(p, &c->flag);
+    m_deferred->corners.insert(key, c);
+    return c;
+  }
   int const h = jbHash(i, j, k);
   for (jbCornerlist * l = corners[h]; l; l = l->next)
     if (l->i == i && l->j == j && l->k == k)
@@ -116,6 +251,14 @@ jbCornerlist * jbProcess::setcorner(int i, int j, int k)
 
 int jbProcess::setcenter(int i, int j, int k)
 {
+  if (m_deferred && m_deferred->packed)
+  {
+    std::uint64_t const key = tf_pack(i, j, k, 31);
+    if (m_deferred->centers.find(key))
+      return 1;
+    m_deferred->centers.insert(key, 1);
+    return 0;
+  }
   int const h = jbHash(i, j, k);
   for (jbCenterlist * l = centers[h]; l; l = l->next)
     if (l->i == i && l->j == j && l->k == k)
@@ -135,6 +278,22 @@ void jbProcess::setedge(int i1, int j1, int k1, int i2, int j2, int k2, int vert
     std::swap(j1, j2);
     std::swap(k1, k2);
   }
+  if (m_deferred && m_deferred->packed)
+  {
+    int const slot = jbDeferred::forwardSlot(i2 - i1, j2 - j1, k2 - k1);
+    jbCornerlist ** corner = slot >= 0 ? m_deferred->corners.find(tf_pack(i1, j1, k1, 31)) : nullptr;
+    if (corner)
+    {
+      jbDeferred::record(*corner)->edges[slot] = vertex;
+      return;
+    }
+    int const code = jbDeferred::edgeCode(i2 - i1, j2 - j1, k2 - k1);
+    if (code >= 0)
+    {
+      m_deferred->edges.insert(tf_pack(i1, j1, k1, code), vertex);
+      return;
+    }
+  }
   int const h = jbHash(i1, j1, k1) + jbHash(i2, j2, k2);
   jbEdgelist * e = jbAlloc<jbEdgelist>();
   e->i1 = i1, e->j1 = j1, e->k1 = k1;
@@ -151,6 +310,21 @@ int jbProcess::getedge(int i1, int j1, int k1, int i2, int j2, int k2)
     std::swap(i1, i2);
     std::swap(j1, j2);
     std::swap(k1, k2);
+  }
+  if (m_deferred && m_deferred->packed)
+  {
+    int const slot = jbDeferred::forwardSlot(i2 - i1, j2 - j1, k2 - k1);
+    if (jbCornerlist ** corner = slot >= 0 ? m_deferred->corners.find(tf_pack(i1, j1, k1, 31)) : nullptr)
+      if (jbDeferred::record(*corner)->edges[slot] != -1)
+        return jbDeferred::record(*corner)->edges[slot];
+    int const code = jbDeferred::edgeCode(i2 - i1, j2 - j1, k2 - k1);
+    if (code >= 0)
+    {
+      int const * known = m_deferred->edges.find(tf_pack(i1, j1, k1, code));
+      return known ? *known : -1;
+    }
+    if (!edges)
+      return -1;
   }
   int const h = jbHash(i1, j1, k1) + jbHash(i2, j2, k2);
   for (jbEdgelist * e = edges[h]; e; e = e->next)
@@ -204,22 +378,46 @@ Point3D_d jbProcess::converge(Point3D_d p1, Point3D_d p2, double value1)
 
 int jbProcess::vertid(jbCornerlist * c1, jbCornerlist * c2)
 {
-  int const known = getedge(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k);
-  if (known != -1)
-    return known;
+  int * slot = nullptr;
+  if (m_deferred && m_deferred->packed)
+  {
+    // Every corner of a packed walk is a record of its own tables.
+    bool const forward = lexLess(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k);
+    jbCornerlist * first = forward ? c1 : c2;
+    jbCornerlist * second = forward ? c2 : c1;
+    int const code = jbDeferred::forwardSlot(second->i - first->i, second->j - first->j, second->k - first->k);
+    if (code >= 0)
+    {
+      slot = &jbDeferred::record(first)->edges[code];
+      if (*slot != -1)
+        return *slot;
+    }
+  }
+  if (!slot)
+  {
+    int const known = getedge(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k);
+    if (known != -1)
+      return known;
+  }
   jbVertex v;
   v.normal = Point3D_d();
   if (m_deferred)
   {
     // The index is taken now, in walk order; the position comes with the batch.
-    m_deferred->current().jobs.push_back(
-        jbEdgeJob{setpoint(c1->i, c1->j, c1->k), setpoint(c2->i, c2->j, c2->k), c1->value});
+    m_deferred->current().jobs.push_back(jbEdgeJob{setpoint(c1->i, c1->j, c1->k),
+                                                   setpoint(c2->i, c2->j, c2->k),
+                                                   c1->value,
+                                                   {c1->i, c1->j, c1->k},
+                                                   {c2->i, c2->j, c2->k}});
     v.position = Point3D_d();
   }
   else
     v.position = converge(setpoint(c1->i, c1->j, c1->k), setpoint(c2->i, c2->j, c2->k), c1->value);
   int const index = vertices.add(v);
-  setedge(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k, index);
+  if (slot)
+    *slot = index;
+  else
+    setedge(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k, index);
   return index;
 }
 
@@ -337,10 +535,12 @@ void jbProcess::begin(jbFunction & f, double s, jbTriangleProcessor & sink)
   cubes = nullptr;
   vertices = jbVertices{0, 0, nullptr};
   centers = nullptr, corners = nullptr, edges = nullptr;
+  seed(1);
+  if (m_deferred && m_deferred->packed)
+    return; // the walk keeps its own tables
   centers = jbAlloc<jbCenterlist *>(CENTERS_TABLE_SIZE);
   corners = jbAlloc<jbCornerlist *>(CORNERS_TABLE_SIZE);
   edges = jbAlloc<jbEdgelist *>(EDGES_TABLE_SIZE);
-  seed(1);
 }
 
 int jbProcess::polygonize(jbFunction & f, double s, int * b, Point3D_d startPoint, jbTriangleProcessor & sink)
@@ -358,6 +558,12 @@ int jbProcess::polygonize(jbFunction & f, double s, int * b, Point3D_d startPoin
       return 1;
     }
     start = converge(in.point, out.point, in.value);
+    if (m_deferred)
+    {
+      if (m_deferred->lattice)
+        m_deferred->lattice->setLattice(start, size, bounds);
+      m_deferred->solver->setLattice(start, size, bounds);
+    }
 
     jbCubes * first = jbAlloc<jbCubes>();
     first->cube.i = first->cube.j = first->cube.k = 0;
@@ -467,11 +673,17 @@ int jbProcess::flushDeferred(bool last)
 }
 
 int jbProcess::polygonizeDeferred(jbFunction & f, double s, int * b, Point3D_d startPoint,
-                                  jbTriangleProcessor & sink, jbVertexSolver & solver, int batchVertices)
+                                  jbTriangleProcessor & sink, jbVertexSolver & solver, int batchVertices,
+                                  jbLatticeFunction * lattice)
 {
   try
   {
-    m_deferred = new jbDeferred{&solver, batchVertices > 0 ? batchVertices : 1, {}, 0, false};
+    m_deferred = new jbDeferred;
+    m_deferred->solver = &solver;
+    m_deferred->batch = batchVertices > 0 ? batchVertices : 1;
+    m_deferred->lattice = lattice;
+    m_deferred->packed = b && std::abs(b[0]) <= PACK_LIMIT && std::abs(b[1]) <= PACK_LIMIT &&
+                         std::abs(b[2]) <= PACK_LIMIT;
     int const result = polygonize(f, s, b, startPoint, sink);
     // A refused triangle can leave a batch in flight: it must end before its
     // buffers go.

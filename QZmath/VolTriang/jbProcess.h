@@ -83,12 +83,31 @@ using jbFunction = REmath::Functor2<double, Point3D_d const &, int *>;
 using jbTriangleProcessor = REmath::Functor4<int, int, int, int, jbVertices>;
 
 /// A vertex whose position the walk leaves for later: the lattice edge it lies
-/// on, from the corner of `value1` to the other.
+/// on, from the corner of `value1` to the other, as points and as lattice
+/// indices.
 struct jbEdgeJob
 {
   Point3D_d p1;
   Point3D_d p2;
   double value1;
+  int from[3];
+  int to[3];
+};
+
+/// The walk's function told about the lattice: a deferred walk passes it the
+/// lattice once the start is known and asks it for the corners by index, so
+/// that it can tabulate what the corners share.
+class jbLatticeFunction
+{
+public:
+  virtual ~jbLatticeFunction() = default;
+  /// The point of index (i, j, k) lies at start - (index - 0.5) * size on
+  /// each axis; indices stay within bounds + 1 of 0.
+  virtual void setLattice(Point3D_d const & start, double size, int const * bounds) = 0;
+  /// The walk's function at the lattice point (i, j, k), whose position is
+  /// `p`, with its flag. Only the side of the result is used (above 0 or
+  /// not), so it may be any value on the function's side.
+  virtual double corner(int i, int j, int k, Point3D_d const & p, int * flag) = 0;
 };
 
 /// Computes deferred vertices in batches, possibly on other threads while the
@@ -99,6 +118,9 @@ class jbVertexSolver
 {
 public:
   virtual ~jbVertexSolver() = default;
+  /// The lattice of the walk, as for `jbLatticeFunction`, before the first
+  /// batch.
+  virtual void setLattice(Point3D_d const & /*start*/, double /*size*/, int const * /*bounds*/) {}
   /// Starts a batch; the arrays stay valid until `wait` returns. One batch
   /// at a time.
   virtual void submit(jbEdgeJob const * jobs, jbVertex * out, int count) = 0;
@@ -131,9 +153,13 @@ public:
   /// them and submits them to the solver; while the solver works it collects
   /// the next batch, then hands the first batch's triangles to the sink in
   /// their order. The function is then called for the corners and
-  /// the start only; the sink sees what `polygonize` would show it.
+  /// the start only, and with `lattice` for the start only (the corners go
+  /// to `lattice`); the sink sees what `polygonize` would show it. The
+  /// walk's corners, cubes and edges are then kept in tables of its own
+  /// (packed lattice keys), and the public tables stay null.
   int polygonizeDeferred(jbFunction & function, double size, int * bounds, Point3D_d start,
-                         jbTriangleProcessor & triangleProcessor, jbVertexSolver & solver, int batchVertices);
+                         jbTriangleProcessor & triangleProcessor, jbVertexSolver & solver, int batchVertices,
+                         jbLatticeFunction * lattice = nullptr);
   /// Visits every cube of the box from `low` to `high`; returns 0.
   int marchingcubes(jbFunction & function, double size, Point3D_d low, Point3D_d high,
                     jbTriangleProcessor & triangleProcessor);

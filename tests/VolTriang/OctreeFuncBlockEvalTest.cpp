@@ -112,45 +112,83 @@ TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationForGradientKernels)
   }
 }
 
-// On axis-parallel segments the function is a piecewise polynomial of one
-// variable: its values stay within their bounds of the exact ones, and the
-// bounds are tight enough to decide a side almost everywhere.
-TEST(OctreeFuncBlockEvaluator, AxisSegmentsAgreeWithTheExactValues)
+// On the polygoniser's lattice: corner values within their bounds of the
+// exact ones, and the bisection of edges of all seven directions (both ways)
+// ending at exactly the point that bisection on the exact values reaches.
+// The level is taken at points on the edges, so that many decisions are near
+// ties.
+TEST(OctreeFuncBlockEvaluator, LatticeCornersAndBisectionsFollowTheExactValues)
 {
-  for (int derivative : {-1, 1})
+  Fixture fx(true, 6);
+  double const size = fx.tree->getCellSize(5);
+  double const start[3] = {0.013, -0.021, 0.007};
+  int const bound = 70;
+  COctreeFuncBlockEvaluator fast(*fx.x, 4.0 * size);
+  COctreeFuncBlockEvaluator worker(fast); // made before the lattice, as the polygoniser's workers are
+  ASSERT_TRUE(fast.setLattice(start, size, bound));
+  worker.shareLattice(fast);
+  auto point = [&](int const * index, double * p) {
+    for (int a = 0; a < 3; ++a)
+      p[a] = start[a] - (index[a] - 0.5) * size;
+  };
+  auto exact = [&](double const * p) { return fx.x->eval(p, nullptr); };
+  std::mt19937 rng(77);
+  std::uniform_int_distribution<int> pick(0, 499);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  int const directions[7][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {1, 1, 0}, {0, 1, -1}, {-1, 0, 1}, {1, -1, 1}};
+  int differentFromStart = 0;
+  for (int e = 0; e < 700; ++e)
   {
-    Fixture fx(true, 6, -1, derivative);
-    COctreeFuncBlockEvaluator fast(*fx.x, 8.0 * fx.tree->getUnit());
-    std::mt19937 rng(31);
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
-    double const edge = 2.0 * fx.tree->getUnit();
-    int made = 0;
-    double largestValue = 0.0, largestBound = 0.0;
-    for (int i = 0; i < 300; ++i)
+    float const * s = fx.cloud.getSampleCoords3(pick(rng));
+    int from[3], to[3];
+    for (int a = 0; a < 3; ++a)
+      from[a] = static_cast<int>(std::floor((start[a] - s[a]) / size + 0.5));
+    for (int a = 0; a < 3; ++a)
+      to[a] = from[a] + directions[e % 7][a];
+    double p1[3], p2[3];
+    point(from, p1);
+    point(to, p2);
+    double bound = -1.0;
+    double const corner = fast.evalLatticeWithBound(from, &bound);
+    EXPECT_LE(std::fabs(corner - exact(p1)), bound);
+    // The level: the exact value at a random point of the edge.
+    double q[3];
+    double const t = u(rng);
+    for (int a = 0; a < 3; ++a)
+      q[a] = p1[a] + t * (p2[a] - p1[a]);
+    double const level = exact(q);
+    double const value1 = exact(p1) - level;
+    double pos[3], neg[3], ref[3];
+    for (int a = 0; a < 3; ++a)
     {
-      float const * s = fx.cloud.getSampleCoords3(i);
-      double p[3] = {s[0] + 0.1 * u(rng), s[1] + 0.1 * u(rng), s[2] + 0.1 * u(rng)};
-      int const axis = i % 3;
-      double const low = p[axis], high = p[axis] + edge * (i % 7 == 0 ? 3.0 : 1.0);
-      made += fast.setAxisSegment(p, axis, low, high);
-      for (int k = 0; k <= 16; ++k)
-      {
-        double q[3] = {p[0], p[1], p[2]};
-        q[axis] = low + (high - low) * k / 16.0;
-        double bound = -1.0;
-        double const value = fast.evalOnAxisSegment(q[axis], &bound);
-        double const exact = fx.x->eval(q, nullptr);
-        EXPECT_LE(std::fabs(value - exact), bound);
-        largestValue = std::max(largestValue, std::fabs(exact));
-        largestBound = std::max(largestBound, bound);
-      }
+      pos[a] = value1 >= 0 ? p1[a] : p2[a];
+      neg[a] = value1 >= 0 ? p2[a] : p1[a];
     }
-    EXPECT_GT(made, 250);
-    EXPECT_LT(largestBound, 1e-11 * largestValue);
-    double const p[3] = {0.0, 0.0, 0.0};
-    EXPECT_FALSE(fast.setAxisSegment(p, 3, 0.0, 1.0));
-    EXPECT_FALSE(fast.setAxisSegment(p, 0, 1.0, 0.0));
+    for (int n = 1;; ++n)
+    {
+      double mid[3];
+      for (int a = 0; a < 3; ++a)
+        mid[a] = (pos[a] + neg[a]) * 0.5;
+      if (n == 11)
+      {
+        std::copy(mid, mid + 3, ref);
+        break;
+      }
+      double * moved = exact(mid) - level > 0 ? pos : neg;
+      std::copy(mid, mid + 3, moved);
+    }
+    double got[3];
+    (e % 2 ? worker : fast).convergeOnLatticeEdge(from, to, value1, level, got);
+    for (int a = 0; a < 3; ++a)
+      EXPECT_EQ(got[a], ref[a]) << "edge " << e << " axis " << a;
+    differentFromStart += std::fabs(ref[0] - p1[0]) + std::fabs(ref[1] - p1[1]) + std::fabs(ref[2] - p1[2]) > 0.01 * size;
   }
+  EXPECT_GT(differentFromStart, 300);
+  // Beyond the tables the point forms answer.
+  int const far[3] = {bound + 5, 0, 0};
+  double p[3], b = -1.0;
+  point(far, p);
+  EXPECT_LE(std::fabs(fast.evalLatticeWithBound(far, &b) - exact(p)), b);
 }
 
 TEST(OctreeFuncBlockEvaluator, ZeroAndNonFinitePointsFollowTheCombination)
