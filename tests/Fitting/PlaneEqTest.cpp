@@ -72,7 +72,7 @@ TEST(PlaneEq, RobustPlaneIgnoresGrossOutliers)
   CSampler s(23);
   double const sigma = 0.01;
   std::vector<Point3D_d> pts = s.plane(C0, N0, 2000, 3.0, sigma);
-  s.spoil(pts, 7, C0, 3.0, scale(N0, 2.5));
+  s.spoil(pts, 7, C0, 3.0, N0 * 2.5);
   double coeff[4], centroid[3];
   ASSERT_TRUE(FitPlaneToPointSet(pts, coeff, centroid));
   EXPECT_GT(std::fabs(dot(normalOf(coeff), C0) - coeff[3]), 10.0 * sigma);
@@ -88,7 +88,7 @@ TEST(PlaneEq, ApproximatorIsOrderFreeAndRemovesExactly)
 {
   CSampler s(25);
   std::vector<Point3D> const a = toFloat(s.plane(C0, N0, 50, 2.0, 0.01));
-  std::vector<Point3D> const b = toFloat(s.plane(add(C0, Point3D_d(3.0, 0.0, 0.0)), N0, 30, 1.0, 0.01));
+  std::vector<Point3D> const b = toFloat(s.plane(C0 + Point3D_d(3.0, 0.0, 0.0), N0, 30, 1.0, 0.01));
   std::vector<Point3D> const up(30, Point3D(N0.x(), N0.y(), N0.z()));
   CPtVecAdapder<std::vector<Point3D>> const ra(a), rb(b), rup(up);
   std::unique_ptr<IPlaneAppoximator> ab(IPlaneAppoximator::CreateByConstraint(REmath::PlaneFitFree));
@@ -210,7 +210,7 @@ TEST(PlaneEq, BoundingBasisFollowsTheRectangle)
   for (int i = 0; i <= 8; ++i)
     for (double side : {-0.5, 0.5})
     {
-      Point3D_d const p = add(scale(a, -2.0 + 0.5 * i), scale(b, side));
+      Point3D_d const p = a * (-2.0 + 0.5 * i) + b * side;
       pts.emplace_back(p.x(), p.y(), p.z());
     }
   CPtVecAdapder<std::vector<Point3D>> const refs(pts);
