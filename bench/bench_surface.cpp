@@ -4,9 +4,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cmath>
 #include <random>
 #include <vector>
 
+#include "QZmath/Foundation/NumericRoutines.h"
 #include "QZmath/SurfaceAnalysis/GetNormal.h"
 #include "QZmath/SurfaceAnalysis/Projectors.h"
 #include "tests/SurfaceAnalysis/SurfaceSamples.h"
@@ -74,6 +76,60 @@ BENCHMARK(BM_GetNormal2)
     ->Args({1, 1})
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
+
+// The generalised eigenproblem alone, on the weighted monomial moments of the
+// same curved neighbourhoods (scaled as GetNormal2 scales them): the floor
+// under the default path of GetNormal2.
+void BM_QuadricPencilEigen(benchmark::State & state)
+{
+  struct Pencil
+  {
+    double a[9][9] = {};
+  };
+  std::vector<Pencil> pencils;
+  for (auto const & nb : neighbourhoods(true))
+  {
+    Pencil p;
+    double sum = 0.0;
+    for (int i = 1; i < NEIGHBOURS; ++i)
+      for (int k = 0; k < 3; ++k)
+        sum += std::pow(double(nb.points[i].asArray()[k]) - nb.points[0].asArray()[k], 2);
+    double const s = std::sqrt(sum / (NEIGHBOURS - 1));
+    for (int i = 1; i < NEIGHBOURS; ++i)
+    {
+      double v[3];
+      for (int k = 0; k < 3; ++k)
+        v[k] = (double(nb.points[i].asArray()[k]) - nb.points[0].asArray()[k]) / s;
+      double const m[9] = {v[0] * v[0], v[0] * v[1], v[0] * v[2], v[1] * v[1], v[1] * v[2],
+                           v[2] * v[2], v[0],        v[1],        v[2]};
+      double const w = 0.1 / (v[0] * v[0] + v[1] * v[1] + v[2] * v[2] + 0.1);
+      for (int r = 0; r < 9; ++r)
+        for (int c = 0; c < 9; ++c)
+          p.a[r][c] += w * m[r] * m[c];
+    }
+    pencils.push_back(p);
+  }
+  double b[9][9] = {};
+  b[6][6] = b[7][7] = b[8][8] = 1.0;
+  double const * bRows[9];
+  double vec[9][9], lambda[9];
+  double * vecRows[9];
+  for (int i = 0; i < 9; ++i)
+    bRows[i] = b[i], vecRows[i] = vec[i];
+  int k = 0;
+  for (auto _ : state)
+  {
+    double const * aRows[9];
+    for (int i = 0; i < 9; ++i)
+      aRows[i] = pencils[k].a[i];
+    int count = 0;
+    benchmark::DoNotOptimize(gen_right_eigen(9, aRows, bRows, count, vecRows, lambda));
+    benchmark::DoNotOptimize(lambda);
+    k = (k + 1) % BATCH;
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_QuadricPencilEigen)->Repetitions(5)->ReportAggregatesOnly(true);
 
 void BM_EstimateCurvature(benchmark::State & state)
 {
