@@ -842,6 +842,7 @@ void CEstimatedNormals::clear()
   m_curvatures.clear();
   m_degenerate.clear();
   m_iDegenerate = 0;
+  m_iDuplicates = 0;
   m_iComponents = 0;
   m_iInwardComponents = 0;
   m_bOriented = false;
@@ -915,6 +916,7 @@ void CNormalEstimator::estimateNormals(float const * coords, int count, CNeighbo
   {
     result.m_normals.assign(3 * static_cast<std::size_t>(count), 0.0f);
     result.m_degenerate.assign(static_cast<std::size_t>(count), 0);
+    result.m_iDuplicates = graph.getDuplicateCount();
     if (second)
       result.m_curvatures.assign(static_cast<std::size_t>(count), -1.0f);
     tf_forBlocks(count, progress, [&](int first, int last) {

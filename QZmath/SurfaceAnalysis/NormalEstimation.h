@@ -214,6 +214,8 @@ public:
   /// the fallback.
   bool isDegenerate(int i) const { return m_degenerate[static_cast<std::size_t>(i)] != 0; }
   int getDegenerateCount() const { return m_iDegenerate; }
+  /// Points whose nearest neighbour sits at the same position.
+  int getDuplicateCount() const { return m_iDuplicates; }
   /// Set by the orientation: connected components of the neighbour graph,
   /// how many of them were seeded facing inward (nested) and whether the
   /// signs are set at all.
@@ -232,6 +234,7 @@ private:
   std::vector<float> m_curvatures;
   std::vector<unsigned char> m_degenerate;
   int m_iDegenerate = 0;
+  int m_iDuplicates = 0;
   int m_iComponents = 0;
   int m_iInwardComponents = 0;
   bool m_bOriented = false;

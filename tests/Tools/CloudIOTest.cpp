@@ -132,8 +132,9 @@ TEST(CloudIO, MalformedInputsNameTheFileAndPlace)
   EXPECT_NE(errorOf(tempPath("missing.ply")).find("cannot read"), std::string::npos);
 
   std::string const q = tempPath("bad.ply");
-  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\nend_header\n1 2 3\n");
-  EXPECT_NE(errorOf(q).find("no normals"), std::string::npos) << errorOf(q);
+  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\n"
+               "property float nx\nend_header\n1 2 3 0\n");
+  EXPECT_NE(errorOf(q).find("header: vertex property ny is missing"), std::string::npos) << errorOf(q);
   writeFile(q, "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\n"
                "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 0 1\n");
   EXPECT_NE(errorOf(q).find("line 12: unexpected end of file"), std::string::npos) << errorOf(q);
@@ -210,4 +211,70 @@ TEST(CloudIO, WrittenPlyReadsBackAsMesh)
   std::string const bytes2((std::istreambuf_iterator<char>(in2)), std::istreambuf_iterator<char>());
   EXPECT_EQ(bytes2.find("property float nx"), std::string::npos);
   EXPECT_THROW(writePly("/nonexistent-dir/mesh.ply", m, false), std::runtime_error);
+}
+
+TEST(CloudIO, CloudsWithoutNormals)
+{
+  // Text: the first line decides; three to five values are a point alone.
+  std::string const p = tempPath("plain.xyz");
+  writeFile(p, "# scan\n0.5 -1.25 2\n1000 0.002 -7.5 17\n-0.125,0.25,3.5,1,2\n");
+  OrientedCloud const c = readCloud(p);
+  ASSERT_EQ(c.size(), 3u);
+  EXPECT_FALSE(c.hasNormals());
+  EXPECT_TRUE(c.normals.empty());
+  for (std::size_t i = 0; i < 3; ++i)
+    for (int k = 0; k < 3; ++k)
+      EXPECT_EQ(c.points[3 * i + k], static_cast<float>(kRows[i][k]));
+  writeFile(p, "0 0 0\n1 2 3 0 0 1\n");
+  EXPECT_NE(errorOf(p).find("plain.xyz: line 2: expected three values (x y z) as on line 1, found 6"),
+            std::string::npos)
+      << errorOf(p);
+  writeFile(p, "0 0\n");
+  EXPECT_NE(errorOf(p).find("line 1: expected x y z, or x y z nx ny nz"), std::string::npos) << errorOf(p);
+
+  // PLY with x y z only; written back as a cloud and read again.
+  std::string const q = tempPath("plain.ply");
+  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\n"
+               "end_header\n1 2 3\n4 5 6\n");
+  OrientedCloud d = readCloud(q);
+  ASSERT_EQ(d.size(), 2u);
+  EXPECT_FALSE(d.hasNormals());
+  for (bool normals : {false, true})
+  {
+    if (normals)
+      d.normals = {0, 0, 1, 0.6f, 0.8f, 0};
+    writePly(q, d);
+    OrientedCloud const e = readCloud(q);
+    EXPECT_EQ(e.points, d.points);
+    EXPECT_EQ(e.normals, d.normals);
+    std::ifstream in(q, std::ios::binary);
+    std::string const bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(bytes.find("element face"), std::string::npos);
+    EXPECT_EQ(bytes.find("property float nx") != std::string::npos, normals);
+  }
+}
+
+TEST(CloudIO, WritabilityIsCheckedWithoutHarm)
+{
+  std::string const fresh = tempPath("fresh.ply");
+  std::remove(fresh.c_str());
+  EXPECT_NO_THROW(checkWritable(fresh));
+  EXPECT_FALSE(std::ifstream(fresh).good()) << "the check left a file behind";
+  std::string const kept = tempPath("kept.txt");
+  writeFile(kept, "keep me");
+  EXPECT_NO_THROW(checkWritable(kept));
+  std::ifstream in(kept);
+  std::string text;
+  std::getline(in, text);
+  EXPECT_EQ(text, "keep me");
+  try
+  {
+    checkWritable("/nonexistent-dir/out.ply");
+    ADD_FAILURE() << "no error for a missing folder";
+  }
+  catch (std::runtime_error const & e)
+  {
+    EXPECT_STREQ(e.what(), "/nonexistent-dir/out.ply: cannot write the file (No such file or directory)");
+  }
+  EXPECT_THROW(checkWritable(testing::TempDir()), std::runtime_error);
 }

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# End-to-end checks of the qzrecon tool on files: success, bad usage, broken
-# inputs and a failing reconstruction, with their exit codes and messages.
-#   qzrecon_cli_test.sh QZRECON QZSAMPLE WORKDIR
+# End-to-end checks of the qzrecon and qznormals tools on files: success, bad
+# usage, broken inputs, clouds without normals and a failing reconstruction,
+# with their exit codes and messages.
+#   qzrecon_cli_test.sh QZRECON QZSAMPLE WORKDIR QZNORMALS
 set -u
-qzrecon=$1 qzsample=$2 work=$3
+qzrecon=$1 qzsample=$2 work=$3 qznormals=$4
 rm -rf "$work" && mkdir -p "$work" && cd "$work" || exit 1
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
@@ -47,21 +48,52 @@ expect 2 'missing.ply: open' -- "$qzrecon" missing.ply out.ply
 printf '0 0 0 0 0 1\n1 2 nan 0 0 1\n' >nan.xyzn
 expect 2 'nan.xyzn: line 2' -- "$qzrecon" nan.xyzn out.ply
 printf '0 0 0\n1 1 1\n' >nonormals.xyz
-expect 2 'nonormals.xyz: line 1' -- "$qzrecon" nonormals.xyz out.ply
+expect 2 'nonormals.xyz: Normal estimation: 2 points, fewer than k + 1 = 21' -- "$qzrecon" nonormals.xyz out.ply
 printf 'ply\nformat binary_little_endian 1.0\nelement vertex 5\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\nproperty float nz\nend_header\n' >truncated.ply
 head -c 30 sphere.ply >>truncated.ply
 expect 2 'truncated.ply: byte' -- "$qzrecon" truncated.ply out.ply
 printf 'ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\nproperty float nz\nend_header\n0 0 0 0 0 1\n1 0 0 0 0 1\n' >count.ply
 expect 2 'count.ply: line 13' -- "$qzrecon" count.ply out.ply
 printf 'ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\nproperty float z\nend_header\n0 0 0\n' >nonormals.ply
-expect 2 'no normals' -- "$qzrecon" nonormals.ply out.ply
+expect 2 'nonormals.ply: Normal estimation: 1 points' -- "$qzrecon" nonormals.ply out.ply
 
-# A cloud without usable normals reconstructs nothing: exit 1 with the library's text.
+# A cloud without usable normals reconstructs nothing: exit 1 with the library's text;
+# with --estimate-normals it gets normals of its own.
 awk '{print $1, $2, $3, 0, 0, 0}' sphere.xyzn >zero.xyzn
 expect 1 'Failed to reconstruct iso-value surface' -- "$qzrecon" --depth 4 --quiet zero.xyzn out.ply
+expect 0 '"estimated": true' -- "$qzrecon" --depth 4 --quiet --estimate-normals --json - zero.xyzn out.ply
 
-# An output that cannot be written.
-expect 1 'cannot write' -- "$qzrecon" --depth 4 --quiet sphere.xyzn /nonexistent-dir/out.ply
+# Three columns: normals estimated and oriented, said in the summary.
+awk '{print $1, $2, $3}' sphere.xyzn >plain.xyz
+expect 0 '"degenerate_neighbourhoods": 0' -- "$qzrecon" --depth 5 --quiet --json - plain.xyz plain.ply
+expect 0 '"neighbours": 12' -- "$qzrecon" --depth 5 --quiet --neighbours 12 --viewpoint 0,0,5 --json - plain.xyz plain.ply
+expect 0 'normals estimated from 20 neighbours' -- "$qzrecon" --depth 4 plain.xyz plain.ply
+expect 0 '"estimated": false' -- "$qzrecon" --depth 4 --quiet --json - sphere.xyzn out.ply
+expect 2 '' -- "$qzrecon" --viewpoint 0,0 plain.xyz out.ply
+expect 2 '' -- "$qzrecon" --neighbours 0 plain.xyz out.ply
+for i in $(seq 30); do echo "1 2 3"; done >same.xyz
+expect 2 'same.xyz: Normal estimation: all 30 points coincide' -- "$qzrecon" same.xyz out.ply
+for i in $(seq 30); do echo "$i $((2 * i)) 0"; done >line.xyz
+expect 2 'line.xyz: Normal estimation: all 30 points lie on one line' -- "$qzrecon" line.xyz out.ply
+
+# An output that cannot be written is refused before any work.
+expect 2 '/nonexistent-dir/out.ply: cannot write the file' -- "$qzrecon" --depth 4 --quiet sphere.xyzn /nonexistent-dir/out.ply
+expect 2 '/nonexistent-dir/s.json: cannot write the file' -- "$qzrecon" --quiet --json /nonexistent-dir/s.json sphere.xyzn out.ply
+[ -e /nonexistent-dir ] && fail "the check made a folder"
+rm -f fresh.ply
+expect 2 'missing.xyz' -- "$qzrecon" missing.xyz fresh.ply
+[ -e fresh.ply ] && fail "the writability check left fresh.ply behind"
+
+# qznormals: the oriented cloud as binary PLY with normals.
+expect 0 'qznormals: 4000 points, k = 20: 0 degenerate' -- "$qznormals" plain.xyz oriented.ply
+head -c 300 oriented.ply | grep -q 'property float nx' || fail "qznormals wrote no normals"
+head -c 300 oriented.ply | grep -q 'element face' && fail "qznormals wrote faces"
+expect 0 '"components": 1' -- "$qznormals" --quiet --json - --viewpoint 3,0,0 plain.xyz oriented.ply
+expect 0 'Usage' -- "$qznormals" --help
+expect 2 '' -- "$qznormals" plain.xyz
+expect 2 'missing.xyz: open' -- "$qznormals" missing.xyz out.ply
+expect 2 'line.xyz: Normal estimation: all 30 points lie on one line' -- "$qznormals" line.xyz out.ply
+expect 2 '/nonexistent-dir/o.ply: cannot write the file' -- "$qznormals" plain.xyz /nonexistent-dir/o.ply
 
 [ "$failures" -eq 0 ] && echo "all qzrecon checks passed"
 exit "$failures"

@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <fstream>
 #include <limits>
 #include <sstream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace qzrecon
 {
@@ -199,17 +204,20 @@ VertexLayout layoutOf(std::string const & path, Element const & vertex)
   for (int k = 0; k < 3; ++k)
     if (l.slot[k] < 0)
       fail(path, "header", std::string("vertex property ") + names[k] + " is missing");
-  for (int k = 3; k < 6; ++k)
-    if (l.slot[k] < 0)
-      fail(path, "header", "the vertices have no normals (nx ny nz); qzrecon needs an oriented cloud");
+  // Normals are all there or not at all.
+  if (l.slot[3] >= 0 || l.slot[4] >= 0 || l.slot[5] >= 0)
+    for (int k = 3; k < 6; ++k)
+      if (l.slot[k] < 0)
+        fail(path, "header", std::string("vertex property ") + names[k] + " is missing");
   return l;
 }
 
 void storeVertex(OrientedCloud & cloud, double const * values, VertexLayout const & l, std::string const & path,
                  std::string const & where)
 {
+  int const n = l.slot[3] >= 0 ? 6 : 3;
   float v[6];
-  for (int k = 0; k < 6; ++k)
+  for (int k = 0; k < n; ++k)
   {
     double const d = values[l.slot[k]];
     if (!std::isfinite(d) || std::fabs(d) > std::numeric_limits<float>::max())
@@ -217,7 +225,59 @@ void storeVertex(OrientedCloud & cloud, double const * values, VertexLayout cons
     v[k] = static_cast<float>(d);
   }
   cloud.points.insert(cloud.points.end(), v, v + 3);
-  cloud.normals.insert(cloud.normals.end(), v + 3, v + 6);
+  if (n == 6)
+    cloud.normals.insert(cloud.normals.end(), v + 3, v + 6);
+}
+
+// Binary little-endian PLY of vertices (with normals when given) and
+// triangles (none: no face element).
+void writeBinaryPly(std::string const & path, std::vector<float> const & vertices, std::vector<float> const * normals,
+                    std::vector<std::int32_t> const * triangles)
+{
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out)
+    throw std::runtime_error(path + ": cannot write the file");
+  std::size_t const count = vertices.size() / 3;
+  out << "ply\nformat binary_little_endian 1.0\ncomment made by qzrecon\n";
+  out << "element vertex " << count << "\n";
+  out << "property float x\nproperty float y\nproperty float z\n";
+  if (normals)
+    out << "property float nx\nproperty float ny\nproperty float nz\n";
+  if (triangles)
+  {
+    out << "element face " << triangles->size() / 3 << "\n";
+    out << "property list uchar int vertex_indices\n";
+  }
+  out << "end_header\n";
+  bool const swap = !hostIsLittleEndian();
+  auto put = [&](void const * p, std::size_t n) {
+    unsigned char b[4];
+    std::memcpy(b, p, n);
+    if (swap)
+      std::reverse(b, b + n);
+    out.write(reinterpret_cast<char const *>(b), static_cast<std::streamsize>(n));
+  };
+  for (std::size_t v = 0; v < count; ++v)
+  {
+    for (int k = 0; k < 3; ++k)
+      put(&vertices[3 * v + k], 4);
+    if (normals)
+      for (int k = 0; k < 3; ++k)
+        put(&(*normals)[3 * v + k], 4);
+  }
+  if (triangles)
+  {
+    unsigned char const three = 3;
+    for (std::size_t t = 0; t < triangles->size() / 3; ++t)
+    {
+      out.write(reinterpret_cast<char const *>(&three), 1);
+      for (int k = 0; k < 3; ++k)
+        put(&(*triangles)[3 * t + k], 4);
+    }
+  }
+  out.flush();
+  if (!out)
+    throw std::runtime_error(path + ": write failed (disk full?)");
 }
 } // namespace
 
@@ -429,7 +489,8 @@ OrientedCloud readText(std::string const & path)
     fail(path, "open", "cannot read the file");
   OrientedCloud cloud;
   std::string line;
-  long lineNo = 0;
+  long lineNo = 0, firstLine = 0;
+  bool withNormals = true;
   while (std::getline(in, line))
   {
     ++lineNo;
@@ -446,11 +507,23 @@ OrientedCloud readText(std::string const & path)
     if (tokens.empty())
       continue;
     std::string const where = "line " + std::to_string(lineNo);
-    if (tokens.size() < 6)
+    if (firstLine == 0)
+    {
+      if (tokens.size() < 3)
+        fail(path, where, "expected x y z, or x y z nx ny nz");
+      firstLine = lineNo;
+      withNormals = tokens.size() >= 6;
+    }
+    if (withNormals && tokens.size() < 6)
       fail(path, where,
            tokens.size() == 3 ? "no normal (expected x y z nx ny nz)" : "expected six values: x y z nx ny nz");
+    if (!withNormals && (tokens.size() < 3 || tokens.size() >= 6))
+      fail(path, where,
+           "expected three values (x y z) as on line " + std::to_string(firstLine) + ", found " +
+               std::to_string(tokens.size()));
+    int const n = withNormals ? 6 : 3;
     double values[6];
-    for (int k = 0; k < 6; ++k)
+    for (int k = 0; k < n; ++k)
     {
       char * end = nullptr;
       values[k] = std::strtod(tokens[k].c_str(), &end);
@@ -458,7 +531,7 @@ OrientedCloud readText(std::string const & path)
         fail(path, where, "not a number: '" + tokens[k] + "'");
     }
     VertexLayout l;
-    for (int k = 0; k < 6; ++k)
+    for (int k = 0; k < n; ++k)
       l.slot[k] = k;
     storeVertex(cloud, values, l, path, where);
   }
@@ -489,41 +562,25 @@ void writePly(std::string const & path, MeshData const & mesh, bool withNormals)
 {
   if (withNormals && mesh.normals.size() != mesh.vertices.size())
     throw std::runtime_error(path + ": normals missing for some vertices");
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!out)
-    throw std::runtime_error(path + ": cannot write the file");
-  out << "ply\nformat binary_little_endian 1.0\ncomment made by qzrecon\n";
-  out << "element vertex " << mesh.vertexCount() << "\n";
-  out << "property float x\nproperty float y\nproperty float z\n";
-  if (withNormals)
-    out << "property float nx\nproperty float ny\nproperty float nz\n";
-  out << "element face " << mesh.triangleCount() << "\n";
-  out << "property list uchar int vertex_indices\nend_header\n";
-  bool const swap = !hostIsLittleEndian();
-  auto put = [&](void const * p, std::size_t n) {
-    unsigned char b[4];
-    std::memcpy(b, p, n);
-    if (swap)
-      std::reverse(b, b + n);
-    out.write(reinterpret_cast<char const *>(b), static_cast<std::streamsize>(n));
-  };
-  for (std::size_t v = 0; v < mesh.vertexCount(); ++v)
-  {
-    for (int k = 0; k < 3; ++k)
-      put(&mesh.vertices[3 * v + k], 4);
-    if (withNormals)
-      for (int k = 0; k < 3; ++k)
-        put(&mesh.normals[3 * v + k], 4);
-  }
-  unsigned char const three = 3;
-  for (std::size_t t = 0; t < mesh.triangleCount(); ++t)
-  {
-    out.write(reinterpret_cast<char const *>(&three), 1);
-    for (int k = 0; k < 3; ++k)
-      put(&mesh.triangles[3 * t + k], 4);
-  }
-  out.flush();
-  if (!out)
-    throw std::runtime_error(path + ": write failed (disk full?)");
+  writeBinaryPly(path, mesh.vertices, withNormals ? &mesh.normals : nullptr, &mesh.triangles);
+}
+
+void writePly(std::string const & path, OrientedCloud const & cloud)
+{
+  writeBinaryPly(path, cloud.points, cloud.hasNormals() ? &cloud.normals : nullptr, nullptr);
+}
+
+void checkWritable(std::string const & path)
+{
+  struct stat st;
+  bool const existed = ::stat(path.c_str(), &st) == 0;
+  if (existed && S_ISDIR(st.st_mode))
+    throw std::runtime_error(path + ": cannot write the file (it is a folder)");
+  int const fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0666);
+  if (fd < 0)
+    throw std::runtime_error(path + ": cannot write the file (" + std::strerror(errno) + ")");
+  ::close(fd);
+  if (!existed)
+    ::unlink(path.c_str());
 }
 } // namespace qzrecon

@@ -1,9 +1,11 @@
-// qzrecon: reconstructs a watertight triangle mesh from an oriented point cloud.
+// qzrecon: reconstructs a watertight triangle mesh from a point cloud; a cloud
+// without normals gets them estimated and oriented first.
 //
 //   qzrecon [options] INPUT OUTPUT.ply
 //
-// Exit status: 0 on success, 1 when the reconstruction fails, 2 for bad usage
-// or an unreadable input.
+// Exit status: 0 on success, 1 when the reconstruction fails, 2 for bad usage,
+// an unreadable input, a cloud that cannot have normals or an unwritable
+// output (found before any work).
 
 #include <cstdio>
 #include <cstring>
@@ -18,6 +20,7 @@
 #include <nlohmann/json.hpp>
 
 #include "CloudIO.h"
+#include "CloudNormals.h"
 #include "CloudSamples.h"
 #include "PhaseMeter.h"
 #include "QZmath/QZmath.h"
@@ -98,7 +101,8 @@ int solverCode(std::string const & s)
 int main(int argc, char ** argv)
 {
   CLI::App app("Reconstructs a watertight triangle mesh from an oriented point cloud.\n"
-               "INPUT: PLY (ascii or binary, vertex x y z nx ny nz) or text with x y z nx ny nz per line.\n"
+               "INPUT: PLY (ascii or binary, vertex x y z [nx ny nz]) or text with x y z [nx ny nz] per line;\n"
+               "a cloud without normals gets them estimated and oriented first.\n"
                "OUTPUT: binary little-endian PLY.");
   std::string input, output, solver = "multilevel", logPath, jsonPath;
   int depth = 8, detail = -1;
@@ -124,6 +128,10 @@ int main(int argc, char ** argv)
   app.add_option("--log", logPath, "debug log file, '-' for standard error");
   app.add_flag("--quiet", quiet, "no progress bar");
   app.add_option("--json", jsonPath, "summary as JSON to a file, '-' for standard output");
+  bool estimate = false;
+  qzrecon::NormalOptions normalOptions;
+  app.add_flag("--estimate-normals", estimate, "estimate and orient normals even when the input has them");
+  qzrecon::addNormalOptions(app, normalOptions);
   try
   {
     app.parse(argc, argv);
@@ -132,6 +140,19 @@ int main(int argc, char ** argv)
   {
     int const rc = app.exit(e);
     return rc == 0 ? 0 : 2;
+  }
+
+  // An output that cannot be written is found now, not after the work.
+  try
+  {
+    qzrecon::checkWritable(output);
+    if (!jsonPath.empty() && jsonPath != "-")
+      qzrecon::checkWritable(jsonPath);
+  }
+  catch (std::exception const & e)
+  {
+    std::fprintf(stderr, "qzrecon: %s\n", e.what());
+    return 2;
   }
 
   qzrecon::OrientedCloud cloud;
@@ -189,11 +210,34 @@ int main(int argc, char ** argv)
     progress.AddObserver(bar.get());
   }
 
+  // Normals first where the cloud has none (or they are not to be trusted):
+  // a quarter of the bar.
+  qzrecon::NormalsSummary normalsSummary;
+  bool const estimating = estimate || !cloud.hasNormals();
+  if (estimating)
+  {
+    if (!quiet)
+      std::fprintf(stderr, "qzrecon: estimating normals from %d neighbours per point\n", normalOptions.neighbours);
+    try
+    {
+      CPrgCntSubPhase normalsPhase(&progress, 0.0, 0.25);
+      normalsSummary = qzrecon::estimateNormals(cloud, normalOptions, &progress);
+    }
+    catch (std::exception const & e)
+    {
+      if (bar)
+        bar->finish();
+      std::fprintf(stderr, "qzrecon: %s: %s\n", input.c_str(), e.what());
+      return 2;
+    }
+  }
+
   qzrecon::MeshData mesh;
   qzrecon::CCloudSamples samples(cloud);
   tf_MeshTarget target(mesh);
   try
   {
+    CPrgCntSubPhase reconstruction(&progress, estimating ? 0.25 : 0.0, estimating ? 0.75 : 1.0);
     VolTr::CVolumetricTriangulator triangulator(&target, &samples, &params, &progress);
     triangulator.run();
   }
@@ -230,6 +274,10 @@ int main(int argc, char ** argv)
               meter.totalPeakMiB());
   if (!quiet)
   {
+    if (estimating)
+      std::printf("  normals estimated from %d neighbours: %d degenerate neighbourhoods, %d components, %d inward\n",
+                  normalsSummary.neighbours, normalsSummary.degenerate, normalsSummary.components,
+                  normalsSummary.inward);
     std::printf("  %-20s %9s %10s\n", "phase", "seconds", "peak MiB");
     for (auto const & p : meter.phases())
       std::printf("  %-20s %9.3f %10.1f\n", p.name.c_str(), p.seconds, p.peakMiB);
@@ -253,6 +301,7 @@ int main(int argc, char ** argv)
     for (auto const & p : meter.phases())
       phases.push_back({{"name", p.name}, {"seconds", p.seconds}, {"peak_memory_mib", p.peakMiB}});
     j["phases"] = phases;
+    j["normals"] = qzrecon::toJson(normalsSummary);
     std::string const text = j.dump(2) + "\n";
     if (jsonPath == "-")
       std::fputs(text.c_str(), stdout);
