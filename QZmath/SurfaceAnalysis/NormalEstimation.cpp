@@ -1047,9 +1047,8 @@ void CNormalEstimator::run(float const * coords, int count, CEstimatedNormals & 
   try
   {
     // The steps run on the cloud in the order of a Morton curve, where
-    // neighbours in space are mostly neighbours in memory: on a large cloud
-    // in scattered order that halves the time of the normals and the
-    // orientation.
+    // neighbours in space are mostly neighbours in memory, and the
+    // orientation finds the graph in its own order already.
     phases.StartPhase("neighbours");
     std::vector<int> const order = tf_mortonOrder(coords, count);
     std::vector<float> local(3 * static_cast<std::size_t>(count));

@@ -20,14 +20,27 @@
 //     reached from. An edge whose ends face each other (each more than 60
 //     degrees off the other's tangent plane) weighs 1 more: it crosses
 //     between the two sides of a thin sheet, whose normals are parallel but
-//     opposite, and serves only where nothing else connects. Each connected
-//     component of the graph gets its own seed, see CNormalEstimationParams
-//     for how the seeds are oriented.
+//     opposite, and serves only where nothing else connects (a closed plate
+//     keeps its two sides down to a thickness of about a neighbourhood's
+//     radius). Each connected component of the graph gets its own seed, see
+//     CNormalEstimationParams for how the seeds are oriented. Last, each
+//     sign is checked once against the sum of its neighbours' normals (those
+//     not facing it) and turned over where it disagrees: noise leaves a few
+//     normals near the tangent plane, where the one edge of the tree that
+//     decides them can be wrong, and the whole neighbourhood hardly ever is.
+//     A sign fixed by a viewpoint is not checked.
 //
-// Threads: steps 1 and 2 run as one task per physical core
-// (CVescaThreadingTasksHelper); every point's result depends on that point
-// alone, and step 3 is sequential, so the results are the same bit for bit
-// whatever the number of threads.
+// Threads: steps 1 and 2 and the checks of step 3 run as one task per
+// physical core (CVescaThreadingTasksHelper); every point's result depends on
+// that point alone, and the propagation is sequential, so the results are the
+// same bit for bit whatever the number of threads.
+//
+// Memory order: run() works on a copy of the cloud sorted along a Morton
+// curve, so that points near in space are near in memory, and hands the
+// results back in the caller's order: on a cloud in scattered order the
+// normals gather their neighbours from nearby memory and the orientation
+// need not renumber the graph. Where distances tie, the choices may differ
+// from those of the three steps called on the caller's order.
 //
 // Progress and interruption: the steps report on the caller's counter (null
 // for none), as the phases "neighbours", "normals" and "orientation" when run
