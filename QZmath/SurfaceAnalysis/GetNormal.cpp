@@ -149,9 +149,23 @@ bool tf_curvatureFrame(const double * a, TF_CurvatureFrame & f)
 
 // The fold test: a form with three non-zero eigenvalues whose gradient turns
 // back (cosine <= -0.95 against the one at the origin) at a fifth of the
-// points or more wraps them in two sheets.
+// points or more wraps them in two sheets. The gradients are counted first:
+// most forms turn back nowhere, and then the eigenvalues cannot change the
+// verdict, so the eigensolver runs only for the few that do.
 bool tf_passesFoldTest(const CQuadraticForm & form, int n, const Point3D * w)
 {
+  Point3D_d g0 = form.GetLinearTerm();
+  NormalizeVector(g0.asArray());
+  int back = 0;
+  for (int i = 1; i < n; ++i)
+  {
+    Point3D_d g = form.evalGradient(Point3D_d(w[i].x(), w[i].y(), w[i].z()));
+    NormalizeVector(g.asArray());
+    if (g0.x() * g.x() + g0.y() * g.y() + g0.z() * g.z() <= -0.95)
+      ++back;
+  }
+  if (static_cast<float>(back) < 0.2 * n)
+    return true;
   Point3D_d vectors[3];
   double values[3];
   try
@@ -165,19 +179,7 @@ bool tf_passesFoldTest(const CQuadraticForm & form, int n, const Point3D * w)
   int nonZero = 0;
   for (double v : values)
     nonZero += (v > 1e-7) + (v < -1e-7);
-  if (nonZero < 3)
-    return true;
-  Point3D_d g0 = form.GetLinearTerm();
-  NormalizeVector(g0.asArray());
-  int back = 0;
-  for (int i = 1; i < n; ++i)
-  {
-    Point3D_d g = form.evalGradient(Point3D_d(w[i].x(), w[i].y(), w[i].z()));
-    NormalizeVector(g.asArray());
-    if (g0.x() * g.x() + g0.y() * g.y() + g0.z() * g.z() <= -0.95)
-      ++back;
-  }
-  return static_cast<float>(back) < 0.2 * n;
+  return nonZero < 3;
 }
 
 // The parameter along p + t L where the line meets the form (raw ten
@@ -303,8 +305,10 @@ double tf_weight(const Point3D & p)
   return 0.1 / (x * x + y * y + z * z + 0.1);
 }
 
+// `w` and `weight` are working arrays of n entries: the scaled points and
+// their weights in the moments, which the residuals of the candidates reuse.
 bool tf_getNormal2(int n, const Point3D * points, const CGetNormal2Prms & prm, CQuadraticForm * form,
-                   double * normal, float * dist, double * scale, Point3D * w)
+                   double * normal, float * dist, double * scale, Point3D * w, double * weight)
 {
   // 1. Relative to point 0, scaled to a unit root mean square distance.
   double sum = 0.0;
@@ -377,7 +381,7 @@ bool tf_getNormal2(int n, const Point3D * points, const CGetNormal2Prms & prm, C
   {
     double mono[10];
     tf_monomials(w[i], mono);
-    double const wt = tf_weight(w[i]);
+    double const wt = weight[i] = tf_weight(w[i]);
     for (int r = 0; r < q; ++r)
     {
       double const wr = wt * mono[r];
@@ -441,7 +445,7 @@ bool tf_getNormal2(int n, const Point3D * points, const CGetNormal2Prms & prm, C
     for (int i = first; i < n; ++i)
     {
       double const f = candidate.eval(Point3D_d(w[i].x(), w[i].y(), w[i].z()));
-      residual += tf_weight(w[i]) * f * f;
+      residual += weight[i] * f * f;
     }
     if (!(residual < best))
       continue;
@@ -529,10 +533,12 @@ bool GetNormal2(int n, const Point3D * points, const CGetNormal2Prms * prms, CQu
   if (n <= TF_STACK_POINTS)
   {
     Point3D work[TF_STACK_POINTS];
-    return tf_getNormal2(n, points, prm, form, normal, dist, scale, work);
+    double weight[TF_STACK_POINTS];
+    return tf_getNormal2(n, points, prm, form, normal, dist, scale, work, weight);
   }
   std::vector<Point3D> work(static_cast<std::size_t>(n));
-  return tf_getNormal2(n, points, prm, form, normal, dist, scale, work.data());
+  std::vector<double> weight(static_cast<std::size_t>(n));
+  return tf_getNormal2(n, points, prm, form, normal, dist, scale, work.data(), weight.data());
 }
 
 bool GetNormal2(int n, const Point3D * points, const CGetNormal2Prms * prms, CQuadraticForm * form,
