@@ -68,6 +68,22 @@ struct CMultilevelPoissonSolver::SPairTables
   int index(int d) const { return (d - base) >> shift; }
 };
 
+// The samples merged per node cell of one depth, for the screening: each
+// holder node keeps the weighted mean of its samples and their total weight,
+// with the one-variable kernel values of the nodes around that point.
+struct CMultilevelPoissonSolver::SScreenPoints
+{
+  int reach = 0; // nodes within this many steps of the holder reach its point
+  std::vector<int> holder;          // the holder node of each point (index in the level)
+  std::vector<int> firstPoint;      // per node of the level and one more: its points, by holder
+  std::vector<double> position;     // three per point
+  std::vector<double> weight;
+  std::vector<double> values;       // per point, 3 axes x (2 reach + 1) kernel values
+  std::vector<double> diagonal;     // per node, sum of weight * F_o(point)^2
+  int width() const { return 2 * reach + 1; }
+  double const * valuesOf(int point) const { return &values[static_cast<std::size_t>(point) * 3 * width()]; }
+};
+
 namespace
 {
 using SLevel = CMultilevelPoissonSolver::SLevel;
@@ -517,7 +533,7 @@ void tf_depthProduct(std::vector<SLevel> const & levels, std::vector<SPairTables
 
 CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProductPiecewisePolynom const & kernel,
                                                    SMultilevelSolveSettings const & settings)
-    : m_octree(octree), m_settings(settings), m_depthBegin(octree.getNodeDepthBegin()),
+    : m_octree(octree), m_kernel(kernel), m_settings(settings), m_depthBegin(octree.getNodeDepthBegin()),
       m_depthEnd(octree.getNodeDepthEnd())
 {
   int const leaf = octree.getLeafCellDepth();
@@ -847,6 +863,412 @@ void CMultilevelPoissonSolver::apply(std::vector<double> const & x, std::vector<
   }
 }
 
+void CMultilevelPoissonSolver::setScreeningSamples(std::vector<double> const & points,
+                                                   std::vector<double> const & weights,
+                                                   IMultilevelPointEvaluator * evaluator)
+{
+  m_samplePoints = points;
+  m_sampleWeights = weights;
+  m_pointEvaluator = evaluator;
+}
+
+namespace
+{
+// Calls f(neighbour, dx, dy, dz) for the nodes of a level within `reach`
+// steps of node k on every axis, by its neighbour runs.
+template <class F> void tf_forNear(SLevel const & p, int k, int reach, F && f)
+{
+  int const width = 2 * p.radius + 1, lines = width * width;
+  int const * start = p.runStart.data() + static_cast<std::size_t>(k) * lines;
+  std::uint16_t const * mask = p.runMask.data() + static_cast<std::size_t>(k) * lines;
+  for (int dx = -reach; dx <= reach; ++dx)
+    for (int dy = -reach; dy <= reach; ++dy)
+    {
+      int const j = (dx + p.radius) * width + (dy + p.radius);
+      int v = start[j];
+      for (unsigned bits = mask[j]; bits != 0; bits &= bits - 1, ++v)
+      {
+        int const dz = __builtin_ctz(bits) - p.radius;
+        if (dz >= -reach && dz <= reach)
+          f(v, dx, dy, dz);
+      }
+    }
+}
+
+// The node of a level at lattice index m, or -1.
+int tf_findNode(SLevel const & p, int const * m)
+{
+  if (p.size() == 0)
+    return -1;
+  long long const x = m[0] - p.lo[0], y = m[1] - p.lo[1];
+  if (x < 0 || y < 0 || x >= p.n[0] || y >= p.n[1])
+    return -1;
+  int const line = p.lineOfXY[static_cast<std::size_t>(x * p.n[1] + y)];
+  if (line < 0)
+    return -1;
+  int const * z = p.m[2].data();
+  int const * first = z + p.lineStart[static_cast<std::size_t>(line)];
+  int const * last = z + p.lineStart[static_cast<std::size_t>(line) + 1];
+  int const * at = std::lower_bound(first, last, m[2]);
+  return at != last && *at == m[2] ? static_cast<int>(at - z) : -1;
+}
+} // namespace
+
+// The samples merged per node cell of the screened depths, with their kernel
+// values and the diagonal of each depth's screening operator.
+void CMultilevelPoissonSolver::prepareScreening()
+{
+  int const depths = static_cast<int>(m_levels.size());
+  m_screen.assign(static_cast<std::size_t>(depths), SScreenPoints());
+  tf_Kernel1D const k1(m_kernel);
+  int const reach = static_cast<int>(std::ceil(0.5 + k1.reach())) - 1;
+  double const unit = m_octree.getUnit();
+  double const * boxMin = m_octree.getBoxMin();
+  std::size_t const samples = m_samplePoints.size() / 3;
+  int screened = 0;
+  for (int l = depths - 1; l >= 0 && screened < m_settings.screenedDepths; --l)
+  {
+    SLevel const & p = m_levels[static_cast<std::size_t>(l)];
+    if (p.size() == 0)
+      continue;
+    ++screened;
+    if (reach < 0 || reach > p.radius || reach > 7)
+      continue; // a kernel wider than the neighbour runs
+    SScreenPoints & sp = m_screen[static_cast<std::size_t>(l)];
+    sp.reach = reach;
+    // The samples are merged per cell (the weighted mean position and the
+    // total weight): per leaf cell on the finest screened depth, where the
+    // surface must follow them closely, per node cell on coarser ones.
+    bool const finest = screened == 1;
+    struct Member
+    {
+      int node;
+      std::uint64_t cell;
+      std::size_t sample;
+    };
+    std::vector<Member> members;
+    members.reserve(samples);
+    for (std::size_t i = 0; i < samples; ++i)
+    {
+      double const * q = &m_samplePoints[3 * i];
+      double const wi = i < m_sampleWeights.size() ? m_sampleWeights[i] : 1.0;
+      if (!(wi > 0.0) || !std::isfinite(wi) || !std::isfinite(q[0] + q[1] + q[2]))
+        continue;
+      int m[3];
+      std::uint64_t cell = 0;
+      for (int a = 0; a < 3; ++a)
+      {
+        double const u = (q[a] - boxMin[a]) / unit;
+        m[a] = static_cast<int>(std::floor((u - p.offset) / p.spacing + 0.5));
+        cell = cell * 2097152u + static_cast<std::uint64_t>(std::min(2097151.0, std::max(0.0, std::floor(u))));
+      }
+      int const node = tf_findNode(p, m);
+      if (node < 0)
+        continue;
+      members.push_back(Member{node, finest ? cell : 0u, i});
+    }
+    std::sort(members.begin(), members.end(), [](Member const & x, Member const & y) {
+      return x.node != y.node ? x.node < y.node : x.cell != y.cell ? x.cell < y.cell : x.sample < y.sample;
+    });
+    sp.firstPoint.assign(static_cast<std::size_t>(p.size()) + 1, 0);
+    for (std::size_t k = 0; k < members.size();)
+    {
+      std::size_t e = k;
+      double acc[4] = {0.0, 0.0, 0.0, 0.0};
+      for (; e < members.size() && members[e].node == members[k].node && members[e].cell == members[k].cell; ++e)
+      {
+        std::size_t const i = members[e].sample;
+        double const wi = i < m_sampleWeights.size() ? m_sampleWeights[i] : 1.0;
+        acc[0] += wi;
+        for (int a = 0; a < 3; ++a)
+          acc[a + 1] += wi * m_samplePoints[3 * i + a];
+      }
+      sp.holder.push_back(members[k].node);
+      sp.weight.push_back(acc[0]);
+      for (int a = 0; a < 3; ++a)
+        sp.position.push_back(acc[a + 1] / acc[0]);
+      ++sp.firstPoint[static_cast<std::size_t>(members[k].node) + 1];
+      k = e;
+    }
+    for (std::size_t k = 1; k < sp.firstPoint.size(); ++k)
+      sp.firstPoint[k] += sp.firstPoint[k - 1];
+    int const total = sp.firstPoint.back();
+    int const w = sp.width();
+    sp.values.reserve(static_cast<std::size_t>(total) * 3 * w);
+    for (int point = 0; point < total; ++point)
+    {
+      int const node = sp.holder[static_cast<std::size_t>(point)];
+      int const m[3] = {p.m[0][node], p.m[1][node], p.m[2][node]};
+      double const * position = &sp.position[static_cast<std::size_t>(point) * 3];
+      for (int a = 0; a < 3; ++a)
+        for (int off = -reach; off <= reach; ++off)
+        {
+          double const centre = (static_cast<double>(m[a] + off) * p.spacing + p.offset) * unit + boxMin[a];
+          sp.values.push_back(k1.eval(0, (position[a] - centre) * p.scale));
+        }
+    }
+    // The diagonal of the screening operator: sum of weight * F_o(point)^2.
+    double const norm = p.scale * p.scale * p.scale;
+    sp.diagonal.assign(static_cast<std::size_t>(p.size()), 0.0);
+    for (int o = 0; o < p.size(); ++o)
+    {
+      double d = 0.0;
+      tf_forNear(p, o, reach, [&](int h, int dx, int dy, int dz) {
+        for (int point = sp.firstPoint[static_cast<std::size_t>(h)];
+             point < sp.firstPoint[static_cast<std::size_t>(h) + 1]; ++point)
+        {
+          double const * v = sp.valuesOf(point);
+          double const f = norm * v[-dx + reach] * v[w + -dy + reach] * v[2 * w + -dz + reach];
+          d += sp.weight[static_cast<std::size_t>(point)] * f * f;
+        }
+      });
+      sp.diagonal[static_cast<std::size_t>(o)] = d;
+    }
+  }
+}
+
+void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x, std::vector<char> const & active,
+                                            std::vector<std::vector<double>> const & target,
+                                            CProgressCounter * progress)
+{
+  if (m_screen.empty())
+    prepareScreening();
+  int const depths = static_cast<int>(m_levels.size());
+  std::vector<int> screened;
+  for (int l = 0; l < depths; ++l)
+    if (!m_screen[static_cast<std::size_t>(l)].holder.empty())
+      screened.push_back(l);
+  if (screened.empty())
+    return;
+  int const finest = screened.back();
+  SLevel const & pf = m_levels[static_cast<std::size_t>(finest)];
+  SScreenPoints const & spf = m_screen[static_cast<std::size_t>(finest)];
+  double diagonalSum = 0.0;
+  int diagonalCount = 0;
+  for (double d : spf.diagonal)
+    if (d > 0.0)
+      diagonalSum += d, ++diagonalCount;
+  if (diagonalCount == 0 || !(diagonalSum > 0.0))
+    return;
+  double weight = m_settings.screening;
+
+  std::vector<double> nodeOrder(m_localIndex.size());
+  auto nodeOrderValues = [&](std::vector<std::vector<double>> const & xl, std::vector<double> const & points,
+                             std::vector<double> * out) {
+    for (int q = 0; q < depths; ++q)
+    {
+      SLevel const & p = m_levels[static_cast<std::size_t>(q)];
+      for (int k = 0; k < p.size(); ++k)
+        nodeOrder[static_cast<std::size_t>(p.node[k])] = xl[static_cast<std::size_t>(q)][k];
+    }
+    m_pointEvaluator->evaluate(nodeOrder, points, out);
+  };
+  auto values = [&](int l, std::vector<double> * out) {
+    nodeOrderValues(x, m_screen[static_cast<std::size_t>(l)].position, out);
+  };
+  // The level: the weighted mean of X at the finest depth's points, before
+  // the pull. Its weighted root mean square deviation measures the pull.
+  std::vector<double> v;
+  auto deviation = [&](double level) {
+    double num = 0.0, den = 0.0;
+    for (std::size_t i = 0; i < v.size(); ++i)
+    {
+      num += spf.weight[i] * (v[i] - level) * (v[i] - level);
+      den += spf.weight[i];
+    }
+    return den > 0.0 ? std::sqrt(num / den) : 0.0;
+  };
+  values(finest, &v);
+  double num = 0.0, den = 0.0;
+  for (std::size_t i = 0; i < v.size(); ++i)
+  {
+    num += spf.weight[i] * v[i];
+    den += spf.weight[i];
+  }
+  double const level = den > 0.0 ? num / den : 0.0;
+  m_report.screeningLevel = level;
+  m_report.screeningDeviationBefore = deviation(level);
+  if (m_settings.screeningAdaptive)
+  {
+    // The noise of the samples: their distances to the present surface,
+    // (X - level) / |grad X|, less the mean distance of their neighbours
+    // (points on the holders next to theirs), so that a smooth miss of the
+    // unscreened surface (a shape it has not resolved) does not count, only
+    // the scatter from sample to sample. The gradient's size comes from
+    // central differences at up to 20000 points (their median); the scatter
+    // is robust (1.4826 times the median magnitude).
+    double const h = pf.spacing * m_octree.getUnit();
+    std::size_t const count = v.size();
+    std::size_t const stride = std::max<std::size_t>(1, count / 20000);
+    std::vector<double> probe, probeValues, gradients;
+    double const eps = 0.1 * h;
+    for (std::size_t i = 0; i < count; i += stride)
+      for (int a = 0; a < 3; ++a)
+        for (int sgn = -1; sgn <= 1; sgn += 2)
+          for (int b = 0; b < 3; ++b)
+            probe.push_back(spf.position[3 * i + b] + (a == b ? sgn * eps : 0.0));
+    nodeOrderValues(x, probe, &probeValues);
+    for (std::size_t c = 0; 6 * c + 5 < probeValues.size(); ++c)
+    {
+      double g2 = 0.0;
+      for (int a = 0; a < 3; ++a)
+      {
+        double const d = (probeValues[6 * c + 2 * a + 1] - probeValues[6 * c + 2 * a]) / (2.0 * eps);
+        g2 += d * d;
+      }
+      if (g2 > 0.0 && std::isfinite(g2))
+        gradients.push_back(std::sqrt(g2));
+    }
+    std::vector<double> residuals;
+    if (!gradients.empty())
+    {
+      std::nth_element(gradients.begin(), gradients.begin() + gradients.size() / 2, gradients.end());
+      double const g = gradients[gradients.size() / 2];
+      for (int point = 0; point < static_cast<int>(count); ++point)
+      {
+        double sum = 0.0;
+        int near = 0;
+        tf_forNear(pf, spf.holder[static_cast<std::size_t>(point)], 1, [&](int o, int, int, int) {
+          for (int j = spf.firstPoint[static_cast<std::size_t>(o)]; j < spf.firstPoint[static_cast<std::size_t>(o) + 1];
+               ++j)
+            if (j != point)
+            {
+              sum += v[static_cast<std::size_t>(j)];
+              ++near;
+            }
+        });
+        if (near > 0)
+          residuals.push_back(std::fabs(v[static_cast<std::size_t>(point)] - sum / near) / g);
+      }
+    }
+    if (!residuals.empty())
+    {
+      std::nth_element(residuals.begin(), residuals.begin() + residuals.size() / 2, residuals.end());
+      double const scatter = 1.4826 * residuals[residuals.size() / 2] / h;
+      m_report.screeningScatter = scatter;
+      if (scatter > 0.05)
+        weight *= std::pow(0.05 / scatter, 4.0);
+    }
+  }
+  m_report.screeningWeight = weight;
+  double const alphaFinest = weight * std::fabs(pf.diagonal) / (diagonalSum / diagonalCount);
+  int const steps = std::max(1, m_settings.screenSweeps) * static_cast<int>(screened.size());
+  int step = 0;
+  for (int sweep = 0; sweep < std::max(1, m_settings.screenSweeps); ++sweep)
+    for (int l : screened)
+    {
+      std::vector<double> at;
+      values(l, &at);
+      double const alpha = alphaFinest * std::ldexp(1.0, l - finest);
+      screenDepth(l, x, active, target, alpha, level, at);
+      if (progress)
+        progress->SetPosFloat(std::min(1.0, 0.9 + 0.1 * (++step) / steps));
+    }
+  values(finest, &v);
+  m_report.screeningDeviationAfter = deviation(level);
+}
+
+// One screened relaxation of depth l: the depth's equations with the pull
+// alpha * sum of w F_o(p) (X(p) - level) added, solved for the depth's
+// correction by preconditioned conjugate gradients with everything else held.
+void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double>> & x,
+                                           std::vector<char> const & active,
+                                           std::vector<std::vector<double>> const & target, double alpha,
+                                           double level, std::vector<double> const & values)
+{
+  SLevel const & p = m_levels[static_cast<std::size_t>(l)];
+  SScreenPoints const & sp = m_screen[static_cast<std::size_t>(l)];
+  int const n = p.size();
+  int const points = static_cast<int>(sp.holder.size());
+  int const tasks = taskCount();
+  int const w = sp.width(), reach = sp.reach;
+  double const s = p.scale, norm = s * s * s;
+  // F_o(point) for a node at offset (dx, dy, dz) from the point's holder.
+  auto basis = [&](int point, int dx, int dy, int dz) {
+    double const * v = sp.valuesOf(point);
+    return norm * v[dx + reach] * v[w + dy + reach] * v[2 * w + dz + reach];
+  };
+  // out[o] = sum over points near o of weight * F_o(point) * y[point].
+  std::vector<double> pointValue(static_cast<std::size_t>(points));
+  auto scatterToNodes = [&](double const * y, double * out) {
+    tf_forBlocks(n, tasks, [&](int, int begin, int end) {
+      for (int o = begin; o < end; ++o)
+      {
+        double sum = 0.0;
+        tf_forNear(p, o, reach, [&](int h, int dx, int dy, int dz) {
+          for (int point = sp.firstPoint[static_cast<std::size_t>(h)];
+               point < sp.firstPoint[static_cast<std::size_t>(h) + 1]; ++point)
+            sum += sp.weight[static_cast<std::size_t>(point)] * basis(point, -dx, -dy, -dz) * y[point];
+        });
+        out[o] = sum;
+      }
+    });
+  };
+  // y[point] = sum over nodes near the point of F_o(point) * d[o].
+  auto gatherAtPoints = [&](double const * d, double * y) {
+    tf_forBlocks(points, tasks, [&](int, int begin, int end) {
+      for (int point = begin; point < end; ++point)
+      {
+        double sum = 0.0;
+        tf_forNear(p, sp.holder[static_cast<std::size_t>(point)], reach,
+                   [&](int o, int dx, int dy, int dz) { sum += basis(point, dx, dy, dz) * d[o]; });
+        y[point] = sum;
+      }
+    });
+  };
+
+  // The residual of the screened equations of this depth.
+  std::vector<double> r(static_cast<std::size_t>(n), 0.0), pull(static_cast<std::size_t>(n));
+  tf_depthProduct(m_levels, m_tables, l, x, active, r.data(), tasks);
+  for (int i = 0; i < points; ++i)
+    pointValue[static_cast<std::size_t>(i)] = values[static_cast<std::size_t>(i)] - level;
+  scatterToNodes(pointValue.data(), pull.data());
+  for (int k = 0; k < n; ++k)
+    r[k] = target[static_cast<std::size_t>(l)][k] - r[k] - alpha * pull[k];
+
+  // Jacobi-preconditioned conjugate gradients on A_ll + alpha S_l.
+  std::vector<double> inverse(static_cast<std::size_t>(n)), z(r.size()), dir(r.size()), q(r.size()),
+      delta(r.size(), 0.0), sq(r.size());
+  for (int k = 0; k < n; ++k)
+  {
+    double const d = p.diagonal + alpha * sp.diagonal[static_cast<std::size_t>(k)];
+    inverse[k] = d > 0.0 ? 1.0 / d : 0.0;
+  }
+  double const r0 = std::sqrt(tf_dot(r.data(), r.data(), n, tasks));
+  for (int k = 0; k < n; ++k)
+    dir[k] = z[k] = r[k] * inverse[k];
+  double rz = tf_dot(r.data(), z.data(), n, tasks);
+  int const cap = std::max(1, m_settings.maxIterations) * 2;
+  for (int it = 0; it < cap && r0 > 0.0; ++it)
+  {
+    tf_sameDepthProduct(p, dir.data(), q.data(), false, tasks);
+    gatherAtPoints(dir.data(), pointValue.data());
+    scatterToNodes(pointValue.data(), sq.data());
+    for (int k = 0; k < n; ++k)
+      q[k] += alpha * sq[k];
+    double const pq = tf_dot(dir.data(), q.data(), n, tasks);
+    if (!(pq > 0.0) || !std::isfinite(pq))
+      break;
+    double const a = rz / pq;
+    for (int k = 0; k < n; ++k)
+    {
+      delta[k] += a * dir[k];
+      r[k] -= a * q[k];
+    }
+    if (std::sqrt(tf_dot(r.data(), r.data(), n, tasks)) <= m_settings.relativeTolerance * r0)
+      break;
+    for (int k = 0; k < n; ++k)
+      z[k] = r[k] * inverse[k];
+    double const rzNew = tf_dot(r.data(), z.data(), n, tasks);
+    double const beta = rzNew / rz;
+    rz = rzNew;
+    for (int k = 0; k < n; ++k)
+      dir[k] = z[k] + beta * dir[k];
+  }
+  for (int k = 0; k < n; ++k)
+    x[static_cast<std::size_t>(l)][k] += delta[k];
+}
+
 bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vector<double> * result,
                                      CProgressCounter * progress, VsUt::IDebugLog * log)
 {
@@ -871,6 +1293,8 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
   }
   m_report.iterationsPerDepth.assign(static_cast<std::size_t>(depths), 0);
 
+  // With screening, its sweeps take the last tenth of the progress.
+  double const share = m_settings.screening > 0.0 && m_pointEvaluator ? 0.9 : 1.0;
   std::vector<double> r, z, dir, q, delta;
   auto relax = [&](int l) {
     SLevel const & p = m_levels[l];
@@ -923,7 +1347,8 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
       for (int k = 0; k < n; ++k)
         dir[k] = r[k] * inverseDiagonal + beta * dir[k];
       if (progress && (it & 7) == 0)
-        progress->SetPosFloat(std::min(1.0, (done + static_cast<double>(n) * std::min(1.0, it / 20.0)) / work));
+        progress->SetPosFloat(
+            std::min(1.0, share * (done + static_cast<double>(n) * std::min(1.0, it / 20.0)) / work));
     }
     if (!converged && r0 > 0.0 && std::find(m_report.cappedDepths.begin(), m_report.cappedDepths.end(), p.depth) ==
                                       m_report.cappedDepths.end())
@@ -934,7 +1359,7 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     active[l] = 1;
     done += n;
     if (progress)
-      progress->SetPosFloat(std::min(1.0, done / work));
+      progress->SetPosFloat(std::min(1.0, share * done / work));
   };
 
   for (int l = 0; l < depths; ++l)
@@ -946,6 +1371,9 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     for (int l = 1; l < depths; ++l)
       relax(l);
   }
+
+  if (m_settings.screening > 0.0 && m_pointEvaluator && depths > 0 && !m_samplePoints.empty())
+    screenSweeps(x, active, target, progress);
 
   result->assign(m_localIndex.size(), 0.0);
   for (int l = 0; l < depths; ++l)
@@ -982,6 +1410,14 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
       std::ostringstream capped;
       capped << "Multilevel depth stopped at its iteration cap: " << d;
       log->getMessage(capped.str().c_str());
+    }
+    if (m_report.screeningDeviationBefore > 0.0)
+    {
+      std::ostringstream screening;
+      screening << "Multilevel screening scatter, weight, level, deviation before, after: "
+                << m_report.screeningScatter << ", " << m_report.screeningWeight << ", " << m_report.screeningLevel
+                << ", " << m_report.screeningDeviationBefore << ", " << m_report.screeningDeviationAfter;
+      log->getMessage(screening.str().c_str());
     }
     if (m_settings.reportResidual)
     {

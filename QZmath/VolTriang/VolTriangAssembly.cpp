@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cfloat>
+#include <cstdint>
 #include <cmath>
 #include <memory>
 #include <stdexcept>
@@ -12,6 +13,7 @@
 #include "QZmath/LinSys/LinSysSolverCompose.h"
 #include "QZmath/LinSys/LinSysSolverDecomposed.h"
 #include "QZmath/VolTriang/CSFProductHelper.h"
+#include "QZmath/VolTriang/OctreeFuncBlockEval.h"
 #include "QZmath/VolTriang/detail/MultilevelPoisson.h"
 #include "QZmath/VolTriang/detail/VolumetricTriangulatorImpl.h"
 #include "QZsys/Threading.h"
@@ -331,6 +333,50 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
 
 // ---------------------------------------------------------------- splat
 
+// How many depths above the deepest the samples are splatted (an extension;
+// 0 unless the parameters ask for a number of samples per cell): the deepest
+// depth whose occupied node cells hold, on average, that many samples. A
+// cloud thinner than the deepest depth's cells splats the normals of single
+// samples into single nodes, and the field is as lumpy as the sampling.
+int CVolumetricTriangulatorImpl::splatDepthShift(tf_CLogLine const & log) const
+{
+  double const wanted = m_params.getSplatSamplesPerCell();
+  int const n = m_samples ? m_samples->pointsNumber() : 0;
+  if (!(wanted > 0.0) || n == 0)
+    return 0;
+  COctree const & octree = *m_octree;
+  int const deepest = octree.getNodeDepthEnd() - 1;
+  int const first = octree.getNodeDepthBegin();
+  int const leaf = octree.getLeafCellDepth();
+  std::vector<std::uint64_t> keys(static_cast<std::size_t>(n));
+  int shift = 0;
+  for (; deepest - shift > first; ++shift)
+  {
+    // Cells of the depth's node spacing, keyed by their lattice index.
+    int const bits = std::max(0, leaf - (deepest - shift));
+    double const * boxMin = octree.getBoxMin();
+    double const cell = octree.getUnit() * static_cast<double>(1LL << bits);
+    for (int i = 0; i < n; ++i)
+    {
+      float const * p = m_samples->getSampleCoords3(i);
+      std::uint64_t key = 0;
+      for (int a = 0; a < 3; ++a)
+      {
+        double const c = std::floor((p[a] - boxMin[a]) / cell);
+        key = key * 2097152u + static_cast<std::uint64_t>(std::min(2097151.0, std::max(0.0, c)));
+      }
+      keys[static_cast<std::size_t>(i)] = key;
+    }
+    std::sort(keys.begin(), keys.end());
+    double const occupied = static_cast<double>(std::unique(keys.begin(), keys.end()) - keys.begin());
+    log("Samples per occupied cell at depth", deepest - shift, static_cast<double>(n) / occupied);
+    if (static_cast<double>(n) / occupied >= wanted)
+      break;
+  }
+  log("Splat depths above the deepest", shift);
+  return shift;
+}
+
 void CVolumetricTriangulatorImpl::addSample(int index, int dimension, std::unique_ptr<tf_LinComb> * field)
 {
   COctree const & octree = *m_octree;
@@ -352,6 +398,8 @@ void CVolumetricTriangulatorImpl::addSample(int index, int dimension, std::uniqu
       depth = std::max(first, std::min(deepest, deepest + level));
     }
   }
+  // The extension's coarser splat, for clouds too thin for the deepest depth.
+  depth = std::max(first, depth - m_splatDepthShift);
   int const cell = octree.getCellByCoordinates(index);
   CParallelepiped const box = octree.getBoxOnNbrNodes(cell, depth);
   float const * n = m_samples->getSampleNormal3(index);
@@ -505,6 +553,30 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveEquation(tf_CLogLi
 
 // ---------------------------------------------------------------- multilevel solve
 
+namespace
+{
+// X at points for the screening, through the block evaluator.
+class tf_PointEvaluator : public IMultilevelPointEvaluator
+{
+public:
+  explicit tf_PointEvaluator(tf_Basis const * basis) : m_basis(basis) {}
+  void evaluate(std::vector<double> const & x, std::vector<double> const & points,
+                std::vector<double> * values) override
+  {
+    tf_LinComb comb(m_basis);
+    for (std::size_t i = 0; i < x.size(); ++i)
+      comb.setBasisCoefficient(static_cast<int>(i), x[i]);
+    COctreeFuncBlockEvaluator fast(comb);
+    values->resize(points.size() / 3);
+    for (std::size_t i = 0; i < values->size(); ++i)
+      (*values)[i] = fast.eval(&points[3 * i]);
+  }
+
+private:
+  tf_Basis const * m_basis;
+};
+} // namespace
+
 std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt::CMultiPhaseManager & phases,
                                                                          tf_CLogLine const & log,
                                                                          std::unique_ptr<tf_LinComb> const * field)
@@ -513,12 +585,16 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt:
   log.text("Use CMultilevelPoissonSolver");
   std::unique_ptr<CMultilevelPoissonSolver> solver;
   std::vector<double> right;
+  tf_PointEvaluator evaluator(m_basis.get());
   {
     VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "right_part");
     log("System size", n);
     try
     {
-      solver.reset(new CMultilevelPoissonSolver(*m_octree, m_kernel));
+      SMultilevelSolveSettings settings;
+      settings.screening = m_params.getScreeningWeight();
+      settings.screeningAdaptive = m_params.getScreeningAdaptive();
+      solver.reset(new CMultilevelPoissonSolver(*m_octree, m_kernel, settings));
     }
     catch (std::invalid_argument const &)
     {
@@ -538,6 +614,20 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt:
         v *= scale;
     }
     log("Right part normalized by factor", factor);
+    if (m_params.getScreeningWeight() > 0.0 && m_samples)
+    {
+      int const count = m_samples->pointsNumber();
+      std::vector<double> points(static_cast<std::size_t>(count) * 3), weights(static_cast<std::size_t>(count), 1.0);
+      for (int i = 0; i < count; ++i)
+      {
+        float const * q = m_samples->getSampleCoords3(i);
+        for (int a = 0; a < 3; ++a)
+          points[static_cast<std::size_t>(i) * 3 + a] = q[a];
+        if (m_params.getVariableDensity() && static_cast<std::size_t>(i) < m_densityWeights.size())
+          weights[static_cast<std::size_t>(i)] = m_densityWeights[static_cast<std::size_t>(i)];
+      }
+      solver->setScreeningSamples(points, weights, &evaluator);
+    }
   }
 
   VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "solve");

@@ -22,7 +22,7 @@ CVolTriangulationParams::CVolTriangulationParams()
     : m_octreeDepth(-1), m_reconstructFactor(1.0f), m_closed(true), m_estimateResultNormals(false),
       m_phaseNameShown(false), m_useCenter(true), m_kernelScaleFactor(0.95f), m_debugLog(nullptr),
       m_variableDensity(true), m_densityEstimationDepthDelta(2), m_detalizationLevel(-1), m_prefferedSolver(0),
-      m_multilevelSolver(false)
+      m_multilevelSolver(false), m_screeningWeight(0.0), m_screeningAdaptive(true), m_splatSamplesPerCell(0.0)
 {
 }
 
@@ -114,6 +114,7 @@ void CVolumetricTriangulatorImpl::pipeline()
 
   {
     VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "grad_div");
+    m_splatDepthShift = splatDepthShift(log);
     int const n = m_samples ? m_samples->pointsNumber() : 0;
     for (int i = 0; i < n; ++i)
     {
@@ -174,6 +175,13 @@ void CVolumetricTriangulatorImpl::logParameters(tf_CLogLine const & log) const
     log("Density estimation level delta", m_params.getDensityEstimationDepthDelta());
   if (m_params.getMultilevelSolver())
     log("Multilevel solver", m_params.getMultilevelSolver());
+  if (m_params.getMultilevelSolver() && m_params.getScreeningWeight() > 0.0)
+  {
+    log("Screening weight", m_params.getScreeningWeight());
+    log("Screening adaptive", m_params.getScreeningAdaptive());
+  }
+  if (m_params.getSplatSamplesPerCell() > 0.0)
+    log("Splat samples per cell", m_params.getSplatSamplesPerCell());
 }
 
 void CVolumetricTriangulatorImpl::registerPhases(VsPCnt::CMultiPhaseManager & phases) const

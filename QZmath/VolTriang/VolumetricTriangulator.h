@@ -94,6 +94,34 @@ public:
   bool & multilevelSolver() { return m_multilevelSolver; }
   void setMultilevelSolver(bool v) { m_multilevelSolver = v; }
 
+  /// Extension, with the multilevel solver only; 0 (off) by default: the
+  /// weight of a screening term that pulls X at the samples toward one
+  /// common value, so that the level set passes through the samples instead
+  /// of through the noise of the splatted normals. After the multilevel
+  /// solve, the finest depths are relaxed again with the samples pulling; 1
+  /// makes the pull about as strong as the stiffness on the finest depth.
+  /// With `screeningAdaptive` (the default) the weight shrinks as the
+  /// samples scatter about the unscreened surface, measured against the
+  /// finest node spacing, so that noise is not fitted: on points that lie
+  /// on the surface it stays as given (tens suit them), on noisy scans it
+  /// falls toward 0.
+  double getScreeningWeight() const { return m_screeningWeight; }
+  double & screeningWeight() { return m_screeningWeight; }
+  void setScreeningWeight(double v) { m_screeningWeight = v; }
+  bool getScreeningAdaptive() const { return m_screeningAdaptive; }
+  bool & screeningAdaptive() { return m_screeningAdaptive; }
+  void setScreeningAdaptive(bool v) { m_screeningAdaptive = v; }
+
+  /// Extension, 0 (off) by default: splat the sample normals on the
+  /// deepest depth whose occupied node cells hold at least this many samples
+  /// on average, instead of always on the deepest (the density rule still
+  /// lifts thin regions further). A cloud thinner than the finest cells
+  /// otherwise gives a field as lumpy as its sampling; with screening, the
+  /// surface still follows the samples on the finest depth.
+  double getSplatSamplesPerCell() const { return m_splatSamplesPerCell; }
+  double & splatSamplesPerCell() { return m_splatSamplesPerCell; }
+  void setSplatSamplesPerCell(double v) { m_splatSamplesPerCell = v; }
+
   /// (1 << octreeDepth) * reconstructFactor.
   float getCellFactor() const;
   /// modelSize / getCellFactor().
@@ -115,6 +143,9 @@ private:
   int m_detalizationLevel;
   int m_prefferedSolver;
   bool m_multilevelSolver;
+  double m_screeningWeight;
+  bool m_screeningAdaptive;
+  double m_splatSamplesPerCell;
 };
 
 /// The caller's oriented point cloud. The coordinates pointer of a sample must

@@ -107,6 +107,8 @@ int main(int argc, char ** argv)
   std::string input, output, solver = "multilevel", logPath, jsonPath;
   int depth = 8, detail = -1;
   float subdivision = 1.0f, kernelScale = 0.95f;
+  double screening = 64.0, splatSamples = 16.0;
+  bool screeningFixed = false;
   bool noDensity = false, open = false, normals = false, corner = false, quiet = false;
   app.set_version_flag("--version", kVersion);
   app.add_option("INPUT", input, "oriented point cloud")->required();
@@ -116,6 +118,15 @@ int main(int argc, char ** argv)
                  "multilevel (by depths, no stored matrix), or the classic auto, direct, iterative, decomposing")
       ->capture_default_str()
       ->check(CLI::IsMember({"multilevel", "auto", "direct", "iterative", "decomposing"}));
+  app.add_option("--screening", screening,
+                 "multilevel only: pull of the level set toward the samples (0: none), lowered for noisy clouds")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 1e6));
+  app.add_flag("--screening-fixed", screeningFixed, "keep the screening weight as given, even for noisy clouds");
+  app.add_option("--splat-samples", splatSamples,
+                 "splat normals on the deepest depth with this many samples per cell (0: always the deepest)")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 1e6));
   app.add_flag("--no-density", noDensity, "no density estimation: every sample weighs the same");
   app.add_flag("--open", open, "the surface is open: stop far from the samples");
   app.add_flag("--normals", normals, "vertex normals from the gradient of the implicit function");
@@ -190,6 +201,9 @@ int main(int argc, char ** argv)
   params.setOctreeDepth(depth);
   params.setPrefferedSolver(solverCode(solver));
   params.setMultilevelSolver(solver == "multilevel");
+  params.setScreeningWeight(solver == "multilevel" ? screening : 0.0);
+  params.setScreeningAdaptive(!screeningFixed);
+  params.setSplatSamplesPerCell(splatSamples);
   params.setVariableDensity(!noDensity);
   params.setClosed(!open);
   params.setEstimateResultNormals(normals);

@@ -52,6 +52,29 @@ struct SMultilevelSolveSettings
   int threads = 0;
   /// Measure |b - A x| / |b| after the solve (one product more) for the log.
   bool reportResidual = false;
+  /// Screening: the weight of the samples' pull of X toward one value
+  /// (0: none). 1 makes the pull as strong as the stiffness on the finest
+  /// depth's diagonal, on average.
+  double screening = 0.0;
+  /// The finest depths that are relaxed again with the screening, and how
+  /// often (each time coarse to fine).
+  int screenedDepths = 2;
+  int screenSweeps = 1;
+  /// Shrink the weight when the samples scatter about the unscreened
+  /// surface (noise), by the fourth power of the ratio of a twentieth of the
+  /// finest node spacing to the scatter, where the scatter is larger.
+  bool screeningAdaptive = true;
+};
+
+/// The value of the present function at points, for the screening: the solver
+/// knows its coefficients, not how to evaluate their sum at a point.
+class IMultilevelPointEvaluator
+{
+public:
+  virtual ~IMultilevelPointEvaluator() = default;
+  /// values[i] = X(points[3 i .. 3 i + 2]) for the coefficients x (node order).
+  virtual void evaluate(std::vector<double> const & x, std::vector<double> const & points,
+                        std::vector<double> * values) = 0;
 };
 
 /// What a solve did, for the log and the tests.
@@ -63,6 +86,16 @@ struct SMultilevelSolveReport
   std::vector<int> cappedDepths;
   /// |b - A x| / |b| over all depths after the last sweep.
   double finalRelativeResidual = 0.0;
+  /// With screening: the value the samples are pulled to, and the weighted
+  /// root mean square of X minus it at the finest depth's merged samples
+  /// before and after the screened sweeps.
+  double screeningLevel = 0.0;
+  double screeningDeviationBefore = 0.0;
+  double screeningDeviationAfter = 0.0;
+  /// The samples' robust scatter about the unscreened surface in finest node
+  /// spacings, and the weight used.
+  double screeningScatter = 0.0;
+  double screeningWeight = 0.0;
 };
 
 class CMultilevelPoissonSolver
@@ -93,16 +126,30 @@ public:
   /// A x in node order, for tests and residual checks.
   void apply(std::vector<double> const & x, std::vector<double> * y) const;
 
+  /// The samples for the screening (positions, three per sample, and
+  /// weights), used when the settings ask for it. They are merged per cell
+  /// of every screened depth. The evaluator must outlive the solve.
+  void setScreeningSamples(std::vector<double> const & points, std::vector<double> const & weights,
+                           IMultilevelPointEvaluator * evaluator);
+
   SMultilevelSolveReport const & report() const { return m_report; }
 
   struct SLevel;
   struct SPairTables;
+  struct SScreenPoints;
 
 private:
+  void prepareScreening();
+  void screenSweeps(std::vector<std::vector<double>> & x, std::vector<char> const & active,
+                    std::vector<std::vector<double>> const & target, CProgressCounter * progress);
+  void screenDepth(int l, std::vector<std::vector<double>> & x, std::vector<char> const & active,
+                   std::vector<std::vector<double>> const & target, double alpha, double level,
+                   std::vector<double> const & values);
   int taskCount() const;
   SPairTables const & tables(int fine, int coarse) const;
 
   COctree const & m_octree;
+  CProductPiecewisePolynom m_kernel;
   SMultilevelSolveSettings m_settings;
   int m_depthBegin;
   int m_depthEnd;
@@ -111,5 +158,8 @@ private:
   /// For each node, its depth's position in m_levels and its place there.
   std::vector<int> m_localIndex;
   SMultilevelSolveReport m_report;
+  std::vector<double> m_samplePoints, m_sampleWeights;
+  IMultilevelPointEvaluator * m_pointEvaluator = nullptr;
+  std::vector<SScreenPoints> m_screen; // per level, when screened
 };
 } // namespace VolTr

@@ -98,6 +98,7 @@ private:
   std::unique_ptr<tf_LinComb> solveMultilevel(VsPCnt::CMultiPhaseManager & phases, tf_CLogLine const & log,
                                               std::unique_ptr<tf_LinComb> const * field);
   double calcMeanIsoValue(tf_LinComb const & x);
+  int splatDepthShift(tf_CLogLine const & log) const;
 
   // The iso-surface (VolTriangIsoSurface.cpp).
   void extractIsoSurface(tf_CLogLine const & log, tf_LinComb const & x, double isoValue,
@@ -120,6 +121,7 @@ private:
   /// Densities while the density step runs, sample weights after it.
   std::vector<float> m_densityWeights;
   float m_averageDensity = 0.0f;
+  int m_splatDepthShift = 0;
   int m_densityEstimationLevel = -1;
 };
 } // namespace VolTr
