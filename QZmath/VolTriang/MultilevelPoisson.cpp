@@ -39,13 +39,6 @@ struct CMultilevelPoissonSolver::SLevel
   int radius = 0;
   std::vector<double> stencil;
   double diagonal = 0.0;
-  /// The neighbours of each node on its own depth, as runs: for node k and
-  /// neighbour line j (x, y offsets in [-radius, radius]^2, x slowest),
-  /// runStart[k * lines + j] is the first neighbour of the run and bit i of
-  /// runMask tells whether the z offset i - radius holds one; the neighbours
-  /// follow each other in the node order.
-  std::vector<int> runStart;
-  std::vector<std::uint16_t> runMask;
   int size() const { return static_cast<int>(node.size()); }
 };
 
@@ -281,6 +274,9 @@ public:
   int lineX(int j) const { return m_ix[j]; }
   int lineY(int j) const { return m_iy[j]; }
   tf_AxisWindow const & windowZ() const { return m_wz; }
+  /// The nodes of line j of Q (all of them, in ascending z).
+  int lineBegin(int j) const { return m_begin[j]; }
+  int lineEnd(int j) const { return m_end[j]; }
 
   void setLine(int line)
   {
@@ -336,104 +332,62 @@ private:
 
 int tf_lineCount(SLevel const & p) { return p.size() == 0 ? 0 : static_cast<int>(p.lineStart.size()) - 1; }
 
-// The same-depth neighbour runs of every node of a level (see SLevel).
-void tf_buildRuns(SLevel * level, SPairTables const & t)
-{
-  int const width = 2 * level->radius + 1, lines = width * width;
-  level->runStart.assign(static_cast<std::size_t>(level->size()) * lines, 0);
-  level->runMask.assign(static_cast<std::size_t>(level->size()) * lines, 0);
-  tf_LineWalker walk(*level, *level, t);
-  for (int line = 0; line < tf_lineCount(*level); ++line)
-  {
-    walk.setLine(line);
-    for (int k = level->lineStart[line]; k < level->lineStart[line + 1]; ++k)
-    {
-      walk.setNode(k);
-      for (int j = 0; j < walk.lineCount(); ++j)
-      {
-        int first = -1;
-        unsigned mask = 0;
-        walk.forEach(j, [&](int i, int iz) {
-          if (first < 0)
-            first = i;
-          mask |= 1u << iz;
-        });
-        if (first < 0)
-          continue;
-        std::size_t const at = static_cast<std::size_t>(k) * lines + walk.lineX(j) * width + walk.lineY(j);
-        level->runStart[at] = first;
-        level->runMask[at] = static_cast<std::uint16_t>(mask);
-      }
-    }
-  }
-}
-
-// y[k] (+)= sum over the same depth of A[k][q] x[q], by the runs.
-void tf_sameDepthProduct(SLevel const & p, double const * x, double * y, bool accumulate, int tasks)
-{
-  int const width = 2 * p.radius + 1, lines = width * width;
-  unsigned const full = (1u << width) - 1;
-  double const * st = p.stencil.data();
-  tf_forBlocks(p.size(), tasks, [&](int, int begin, int end) {
-    for (int k = begin; k < end; ++k)
-    {
-      int const * start = p.runStart.data() + static_cast<std::size_t>(k) * lines;
-      std::uint16_t const * mask = p.runMask.data() + static_cast<std::size_t>(k) * lines;
-      double sum = 0.0;
-      for (int j = 0; j < lines; ++j)
-      {
-        unsigned bits = mask[j];
-        double const * w = st + j * width;
-        double const * v = x + start[j];
-        if (bits == full)
-          for (int i = 0; i < width; ++i)
-            sum += w[i] * v[i];
-        else
-          for (; bits != 0; bits &= bits - 1, ++v)
-            sum += w[__builtin_ctz(bits)] * *v;
-      }
-      y[k] = accumulate ? y[k] + sum : sum;
-    }
-  });
-}
-
 // y[k] += sum over the nodes q of Q in reach of A[k][q] x[q], for the nodes k
 // of P, where P is the finer or the same depth. A[k][q] is
-// -sp^3 sq^5 (l m m + m l m + m m l) with the second derivative on q.
+// -sp^3 sq^5 (l m m + m l m + m m l) with the second derivative on q. The x
+// and y factors are the same for a whole line of P: per line, the values of
+// Q are first summed over the lines of Q in reach, with those factors, into
+// one column per z; each node of P then takes a few entries of the columns.
 void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t, double const * x, double * y,
                       int tasks)
 {
   double const norm = -p.scale * p.scale * p.scale * q.scale * q.scale * q.scale * q.scale * q.scale;
   tf_forBlocks(tf_lineCount(p), tasks, [&](int, int begin, int end) {
     tf_LineWalker walk(p, q, t);
-    double a[tf_LineWalker::maxLines], b[tf_LineWalker::maxLines], mz[tf_maxWindow], lz[tf_maxWindow];
+    double a[tf_LineWalker::maxLines], b[tf_LineWalker::maxLines];
+    std::vector<double> g1, g2;
+    tf_AxisWindow first, last, wz;
+    int const * zq = q.m[2].data();
     for (int line = begin; line < end; ++line)
     {
+      int const k0 = p.lineStart[line], k1 = p.lineStart[line + 1];
       walk.setLine(line);
+      if (walk.lineCount() == 0)
+        continue;
       for (int j = 0; j < walk.lineCount(); ++j)
       {
         int const sx = walk.slotX(j), sy = walk.slotY(j);
         a[j] = t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy];
         b[j] = t.mm[sx] * t.mm[sy];
       }
-      for (int k = p.lineStart[line]; k < p.lineStart[line + 1]; ++k)
+      // The z range of Q that the line's nodes reach.
+      tf_axisWindow(&first, p.m[2][k0] * p.spacing + p.offset, q, t);
+      tf_axisWindow(&last, p.m[2][k1 - 1] * p.spacing + p.offset, q, t);
+      int const zLo = first.lo, zHi = last.hi;
+      if (zHi < zLo)
+        continue;
+      std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
+      g1.assign(length, 0.0);
+      g2.assign(length, 0.0);
+      for (int j = 0; j < walk.lineCount(); ++j)
       {
-        walk.setNode(k);
-        tf_AxisWindow const & wz = walk.windowZ();
-        for (int iz = 0; iz <= wz.hi - wz.lo; ++iz)
+        int i = static_cast<int>(std::lower_bound(zq + walk.lineBegin(j), zq + walk.lineEnd(j), zLo) - zq);
+        for (; i < walk.lineEnd(j) && zq[i] <= zHi; ++i)
         {
-          mz[iz] = t.mm[wz.slot[iz]];
-          lz[iz] = t.lC[wz.slot[iz]];
+          std::size_t const at = static_cast<std::size_t>(zq[i] - zLo);
+          g1[at] += a[j] * x[i];
+          g2[at] += b[j] * x[i];
         }
+      }
+      for (int k = k0; k < k1; ++k)
+      {
+        tf_axisWindow(&wz, p.m[2][k] * p.spacing + p.offset, q, t);
         double sum = 0.0;
-        for (int j = 0; j < walk.lineCount(); ++j)
+        for (int z = wz.lo; z <= wz.hi; ++z)
         {
-          double sm = 0.0, sl = 0.0;
-          walk.forEach(j, [&](int i, int iz) {
-            sm += x[i] * mz[iz];
-            sl += x[i] * lz[iz];
-          });
-          sum += a[j] * sm + b[j] * sl;
+          int const slot = wz.slot[z - wz.lo];
+          std::size_t const at = static_cast<std::size_t>(z - zLo);
+          sum += t.mm[slot] * g1[at] + t.lC[slot] * g2[at];
         }
         y[k] += norm * sum;
       }
@@ -442,7 +396,9 @@ void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t,
 }
 
 // y[k] += sum over the nodes q of a finer level Q in reach of A[k][q] x[q],
-// for the nodes k of P: every node of Q gives to the nodes of P it reaches.
+// for the nodes k of P: the transpose of the gather. Per line of Q, its
+// values are spread along z into one column per z of P (with the z factors),
+// and the columns go to the lines of P in reach with their x and y factors.
 // The lines of Q are cut into a fixed number of chunks with a buffer each,
 // added in chunk order, so the sums do not depend on the threads.
 void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t, double const * x, double * y,
@@ -458,30 +414,52 @@ void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t
     std::vector<double> & out = buffers[chunk];
     out.assign(p.node.size(), 0.0);
     tf_LineWalker walk(q, p, t);
-    double a[tf_LineWalker::maxLines], b[tf_LineWalker::maxLines];
-    int const first = static_cast<int>(static_cast<long long>(lines) * chunk / chunks);
-    int const last = static_cast<int>(static_cast<long long>(lines) * (chunk + 1) / chunks);
-    for (int line = first; line < last; ++line)
+    std::vector<double> h1, h2;
+    tf_AxisWindow first, last, wz;
+    int const * zp = p.m[2].data();
+    int const firstLine = static_cast<int>(static_cast<long long>(lines) * chunk / chunks);
+    int const lastLine = static_cast<int>(static_cast<long long>(lines) * (chunk + 1) / chunks);
+    for (int line = firstLine; line < lastLine; ++line)
     {
+      int const i0 = q.lineStart[line], i1 = q.lineStart[line + 1];
       walk.setLine(line);
-      for (int j = 0; j < walk.lineCount(); ++j)
-      {
-        int const sx = walk.slotX(j), sy = walk.slotY(j);
-        a[j] = t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy];
-        b[j] = t.mm[sx] * t.mm[sy];
-      }
-      for (int i = q.lineStart[line]; i < q.lineStart[line + 1]; ++i)
+      if (walk.lineCount() == 0)
+        continue;
+      tf_axisWindow(&first, q.m[2][i0] * q.spacing + q.offset, p, t);
+      tf_axisWindow(&last, q.m[2][i1 - 1] * q.spacing + q.offset, p, t);
+      int const zLo = first.lo, zHi = last.hi;
+      if (zHi < zLo)
+        continue;
+      std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
+      h1.assign(length, 0.0);
+      h2.assign(length, 0.0);
+      bool any = false;
+      for (int i = i0; i < i1; ++i)
       {
         double const v = x[i];
         if (v == 0.0)
           continue;
-        walk.setNode(i);
-        tf_AxisWindow const & wz = walk.windowZ();
-        double const scaled = norm * v;
-        for (int j = 0; j < walk.lineCount(); ++j)
+        any = true;
+        tf_axisWindow(&wz, q.m[2][i] * q.spacing + q.offset, p, t);
+        for (int z = wz.lo; z <= wz.hi; ++z)
         {
-          double const aj = scaled * a[j], bj = scaled * b[j];
-          walk.forEach(j, [&](int k, int iz) { out[k] += aj * t.mm[wz.slot[iz]] + bj * t.lC[wz.slot[iz]]; });
+          int const slot = wz.slot[z - wz.lo];
+          std::size_t const at = static_cast<std::size_t>(z - zLo);
+          h1[at] += v * t.mm[slot];
+          h2[at] += v * t.lC[slot];
+        }
+      }
+      if (!any)
+        continue;
+      for (int j = 0; j < walk.lineCount(); ++j)
+      {
+        int const sx = walk.slotX(j), sy = walk.slotY(j);
+        double const aj = norm * (t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy]), bj = norm * t.mm[sx] * t.mm[sy];
+        int k = static_cast<int>(std::lower_bound(zp + walk.lineBegin(j), zp + walk.lineEnd(j), zLo) - zp);
+        for (; k < walk.lineEnd(j) && zp[k] <= zHi; ++k)
+        {
+          std::size_t const at = static_cast<std::size_t>(zp[k] - zLo);
+          out[k] += aj * h1[at] + bj * h2[at];
         }
       }
     }
@@ -489,6 +467,44 @@ void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t
   for (int chunk = 0; chunk < chunks; ++chunk)
     for (int k = 0; k < p.size(); ++k)
       y[k] += buffers[chunk][k];
+}
+
+// y[k] (+)= sum over the same depth of A[k][q] x[q]: the gather with P = Q.
+void tf_sameDepthProduct(SLevel const & p, SPairTables const & t, double const * x, double * y, bool accumulate,
+                         int tasks)
+{
+  if (!accumulate)
+    std::fill(y, y + p.size(), 0.0);
+  tf_gatherProduct(p, p, t, x, y, tasks);
+}
+
+// Calls f(point, node, dx, dy, dz) for the points [begin, end) of a list
+// sorted by holder and the nodes within `reach` steps of each point's holder
+// on every axis (dx... the node's offset from the holder).
+template <class F>
+void tf_forPointsNear(SLevel const & p, SPairTables const & t, int const * holder, int begin, int end, int reach,
+                      F && f)
+{
+  tf_LineWalker walk(p, p, t);
+  int line = -1;
+  for (int point = begin; point < end; ++point)
+  {
+    int const h = holder[point];
+    int const hx = p.m[0][h], hy = p.m[1][h], hz = p.m[2][h];
+    int const l = p.lineOfXY[static_cast<std::size_t>(hx - p.lo[0]) * p.n[1] + (hy - p.lo[1])];
+    if (l != line)
+    {
+      walk.setLine(l);
+      line = l;
+    }
+    walk.setNode(h);
+    for (int j = 0; j < walk.lineCount(); ++j)
+      walk.forEach(j, [&](int i, int) {
+        int const dx = p.m[0][i] - hx, dy = p.m[1][i] - hy, dz = p.m[2][i] - hz;
+        if (dx >= -reach && dx <= reach && dy >= -reach && dy <= reach && dz >= -reach && dz <= reach)
+          f(point, i, dx, dy, dz);
+      });
+  }
 }
 
 double tf_dot(double const * a, double const * b, int n, int tasks)
@@ -518,7 +534,8 @@ void tf_depthProduct(std::vector<SLevel> const & levels, std::vector<SPairTables
     if (!active[lq])
       continue;
     if (lq == l)
-      tf_sameDepthProduct(levels[l], x[lq].data(), y, true, tasks);
+      tf_sameDepthProduct(levels[l], tables[static_cast<std::size_t>(l * depths + l)], x[lq].data(), y, true,
+                          tasks);
     else if (lq < l)
       tf_gatherProduct(levels[l], levels[lq], tables[static_cast<std::size_t>(l * depths + lq)], x[lq].data(), y,
                        tasks);
@@ -657,7 +674,6 @@ CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProd
         }
     level.diagonal = level.stencil[static_cast<std::size_t>((level.radius * width + level.radius) * width +
                                                             level.radius)];
-    tf_buildRuns(&level, t);
   }
 }
 
@@ -874,27 +890,6 @@ void CMultilevelPoissonSolver::setScreeningSamples(std::vector<double> const & p
 
 namespace
 {
-// Calls f(neighbour, dx, dy, dz) for the nodes of a level within `reach`
-// steps of node k on every axis, by its neighbour runs.
-template <class F> void tf_forNear(SLevel const & p, int k, int reach, F && f)
-{
-  int const width = 2 * p.radius + 1, lines = width * width;
-  int const * start = p.runStart.data() + static_cast<std::size_t>(k) * lines;
-  std::uint16_t const * mask = p.runMask.data() + static_cast<std::size_t>(k) * lines;
-  for (int dx = -reach; dx <= reach; ++dx)
-    for (int dy = -reach; dy <= reach; ++dy)
-    {
-      int const j = (dx + p.radius) * width + (dy + p.radius);
-      int v = start[j];
-      for (unsigned bits = mask[j]; bits != 0; bits &= bits - 1, ++v)
-      {
-        int const dz = __builtin_ctz(bits) - p.radius;
-        if (dz >= -reach && dz <= reach)
-          f(v, dx, dy, dz);
-      }
-    }
-}
-
 // The node of a level at lattice index m, or -1.
 int tf_findNode(SLevel const & p, int const * m)
 {
@@ -1010,20 +1005,12 @@ void CMultilevelPoissonSolver::prepareScreening()
     // The diagonal of the screening operator: sum of weight * F_o(point)^2.
     double const norm = p.scale * p.scale * p.scale;
     sp.diagonal.assign(static_cast<std::size_t>(p.size()), 0.0);
-    for (int o = 0; o < p.size(); ++o)
-    {
-      double d = 0.0;
-      tf_forNear(p, o, reach, [&](int h, int dx, int dy, int dz) {
-        for (int point = sp.firstPoint[static_cast<std::size_t>(h)];
-             point < sp.firstPoint[static_cast<std::size_t>(h) + 1]; ++point)
-        {
-          double const * v = sp.valuesOf(point);
-          double const f = norm * v[-dx + reach] * v[w + -dy + reach] * v[2 * w + -dz + reach];
-          d += sp.weight[static_cast<std::size_t>(point)] * f * f;
-        }
-      });
-      sp.diagonal[static_cast<std::size_t>(o)] = d;
-    }
+    SPairTables const & t = m_tables[static_cast<std::size_t>(l * depths + l)];
+    tf_forPointsNear(p, t, sp.holder.data(), 0, total, reach, [&](int point, int o, int dx, int dy, int dz) {
+      double const * v = sp.valuesOf(point);
+      double const f = norm * v[dx + reach] * v[w + dy + reach] * v[2 * w + dz + reach];
+      sp.diagonal[static_cast<std::size_t>(o)] += sp.weight[static_cast<std::size_t>(point)] * f * f;
+    });
   }
 }
 
@@ -1078,7 +1065,26 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
     }
     return den > 0.0 ? std::sqrt(num / den) : 0.0;
   };
-  values(finest, &v);
+  // X at the finest points, and at the probes of the gradient (below) with
+  // the same coefficients, in one evaluation.
+  std::vector<double> probe, probeValues;
+  double const h = pf.spacing * m_octree.getUnit();
+  double const eps = 0.1 * h;
+  std::size_t const count = spf.holder.size();
+  std::size_t const stride = std::max<std::size_t>(1, count / 2000);
+  if (m_settings.screeningAdaptive)
+    for (std::size_t i = 0; i < count; i += stride)
+      for (int a = 0; a < 3; ++a)
+        for (int sgn = -1; sgn <= 1; sgn += 2)
+          for (int b = 0; b < 3; ++b)
+            probe.push_back(spf.position[3 * i + b] + (a == b ? sgn * eps : 0.0));
+  {
+    std::vector<double> points(spf.position);
+    points.insert(points.end(), probe.begin(), probe.end());
+    nodeOrderValues(x, points, &v);
+    probeValues.assign(v.begin() + static_cast<std::ptrdiff_t>(count), v.end());
+    v.resize(count);
+  }
   double num = 0.0, den = 0.0;
   for (std::size_t i = 0; i < v.size(); ++i)
   {
@@ -1095,19 +1101,9 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
     // (points on the holders next to theirs), so that a smooth miss of the
     // unscreened surface (a shape it has not resolved) does not count, only
     // the scatter from sample to sample. The gradient's size comes from
-    // central differences at up to 20000 points (their median); the scatter
+    // central differences at about 2000 points (their median); the scatter
     // is robust (1.4826 times the median magnitude).
-    double const h = pf.spacing * m_octree.getUnit();
-    std::size_t const count = v.size();
-    std::size_t const stride = std::max<std::size_t>(1, count / 20000);
-    std::vector<double> probe, probeValues, gradients;
-    double const eps = 0.1 * h;
-    for (std::size_t i = 0; i < count; i += stride)
-      for (int a = 0; a < 3; ++a)
-        for (int sgn = -1; sgn <= 1; sgn += 2)
-          for (int b = 0; b < 3; ++b)
-            probe.push_back(spf.position[3 * i + b] + (a == b ? sgn * eps : 0.0));
-    nodeOrderValues(x, probe, &probeValues);
+    std::vector<double> gradients;
     for (std::size_t c = 0; 6 * c + 5 < probeValues.size(); ++c)
     {
       double g2 = 0.0;
@@ -1124,22 +1120,21 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
     {
       std::nth_element(gradients.begin(), gradients.begin() + gradients.size() / 2, gradients.end());
       double const g = gradients[gradients.size() / 2];
-      for (int point = 0; point < static_cast<int>(count); ++point)
-      {
-        double sum = 0.0;
-        int near = 0;
-        tf_forNear(pf, spf.holder[static_cast<std::size_t>(point)], 1, [&](int o, int, int, int) {
-          for (int j = spf.firstPoint[static_cast<std::size_t>(o)]; j < spf.firstPoint[static_cast<std::size_t>(o) + 1];
-               ++j)
-            if (j != point)
-            {
-              sum += v[static_cast<std::size_t>(j)];
-              ++near;
-            }
-        });
-        if (near > 0)
-          residuals.push_back(std::fabs(v[static_cast<std::size_t>(point)] - sum / near) / g);
-      }
+      std::vector<double> sum(count, 0.0);
+      std::vector<int> near(count, 0);
+      SPairTables const & t = m_tables[static_cast<std::size_t>(finest * depths + finest)];
+      tf_forPointsNear(pf, t, spf.holder.data(), 0, static_cast<int>(count), 1, [&](int point, int o, int, int, int) {
+        for (int j = spf.firstPoint[static_cast<std::size_t>(o)]; j < spf.firstPoint[static_cast<std::size_t>(o) + 1];
+             ++j)
+          if (j != point)
+          {
+            sum[static_cast<std::size_t>(point)] += v[static_cast<std::size_t>(j)];
+            ++near[static_cast<std::size_t>(point)];
+          }
+      });
+      for (std::size_t point = 0; point < count; ++point)
+        if (near[point] > 0)
+          residuals.push_back(std::fabs(v[point] - sum[point] / near[point]) / g);
     }
     if (!residuals.empty())
     {
@@ -1164,8 +1159,11 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
       if (progress)
         progress->SetPosFloat(std::min(1.0, 0.9 + 0.1 * (++step) / steps));
     }
-  values(finest, &v);
-  m_report.screeningDeviationAfter = deviation(level);
+  if (m_settings.reportResidual)
+  {
+    values(finest, &v);
+    m_report.screeningDeviationAfter = deviation(level);
+  }
 }
 
 // One screened relaxation of depth l: the depth's equations with the pull
@@ -1183,37 +1181,77 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
   int const tasks = taskCount();
   int const w = sp.width(), reach = sp.reach;
   double const s = p.scale, norm = s * s * s;
-  // F_o(point) for a node at offset (dx, dy, dz) from the point's holder.
-  auto basis = [&](int point, int dx, int dy, int dz) {
-    double const * v = sp.valuesOf(point);
-    return norm * v[dx + reach] * v[w + dy + reach] * v[2 * w + dz + reach];
-  };
-  // out[o] = sum over points near o of weight * F_o(point) * y[point].
-  std::vector<double> pointValue(static_cast<std::size_t>(points));
-  auto scatterToNodes = [&](double const * y, double * out) {
-    tf_forBlocks(n, tasks, [&](int, int begin, int end) {
-      for (int o = begin; o < end; ++o)
+  int const depths = static_cast<int>(m_levels.size());
+  SPairTables const & table = m_tables[static_cast<std::size_t>(l * depths + l)];
+  // Calls f(point, node, F_node(point)) for the points [begin, end) and the
+  // nodes whose kernel reaches them, line by line of the holders.
+  auto forPointBasis = [&](int begin, int end, auto && f) {
+    tf_LineWalker walk(p, p, table);
+    int line = -1;
+    for (int point = begin; point < end; ++point)
+    {
+      int const h = sp.holder[static_cast<std::size_t>(point)];
+      int const hx = p.m[0][h], hy = p.m[1][h], hz = p.m[2][h];
+      int const lh = p.lineOfXY[static_cast<std::size_t>(hx - p.lo[0]) * p.n[1] + (hy - p.lo[1])];
+      if (lh != line)
       {
-        double sum = 0.0;
-        tf_forNear(p, o, reach, [&](int h, int dx, int dy, int dz) {
-          for (int point = sp.firstPoint[static_cast<std::size_t>(h)];
-               point < sp.firstPoint[static_cast<std::size_t>(h) + 1]; ++point)
-            sum += sp.weight[static_cast<std::size_t>(point)] * basis(point, -dx, -dy, -dz) * y[point];
-        });
-        out[o] = sum;
+        walk.setLine(lh);
+        line = lh;
       }
+      walk.setNode(h);
+      double const * v = sp.valuesOf(point);
+      int const * mx = p.m[0].data();
+      int const * my = p.m[1].data();
+      int const * mz = p.m[2].data();
+      for (int j = 0; j < walk.lineCount(); ++j)
+      {
+        int const b = walk.lineBegin(j);
+        if (b == walk.lineEnd(j))
+          continue;
+        int const dx = mx[b] - hx, dy = my[b] - hy;
+        if (dx < -reach || dx > reach || dy < -reach || dy > reach)
+          continue;
+        double const xy = norm * v[dx + reach] * v[w + dy + reach];
+        if (xy == 0.0)
+          continue;
+        walk.forEach(j, [&](int i, int) {
+          int const dz = mz[i] - hz;
+          if (dz >= -reach && dz <= reach)
+          {
+            double const value = xy * v[2 * w + dz + reach];
+            if (value != 0.0)
+              f(point, i, value);
+          }
+        });
+      }
+    }
+  };
+  // out[o] = sum over points near o of weight * F_o(point) * y[point]: each
+  // point gives to the nodes around it (most nodes hold no point, so this
+  // beats a gather over the nodes); one buffer per task, added in order.
+  std::vector<double> pointValue(static_cast<std::size_t>(points));
+  std::vector<std::vector<double>> buffers(static_cast<std::size_t>(std::max(1, std::min(tasks, 8))));
+  auto scatterToNodes = [&](double const * y, double * out) {
+    int const parts = static_cast<int>(buffers.size());
+    tf_forItems(parts, tasks, [&](int part) {
+      std::vector<double> & buffer = buffers[static_cast<std::size_t>(part)];
+      buffer.assign(static_cast<std::size_t>(n), 0.0);
+      int const begin = static_cast<int>(static_cast<long long>(points) * part / parts);
+      int const end = static_cast<int>(static_cast<long long>(points) * (part + 1) / parts);
+      forPointBasis(begin, end, [&](int point, int o, double value) {
+        buffer[static_cast<std::size_t>(o)] += sp.weight[static_cast<std::size_t>(point)] * y[point] * value;
+      });
     });
+    std::copy(buffers[0].begin(), buffers[0].end(), out);
+    for (std::size_t part = 1; part < buffers.size(); ++part)
+      for (int k = 0; k < n; ++k)
+        out[k] += buffers[part][static_cast<std::size_t>(k)];
   };
   // y[point] = sum over nodes near the point of F_o(point) * d[o].
   auto gatherAtPoints = [&](double const * d, double * y) {
     tf_forBlocks(points, tasks, [&](int, int begin, int end) {
-      for (int point = begin; point < end; ++point)
-      {
-        double sum = 0.0;
-        tf_forNear(p, sp.holder[static_cast<std::size_t>(point)], reach,
-                   [&](int o, int dx, int dy, int dz) { sum += basis(point, dx, dy, dz) * d[o]; });
-        y[point] = sum;
-      }
+      std::fill(y + begin, y + end, 0.0);
+      forPointBasis(begin, end, [&](int point, int o, double value) { y[point] += value * d[o]; });
     });
   };
 
@@ -1239,9 +1277,10 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
     dir[k] = z[k] = r[k] * inverse[k];
   double rz = tf_dot(r.data(), z.data(), n, tasks);
   int const cap = std::max(1, m_settings.maxIterations) * 2;
-  for (int it = 0; it < cap && r0 > 0.0; ++it)
+  int it = 0;
+  for (; it < cap && r0 > 0.0; ++it)
   {
-    tf_sameDepthProduct(p, dir.data(), q.data(), false, tasks);
+    tf_sameDepthProduct(p, m_tables[static_cast<std::size_t>(l * depths + l)], dir.data(), q.data(), false, tasks);
     gatherAtPoints(dir.data(), pointValue.data());
     scatterToNodes(pointValue.data(), sq.data());
     for (int k = 0; k < n; ++k)
@@ -1302,7 +1341,7 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     if (n == 0)
       return;
     // The depth's residual against all depths' present solution.
-    r.assign(static_cast<std::size_t>(n), 0.0);
+      r.assign(static_cast<std::size_t>(n), 0.0);
     tf_depthProduct(m_levels, m_tables, l, x, active, r.data(), tasks);
     for (int k = 0; k < n; ++k)
       r[k] = target[l][k] - r[k];
@@ -1324,7 +1363,7 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     bool converged = !(r0 > 0.0);
     while (!converged && it < cap)
     {
-      tf_sameDepthProduct(p, dir.data(), q.data(), false, tasks);
+      tf_sameDepthProduct(p, m_tables[static_cast<std::size_t>(l * depths + l)], dir.data(), q.data(), false, tasks);
       double const pq = tf_dot(dir.data(), q.data(), n, tasks);
       if (!(pq > 0.0) || !std::isfinite(pq))
         break;

@@ -6,8 +6,10 @@
 // kernel is separable, so every entry is a sum of products of one-variable
 // integrals that depend only on the two depths and on the offset between the
 // two nodes; those integrals are tabulated once per depth pair and the
-// couplings are formed on the fly. Within a depth the operator is a stencil of
-// 5 x 5 x 5 offsets.
+// couplings are formed on the fly, line by line of nodes: the x and y factors
+// are shared by a whole line, so the values are first summed over the lines
+// in reach into one column per z. Within a depth the operator is a stencil of
+// 5 x 5 x 5 offsets, applied the same way.
 //
 // The unknowns of all depths together form a generating system (functions of
 // a coarse depth are nearly, though not exactly, combinations of finer ones:
@@ -88,7 +90,7 @@ struct SMultilevelSolveReport
   double finalRelativeResidual = 0.0;
   /// With screening: the value the samples are pulled to, and the weighted
   /// root mean square of X minus it at the finest depth's merged samples
-  /// before and after the screened sweeps.
+  /// before and (with reportResidual) after the screened sweeps.
   double screeningLevel = 0.0;
   double screeningDeviationBefore = 0.0;
   double screeningDeviationAfter = 0.0;
