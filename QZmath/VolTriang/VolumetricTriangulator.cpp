@@ -28,6 +28,17 @@ CVolTriangulationParams::CVolTriangulationParams()
 
 CVolTriangulationParams::~CVolTriangulationParams() = default;
 
+CVolTriangulationParams CVolTriangulationParams::makeRecommended(int octreeDepth)
+{
+  CVolTriangulationParams p;
+  p.setOctreeDepth(octreeDepth);
+  p.setMultilevelSolver(true);
+  p.setScreeningWeight(64.0);
+  p.setScreeningAdaptive(true);
+  p.setSplatSamplesPerCell(16.0);
+  return p;
+}
+
 float CVolTriangulationParams::getCellFactor() const
 {
   // (1 << octreeDepth) taken to float; ldexp gives the same for every depth

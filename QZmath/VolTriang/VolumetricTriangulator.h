@@ -122,6 +122,12 @@ public:
   double & splatSamplesPerCell() { return m_splatSamplesPerCell; }
   void setSplatSamplesPerCell(double v) { m_splatSamplesPerCell = v; }
 
+  /// The parameters the tools use by default: the specified ones, with the
+  /// extensions that give the fastest accurate surface switched on (the
+  /// multilevel solve, adaptive screening of weight 64, the splat on cells
+  /// of 16 samples or more).
+  static CVolTriangulationParams makeRecommended(int octreeDepth);
+
   /// (1 << octreeDepth) * reconstructFactor.
   float getCellFactor() const;
   /// modelSize / getCellFactor().

@@ -107,7 +107,9 @@ int main(int argc, char ** argv)
   std::string input, output, solver = "multilevel", logPath, jsonPath;
   int depth = 8, detail = -1;
   float subdivision = 1.0f, kernelScale = 0.95f;
-  double screening = 64.0, splatSamples = 16.0;
+  // The tool's defaults are the library's recommended parameters.
+  VolTr::CVolTriangulationParams const recommended = VolTr::CVolTriangulationParams::makeRecommended(8);
+  double screening = recommended.getScreeningWeight(), splatSamples = recommended.getSplatSamplesPerCell();
   bool screeningFixed = false;
   bool noDensity = false, open = false, normals = false, corner = false, quiet = false;
   app.set_version_flag("--version", kVersion);
@@ -197,8 +199,7 @@ int main(int argc, char ** argv)
   }
   tf_TeeLog log(userLog.get());
 
-  VolTr::CVolTriangulationParams params;
-  params.setOctreeDepth(depth);
+  VolTr::CVolTriangulationParams params = VolTr::CVolTriangulationParams::makeRecommended(depth);
   params.setPrefferedSolver(solverCode(solver));
   params.setMultilevelSolver(solver == "multilevel");
   params.setScreeningWeight(solver == "multilevel" ? screening : 0.0);
