@@ -12,6 +12,7 @@ PACKAGES=(
   libnanoflann-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
+  python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib
 )
 
 if [ "$(id -u)" -eq 0 ]; then
