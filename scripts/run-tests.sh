@@ -6,6 +6,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc 2>/dev/null || echo 2)
 bash "$here/scripts/setup.sh"
+bash "$here/scripts/test-ratio.sh" # tests against code, meant to stay at a quarter to a third
 
 # Every option is given, never left to the cache: the main command configures
 # build/ without the suites, and a run after it must still build them all.
