@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <vector>
+
+#include "QZsys/Threading.h"
 
 #include "QZmath/VolTriang/detail/OctreeFuncBlockEvalImpl.h"
 
@@ -13,7 +16,7 @@ using detail::BE_MAX_WINDOW;
 using detail::tf_ceil;
 using detail::tf_floor;
 
-COctreeFuncBlockEvaluator::Shared::Shared(LinComb const & comb, double block)
+COctreeFuncBlockEvaluator::Shared::Shared(LinComb const & comb, double block, int cache)
     : x(&comb), octree(&comb.getRelatedBasisRef().getOctreeRef()),
       flat(*comb.getRelatedBasisRef().getSamplePtr())
 {
@@ -23,6 +26,7 @@ COctreeFuncBlockEvaluator::Shared::Shared(LinComb const & comb, double block)
   for (int a = 0; a < 3; ++a)
     boxMin[a] = o.getBoxMin()[a];
   blockSize = block > 0.0 ? block : 8.0 * unit;
+  cacheBlocks = cache > 0 ? cache : BE_BLOCK_CACHE;
   if (!flat.usable() || flat.summands() == 0 || !(unit > 0.0) || !std::isfinite(blockSize))
     return;
   double r = 0.0;
@@ -131,16 +135,18 @@ COctreeFuncBlockEvaluator::Shared::Shared(LinComb const & comb, double block)
   usable = true;
 }
 
-COctreeFuncBlockEvaluator::COctreeFuncBlockEvaluator(LinComb const & x, double blockSize)
-    : m_shared(std::make_shared<Shared>(x, blockSize)), m_cache(new Cache)
+COctreeFuncBlockEvaluator::COctreeFuncBlockEvaluator(LinComb const & x, double blockSize, int cacheBlocks)
+    : m_shared(std::make_shared<Shared>(x, blockSize, cacheBlocks)), m_cache(new Cache)
 {
   m_cache->windows.resize(3 * m_shared->depths.size());
+  m_cache->blocks.resize(static_cast<std::size_t>(m_shared->cacheBlocks));
 }
 
 COctreeFuncBlockEvaluator::COctreeFuncBlockEvaluator(COctreeFuncBlockEvaluator const & other)
     : m_shared(other.m_shared), m_cache(new Cache), m_lattice(other.m_lattice)
 {
   m_cache->windows.resize(3 * m_shared->depths.size());
+  m_cache->blocks.resize(static_cast<std::size_t>(m_shared->cacheBlocks));
 }
 
 COctreeFuncBlockEvaluator::~COctreeFuncBlockEvaluator() = default;
@@ -186,7 +192,7 @@ COctreeFuncBlockEvaluator::Cache::Block const * blockOf(COctreeFuncBlockEvaluato
   }
   // The least recently used slot (an unused one first).
   int slot = 0;
-  for (int i = 0; i < BE_BLOCK_CACHE; ++i)
+  for (int i = 0; i < sh.cacheBlocks; ++i)
   {
     auto & b = c.blocks[i];
     if (!b.used)
@@ -347,6 +353,57 @@ double COctreeFuncBlockEvaluator::eval(double const * p)
       }
   }
   return value;
+}
+
+void COctreeFuncBlockEvaluator::evalMany(double const * points, std::size_t count, double * values,
+                                         int threads) const
+{
+  Shared const & sh = *m_shared;
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> order(count);
+  double const inverseSize = sh.blockSize > 0.0 ? 1.0 / sh.blockSize : 0.0;
+  for (std::size_t i = 0; i < count; ++i)
+  {
+    std::uint64_t key = 0;
+    for (int a = 0; a < 3; ++a)
+    {
+      double const c = std::floor((points[3 * i + a] - sh.boxMin[a]) * inverseSize);
+      key = key * 2097152u + static_cast<std::uint64_t>(c > 0.0 ? (c < 2097151.0 ? c : 2097151.0) : 0.0);
+    }
+    order[i] = {key, static_cast<std::uint32_t>(i)};
+  }
+  std::sort(order.begin(), order.end());
+  struct Task : IVescaInvokeProc
+  {
+    COctreeFuncBlockEvaluator x;
+    std::pair<std::uint64_t, std::uint32_t> const * begin = nullptr;
+    std::pair<std::uint64_t, std::uint32_t> const * end = nullptr;
+    double const * points = nullptr;
+    double * values = nullptr;
+    explicit Task(COctreeFuncBlockEvaluator const & e) : x(e) {}
+    void run() override
+    {
+      for (auto const * o = begin; o != end; ++o)
+        values[o->second] = x.eval(points + 3 * static_cast<std::size_t>(o->second));
+    }
+  };
+  int const wanted = threads > 0 ? threads : CVescaThreadingTasksHelper::getNumOfPhisicalThread();
+  int const tasks = static_cast<int>(std::max<std::size_t>(1, std::min<std::size_t>(
+      static_cast<std::size_t>(std::max(1, std::min(wanted, 16))), count / 1024 + 1)));
+  std::vector<std::unique_ptr<Task>> work;
+  std::vector<IVescaInvokeProc *> procs;
+  for (int t = 0; t < tasks; ++t)
+  {
+    work.emplace_back(new Task(*this));
+    work.back()->begin = order.data() + count * t / tasks;
+    work.back()->end = order.data() + count * (t + 1) / tasks;
+    work.back()->points = points;
+    work.back()->values = values;
+    procs.push_back(work.back().get());
+  }
+  if (tasks == 1)
+    work[0]->run();
+  else
+    CVescaThreadingTasksHelper::performInParallel(procs.data(), tasks, nullptr);
 }
 
 double COctreeFuncBlockEvaluator::eval(float const * p)

@@ -23,8 +23,10 @@ public:
 
   /// The combination, its basis and its octree must outlive the evaluator.
   /// `blockSize` is the edge of the cached blocks in model units; 0 or less
-  /// takes eight finest lattice steps.
-  explicit COctreeFuncBlockEvaluator(LinComb const & x, double blockSize = 0.0);
+  /// takes eight finest lattice steps. `cacheBlocks` blocks are kept (0 or
+  /// less: 256); a walk that comes back to a block after passing many others
+  /// wants more.
+  explicit COctreeFuncBlockEvaluator(LinComb const & x, double blockSize = 0.0, int cacheBlocks = 0);
   COctreeFuncBlockEvaluator(COctreeFuncBlockEvaluator const & other);
   COctreeFuncBlockEvaluator & operator=(COctreeFuncBlockEvaluator const &) = delete;
   virtual ~COctreeFuncBlockEvaluator();
@@ -35,6 +37,13 @@ public:
   /// zero are left out, which leaves the sum unchanged.
   double eval(double const * p);
   double eval(float const * p);
+
+  /// `eval` at `count` points (three coordinates each), values[i] for the
+  /// i-th point: the points are taken block by block (in the order of their
+  /// blocks of space, not the given one) on `threads` threads (0: one per
+  /// physical thread), each with a copy of this evaluator. The values are
+  /// those of `eval`, whatever the order and the threads.
+  void evalMany(double const * points, std::size_t count, double * values, int threads = 0) const;
 
   /// A faster approximation of `eval(p)` (the same terms added as a tree of
   /// partial sums) and in `bound` an upper limit of its distance to it. Use

@@ -555,9 +555,8 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveEquation(tf_CLogLi
 
 namespace
 {
-// X at points for the screening, through the block evaluator: the points are
-// taken block by block (sorted by their block of space), on every physical
-// thread, each point's value the same whatever the order.
+// X at points for the screening, through the block evaluator (block by block,
+// on every physical thread).
 class tf_PointEvaluator : public IMultilevelPointEvaluator
 {
 public:
@@ -569,54 +568,10 @@ public:
     for (std::size_t i = 0; i < x.size(); ++i)
       comb.setBasisCoefficient(static_cast<int>(i), x[i]);
     COctree const & octree = m_basis->getOctreeRef();
-    double const block = 8.0 * octree.getCellSize(std::max(0, octree.getNodeDepthEnd() - 1));
-    COctreeFuncBlockEvaluator fast(comb, block);
-    std::size_t const n = points.size() / 3;
-    values->resize(n);
-    std::vector<std::pair<std::uint64_t, std::uint32_t>> order(n);
-    double const * lo = octree.getBoxMin();
-    for (std::size_t i = 0; i < n; ++i)
-    {
-      std::uint64_t key = 0;
-      for (int a = 0; a < 3; ++a)
-      {
-        double const c = std::floor((points[3 * i + a] - lo[a]) / block);
-        key = key * 2097152u + static_cast<std::uint64_t>(std::min(2097151.0, std::max(0.0, c)));
-      }
-      order[i] = {key, static_cast<std::uint32_t>(i)};
-    }
-    std::sort(order.begin(), order.end());
-    struct Task : IVescaInvokeProc
-    {
-      COctreeFuncBlockEvaluator * x;
-      std::pair<std::uint64_t, std::uint32_t> const * begin;
-      std::pair<std::uint64_t, std::uint32_t> const * end;
-      double const * points;
-      double * values;
-      void run() override
-      {
-        for (auto const * o = begin; o != end; ++o)
-          values[o->second] = x->eval(points + 3 * static_cast<std::size_t>(o->second));
-      }
-    };
-    int const tasks = std::max(1, std::min(CVescaThreadingTasksHelper::getNumOfPhisicalThread(), 8));
-    std::vector<std::unique_ptr<COctreeFuncBlockEvaluator>> copies;
-    std::vector<Task> work(static_cast<std::size_t>(tasks));
-    std::vector<IVescaInvokeProc *> procs;
-    for (int t = 0; t < tasks; ++t)
-    {
-      copies.emplace_back(t == 0 ? nullptr : new COctreeFuncBlockEvaluator(fast));
-      work[t].x = t == 0 ? &fast : copies.back().get();
-      work[t].begin = order.data() + n * t / tasks;
-      work[t].end = order.data() + n * (t + 1) / tasks;
-      work[t].points = points.data();
-      work[t].values = values->data();
-      procs.push_back(&work[t]);
-    }
-    if (tasks == 1)
-      work[0].run();
-    else
-      CVescaThreadingTasksHelper::performInParallel(procs.data(), tasks, nullptr);
+    COctreeFuncBlockEvaluator const fast(comb,
+                                         8.0 * octree.getCellSize(std::max(0, octree.getNodeDepthEnd() - 1)));
+    values->resize(points.size() / 3);
+    fast.evalMany(points.data(), values->size(), values->data());
   }
 
 private:

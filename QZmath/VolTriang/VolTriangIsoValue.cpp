@@ -20,18 +20,17 @@ namespace
 {
 // ---------------------------------------------------------------- iso-value task
 
-// The weighted sum of X over the samples of a strip of cells along x. With a
-// block evaluator (copied for the task's thread) the values are the same bit
-// for bit: the samples of a strip come cell by cell, so blocks are reused.
+// The weighted sum of X over the samples of a strip of cells along x. With
+// `values` (X at every sample, computed beforehand by the block evaluator, bit
+// for bit the combination's) the task only adds them up in the walk's order.
 template <class TKernel, class TWeights> class tf_calcMeanIsoValueCycleByPoints : public IVescaInvokeProc
 {
 public:
   tf_calcMeanIsoValueCycleByPoints(COctreeFuncLinCombTmpl<TKernel> const * x, IInputSamples const * samples,
                                    TWeights const * weights, int xBegin, int xEnd,
-                                   CTransThreadPrgCntAdapter * adapter,
-                                   COctreeFuncBlockEvaluator const * fast)
+                                   CTransThreadPrgCntAdapter * adapter, double const * values)
       : m_x(x), m_samples(samples), m_weights(weights), m_xBegin(xBegin), m_xEnd(xEnd), m_adapter(adapter),
-        m_fast(fast)
+        m_values(values)
   {
   }
 
@@ -43,8 +42,6 @@ public:
       return;
     COctree const & octree = m_x->getRelatedBasisRef().getOctreeRef();
     COctreeFuncEvalHelper helper(1, 4.0 * octree.getCellSize(octree.getLeafCellDepth()));
-    std::unique_ptr<COctreeFuncBlockEvaluator> fast(m_fast ? new COctreeFuncBlockEvaluator(*m_fast)
-                                                           : nullptr);
     CParallelepiped box = octree.getCellsBoundaryBox();
     double const unit = octree.getUnit();
     double const x0 = octree.getBoxMin()[0];
@@ -61,7 +58,9 @@ public:
           m_adapter->increment();
       float const w = m_weights ? (*m_weights)[static_cast<std::size_t>(it.currentSampleIndex())] : 1.0f;
       m_weightsSum += w;
-      m_weightedValuesSum += (fast ? fast->eval(*it) : m_x->eval(*it, &helper)) * w;
+      double const value = m_values ? m_values[static_cast<std::size_t>(it.currentSampleIndex())]
+                                    : m_x->eval(*it, &helper);
+      m_weightedValuesSum += value * w;
     }
     for (; lastX < m_xEnd; ++lastX)
       if (m_adapter)
@@ -80,7 +79,7 @@ private:
   double m_weightedValuesSum = 0.0;
   double m_weightsSum = 0.0;
   CTransThreadPrgCntAdapter * m_adapter;
-  COctreeFuncBlockEvaluator const * m_fast;
+  double const * m_values;
 };
 } // namespace
 
@@ -101,11 +100,23 @@ double CLevelSetExtraction::meanValueAtSamples(LinComb const & x, IInputSamples 
     return 0.0;
   int const tasks = std::max(1, CVescaThreadingTasksHelper::getNumOfPhisicalThread());
   COctree const & octree = x.getRelatedBasisRef().getOctreeRef();
-  // Blocks of four leaf cells: a strip's samples come cell by cell.
-  std::unique_ptr<COctreeFuncBlockEvaluator> fast(
-      evaluation == eFast
-          ? new COctreeFuncBlockEvaluator(x, 4.0 * octree.getCellSize(octree.getLeafCellDepth()))
-          : nullptr);
+  // The fast form evaluates X at all samples first, block of space by block
+  // on every thread; the tasks then add the same values in the same order.
+  std::vector<double> values;
+  if (evaluation == eFast)
+  {
+    int const n = samples->pointsNumber();
+    std::vector<double> points(static_cast<std::size_t>(n) * 3);
+    for (int i = 0; i < n; ++i)
+    {
+      float const * p = samples->getSampleCoords3(i);
+      for (int a = 0; a < 3; ++a)
+        points[static_cast<std::size_t>(i) * 3 + a] = p[a];
+    }
+    values.resize(static_cast<std::size_t>(n));
+    COctreeFuncBlockEvaluator const fast(x, 8.0 * octree.getCellSize(std::max(0, octree.getNodeDepthEnd() - 1)));
+    fast.evalMany(points.data(), values.size(), values.data(), tasks);
+  }
   CParallelepiped const box = octree.getCellsBoundaryBox();
   double const lo = octree.getBoxMin()[0], hi = octree.getBoxMax()[0];
   int const size = octree.getLatticeSize();
@@ -125,7 +136,7 @@ double CLevelSetExtraction::meanValueAtSamples(LinComb const & x, IInputSamples 
   for (int k = 0; k < tasks; ++k)
   {
     int const end = xLow + static_cast<int>(static_cast<long long>(xHigh - xLow) * (k + 1) / tasks);
-    work.emplace_back(new Task(&x, samples, weights, begin, end, adapter.get(), fast.get()));
+    work.emplace_back(new Task(&x, samples, weights, begin, end, adapter.get(), values.empty() ? nullptr : values.data()));
     begin = end;
   }
   if (tasks == 1)

@@ -21,9 +21,9 @@ using tf_Flat = tf_FlatKernel<CProductPiecewisePolynom>;
 // At most this many nodes of one depth per axis can reach a point: the
 // kernel's support is below 3.5 cells wide, and the window has a margin.
 constexpr int BE_MAX_WINDOW = 6;
-// Blocks kept per evaluator: the polygoniser's depth-first walk comes back to
-// regions it left long before, and a block costs far more to build than to
-// keep (some tens of kilobytes).
+// Blocks kept per evaluator unless its maker asks for more: the polygoniser's
+// depth-first walk comes back to regions it left long before, and a block
+// costs far more to build than to keep (some tens of kilobytes).
 constexpr int BE_BLOCK_CACHE = 256;
 
 struct tf_BlockKey
@@ -146,13 +146,14 @@ struct COctreeFuncBlockEvaluator::Shared
   double unit = 0.0;
   double boxMin[3] = {0.0, 0.0, 0.0};
   double blockSize = 0.0;
+  int cacheBlocks = detail::BE_BLOCK_CACHE;
   // Beyond this distance in cells from a node its kernel is zero, with a
   // margin for the rounding of the node's argument.
   double reach = 0.0;
   std::vector<Depth> depths;
   detail::tf_FastFactor factors[detail::tf_Flat::MAX_SUMMANDS][3];
 
-  Shared(LinComb const & comb, double block);
+  Shared(LinComb const & comb, double block, int cache);
 };
 
 struct COctreeFuncBlockEvaluator::Cache
@@ -170,7 +171,7 @@ struct COctreeFuncBlockEvaluator::Cache
     long long lastUse = 0;
     std::vector<DepthBlock> depths;
   };
-  Block blocks[detail::BE_BLOCK_CACHE];
+  std::vector<Block> blocks;
   std::unordered_map<detail::tf_BlockKey, int, detail::tf_BlockKeyHash> slots;
   int current = -1;
   long long clock = 0;
