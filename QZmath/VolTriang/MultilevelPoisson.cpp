@@ -335,9 +335,11 @@ int tf_lineCount(SLevel const & p) { return p.size() == 0 ? 0 : static_cast<int>
 // y[k] += sum over the nodes q of Q in reach of A[k][q] x[q], for the nodes k
 // of P, where P is the finer or the same depth. A[k][q] is
 // -sp^3 sq^5 (l m m + m l m + m m l) with the second derivative on q. The x
-// and y factors are the same for a whole line of P: per line, the values of
-// Q are first summed over the lines of Q in reach, with those factors, into
-// one column per z; each node of P then takes a few entries of the columns.
+// and y factors are the same for a whole line of P: per stretch of a line
+// (nodes whose windows along z meet), the values of Q are first summed over
+// the lines of Q in reach, with those factors, into one column per z; each
+// node of P then takes a few entries of the columns. Stretches keep the
+// columns short where a line crosses the surface twice, far apart.
 void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t, double const * x, double * y,
                       int tasks)
 {
@@ -345,8 +347,9 @@ void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t,
   tf_forBlocks(tf_lineCount(p), tasks, [&](int, int begin, int end) {
     tf_LineWalker walk(p, q, t);
     double a[tf_LineWalker::maxLines], b[tf_LineWalker::maxLines];
+    int at[tf_LineWalker::maxLines];
     std::vector<double> g1, g2;
-    tf_AxisWindow first, last, wz;
+    std::vector<tf_AxisWindow> windows;
     int const * zq = q.m[2].data();
     for (int line = begin; line < end; ++line)
     {
@@ -359,48 +362,64 @@ void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t,
         int const sx = walk.slotX(j), sy = walk.slotY(j);
         a[j] = t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy];
         b[j] = t.mm[sx] * t.mm[sy];
+        at[j] = walk.lineBegin(j);
       }
-      // The z range of Q that the line's nodes reach.
-      tf_axisWindow(&first, p.m[2][k0] * p.spacing + p.offset, q, t);
-      tf_axisWindow(&last, p.m[2][k1 - 1] * p.spacing + p.offset, q, t);
-      int const zLo = first.lo, zHi = last.hi;
-      if (zHi < zLo)
-        continue;
-      std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
-      g1.assign(length, 0.0);
-      g2.assign(length, 0.0);
-      for (int j = 0; j < walk.lineCount(); ++j)
-      {
-        int i = static_cast<int>(std::lower_bound(zq + walk.lineBegin(j), zq + walk.lineEnd(j), zLo) - zq);
-        for (; i < walk.lineEnd(j) && zq[i] <= zHi; ++i)
-        {
-          std::size_t const at = static_cast<std::size_t>(zq[i] - zLo);
-          g1[at] += a[j] * x[i];
-          g2[at] += b[j] * x[i];
-        }
-      }
+      windows.resize(static_cast<std::size_t>(k1 - k0));
       for (int k = k0; k < k1; ++k)
+        tf_axisWindow(&windows[static_cast<std::size_t>(k - k0)], p.m[2][k] * p.spacing + p.offset, q, t);
+      for (int s0 = k0; s0 < k1;)
       {
-        tf_axisWindow(&wz, p.m[2][k] * p.spacing + p.offset, q, t);
-        double sum = 0.0;
-        for (int z = wz.lo; z <= wz.hi; ++z)
+        // A stretch: the next node's window starts at or before the end of
+        // the present one's, plus one.
+        int s1 = s0 + 1;
+        while (s1 < k1 && windows[static_cast<std::size_t>(s1 - k0)].lo <= windows[static_cast<std::size_t>(s1 - 1 - k0)].hi + 1)
+          ++s1;
+        int const zLo = windows[static_cast<std::size_t>(s0 - k0)].lo;
+        int const zHi = windows[static_cast<std::size_t>(s1 - 1 - k0)].hi;
+        if (zHi >= zLo)
         {
-          int const slot = wz.slot[z - wz.lo];
-          std::size_t const at = static_cast<std::size_t>(z - zLo);
-          sum += t.mm[slot] * g1[at] + t.lC[slot] * g2[at];
+          std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
+          g1.assign(length, 0.0);
+          g2.assign(length, 0.0);
+          for (int j = 0; j < walk.lineCount(); ++j)
+          {
+            int i = at[j];
+            int const e = walk.lineEnd(j);
+            while (i < e && zq[i] < zLo)
+              ++i;
+            for (; i < e && zq[i] <= zHi; ++i)
+            {
+              std::size_t const c = static_cast<std::size_t>(zq[i] - zLo);
+              g1[c] += a[j] * x[i];
+              g2[c] += b[j] * x[i];
+            }
+            at[j] = i;
+          }
+          for (int k = s0; k < s1; ++k)
+          {
+            tf_AxisWindow const & wz = windows[static_cast<std::size_t>(k - k0)];
+            double sum = 0.0;
+            for (int z = wz.lo; z <= wz.hi; ++z)
+            {
+              int const slot = wz.slot[z - wz.lo];
+              std::size_t const c = static_cast<std::size_t>(z - zLo);
+              sum += t.mm[slot] * g1[c] + t.lC[slot] * g2[c];
+            }
+            y[k] += norm * sum;
+          }
         }
-        y[k] += norm * sum;
+        s0 = s1;
       }
     }
   });
 }
 
 // y[k] += sum over the nodes q of a finer level Q in reach of A[k][q] x[q],
-// for the nodes k of P: the transpose of the gather. Per line of Q, its
-// values are spread along z into one column per z of P (with the z factors),
-// and the columns go to the lines of P in reach with their x and y factors.
-// The lines of Q are cut into a fixed number of chunks with a buffer each,
-// added in chunk order, so the sums do not depend on the threads.
+// for the nodes k of P: the transpose of the gather. Per stretch of a line of
+// Q, its values are spread along z into one column per z of P (with the z
+// factors), and the columns go to the lines of P in reach with their x and y
+// factors. The lines of Q are cut into a fixed number of chunks with a buffer
+// each, added in chunk order, so the sums do not depend on the threads.
 void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t, double const * x, double * y,
                        int tasks)
 {
@@ -415,7 +434,8 @@ void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t
     out.assign(p.node.size(), 0.0);
     tf_LineWalker walk(q, p, t);
     std::vector<double> h1, h2;
-    tf_AxisWindow first, last, wz;
+    std::vector<tf_AxisWindow> windows;
+    int at[tf_LineWalker::maxLines];
     int const * zp = p.m[2].data();
     int const firstLine = static_cast<int>(static_cast<long long>(lines) * chunk / chunks);
     int const lastLine = static_cast<int>(static_cast<long long>(lines) * (chunk + 1) / chunks);
@@ -425,42 +445,59 @@ void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t
       walk.setLine(line);
       if (walk.lineCount() == 0)
         continue;
-      tf_axisWindow(&first, q.m[2][i0] * q.spacing + q.offset, p, t);
-      tf_axisWindow(&last, q.m[2][i1 - 1] * q.spacing + q.offset, p, t);
-      int const zLo = first.lo, zHi = last.hi;
-      if (zHi < zLo)
-        continue;
-      std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
-      h1.assign(length, 0.0);
-      h2.assign(length, 0.0);
-      bool any = false;
-      for (int i = i0; i < i1; ++i)
-      {
-        double const v = x[i];
-        if (v == 0.0)
-          continue;
-        any = true;
-        tf_axisWindow(&wz, q.m[2][i] * q.spacing + q.offset, p, t);
-        for (int z = wz.lo; z <= wz.hi; ++z)
-        {
-          int const slot = wz.slot[z - wz.lo];
-          std::size_t const at = static_cast<std::size_t>(z - zLo);
-          h1[at] += v * t.mm[slot];
-          h2[at] += v * t.lC[slot];
-        }
-      }
-      if (!any)
-        continue;
       for (int j = 0; j < walk.lineCount(); ++j)
+        at[j] = walk.lineBegin(j);
+      windows.resize(static_cast<std::size_t>(i1 - i0));
+      for (int i = i0; i < i1; ++i)
+        tf_axisWindow(&windows[static_cast<std::size_t>(i - i0)], q.m[2][i] * q.spacing + q.offset, p, t);
+      for (int s0 = i0; s0 < i1;)
       {
-        int const sx = walk.slotX(j), sy = walk.slotY(j);
-        double const aj = norm * (t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy]), bj = norm * t.mm[sx] * t.mm[sy];
-        int k = static_cast<int>(std::lower_bound(zp + walk.lineBegin(j), zp + walk.lineEnd(j), zLo) - zp);
-        for (; k < walk.lineEnd(j) && zp[k] <= zHi; ++k)
+        int s1 = s0 + 1;
+        while (s1 < i1 && windows[static_cast<std::size_t>(s1 - i0)].lo <= windows[static_cast<std::size_t>(s1 - 1 - i0)].hi + 1)
+          ++s1;
+        int const zLo = windows[static_cast<std::size_t>(s0 - i0)].lo;
+        int const zHi = windows[static_cast<std::size_t>(s1 - 1 - i0)].hi;
+        bool any = false;
+        if (zHi >= zLo)
         {
-          std::size_t const at = static_cast<std::size_t>(zp[k] - zLo);
-          out[k] += aj * h1[at] + bj * h2[at];
+          std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
+          h1.assign(length, 0.0);
+          h2.assign(length, 0.0);
+          for (int i = s0; i < s1; ++i)
+          {
+            double const v = x[i];
+            if (v == 0.0)
+              continue;
+            any = true;
+            tf_AxisWindow const & wz = windows[static_cast<std::size_t>(i - i0)];
+            for (int z = wz.lo; z <= wz.hi; ++z)
+            {
+              int const slot = wz.slot[z - wz.lo];
+              std::size_t const c = static_cast<std::size_t>(z - zLo);
+              h1[c] += v * t.mm[slot];
+              h2[c] += v * t.lC[slot];
+            }
+          }
         }
+        for (int j = 0; j < walk.lineCount(); ++j)
+        {
+          int k = at[j];
+          int const e = walk.lineEnd(j);
+          while (k < e && zp[k] < zLo)
+            ++k;
+          if (any)
+          {
+            int const sx = walk.slotX(j), sy = walk.slotY(j);
+            double const aj = norm * (t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy]), bj = norm * t.mm[sx] * t.mm[sy];
+            for (; k < e && zp[k] <= zHi; ++k)
+            {
+              std::size_t const c = static_cast<std::size_t>(zp[k] - zLo);
+              out[k] += aj * h1[c] + bj * h2[c];
+            }
+          }
+          at[j] = k;
+        }
+        s0 = s1;
       }
     }
   });
