@@ -2,8 +2,10 @@
 // the sample normals, the Poisson system (right part and matrix) and its solve.
 
 #include <algorithm>
+#include <atomic>
 #include <cfloat>
 #include <cstdint>
+#include <functional>
 #include <cmath>
 #include <memory>
 #include <stdexcept>
@@ -257,22 +259,21 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
 
   CParallelepiped const nodesBox = octree.getNodesBoundaryBox();
   int const level = m_densityEstimationLevel;
-  int count = 0;
+  std::vector<int> nodes;
   for (COctreeInBoxNodeIterator it(&octree, nodesBox, level); !it.isFinished(); it.next())
-    ++count;
-
+    nodes.push_back(it.currentNodeIndex());
+  int const count = static_cast<int>(nodes.size());
   double const h = octree.getCellSize(level);
-  int k = 0;
-  for (COctreeInBoxNodeIterator it(&octree, nodesBox, level); !it.isFinished(); it.next(), ++k)
-  {
-    if (m_progress)
-      m_progress->SetPosFloat(static_cast<double>(k) / count);
-    int const node = it.currentNodeIndex();
-    double q[3];
-    octree.getNodePosition(node, q);
+  int const tasks = std::max(1, std::min(CVescaThreadingTasksHelper::getNumOfPhisicalThread(), 8));
 
-    // The local density: trilinear weights of the samples in the eight cells
-    // that have the node at a corner.
+  // The local density at every node: trilinear weights of the samples in the
+  // eight cells that have the node at a corner. Each node's sum is its own,
+  // so the nodes are shared out among the threads.
+  std::vector<double> sums(static_cast<std::size_t>(count), 0.0);
+  std::atomic<int> done{0};
+  auto localDensity = [&](int k) {
+    double q[3];
+    octree.getNodePosition(nodes[static_cast<std::size_t>(k)], q);
     double sum = 0.0;
     for (int corner = 0; corner < 8; ++corner)
     {
@@ -290,20 +291,104 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
           sum += calcTrilinearWeight(p, q, cell);
       }
     }
-    if (sum == 0.0)
-      continue;
+    sums[static_cast<std::size_t>(k)] = sum;
+  };
 
-    // Spread it on the samples under the node's function.
-    CParallelepiped const support = getScaledFunctionCommonSupport(m_basis->makeFunctionByIndex(node));
-    for (CSamplePointsIteratorInBox s(*m_samples, octree, support, -1); !s.isFinished(); s.next())
-    {
-      double const * p = *s;
-      if (support.getMin()[0] <= p[0] && p[0] <= support.getMax()[0] && support.getMin()[1] <= p[1] &&
-          p[1] <= support.getMax()[1] && support.getMin()[2] <= p[2] && p[2] <= support.getMax()[2])
-        m_densityWeights[static_cast<std::size_t>(s.currentSampleIndex())] +=
-            static_cast<float>(m_basis->evalBasisValue(node, p) * sum);
-    }
+  // Spreading: every sample under a node's function takes the node's density
+  // times the function's value, rounded to float, added in the order of the
+  // nodes. The nodes are cut into one run per thread in that order; a sample
+  // that an earlier run can reach gets the later runs' terms in a list that
+  // is added afterwards, run by run, so every entry sees its terms in order.
+  struct Term
+  {
+    int sample;
+    float value;
+  };
+  std::vector<std::vector<Term>> deferred(static_cast<std::size_t>(tasks));
+  // The reach of a node's function beyond its position, along x.
+  double reach = 0.0;
+  if (count > 0)
+  {
+    CParallelepiped const support =
+        getScaledFunctionCommonSupport(m_basis->makeFunctionByIndex(nodes[0]));
+    double q[3];
+    octree.getNodePosition(nodes[0], q);
+    reach = std::max(support.getMax()[0] - q[0], q[0] - support.getMin()[0]) + 2.0 * octree.getUnit();
   }
+  auto spread = [&](int part, int begin, int end) {
+    // Samples at or beyond this x no earlier run reaches.
+    if (begin >= end)
+      return;
+    double limit = -DBL_MAX;
+    if (part > 0 && begin > 0)
+    {
+      double q[3];
+      octree.getNodePosition(nodes[static_cast<std::size_t>(begin - 1)], q);
+      limit = q[0] + reach;
+    }
+    for (int k = begin; k < end; ++k)
+    {
+      double const sum = sums[static_cast<std::size_t>(k)];
+      if (sum == 0.0)
+        continue;
+      int const node = nodes[static_cast<std::size_t>(k)];
+      CParallelepiped const support = getScaledFunctionCommonSupport(m_basis->makeFunctionByIndex(node));
+      for (CSamplePointsIteratorInBox s(*m_samples, octree, support, -1); !s.isFinished(); s.next())
+      {
+        double const * p = *s;
+        if (support.getMin()[0] <= p[0] && p[0] <= support.getMax()[0] && support.getMin()[1] <= p[1] &&
+            p[1] <= support.getMax()[1] && support.getMin()[2] <= p[2] && p[2] <= support.getMax()[2])
+        {
+          float const value = static_cast<float>(m_basis->evalBasisValue(node, p) * sum);
+          int const sample = s.currentSampleIndex();
+          if (p[0] <= limit)
+            deferred[static_cast<std::size_t>(part)].push_back(Term{sample, value});
+          else
+            m_densityWeights[static_cast<std::size_t>(sample)] += value;
+        }
+      }
+    }
+  };
+
+  struct Task : IVescaInvokeProc
+  {
+    std::function<void()> body;
+    void run() override { body(); }
+  };
+  std::vector<Task> work(static_cast<std::size_t>(tasks));
+  std::vector<IVescaInvokeProc *> procs;
+  for (int t = 0; t < tasks; ++t)
+    procs.push_back(&work[static_cast<std::size_t>(t)]);
+  auto runAll = [&]() {
+    if (tasks == 1)
+      work[0].run();
+    else
+      CVescaThreadingTasksHelper::performInParallel(procs.data(), tasks, nullptr);
+  };
+  // The first half of the progress for the densities, the second for the
+  // spreading; the caller's thread reports while it takes its share.
+  for (int t = 0; t < tasks; ++t)
+    work[static_cast<std::size_t>(t)].body = [&, t]() {
+      for (int k = t; k < count; k += tasks)
+      {
+        localDensity(k);
+        int const d = ++done;
+        if (t == 0 && m_progress && (k & 63) == 0)
+          m_progress->SetPosFloat(0.5 * d / count);
+      }
+    };
+  runAll();
+  for (int t = 0; t < tasks; ++t)
+    work[static_cast<std::size_t>(t)].body = [&, t]() {
+      spread(t, static_cast<int>(static_cast<long long>(count) * t / tasks),
+             static_cast<int>(static_cast<long long>(count) * (t + 1) / tasks));
+    };
+  runAll();
+  for (auto const & terms : deferred)
+    for (Term const & term : terms)
+      m_densityWeights[static_cast<std::size_t>(term.sample)] += term.value;
+  if (m_progress)
+    m_progress->SetPosFloat(1.0);
 
   float const factor =
       REmath::vectorNormalizationFactor(m_densityWeights.data(), static_cast<long long>(m_densityWeights.size()));
