@@ -13,7 +13,7 @@ bash "$here/scripts/test-ratio.sh" # tests against code, meant to stay at a quar
 # ctest fails when it finds no tests rather than passing on nothing.
 echo "== release build and tests"
 bash "$here/scripts/build.sh" "$here/build" -DQZMATH_BUILD_TESTS=ON -DQZMATH_BUILD_BENCHMARKS=ON \
-  -DQZMATH_BUILD_TOOLS=ON -DQZMATH_SANITIZE=
+  -DQZMATH_BUILD_TOOLS=ON -DQZMATH_SANITIZE= -DQZMATH_BUILD_PYTHON=ON
 ctest --test-dir "$here/build" --output-on-failure --no-tests=error -j "$jobs"
 
 if [ "${QZ_SKIP_SANITIZERS:-0}" != 1 ]; then
@@ -27,4 +27,8 @@ if [ "${QZ_SKIP_SANITIZERS:-0}" != 1 ]; then
   export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
   ctest --test-dir "$here/build-asan" --output-on-failure --no-tests=error -j "$jobs" -LE slow
 fi
+# The Python module of the release build, under the interpreter it was built for.
+echo "== python tests"
+PYTHONPATH="$here/build/python" PYTHONDONTWRITEBYTECODE=1 \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider "$here/tests/Python"
 echo "== all tests passed"
