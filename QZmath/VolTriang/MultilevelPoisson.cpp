@@ -1314,6 +1314,9 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
     dir[k] = z[k] = r[k] * inverse[k];
   double rz = tf_dot(r.data(), z.data(), n, tasks);
   int const cap = std::max(1, m_settings.maxIterations) * 2;
+  // As tight as the plain relaxations: a looser solve (a tenth of the
+  // residual) left the surface twice as far from the samples.
+  double const screenTolerance = m_settings.relativeTolerance;
   int it = 0;
   for (; it < cap && r0 > 0.0; ++it)
   {
@@ -1331,7 +1334,7 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
       delta[k] += a * dir[k];
       r[k] -= a * q[k];
     }
-    if (std::sqrt(tf_dot(r.data(), r.data(), n, tasks)) <= m_settings.relativeTolerance * r0)
+    if (std::sqrt(tf_dot(r.data(), r.data(), n, tasks)) <= screenTolerance * r0)
       break;
     for (int k = 0; k < n; ++k)
       z[k] = r[k] * inverse[k];
@@ -1440,15 +1443,20 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
 
   for (int l = 0; l < depths; ++l)
     relax(l);
+  // With screening, the last cycle leaves its finest depths to the screened
+  // relaxations, which come right after and would redo them.
+  bool const screening = m_settings.screening > 0.0 && m_pointEvaluator && depths > 0 && !m_samplePoints.empty();
+  int const screenedFrom = screening ? std::max(1, depths - std::max(0, m_settings.screenedDepths)) : depths;
   for (int cycle = 0; cycle < m_settings.vCycles; ++cycle)
   {
     for (int l = depths - 2; l >= 0; --l)
       relax(l);
-    for (int l = 1; l < depths; ++l)
+    int const top = cycle + 1 == m_settings.vCycles ? screenedFrom : depths;
+    for (int l = 1; l < top; ++l)
       relax(l);
   }
 
-  if (m_settings.screening > 0.0 && m_pointEvaluator && depths > 0 && !m_samplePoints.empty())
+  if (screening)
     screenSweeps(x, active, target, progress);
 
   result->assign(m_localIndex.size(), 0.0);
