@@ -16,23 +16,19 @@ std::string str(py::handle h) { return py::str(h).cast<std::string>(); }
 // A value is NaN or infinite exactly when its exponent bits are all set. The
 // test on the bits vectorises, so that the scan runs at memory speed; the
 // exact row is looked for only in a block that holds such a value.
-template <typename T>
-struct tf_Bits;
-template <>
-struct tf_Bits<float>
+template <typename T> struct tf_Bits;
+template <> struct tf_Bits<float>
 {
   using U = std::uint32_t;
   static constexpr U exponent = 0x7f800000u;
 };
-template <>
-struct tf_Bits<double>
+template <> struct tf_Bits<double>
 {
   using U = std::uint64_t;
   static constexpr U exponent = 0x7ff0000000000000ull;
 };
 
-template <typename T>
-std::size_t firstNonFinite(T const * p, std::size_t n)
+template <typename T> std::size_t firstNonFinite(T const * p, std::size_t n)
 {
   using U = typename tf_Bits<T>::U;
   constexpr U mask = tf_Bits<T>::exponent;
@@ -69,8 +65,7 @@ py::array asArray(py::handle obj, char const * name, char const * expected)
 }
 } // namespace
 
-template <typename T>
-Rows3<T> rows3(py::handle obj, char const * name, bool allowEmpty)
+template <typename T> Rows3<T> rows3(py::handle obj, char const * name, bool allowEmpty)
 {
   py::array a = asArray(obj, name, "a float32 or float64 array of shape (N, 3)");
   py::dtype const dt = a.dtype();
@@ -82,8 +77,8 @@ Rows3<T> rows3(py::handle obj, char const * name, bool allowEmpty)
   if (rows == 0 && !allowEmpty)
     throw py::value_error(std::string(name) + " is empty");
   if (rows > static_cast<std::size_t>(INT_MAX))
-    throw py::value_error(std::string(name) + " has " + std::to_string(rows) + " rows, more than the limit of " +
-                          std::to_string(INT_MAX));
+    throw py::value_error(std::string(name) + " has " + std::to_string(rows) +
+                          " rows, more than the limit of " + std::to_string(INT_MAX));
 
   // Returns the caller's own object when it already has this layout and type;
   // otherwise a C-contiguous, aligned, native copy in T.
@@ -136,15 +131,15 @@ std::vector<std::int32_t> triangles(py::handle obj, std::size_t vertexCount)
   for (std::size_t i = 0; i < n; ++i)
   {
     if (p[i] < 0 || static_cast<std::uint64_t>(p[i]) >= vertexCount)
-      throw py::value_error("triangles row " + std::to_string(i / 3) + " refers to vertex " + std::to_string(p[i]) +
-                            ", but there are " + std::to_string(vertexCount) + " vertices");
+      throw py::value_error("triangles row " + std::to_string(i / 3) + " refers to vertex " +
+                            std::to_string(p[i]) + ", but there are " + std::to_string(vertexCount) +
+                            " vertices");
     out[i] = static_cast<std::int32_t>(p[i]);
   }
   return out;
 }
 
-template <typename T>
-py::array_t<T> toNumpy(std::vector<T> && v, std::size_t columns)
+template <typename T> py::array_t<T> toNumpy(std::vector<T> && v, std::size_t columns)
 {
   std::vector<py::ssize_t> shape;
   if (columns == 0)

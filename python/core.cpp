@@ -15,13 +15,13 @@
 #include <pybind11/pybind11.h>
 
 #include "CloudIO.h"
-#include "ShapeCloud.h"
 #include "QZmath/Fitting/FitCircle.h"
 #include "QZmath/Fitting/FitLine.h"
 #include "QZmath/Fitting/PlaneEq.h"
 #include "QZmath/SurfaceAnalysis/NormalEstimation.h"
 #include "QZmath/VolTriang/VolumetricTriangulator.h"
 #include "QZsys/Progress.h"
+#include "ShapeCloud.h"
 #include "arrays.h"
 
 namespace py = pybind11;
@@ -94,8 +94,7 @@ private:
 // touch Python objects. Raises the Python exception that stopped the work, or
 // KeyboardInterrupt for any other interruption; the library's exceptions pass
 // on to the translators registered with the module.
-template <class Work>
-void runInterruptible(py::object callback, Work && work)
+template <class Work> void runInterruptible(py::object callback, Work && work)
 {
   CProgressCounter counter;
   tf_PythonProgress observer(counter, std::move(callback));
@@ -133,7 +132,8 @@ void runInterruptible(py::object callback, Work && work)
 
 // ---------------------------------------------------------------- normals
 
-std::vector<float> estimatedNormals(float const * points, int count, REmath::CNormalEstimationParams const & params,
+std::vector<float> estimatedNormals(float const * points, int count,
+                                    REmath::CNormalEstimationParams const & params,
                                     CProgressCounter * progress, std::vector<float> * curvatures = nullptr)
 {
   REmath::CEstimatedNormals result;
@@ -163,9 +163,8 @@ py::array_t<float> estimateNormals(py::handle points, int k, py::handle viewpoin
     params.setViewpoint(REmath::Point3D_d(v.data()[0], v.data()[1], v.data()[2]));
   }
   std::vector<float> normals;
-  runInterruptible(std::move(progress), [&](CProgressCounter & c) {
-    normals = estimatedNormals(pts.data, static_cast<int>(pts.rows), params, &c);
-  });
+  runInterruptible(std::move(progress), [&](CProgressCounter & c)
+                   { normals = estimatedNormals(pts.data, static_cast<int>(pts.rows), params, &c); });
   return toNumpy(std::move(normals), 3);
 }
 
@@ -175,9 +174,8 @@ py::array_t<float> curvatures(py::handle points, int k, py::object progress)
   REmath::CNormalEstimationParams params = normalParams(k);
   params.setSecondOrder(true);
   std::vector<float> curv;
-  runInterruptible(std::move(progress), [&](CProgressCounter & c) {
-    estimatedNormals(pts.data, static_cast<int>(pts.rows), params, &c, &curv);
-  });
+  runInterruptible(std::move(progress), [&](CProgressCounter & c)
+                   { estimatedNormals(pts.data, static_cast<int>(pts.rows), params, &c, &curv); });
   // The library marks an unknown curvature -1; NaN keeps it out of NumPy's
   // arithmetic unnoticed.
   for (float & x : curv)
@@ -198,8 +196,14 @@ public:
 
 private:
   int onPointsNumber() const override { return m_count; }
-  float const * onGetSampleCoords3(int i) const override { return m_points + 3 * static_cast<std::size_t>(i); }
-  float const * onGetSampleNormal3(int i) const override { return m_normals + 3 * static_cast<std::size_t>(i); }
+  float const * onGetSampleCoords3(int i) const override
+  {
+    return m_points + 3 * static_cast<std::size_t>(i);
+  }
+  float const * onGetSampleNormal3(int i) const override
+  {
+    return m_normals + 3 * static_cast<std::size_t>(i);
+  }
   bool onIsBoundaryVertex(int) const override { return false; }
 
   float const * m_points;
@@ -220,7 +224,10 @@ private:
     for (int k = 0; k < 3; ++k)
       vertices.push_back(static_cast<float>(p[k]));
   }
-  void onAddNewVertex(int, float const * p, float const *) override { vertices.insert(vertices.end(), p, p + 3); }
+  void onAddNewVertex(int, float const * p, float const *) override
+  {
+    vertices.insert(vertices.end(), p, p + 3);
+  }
   void onAddNewTriangle(int a, int b, int c) override
   {
     triangles.push_back(a);
@@ -251,12 +258,12 @@ py::tuple reconstruct(py::handle points, py::handle normals, int depth, std::str
                       bool density, py::object progress)
 {
   if (depth < kMinDepth || depth > kMaxDepth)
-    throw py::value_error("depth must be from " + std::to_string(kMinDepth) + " to " + std::to_string(kMaxDepth) +
-                          ", got " + std::to_string(depth));
+    throw py::value_error("depth must be from " + std::to_string(kMinDepth) + " to " +
+                          std::to_string(kMaxDepth) + ", got " + std::to_string(depth));
   int code = 0;
   if (!solverCode(solver, code))
-    throw py::value_error("solver must be 'multilevel', 'auto', 'direct', 'iterative' or 'decomposing', got '" +
-                          solver + "'");
+    throw py::value_error(
+        "solver must be 'multilevel', 'auto', 'direct', 'iterative' or 'decomposing', got '" + solver + "'");
   auto const pts = rows3<float>(points, "points");
   qzpy::Rows3<float> given;
   if (!normals.is_none())
@@ -281,19 +288,21 @@ py::tuple reconstruct(py::handle points, py::handle normals, int depth, std::str
   params.setPhaseNameShown(true);
 
   tf_MeshArrays mesh;
-  runInterruptible(std::move(progress), [&](CProgressCounter & c) {
-    // Normals first where none were given: a quarter of the bar, as in qzrecon.
-    bool const estimating = given.data == nullptr;
-    std::vector<float> estimated;
-    if (estimating)
-    {
-      CPrgCntSubPhase normalsPhase(&c, 0.0, 0.25);
-      estimated = estimatedNormals(pts.data, count, normalParams(20), &c);
-    }
-    tf_ArraySamples samples(pts.data, estimating ? estimated.data() : given.data, count);
-    CPrgCntSubPhase reconstruction(&c, estimating ? 0.25 : 0.0, estimating ? 0.75 : 1.0);
-    VolTr::CVolumetricTriangulator(&mesh, &samples, &params, &c).run();
-  });
+  runInterruptible(std::move(progress),
+                   [&](CProgressCounter & c)
+                   {
+                     // Normals first where none were given: a quarter of the bar, as in qzrecon.
+                     bool const estimating = given.data == nullptr;
+                     std::vector<float> estimated;
+                     if (estimating)
+                     {
+                       CPrgCntSubPhase normalsPhase(&c, 0.0, 0.25);
+                       estimated = estimatedNormals(pts.data, count, normalParams(20), &c);
+                     }
+                     tf_ArraySamples samples(pts.data, estimating ? estimated.data() : given.data, count);
+                     CPrgCntSubPhase reconstruction(&c, estimating ? 0.25 : 0.0, estimating ? 0.75 : 1.0);
+                     VolTr::CVolumetricTriangulator(&mesh, &samples, &params, &c).run();
+                   });
   return py::make_tuple(toNumpy(std::move(mesh.vertices), 3), toNumpy(std::move(mesh.triangles), 3));
 }
 
@@ -316,8 +325,7 @@ py::array_t<double> vec3(double const * p) { return toNumpy(std::vector<double>(
 py::array_t<double> vec3(REmath::Point3D_d const & p) { return vec3(p.asArray()); }
 
 // Runs a fit without the GIL; a fit that finds nothing is a ValueError.
-template <class Fit>
-void runFit(char const * what, Fit && fit)
+template <class Fit> void runFit(char const * what, Fit && fit)
 {
   bool ok;
   {
@@ -332,9 +340,11 @@ py::tuple fitPlane(py::handle points, bool robust)
 {
   auto const v = pointList(points, "fit_plane", 3);
   double coeff[4], centroid[3];
-  runFit("fit_plane: no plane fits these points (they lie on one line or coincide)", [&] {
-    return robust ? FitPlaneToPointSetRobust(v, coeff, centroid) : FitPlaneToPointSet(v, coeff, centroid);
-  });
+  runFit("fit_plane: no plane fits these points (they lie on one line or coincide)",
+         [&] {
+           return robust ? FitPlaneToPointSetRobust(v, coeff, centroid)
+                         : FitPlaneToPointSet(v, coeff, centroid);
+         });
   return py::make_tuple(vec3(coeff), coeff[3], vec3(centroid));
 }
 
@@ -342,9 +352,11 @@ py::tuple fitLine(py::handle points, bool robust)
 {
   auto const v = pointList(points, "fit_line", 2);
   REmath::Point3D_d origin, direction;
-  runFit("fit_line: no line fits these points (they coincide)", [&] {
-    return robust ? FitLineToPointSetRobust(v, origin, direction) : FitLineToPointSet(v, origin, direction);
-  });
+  runFit("fit_line: no line fits these points (they coincide)",
+         [&] {
+           return robust ? FitLineToPointSetRobust(v, origin, direction)
+                         : FitLineToPointSet(v, origin, direction);
+         });
   return py::make_tuple(vec3(origin), vec3(direction));
 }
 
@@ -353,9 +365,12 @@ py::tuple fitCircle(py::handle points, bool robust)
   auto const v = pointList(points, "fit_circle", 3);
   REmath::Point3D_d center, normal;
   double radius = 0.0;
-  runFit("fit_circle: no circle fits these points (they lie on one line, coincide, or the fit failed)", [&] {
-    return robust ? FitCircleToPointSetRobust(v, center, normal, radius) : FitCircleToPointSet(v, center, normal, radius);
-  });
+  runFit("fit_circle: no circle fits these points (they lie on one line, coincide, or the fit failed)",
+         [&]
+         {
+           return robust ? FitCircleToPointSetRobust(v, center, normal, radius)
+                         : FitCircleToPointSet(v, center, normal, radius);
+         });
   return py::make_tuple(vec3(center), vec3(normal), radius);
 }
 
@@ -414,7 +429,8 @@ void writeCloud(std::string const & path, py::handle points, py::handle normals)
   {
     cloud.normals = floatList(normals, "normals", &normalRows);
     if (normalRows != rows)
-      throw py::value_error("normals has " + std::to_string(normalRows) + " rows, points " + std::to_string(rows));
+      throw py::value_error("normals has " + std::to_string(normalRows) + " rows, points " +
+                            std::to_string(rows));
   }
   try
   {
@@ -438,7 +454,8 @@ py::tuple sampleShape(std::string const & name, long long count, std::uint32_t s
     throw py::value_error("shape must be one of " + names + ", got '" + name + "'");
   }
   if (count < 1 || count > INT_MAX)
-    throw py::value_error("count must be from 1 to " + std::to_string(INT_MAX) + ", got " + std::to_string(count));
+    throw py::value_error("count must be from 1 to " + std::to_string(INT_MAX) + ", got " +
+                          std::to_string(count));
   qzrecon::OrientedCloud cloud;
   {
     py::gil_scoped_release release;

@@ -144,11 +144,10 @@ def reconstruct(points, normals=None, depth=8, solver="multilevel", open=False, 
                                                  density=True, progress=True)
 
     DESCRIPTION
-        Solves a Poisson-type equation over an octree whose leaf lattice has
-        2**depth cells along the longest side of the cloud's box (the root
-        spans twice that box), and extracts the level set that passes
-        through the samples as a triangle mesh. The mesh is watertight
-        unless open=True.
+        Solves a Poisson-type equation over an octree of the given depth
+        and extracts the level set that passes through the samples as a
+        triangle mesh, with triangles about (size of the cloud) / 2**depth
+        across. The mesh is watertight unless open=True.
 
         The defaults are the library's recommended parameters, the same as
         the qzrecon tool's: the multilevel solve with adaptive screening
@@ -172,8 +171,8 @@ def reconstruct(points, normals=None, depth=8, solver="multilevel", open=False, 
         normals   (N, 3) array of oriented normals, or None to estimate them.
                   Their length weights the sample: pass unit normals unless
                   that is intended.
-        depth     octree depth, 1 to 16 (default 8). Each step doubles the
-                  resolution and roughly quadruples time and memory.
+        depth     octree depth, 1 to 16 (default 8). Each step halves the
+                  triangle size and roughly quadruples time and memory.
         solver    "multilevel" (default: depth by depth, no stored matrix), or
                   one of the classic paths "auto" (by system size), "direct",
                   "iterative", "decomposing", which solve the plain equation

@@ -27,8 +27,8 @@ def test_same_mesh_as_the_tool(tmp_path, tools, columns, depth, options):
         rows = np.loadtxt(cloud)[:, :3]
         cloud = tmp_path / "sphere.xyz"
         np.savetxt(cloud, rows, fmt="%.9g")
-    subprocess.run([tools["qzrecon"], "--quiet", "--depth", str(depth), *options, str(cloud), str(tmp_path / "tool.ply")],
-                   check=True, capture_output=True)
+    subprocess.run([tools["qzrecon"], "--quiet", "--depth", str(depth), *options, str(cloud),
+                    str(tmp_path / "tool.ply")], check=True, capture_output=True)
 
     points, normals = qzmath.read_cloud(cloud)
     kwargs = dict(solver="direct", density=False, open=True) if options else {}
