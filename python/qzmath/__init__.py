@@ -53,6 +53,13 @@ __all__ = [
     "ReconstructionError", "NormalEstimationError", "CloudReadError",
 ]
 
+ReconstructionError.__doc__ = "The reconstruction failed (a RuntimeError); the text is the library's."
+NormalEstimationError.__doc__ = ("The cloud cannot have normals estimated (a ValueError): too few points, all on "
+                                 "one line, a bad k or viewpoint; the text is the library's.")
+CloudReadError.__doc__ = "A cloud file's content cannot be read (a ValueError); the text names the file and place."
+for _error in (ReconstructionError, NormalEstimationError, CloudReadError):
+    _error.__module__ = __name__  # tracebacks name them qzmath.X, where users catch them
+
 Plane = _namedtuple("Plane", "normal offset centroid")
 Plane.__doc__ = """A fitted plane: the points p with normal . p == offset.
 
