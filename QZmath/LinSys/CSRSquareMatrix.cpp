@@ -88,6 +88,20 @@ template <class T> void CCSRSquareMatrix<T>::reserveMemory(int count)
   m_columns.reserve(static_cast<std::size_t>(count));
 }
 
+template <class T> void CCSRSquareMatrix<T>::pushBackCsrElement(T value, int column)
+{
+  m_values.push_back(value);
+  try
+  {
+    m_columns.push_back(column);
+  }
+  catch (...)
+  {
+    m_values.pop_back();
+    throw;
+  }
+}
+
 template <class T>
 void CCSRSquareMatrix<T>::initMemory(int size, int nonZeros, eCSRindexBase base, bool upperOnly)
 {
@@ -214,8 +228,7 @@ bool CCSRSquareMatrixFiller<T>::pushByRawNextNonZeroElementMemoryPreallocatedCor
 template <class T>
 bool CCSRSquareMatrixFiller<T>::pushByRawNextNonZeroElementIncreaseMemoryCore(int column, T value)
 {
-  m_pTarget->pushBackCsrValue(value);
-  m_pTarget->pushBackCsrColumn(column);
+  m_pTarget->pushBackCsrElement(value, column);
   return true;
 }
 

@@ -91,6 +91,9 @@ public:
   eCSRmemoryPolicy getMemoryPolicy() const { return m_memoryPolicy; }
   void pushBackCsrValue(T value) { m_values.push_back(value); }
   void pushBackCsrColumn(int column) { m_columns.push_back(column); }
+  /// Appends a value and its column, both or neither: when memory runs out,
+  /// std::bad_alloc passes on and the two arrays stay as they were.
+  void pushBackCsrElement(T value, int column);
   /// Reserves capacity for `count` values and columns; never shrinks.
   void reserveMemory(int count);
 
@@ -153,7 +156,9 @@ public:
   CCSRSquareMatrixFiller(CCSRSquareMatrixFiller const &) = delete;
   CCSRSquareMatrixFiller & operator=(CCSRSquareMatrixFiller const &) = delete;
 
-  /// `row` and `column` include the index base.
+  /// `row` and `column` include the index base. A growing filler that runs
+  /// out of memory passes std::bad_alloc on with the filler and the matrix as
+  /// they were before the push, so that the push can be made again.
   bool pushByRawNextNonZeroElement(int row, int column, T value);
   /// Reserves room in the target; spoils unless both the filler and the target
   /// grow their memory.

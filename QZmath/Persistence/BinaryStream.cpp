@@ -29,8 +29,15 @@ void CFileBinaryStream::skipReadData(long offset)
   if (!m_pFile)
     throw CVescaException(tf_sReadError);
   off_t const before = ::ftello(m_pFile);
+  bool const hadError = std::ferror(m_pFile) != 0;
   if (::fseeko(m_pFile, static_cast<off_t>(offset), SEEK_CUR) != 0)
-    throw CVescaException(tf_sReadError);
+  {
+    // A seek first writes out what the stream holds for writing; when that is
+    // what failed (a full disk, say), the failure is a write's, not the end
+    // of the data.
+    bool const writeFailed = !hadError && std::ferror(m_pFile) != 0;
+    throw CVescaException(writeFailed ? tf_sWriteError : tf_sReadError);
+  }
   // The seek has flushed whatever was buffered for writing, so the file's
   // size is the whole of the data.
   struct stat st;

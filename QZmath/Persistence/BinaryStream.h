@@ -3,8 +3,8 @@
 // write through; CFileBinaryStream puts one over a C file the caller opened.
 // Failures are CVescaException with a fixed text:
 //   a short read or a skip beyond the data: "Unexpected end of file. Probably corrupted data."
-//   a short write: "Impossible write to file. Probably not enough free disk space or unexpected internal
-//   error."
+//   a short write, also one that fails when a skip writes out what was buffered: "Impossible write to
+//   file. Probably not enough free disk space or unexpected internal error."
 // Positions and offsets are 64-bit.
 
 #include <cstdint>

@@ -37,7 +37,9 @@ public:
   /// Grows the file to room for n elements; never shrinks.
   virtual void reserve(std::size_t n) = 0;
   /// Sets the number of elements in use. Growing without `fill` leaves the
-  /// bytes the file already holds there (zeros where it never had any);
+  /// bytes the file already holds there (zeros where it never had any), but
+  /// for the last byte of the new last element: one zero byte written there
+  /// is how the file reaches the new end;
   /// growing with `fill` writes a copy of its element-size bytes to every new
   /// element. Shrinking drops the cached copies beyond the new end, held or
   /// not, without writing them back. Above 0x7fffffff elements it fails.

@@ -94,7 +94,7 @@ public:
             }
           if (!found)
           {
-            caches.emplace_back(new OneVarCache);
+            caches.push_back(std::unique_ptr<OneVarCache>(new OneVarCache)); // owned even if the list cannot grow
             found = caches.back().get();
             fill(*found, l, r, parity ? parity[axis] : 0);
           }

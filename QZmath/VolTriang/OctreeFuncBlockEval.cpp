@@ -393,7 +393,7 @@ void COctreeFuncBlockEvaluator::evalMany(double const * points, std::size_t coun
   std::vector<IVescaInvokeProc *> procs;
   for (int t = 0; t < tasks; ++t)
   {
-    work.emplace_back(new Task(*this));
+    work.push_back(std::unique_ptr<Task>(new Task(*this))); // owned even if the list cannot grow
     work.back()->begin = order.data() + count * t / tasks;
     work.back()->end = order.data() + count * (t + 1) / tasks;
     work.back()->points = points;

@@ -202,7 +202,7 @@ public:
     int const n = threads > 1 ? threads : 1;
     for (int t = 0; t < n; ++t)
     {
-      m_workers.emplace_back(new Worker);
+      m_workers.push_back(std::unique_ptr<Worker>(new Worker)); // owned even if the list cannot grow
       Worker & w = *m_workers.back();
       w.x.reset(new COctreeFuncBlockEvaluator(x));
       if (gradient)

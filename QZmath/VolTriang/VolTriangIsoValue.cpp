@@ -136,7 +136,9 @@ double CLevelSetExtraction::meanValueAtSamples(LinComb const & x, IInputSamples 
   for (int k = 0; k < tasks; ++k)
   {
     int const end = xLow + static_cast<int>(static_cast<long long>(xHigh - xLow) * (k + 1) / tasks);
-    work.emplace_back(new Task(&x, samples, weights, begin, end, adapter.get(), values.empty() ? nullptr : values.data()));
+    // Owned before the list grows, so that a list that cannot grow frees it.
+    work.push_back(std::unique_ptr<Task>(
+        new Task(&x, samples, weights, begin, end, adapter.get(), values.empty() ? nullptr : values.data())));
     begin = end;
   }
   if (tasks == 1)

@@ -147,7 +147,9 @@ struct jbDeferred
     constexpr std::size_t CHUNK = 4096;
     if (cornerChunks.empty() || cornersInChunk == CHUNK)
     {
-      cornerChunks.emplace_back(new CornerRecord[CHUNK]());
+      // Owned before the list grows: a list that cannot grow must not lose it.
+      std::unique_ptr<CornerRecord[]> chunk(new CornerRecord[CHUNK]());
+      cornerChunks.push_back(std::move(chunk));
       cornersInChunk = 0;
     }
     CornerRecord & r = cornerChunks.back()[cornersInChunk++];
@@ -577,9 +579,11 @@ int jbProcess::polygonize(jbFunction & f, double s, int * b, Point3D_d startPoin
       std::free(first);
       throw;
     }
-    setcenter(0, 0, 0);
+    // On the list before anything else can fail, so that the clean-up below
+    // frees it too: marking the centre allocates.
     first->next = nullptr;
     cubes = first;
+    setcenter(0, 0, 0);
 
     int const walked = walk();
     if (walked != 0)

@@ -1,0 +1,347 @@
+// Memory running out at every allocation in turn: the Nth allocation fails,
+// for N from 0 until a run gets through. Each failure must come out as
+// std::bad_alloc, leave nothing allocated (LeakSanitizer in the sanitizer
+// build) and leave the objects usable: the same work done again afterwards
+// gives what a run that never failed gives.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "FailingAllocator.h"
+#include "QZmath/LinSys/CSRSstorage.h"
+#include "QZmath/Persistence/BinaryStream.h"
+#include "QZmath/VolTriang/jbProcess.h"
+#include "QZsys/TempFile.h"
+#include "fuzz/ComponentDocument.h"
+#include "tests/LinSys/EquationTestSupport.h"
+#include "tests/Reconstruction/ReconstructionSupport.h"
+
+namespace
+{
+/// Runs `attempt(n)` with the allocator failing after n allocations, for
+/// n = 0, 1, ... until an attempt runs without a refusal; `attempt` returns
+/// normally or passes std::bad_alloc on. `after(n, failed)` checks the state
+/// once the allocator is disarmed, and frees whatever the attempt kept: then
+/// nothing may be left. Returns the number of attempts that failed.
+template <class Attempt, class After> int sweep(Attempt attempt, After after, long limit = 200000)
+{
+  int failures = 0;
+  for (long n = 0; n < limit; ++n)
+  {
+    bool threw = false;
+    long const live = qzfi::liveAllocations();
+    {
+      qzfi::ScopedFailure arm(n);
+      try
+      {
+        attempt(n);
+      }
+      catch (std::bad_alloc const &)
+      {
+        threw = true;
+      }
+    }
+    bool const refused = qzfi::failed();
+    // A refusal that a callee swallowed would hide a failure: every refused
+    // allocation must surface as std::bad_alloc.
+    EXPECT_EQ(threw, refused) << "allocation " << n;
+    after(n, threw);
+    EXPECT_EQ(qzfi::liveAllocations(), live) << "left allocated after a failure at allocation " << n;
+    if (!refused)
+      return failures;
+    ++failures;
+    if (::testing::Test::HasFailure())
+      return failures;
+  }
+  ADD_FAILURE() << "no attempt got through in " << limit << " allocations";
+  return failures;
+}
+} // namespace
+
+// The filler in growing mode: a push that runs out of memory takes neither
+// the value nor the column and leaves the filler open, so that the caller can
+// make the push again.
+TEST(MemoryExhaustion, CsrFillerPushIsAllOrNothing)
+{
+  int const n = 30;
+  std::vector<double> const a = linsys_test::randomSparseDense<double>(n, 4, false, 5u);
+  int failures = 0;
+  for (long budget = 0;; ++budget)
+  {
+    bool refused = false;
+    {
+      qzfi::ScopedFailure arm(budget);
+      REmath::CCSRSquareMatrix<double> m;
+      // Making the filler sizes the row index: a failure there is an
+      // ordinary bad_alloc before anything was filled.
+      std::unique_ptr<REmath::CCSRSquareMatrixFiller<double>> made;
+      try
+      {
+        made.reset(new REmath::CCSRSquareMatrixFiller<double>(&m, n, -1, 1, false));
+      }
+      catch (std::bad_alloc const &)
+      {
+        ++failures;
+        continue;
+      }
+      REmath::CCSRSquareMatrixFiller<double> & filler = *made;
+      for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j)
+        {
+          double const v = a[static_cast<std::size_t>(i) * n + j];
+          if (v == 0)
+            continue;
+          try
+          {
+            ASSERT_TRUE(filler.pushByRawNextNonZeroElement(i + 1, j + 1, v));
+          }
+          catch (std::bad_alloc const &)
+          {
+            qzfi::disarm(); // the rest runs with memory enough
+            refused = true;
+            ASSERT_EQ(m.getCsrValuesSize(), m.getCsrColumnsSize()) << "allocation " << budget;
+            ASSERT_FALSE(filler.isSpoiled());
+            ASSERT_TRUE(filler.pushByRawNextNonZeroElement(i + 1, j + 1, v));
+          }
+        }
+      refused = refused || qzfi::failed();
+      qzfi::disarm();
+      ASSERT_TRUE(filler.setCompleted());
+      ASSERT_EQ(m.getCsrValuesSize(), m.getCsrColumnsSize());
+      ASSERT_EQ(linsys_test::densify(m), a) << "allocation " << budget;
+    }
+    if (!refused)
+      break;
+    ++failures;
+  }
+  EXPECT_GT(failures, 5);
+}
+
+// A whole system through its equations: after a failure at any point the
+// caller takes up the step that failed and goes on. The storage ends either
+// right or spoiled, never wrong while claiming to be complete, and its arrays
+// always agree in length.
+TEST(MemoryExhaustion, CsrStorageIsNeverSilentlyWrong)
+{
+  int const n = 20;
+  for (bool symmetric : {false, true})
+  {
+    std::vector<double> const a = linsys_test::randomSparseDense<double>(n, 4, symmetric, 9u);
+    struct Build
+    {
+      REmath::CCSRSstorage<double> s;
+      int defined = 0, added = 0;
+    };
+    std::unique_ptr<Build> b;
+    auto goOn = [&](Build & x)
+    {
+      for (; x.defined <= n; ++x.defined)
+        x.defined < n ? x.s.DefineFreeVertex(x.defined) : x.s.DefineFixedVertex(x.defined);
+      for (; x.added < n; ++x.added)
+      {
+        REmath::CVertexLinearCombination<double> e;
+        for (int j = 0; j < n; ++j)
+          if (a[static_cast<std::size_t>(x.added) * n + j] != 0)
+            e.AddVertex(j, a[static_cast<std::size_t>(x.added) * n + j]);
+        e.AddVertex(n, x.added + 1.0);
+        x.s.AddEquation(e);
+      }
+    };
+    int spoiled = 0, right = 0;
+    int const failures = sweep(
+        [&](long)
+        {
+          b.reset(new Build);
+          b->s.setSymmetric(symmetric);
+          goOn(*b);
+        },
+        [&](long, bool)
+        {
+          if (!b)
+            return; // the storage itself could not be made
+          ASSERT_EQ(b->s.getCsrValuesSize(), b->s.getCsrColumnsSize());
+          goOn(*b);
+          ASSERT_EQ(b->s.getCsrValuesSize(), b->s.getCsrColumnsSize());
+          if (!b->s.IsCorrectlyDefinedSystem())
+            ++spoiled;
+          else
+          {
+            ++right;
+            EXPECT_EQ(linsys_test::densify<double>(b->s), a);
+          }
+          b.reset();
+        });
+    EXPECT_GT(failures, 5);
+    EXPECT_GT(right, 0);
+    std::printf("symmetric %d: %d failures, then %d right and %d spoiled\n", symmetric, failures, right, spoiled);
+  }
+}
+
+// The component loader over a document of known, unknown and nested
+// components: a load that runs out of memory passes std::bad_alloc on, and
+// the same bytes load in full afterwards.
+TEST(MemoryExhaustion, ComponentLoaderFailsCleanlyAndLoadsAgain)
+{
+  VsUt::CTemporaryFile file("QZtest_fi_");
+  CFileBinaryStream stream(file.get());
+  {
+    auto * doc = new qzfuzz::DocFilter(stream, nullptr);
+    for (int i = 0; i < 6; ++i)
+    {
+      VsF::IComponentFilter * child;
+      if (i % 3 == 0)
+      {
+        auto * p = new qzfuzz::PointsFilter(stream);
+        p->coords.assign(static_cast<std::size_t>(3 * (i + 4)), 0.5f * i);
+        child = p;
+      }
+      else
+      {
+        auto * t = new qzfuzz::TextFilter(stream);
+        t->text = std::string(40 + i, static_cast<char>('a' + i)); // beyond the short-string room
+        child = t;
+      }
+      doc->children.emplace_back(new VsF::CInnerHeaderWrapper(child, nullptr, L""));
+    }
+    VsF::CInnerHeaderWrapper(doc, nullptr, L"").Save();
+    stream.writeData(3, "end");
+  }
+  struct Loaded
+  {
+    std::vector<std::vector<float>> points;
+    std::vector<std::string> texts;
+    int skipped = -1, warnings = -1;
+    long long bytes = -1;
+    bool operator==(Loaded const & o) const
+    {
+      return points == o.points && texts == o.texts && skipped == o.skipped && warnings == o.warnings &&
+             bytes == o.bytes;
+    }
+  };
+  auto load = [&]
+  {
+    std::rewind(file.get());
+    qzfuzz::CountingLog log;
+    qzfuzz::NullLogger logger;
+    std::wstring warning = L"a document skipped, with a warning long enough to allocate";
+    auto * doc = new qzfuzz::DocFilter(stream, &log);
+    VsF::CInnerHeaderWrapper wrapper(doc, &log, std::move(warning));
+    Loaded r;
+    r.bytes = wrapper.Load(logger);
+    r.bytes += VsF::CSkipTillTheEnd(stream, &log, L"rest", L"the rest skipped, also allocating its text").Load(logger);
+    r.points = doc->points;
+    r.texts = doc->texts;
+    r.skipped = doc->skipped;
+    r.warnings = log.lines;
+    return r;
+  };
+  Loaded const reference = load();
+  ASSERT_EQ(reference.points.size(), 2u);
+  ASSERT_EQ(reference.skipped, 2);
+  int const failures = sweep([&](long) { load(); }, [&](long, bool) { EXPECT_TRUE(load() == reference); });
+  EXPECT_GT(failures, 20);
+}
+
+// The polygoniser's walk with deferred vertices (its tables on the heap),
+// failing at every allocation: a failure frees the whole walk, and the walk
+// made again gives the same triangles.
+TEST(MemoryExhaustion, PolygoniserFreesItsWalk)
+{
+  struct Sphere : VolTr::jbFunction
+  {
+    double operator()(REmath::Point3D_d const & p, int * flag) override
+    {
+      if (flag)
+        *flag = 0;
+      return 1 - (p.x() * p.x() + p.y() * p.y() + p.z() * p.z());
+    }
+  } sphere;
+  // Vertices at edge midpoints: the walk, not the bisection, is under test.
+  struct Midpoints : VolTr::jbVertexSolver
+  {
+    VolTr::jbEdgeJob const * jobs = nullptr;
+    VolTr::jbVertex * out = nullptr;
+    int count = 0;
+    void submit(VolTr::jbEdgeJob const * j, VolTr::jbVertex * r, int n) override { jobs = j, out = r, count = n; }
+    void wait() override
+    {
+      for (int k = 0; k < count; ++k)
+        out[k].position = REmath::Point3D_d((jobs[k].p1.x() + jobs[k].p2.x()) / 2,
+                                            (jobs[k].p1.y() + jobs[k].p2.y()) / 2,
+                                            (jobs[k].p1.z() + jobs[k].p2.z()) / 2);
+      count = 0;
+    }
+  };
+  struct Triangles : VolTr::jbTriangleProcessor
+  {
+    std::vector<int> corners;
+    int operator()(int a, int b, int c, VolTr::jbVertices) override
+    {
+      corners.insert(corners.end(), {a, b, c});
+      return 1;
+    }
+  };
+  auto walk = [&]
+  {
+    VolTr::jbProcess p;
+    Midpoints solver;
+    Triangles sink;
+    int bounds[3] = {20, 20, 20};
+    EXPECT_EQ(p.polygonizeDeferred(sphere, 0.3, bounds, REmath::Point3D_d(0.9, 0.1, 0), sink, solver, 16), 0);
+    return sink.corners;
+  };
+  std::vector<int> const reference = walk();
+  ASSERT_GT(reference.size(), 100u);
+  int const failures = sweep([&](long) { walk(); }, [&](long, bool) { EXPECT_EQ(walk(), reference); });
+  EXPECT_GT(failures, 10);
+}
+
+// A small reconstruction, failing at every allocation in turn on whatever
+// thread makes it: run() passes std::bad_alloc on, and a run afterwards gives
+// the mesh of a run that never failed.
+TEST(MemoryExhaustion, ReconstructionPassesBadAllocOnAndRunsAgain)
+{
+  QZTest::CSampleCloud const cloud = QZTest::makeSphereCloud(200);
+  VolTr::CVolTriangulationParams const params = qztest::makeParams(4);
+  qztest::Mesh const reference = qztest::reconstruct(cloud, params).mesh;
+  ASSERT_GT(reference.triangles.size(), 50u);
+  qzfi::resetCount();
+  qztest::reconstruct(cloud, params);
+  long const total = qzfi::allocationsCounted();
+  // Every allocation of the first 150 (the set-up of every phase), then about
+  // 150 spread over the rest.
+  long const stride = std::max(1L, (total - 150) / 150);
+  int failures = 0;
+  for (long n = 0; n < total; n += n < 150 ? 1 : stride)
+  {
+    bool threw = false;
+    long const live = qzfi::liveAllocations();
+    {
+      qzfi::ScopedFailure arm(n);
+      try
+      {
+        qztest::reconstruct(cloud, params);
+      }
+      catch (std::bad_alloc const &)
+      {
+        threw = true;
+      }
+    }
+    ASSERT_EQ(threw, qzfi::failed()) << "allocation " << n << " of " << total;
+    ASSERT_EQ(qzfi::liveAllocations(), live) << "left allocated after a failure at allocation " << n;
+    failures += threw;
+    if (n % 37 == 0)
+    {
+      qztest::Mesh const again = qztest::reconstruct(cloud, params).mesh;
+      ASSERT_EQ(again.vertices, reference.vertices) << "after a failure at allocation " << n;
+      ASSERT_EQ(again.triangles, reference.triangles);
+    }
+  }
+  EXPECT_GT(failures, 250);
+  std::printf("reconstruction: %ld allocations, %d runs failed\n", total, failures);
+}
