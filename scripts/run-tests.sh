@@ -31,4 +31,8 @@ fi
 echo "== python tests"
 PYTHONPATH="$here/build/python" PYTHONDONTWRITEBYTECODE=1 \
   /usr/bin/python3 -m pytest -q -p no:cacheprovider "$here/tests/Python"
+# The readers of untrusted bytes, fuzzed for a short while each on their
+# corpora (seeds from our writers and every input that once broke them).
+echo "== fuzz targets"
+bash "$here/fuzz/run.sh"
 echo "== all tests passed"

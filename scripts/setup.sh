@@ -13,6 +13,7 @@ PACKAGES=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
   python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib
+  clang-14 libclang-rt-14-dev libfuzzer-14-dev
 )
 
 if [ "$(id -u)" -eq 0 ]; then

@@ -95,6 +95,7 @@ TYPED_TEST(SparseVector, AssignByVectorMatchesTheDenseArray)
     EXPECT_EQ(s.GetMinNonZeroIdx(), stored ? s.GetNonZeroPos(0) : 0x7FFFFFFF);
     EXPECT_EQ(s.GetMaxNonZeroIdx(), stored ? s.GetNonZeroPos(stored - 1) : -1);
   }
+  EXPECT_EQ(CSparseVectorTmpl<T>(4, nullptr).GetNOfNonZeroElements(), 0); // no array: empty
   CSparseVectorTmpl<T> one;
   one.SetElementNoIdxSearch(7, T(3));
   EXPECT_EQ(one[7] + one[6] + one[8], T(3));

@@ -177,6 +177,13 @@ TEST(CloudIO, HugeDeclaredCountFailsCleanly)
   writeFile(p, binaryPly(false, true, kRows, 4000000000L));
   std::string const e = errorOf(p);
   EXPECT_NE(e.find("unexpected end of file in vertex"), std::string::npos) << e;
+
+  // An element without properties takes no bytes, whatever its count: the
+  // vertices behind it are read at once (this used to count to 2^63).
+  std::string ply = binaryPly(false, false, kRows);
+  ply.insert(ply.find("element vertex"), "element nothing 9223372036854775807\n");
+  writeFile(p, ply);
+  expectRows(readCloud(p));
 }
 
 TEST(CloudIO, WrittenPlyReadsBackAsMesh)

@@ -435,6 +435,11 @@ OrientedCloud readPly(std::string const & path)
   for (Element const & e : elements)
   {
     bool const isVertex = &e == &*vertexIt;
+    // Rows without properties take no bytes: however many the header
+    // declares, there is nothing to read, and counting them could take
+    // forever.
+    if (e.properties.empty())
+      continue;
     if (isVertex)
     {
       // Reserve only what the file can hold, so that a lying count cannot

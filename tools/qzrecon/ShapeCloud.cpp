@@ -131,9 +131,17 @@ void writeText(std::string const & path, OrientedCloud const & cloud)
   std::FILE * f = std::fopen(path.c_str(), "w");
   if (!f)
     throw std::runtime_error(path + ": cannot write the file");
+  // A cloud without normals has none to write: three columns, as the reader
+  // takes them.
+  bool const withNormals = cloud.hasNormals();
   for (std::size_t i = 0; i < cloud.size(); ++i)
-    std::fprintf(f, "%.9g %.9g %.9g %.7g %.7g %.7g\n", cloud.points[3 * i], cloud.points[3 * i + 1],
-                 cloud.points[3 * i + 2], cloud.normals[3 * i], cloud.normals[3 * i + 1], cloud.normals[3 * i + 2]);
+  {
+    if (withNormals)
+      std::fprintf(f, "%.9g %.9g %.9g %.7g %.7g %.7g\n", cloud.points[3 * i], cloud.points[3 * i + 1],
+                   cloud.points[3 * i + 2], cloud.normals[3 * i], cloud.normals[3 * i + 1], cloud.normals[3 * i + 2]);
+    else
+      std::fprintf(f, "%.9g %.9g %.9g\n", cloud.points[3 * i], cloud.points[3 * i + 1], cloud.points[3 * i + 2]);
+  }
   bool const ok = std::ferror(f) == 0;
   if (std::fclose(f) != 0 || !ok)
     throw std::runtime_error(path + ": write failed");

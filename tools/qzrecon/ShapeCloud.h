@@ -27,6 +27,6 @@ std::vector<std::string> shapeNames();
 /// inner sphere of NestedSpheres faces its cavity). Deterministic for a seed.
 OrientedCloud makeShapeCloud(Shape shape, std::size_t count, std::uint32_t seed = 1);
 
-/// Writes "x y z nx ny nz" lines.
+/// Writes "x y z nx ny nz" lines, or "x y z" for a cloud without normals.
 void writeText(std::string const & path, OrientedCloud const & cloud);
 } // namespace qzrecon
