@@ -6,8 +6,10 @@
 // for float points.
 //
 // Every function returns false when no line can be made (fewer than 2
-// points, coincident points, a failed eigen-solution, non-finite input); the
-// outputs are undefined then. The direction comes back of unit length; its
+// points, two coincident points, a failed eigen-solution, non-finite input);
+// the outputs are undefined then. Three or more coincident points are not
+// refused: their scatter is zero, every direction fits equally well, and the
+// tie goes to the first axis, (1, 0, 0), about their common point. The direction comes back of unit length; its
 // sign is whatever the eigen-solver leaves, except that two points give the
 // direction from the first to the second.
 

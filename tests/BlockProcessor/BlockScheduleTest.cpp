@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "GridClient.h"
+#include "tests/Common/Checks.h"
 
 using namespace BlockTest;
 
@@ -165,15 +166,8 @@ TEST(BlockSchedule, WorkerResultsBecomeExceptions)
   GridStructure grid(1, 1, 0);
   GridProcessor p(grid);
   EXPECT_NO_THROW(p.CheckWorkerResult(0));
-  try
-  {
-    p.CheckWorkerResult(QZ_STATUS_USER_INTR);
-    ADD_FAILURE() << "no exception";
-  }
-  catch (CUserIntrException const & e)
-  {
-    EXPECT_STREQ(e.what(), "user interruption");
-  }
+  EXPECT_EQ(QZTest::whatOf<CUserIntrException>([&] { p.CheckWorkerResult(QZ_STATUS_USER_INTR); }),
+            "user interruption");
   for (int code : {1, -1, 9, 11})
   {
     try

@@ -66,35 +66,25 @@ struct Sleeping
 };
 } // namespace
 
-TEST(BlockWorker, WithoutAProcessorThereIsNothingToDo)
+TEST(BlockWorker, OwnOrSharedCountersAndAReadMutexEach)
 {
+  // Without a processor there is nothing to do, and no read mutex.
   LC_IdleWorker own(nullptr, true);
-  EXPECT_EQ(own.GetID(), 10000);
-  EXPECT_EQ(own.GetDebugLog(), nullptr);
-  EXPECT_EQ(own.GetReadMutex(), nullptr);
-  EXPECT_NE(own.GetProgressCounter(), nullptr);
-  EXPECT_NE(own.GetIdleWorkerEvent(), nullptr);
-  EXPECT_NE(own.GetWorkerWakeUpEvent(), nullptr);
-  EXPECT_NE(own.GetWorkerAbortEvent(), nullptr);
+  EXPECT_TRUE(own.GetID() == 10000 && own.GetDebugLog() == nullptr && own.GetReadMutex() == nullptr);
+  EXPECT_TRUE(own.GetProgressCounter() && own.GetIdleWorkerEvent() && own.GetWorkerWakeUpEvent() &&
+              own.GetWorkerAbortEvent());
   own.Work();
   own.ReturnBlockToManager(Block_iter());
+  EXPECT_EQ(LC_IdleWorker(nullptr, false).GetProgressCounter(), nullptr);
 
-  LC_IdleWorker shared(nullptr, false);
-  EXPECT_EQ(shared.GetProgressCounter(), nullptr);
-}
-
-TEST(BlockWorker, EachWorkerReadsUnderAMutexOfItsOwn)
-{
   GridStructure grid(2, 2, 1);
   ExposedProcessor p(grid);
   CProgressCounter progress;
   p.SetProgressCounter(&progress);
   LC_IdleWorker a(&p, false), b(&p, true);
-  EXPECT_NE(a.GetReadMutex(), nullptr);
-  EXPECT_NE(b.GetReadMutex(), nullptr);
-  EXPECT_NE(a.GetReadMutex(), b.GetReadMutex());
-  EXPECT_EQ(a.GetProgressCounter(), &progress);
-  EXPECT_NE(b.GetProgressCounter(), &progress);
+  EXPECT_TRUE(a.GetReadMutex() && b.GetReadMutex() && a.GetReadMutex() != b.GetReadMutex());
+  EXPECT_EQ(a.GetProgressCounter(), &progress); // shared
+  EXPECT_NE(b.GetProgressCounter(), &progress); // its own
 }
 
 TEST(BlockWorker, TraceOfOneBlockFromTakingToGivingBack)

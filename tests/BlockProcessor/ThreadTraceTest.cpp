@@ -62,12 +62,11 @@ TEST(ThreadTrace, NullLogAndNullTexts)
 {
   EXPECT_TRUE(b_DEBUG_THREADS_On);
   // Nothing to write to: no line, and no formatting of the text either.
-  DebugThreadMessage(nullptr, 1, "Blocks over");
   DebugThreadMessage(nullptr, 1, "%d", 1);
   DebugThreadMgrMessage(nullptr, "Mutex %p", static_cast<void *>(nullptr));
-
   VsUt::CMemoryDebugLog log;
   DebugThreadMessage(&log, 2, nullptr);
   DebugThreadMgrMessage(&log, nullptr, 3);
   EXPECT_EQ(log.lines(), (std::vector<std::string>{"[DEBUG_THREADS] Worker 2: ", "[DEBUG_THREADS] Manager: "}));
 }
+

@@ -40,30 +40,24 @@ struct Counting : IVescaInvokeProc
 };
 } // namespace
 
-TEST(TransThreadPrgCntAdapter, OwningThreadPassesStepsAtOnce)
+TEST(TransThreadPrgCntAdapter, OwningThreadPassesStepsAtOnceAndStopsAtTheTotal)
 {
   CProgressCounter c;
   CTransThreadPrgCntAdapter a;
   a.refresh(&c, 4);
   a.increment();
   EXPECT_DOUBLE_EQ(c.GetPosFloat(), 0.25);
-  a.increment();
-  a.increment();
-  a.increment();
-  a.increment(); // past the total: stays at the total
+  for (int i = 0; i < 4; ++i) // one past the total
+    a.increment();
   EXPECT_EQ(a.getCurrent(), 4);
   EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
   EXPECT_EQ(static_cast<IVescaThreadOnTimerObserver &>(a).getMillisecondsTimeOut(), 100u);
-}
 
-TEST(TransThreadPrgCntAdapter, NegativeTotalActsAsZero)
-{
-  CProgressCounter c;
-  CTransThreadPrgCntAdapter a;
-  a.refresh(&c, -5);
+  CProgressCounter d;
+  a.refresh(&d, -5); // a negative total acts as 0
   EXPECT_EQ(a.getTotal(), 0);
   a.increment();
-  EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
+  EXPECT_DOUBLE_EQ(d.GetPosFloat(), 1.0);
   a.refresh(nullptr, 3); // no counter: only counts
   a.increment();
   EXPECT_EQ(a.getCurrent(), 1);

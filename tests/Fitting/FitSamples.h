@@ -1,38 +1,19 @@
 #pragma once
 // Seeded samples of known geometry for the fitting tests: points on lines,
 // circles and planes with Gaussian noise, and gross outliers replacing a share
-// of them; and the little vector algebra the checks need.
+// of them; the vector algebra comes from the common tests.
 
 #include <cmath>
 #include <random>
 #include <vector>
 
 #include "QZmath/Foundation/Point3D.h"
+#include "tests/Common/Checks.h"
 
 namespace QZFitTest
 {
+using namespace QZTest;
 using REmath::Point3D_d;
-
-inline Point3D_d operator+(Point3D_d a, Point3D_d const & b) { return a += b; }
-inline Point3D_d operator-(Point3D_d a, Point3D_d const & b) { return a -= b; }
-inline Point3D_d operator*(Point3D_d a, double s) { return a *= s; }
-inline bool same(Point3D_d const & a, Point3D_d const & b)
-{
-  return a.x() == b.x() && a.y() == b.y() && a.z() == b.z();
-}
-inline double dot(Point3D_d const & a, Point3D_d const & b)
-{
-  return a.x() * b.x() + a.y() * b.y() + a.z() * b.z();
-}
-inline Point3D_d cross(Point3D_d const & a, Point3D_d const & b)
-{
-  return Point3D_d(a.y() * b.z() - a.z() * b.y(), a.z() * b.x() - a.x() * b.z(),
-                   a.x() * b.y() - a.y() * b.x());
-}
-inline double dist(Point3D_d const & a, Point3D_d const & b) { return (a - b).length(); }
-inline Point3D_d unit(Point3D_d const & a) { return a * (1.0 / a.length()); }
-/// |sin| of the angle between two directions, sign ignored.
-inline double sinAngle(Point3D_d const & a, Point3D_d const & b) { return cross(unit(a), unit(b)).length(); }
 
 /// A unit frame (u, v) of the plane with normal n.
 inline void planeAxes(Point3D_d const & n, Point3D_d & u, Point3D_d & v)

@@ -124,15 +124,9 @@ TEST(PlaneEq, ApproximatorIsOrderFreeAndRemovesExactly)
   ab->getPlane(p1);
   EXPECT_FALSE(p1.IsValid());
 
-  try
-  {
-    delete IPlaneAppoximator::CreateByConstraint(REmath::PlaneFitThroughPoint);
-    ADD_FAILURE() << "no exception";
-  }
-  catch (std::exception const & e)
-  {
-    EXPECT_STREQ(e.what(), "bad allocation");
-  }
+  EXPECT_EQ(whatOf<std::exception>(
+                [] { delete IPlaneAppoximator::CreateByConstraint(REmath::PlaneFitThroughPoint); }),
+            "bad allocation");
 }
 
 TEST(PlaneEq, SelectionConstraints)

@@ -5,20 +5,13 @@
 
 #include "QZmath/Foundation/LinearTransform.h"
 #include "QZmath/Foundation/VectorGeometry.h"
+#include "tests/Common/Checks.h"
 
 using REmath::Point3D_d;
+using namespace QZTest;
 
 namespace
 {
-void expectNear(const Point3D_d & a, const Point3D_d & b, double tol)
-{
-  EXPECT_NEAR(a.x(), b.x(), tol);
-  EXPECT_NEAR(a.y(), b.y(), tol);
-  EXPECT_NEAR(a.z(), b.z(), tol);
-}
-
-double dot(const Point3D_d & a, const Point3D_d & b) { return a.x() * b.x() + a.y() * b.y() + a.z() * b.z(); }
-
 struct Rng
 {
   std::mt19937 gen{23};

@@ -7,25 +7,13 @@
 #include <type_traits>
 
 #include "QZmath/Foundation/Matrix.h"
+#include "tests/Common/Checks.h"
 
 using namespace REmath;
+using QZTest::thrownWord;
 
 namespace
 {
-/// The word a call throws as `char const *`, or a marker when it throws none.
-template <class F> std::string thrownWord(F f)
-{
-  try
-  {
-    f();
-  }
-  catch (char const * word)
-  {
-    return word;
-  }
-  return "<nothing thrown>";
-}
-
 template <class T> Matrix<T> randomMatrix(int rows, int cols, std::mt19937 & rng, double lo = -10, double hi = 10)
 {
   std::uniform_real_distribution<double> u(lo, hi);
@@ -113,7 +101,7 @@ TEST(MatrixStorage, ExternalMemoryStaysTheCallersUntilResize)
   double * table[3] = {};
   {
     Matrix<double> m(memory, table, 2, 3);
-    EXPECT_EQ(table[1], memory + 2);
+    EXPECT_TRUE(table[0] == memory && table[1] == memory + 2);
     EXPECT_EQ(m(1, 2), 6.0);
     Matrix<double> same(2, 3);
     same(1, 1) = -1;
@@ -172,8 +160,10 @@ TEST(MatrixWindows, AsAndGetAreInverse)
   EXPECT_EQ(m(2, 1) + m(3, 0), 0.0);
 
   EXPECT_EQ(thrownWord([&] { m.as(4, 1, block); }), "NURBSMatrixErr");
+  EXPECT_EQ(thrownWord([&] { m.as(3, 2, block); }), "NURBSMatrixErr");
   EXPECT_EQ(thrownWord([&] { m.as(-1, 0, block); }), "NURBSMatrixErr");
   EXPECT_EQ(thrownWord([&] { m.get(0, -1, 1, 1); }), "NURBSMatrixErr");
+  EXPECT_EQ(thrownWord([&] { m.get(0, 0, -1, 1); }), "NURBSMatrixErr");
   EXPECT_EQ(thrownWord([&] { m.get(0, 0, 1, std::numeric_limits<int>::max()); }), "NURBSMatrixErr");
 }
 
@@ -372,5 +362,6 @@ TEST(MatrixInverse, ProductWithInverseIsIdentity)
   Matrix<double> singular(3, 3), inv, rect(3, 2);
   singular(0, 0) = singular(1, 1) = 1;
   EXPECT_FALSE(inverseMat(singular, inv));
+  EXPECT_TRUE(inverseMat(Matrix<double>(0, 0), inv));
   EXPECT_EQ(thrownWord([&] { inverseMat(rect, inv); }), "MatrixSolveDimError");
 }

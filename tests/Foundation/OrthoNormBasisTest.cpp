@@ -4,26 +4,13 @@
 #include <random>
 
 #include "QZmath/Foundation/OrthoNormBasis.h"
+#include "tests/Common/Checks.h"
 
 using REmath::Point3D_d;
+using namespace QZTest;
 
 namespace
 {
-void expectNear(const Point3D_d & a, const Point3D_d & b, double tol)
-{
-  EXPECT_NEAR(a.x(), b.x(), tol);
-  EXPECT_NEAR(a.y(), b.y(), tol);
-  EXPECT_NEAR(a.z(), b.z(), tol);
-}
-
-double dot(const Point3D_d & a, const Point3D_d & b) { return a.x() * b.x() + a.y() * b.y() + a.z() * b.z(); }
-
-Point3D_d cross(const Point3D_d & a, const Point3D_d & b)
-{
-  return Point3D_d(a.y() * b.z() - a.z() * b.y(), a.z() * b.x() - a.x() * b.z(),
-                   a.x() * b.y() - a.y() * b.x());
-}
-
 struct Rng
 {
   std::mt19937 gen{23};

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "QZmath/Foundation/Point3D.h"
@@ -15,30 +16,21 @@ TEST(Library, SettlesCpuConfigurationWhenLoaded) { EXPECT_TRUE(IsCPUconfSettled(
 
 TEST(Point3D, ConstructorsAndArrays)
 {
-  Point3D a;
-  EXPECT_EQ(a.x(), 0.f);
-  EXPECT_EQ(Point3D(2).y(), 2.f);
-  EXPECT_EQ(Point3D(2.5f).z(), 2.5f);
-  EXPECT_EQ(Point3D(0.1).x(), static_cast<float>(0.1));
-  Point3D b(1, 2, 3);
-  EXPECT_EQ(b.z(), 3.f);
+  static_assert(sizeof(Point3D) == 3 * sizeof(float) && sizeof(HPoint3D_d) == 4 * sizeof(double) &&
+                    std::is_trivially_copyable<Point3D>::value,
+                "plain values");
+  EXPECT_EQ(Point3D().x() + Point3D(2).y() + Point3D(2.5f).z(), 4.5f);
   double const dd[3] = {1.1, 2.2, 3.3};
-  Point3D c(dd);
-  EXPECT_EQ(c.y(), static_cast<float>(2.2));
+  Point3D c(dd); // each coordinate rounded to float once
   float f[3];
-  c.toArray(f);
-  EXPECT_EQ(f[2], static_cast<float>(3.3));
   double d[3];
+  c.toArray(f);
   c.toArray(d);
-  EXPECT_EQ(d[0], static_cast<double>(static_cast<float>(1.1)));
-  float const *p = c.asArray();
-  EXPECT_EQ(p, &c.x());
-  EXPECT_EQ(p[1], c.y());
+  EXPECT_TRUE(c.y() == static_cast<float>(2.2) && f[2] == static_cast<float>(3.3) &&
+              d[0] == static_cast<double>(static_cast<float>(1.1)));
+  EXPECT_EQ(c.asArray(), &c.x()); // the array is the point itself
   c.y() = 7;
   EXPECT_EQ(c.asArray()[1], 7.f);
-  static_assert(sizeof(Point3D) == 3 * sizeof(float), "plain value");
-  static_assert(sizeof(HPoint3D_d) == 4 * sizeof(double), "plain value");
-  static_assert(std::is_trivially_copyable<Point3D>::value, "plain value");
 }
 
 TEST(Point3D, DoubleOperandsRoundOnce)
@@ -117,29 +109,16 @@ TEST(Point3D_d, LengthUnitAndAngle)
   EXPECT_EQ(f[1], 1.f);
 }
 
-TEST(HPoint3D, OrderComparesNorm2Only)
+TEST(HPoint3D, OrderComparesNorm2SquaredInFloatAndSummedInDouble)
 {
   HPoint3D a(1, 2, 2, 9), b(3, 0, 0, 0);
-  EXPECT_FALSE(a < b);
-  EXPECT_FALSE(b < a);
-  EXPECT_TRUE(a <= b);
-  EXPECT_TRUE(a >= b);
-  EXPECT_TRUE(a != b);
-  EXPECT_EQ(a.norm2(), 9.0);
-  EXPECT_EQ(a.norm(), 3.0);
-  EXPECT_TRUE(HPoint3D(1, 1, 1, 0) < HPoint3D(0, 0, 2, 0));
-  EXPECT_TRUE(HPoint3D(0, 0, 2, 0) > HPoint3D(-1, 1, 1, 100));
-  EXPECT_TRUE(HPoint3D(1, 2, 3, 4) == HPoint3D(1, 2, 3, 4));
-  EXPECT_FALSE(HPoint3D(1, 2, 3, 4) == HPoint3D(1, 2, 3, 5));
-
+  EXPECT_TRUE(!(a < b) && !(b < a) && a <= b && a >= b && a != b) << "equal norms, different points";
+  EXPECT_TRUE(a.norm2() == 9.0 && a.norm() == 3.0);
+  EXPECT_TRUE(HPoint3D(1, 1, 1, 0) < HPoint3D(0, 0, 2, 0) && HPoint3D(0, 0, 2, 0) > HPoint3D(-1, 1, 1, 100));
+  HPoint3D const e(1, 2, 3, 4);
+  EXPECT_TRUE(e == HPoint3D(1, 2, 3, 4) && !(e == HPoint3D(1, 2, 3, 5)));
   HPoint3D_d c(1, 2, 2, 9), d(-3, 0, 0, 1);
-  EXPECT_FALSE(c < d);
-  EXPECT_FALSE(d < c);
-  EXPECT_TRUE(c != d);
-}
-
-TEST(HPoint3D, Norm2SquaresInFloatSumsInDouble)
-{
+  EXPECT_TRUE(!(c < d) && !(d < c) && c != d);
   std::mt19937 rng(11);
   std::uniform_real_distribution<float> u(-1e3f, 1e3f);
   for (int i = 0; i < 1000; ++i)
@@ -151,45 +130,33 @@ TEST(HPoint3D, Norm2SquaresInFloatSumsInDouble)
   }
 }
 
-TEST(HPoint3D, ConversionsAndProjection)
+TEST(HPoint3D, ConversionsProjectionAndArithmeticOnAllFour)
 {
+  // From a point: w = 1; projected: the first three, no division by w.
   HPoint3D_d h(Point3D_d(1, 2, 3));
-  EXPECT_EQ(h.w(), 1.0);
-  Point3D_d p = h.projectW();
-  EXPECT_EQ(p.x(), 1.0);
-  EXPECT_EQ(p.z(), 3.0);
+  EXPECT_EQ(h, HPoint3D_d(1, 2, 3, 1));
   h.w() = 2;
-  p = h.projectW();
-  EXPECT_EQ(p.y(), 2.0); // no division by w
-  EXPECT_EQ(p.z(), 3.0);
-
+  EXPECT_EQ(h.projectW().y(), 2.0);
   HPoint3D f(Point3D(4, 5, 6));
-  EXPECT_EQ(f.w(), 1.f);
   f.w() = 0;
   EXPECT_EQ(f.projectW().x(), 4.f);
   f = 2.5;
   EXPECT_EQ(f, HPoint3D(2.5f, 2.5f, 2.5f, 2.5f));
   f = Point3D(1, 1, 1);
   EXPECT_EQ(f.w(), 1.f);
-  EXPECT_EQ(HPoint3D(3), HPoint3D(3, 3, 3, 3));
   EXPECT_EQ(HPoint3D_d(3), HPoint3D_d(3, 3, 3, 3));
   float const four[4] = {1, 2, 3, 4};
   EXPECT_EQ(HPoint3D_d(four), HPoint3D_d(1, 2, 3, 4));
-  EXPECT_EQ(HPoint3D(four).w(), 4.f);
-}
 
-TEST(HPoint3D, ScalarArithmeticOnAllFour)
-{
-  HPoint3D a(1, 2, 3, 4);
+  HPoint3D a(four);
   a += 1.0f;
   EXPECT_EQ(a, HPoint3D(2, 3, 4, 5));
   a *= 2.0;
-  EXPECT_EQ(a, HPoint3D(4, 6, 8, 10));
   a /= 2.0f;
   a -= 1.0;
   EXPECT_EQ(a, HPoint3D(1, 2, 3, 4));
   HPoint3D t(1.0f);
-  t /= 3.0;
+  t /= 3.0; // in double, rounded once
   EXPECT_EQ(t.w(), static_cast<float>(1.0 / 3.0));
   HPoint3D_d b(1, 2, 3, 4);
   b *= 0.5f;

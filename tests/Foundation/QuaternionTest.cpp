@@ -4,6 +4,10 @@
 #include <random>
 
 #include "QZmath/Foundation/Quaternion.h"
+#include "tests/Common/Checks.h"
+
+using QZTest::expectNear;
+using QZTest::product;
 
 namespace
 {
@@ -18,23 +22,6 @@ struct Rng
     return q;
   }
 };
-
-CRotationMatrix product(const CRotationMatrix & a, const CRotationMatrix & b)
-{
-  CRotationMatrix r = CRotationMatrix::Zero();
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j)
-      for (int k = 0; k < 3; ++k)
-        r.m[i][j] += a.m[i][k] * b.m[k][j];
-  return r;
-}
-
-void expectNear(const CRotationMatrix & a, const CRotationMatrix & b, double tol)
-{
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j)
-      EXPECT_NEAR(a.m[i][j], b.m[i][j], tol) << i << "," << j;
-}
 
 // q and -q are the same rotation.
 void expectSameRotation(const Quaternion & a, const Quaternion & b, double tol)

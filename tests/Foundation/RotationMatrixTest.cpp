@@ -9,28 +9,15 @@
 #include <type_traits>
 
 #include "QZmath/Foundation/RotationMatrix.h"
+#include "tests/Common/Checks.h"
 
 using REmath::Point3D_d;
 
+using QZTest::expectNear;
+using QZTest::product;
+
 namespace
 {
-CRotationMatrix product(const CRotationMatrix & a, const CRotationMatrix & b)
-{
-  CRotationMatrix r = CRotationMatrix::Zero();
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j)
-      for (int k = 0; k < 3; ++k)
-        r.m[i][j] += a.m[i][k] * b.m[k][j];
-  return r;
-}
-
-void expectNear(const CRotationMatrix & a, const CRotationMatrix & b, double tol)
-{
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j)
-      EXPECT_NEAR(a.m[i][j], b.m[i][j], tol) << i << "," << j;
-}
-
 CRotationMatrix randomMatrix(std::mt19937 & rng)
 {
   std::uniform_real_distribution<double> u(-2.0, 2.0);
@@ -136,15 +123,8 @@ TEST(RotationMatrix, EigenvectorsOfSelfAdjoint)
 
   CRotationMatrix bad;
   bad.m[0][1] = bad.m[1][0] = std::numeric_limits<double>::quiet_NaN();
-  try
-  {
-    GetEigenVectorsSA(bad, v, values, true);
-    FAIL() << "no exception";
-  }
-  catch (std::runtime_error const & e)
-  {
-    EXPECT_EQ(std::string(e.what()), "GetEigenVectorsSA failed");
-  }
+  EXPECT_EQ(QZTest::whatOf<std::runtime_error>([&] { GetEigenVectorsSA(bad, v, values, true); }),
+            "GetEigenVectorsSA failed");
 }
 
 TEST(RotationMatrix, EulerAngles)

@@ -6,24 +6,13 @@
 #include <type_traits>
 
 #include "QZmath/Foundation/Vector.h"
+#include "tests/Common/Checks.h"
 
 using namespace REmath;
+using QZTest::thrownWord;
 
 namespace
 {
-template <class F> std::string thrownWord(F f)
-{
-  try
-  {
-    f();
-  }
-  catch (char const * word)
-  {
-    return word;
-  }
-  return "<nothing thrown>";
-}
-
 template <class V, class = void> struct HasMinIndex : std::false_type
 {
 };

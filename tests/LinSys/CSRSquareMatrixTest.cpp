@@ -8,6 +8,7 @@
 
 #include "EquationTestSupport.h"
 #include "QZmath/LinSys/CSRSquareMatrix.h"
+#include "tests/Common/Checks.h"
 
 using namespace REmath;
 using linsys_test::CDenseTestStorage;
@@ -188,15 +189,9 @@ TYPED_TEST(CsrMatrix, ConversionOfASystemEqualsItsDenseForm)
   zero.AddEquation(linsys_test::eq<T>({{0, 0}}));
   EXPECT_EQ(LinearSystem2CsrMatrix<T>(zero, 1, false).getNonZeroValuesNumber(), 0);
   EXPECT_EQ(LinearSystem2CsrMatrix<T>(CDenseTestStorage<T>(), 0, true).getMatrixSize(), 0);
-  try
-  {
-    LinearSystem2CsrMatrix<T>(zero, 3, false);
-    ADD_FAILURE() << "a base of 3 must not be accepted";
-  }
-  catch (std::logic_error const & error)
-  {
-    EXPECT_EQ(std::string(error.what()), "REmath::LinearSystem2CsrMatrix internal error");
-  }
+  EXPECT_EQ(QZTest::whatOf<std::logic_error>([&] { LinearSystem2CsrMatrix<T>(zero, 3, false); }),
+            "REmath::LinearSystem2CsrMatrix internal error")
+      << "a base of 3 must not be accepted";
 }
 
 TYPED_TEST(CsrMatrix, ProductsMatchTheDenseReferenceForBothBasesAndBothForms)

@@ -210,64 +210,6 @@ TYPED_TEST(Solvers, IterativeSolverCountsIterationsOverAllRightParts)
   EXPECT_EQ(solveAndCount(3, 0, 2), 3 * 2);
 }
 
-// The path of the surface reconstruction: a symmetric positive definite
-// system of a 27-point stencil, filled row by row through the compressed-row
-// storage's bulk operations, its right part carried by one fixed vertex of
-// position 1, solved by the direct, the iterative and the decomposing solver.
-TEST(SolversReconstructionPath, BulkFilledStencilSystemSolvedByAllThree)
-{
-  int const side = 7, n = side * side * side;
-  CProblem problem{n, 1, std::vector<std::map<int, double>>(n), true, true};
-  for (int i = 0; i < n; ++i)
-  {
-    for (int d = 0; d < 27; ++d)
-    {
-      int const x = i % side + d % 3 - 1, y = i / side % side + d / 3 % 3 - 1,
-                z = i / side / side + d / 9 - 1;
-      if (x >= 0 && y >= 0 && z >= 0 && x < side && y < side && z < side)
-        problem.rows[i][(z * side + y) * side + x] = d == 13 ? 27.0 : -1.0;
-    }
-    problem.rows[i][n] = -(std::cos(0.05 * i) + 0.25);
-  }
-  auto build = [&](CCSRSstorage<double> & storage)
-  {
-    storage.setSymmetric(true);
-    storage.setPositiveDefinite(true);
-    for (int v = 0; v < n; ++v)
-      storage.DefineFreeVertex(v);
-    storage.DefineFixedVertex(n);
-    storage.reserveMatrixMemory(n * 27);
-    for (int i = 0; i < n; ++i)
-    {
-      std::vector<double> values;
-      std::vector<int> columns;
-      for (auto const & term : problem.rows[i])
-        if (term.first < n)
-          columns.push_back(term.first), values.push_back(term.second);
-      storage.addEquationFreePartNoAliases(i, static_cast<int>(values.size()), values.data(), columns.data());
-      storage.SetFixedVertCoeff(i, 0, problem.rows[i][n]);
-    }
-  };
-  CSparseStoreSparseLinSysSolver<double> direct(0);
-  CSparseStoreBicgstabLinSysSolver<double> iterative(-1, 1e-6, 3000);
-  CLinSysSolverSpaceDecomposer<double> decomposer({n / 4, 2 * n / 4, 3 * n / 4}, 1e-6, 10000);
-  build(direct.getStorageRefMod());
-  build(iterative.getStorageRefMod());
-  build(decomposer.getStorageRefMod());
-  ASSERT_EQ(solver_test::fixedPositions(problem, 0), std::vector<double>{1.0});
-  for (IVertexPosLinearSystem<double> * solver : {static_cast<IVertexPosLinearSystem<double> *>(&direct),
-                                                  static_cast<IVertexPosLinearSystem<double> *>(&iterative),
-                                                  static_cast<IVertexPosLinearSystem<double> *>(&decomposer)})
-  {
-    ASSERT_TRUE(solver->IsCorrectlyDefinedSystem());
-    CRightParts<double> parts(problem, 1);
-    ASSERT_TRUE(parts.solveBy(*solver));
-    EXPECT_LT(parts.error(0), solver == &direct ? 1e-12 : 1e-5);
-  }
-  EXPECT_GT(iterative.getIterationsUsed(), 0);
-  EXPECT_GT(decomposer.getIterationsUsed(), 0);
-}
-
 TYPED_TEST(Solvers, InterruptionPassesOutAndLeavesTheSolverUsable)
 {
   using T = TypeParam;

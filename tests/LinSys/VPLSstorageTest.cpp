@@ -6,6 +6,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "EquationTestSupport.h"
 #include "QZmath/LinSys/VPLSstorage.h"
 
 using namespace REmath;
@@ -59,13 +60,6 @@ template <class T> struct RandomSystem
   }
 };
 
-template <class T> CVertexLinearCombination<T> equation(std::initializer_list<std::pair<int, double>> terms)
-{
-  CVertexLinearCombination<T> e;
-  for (auto const & t : terms)
-    e.AddVertex(t.first, static_cast<T>(t.second));
-  return e;
-}
 template <class S> using ElementOf = decltype(std::declval<S const &>().GetFreeVertCoeff(0, 0));
 template <class S> constexpr bool hasShiftedRows()
 {
@@ -129,7 +123,7 @@ TYPED_TEST(VPLSstorage, MisuseSpoils)
     S s;
     s.DefineFreeVertex(1);
     s.DefineFixedVertex(2);
-    s.AddEquation(equation<T>({{2, 1.0}}));
+    s.AddEquation(linsys_test::eq<T>({{2, 1.0}}));
     EXPECT_TRUE(s.IsSpoiled());
     EXPECT_EQ(s.GetEquationsNumber(), 0);
   }
@@ -139,10 +133,10 @@ TYPED_TEST(VPLSstorage, MisuseSpoils)
     S s;
     s.DefineFreeVertex(1);
     s.DefineFreeVertex(2);
-    s.AddEquation(equation<T>({{1, 1.0}, {2, 1.0}}));
+    s.AddEquation(linsys_test::eq<T>({{1, 1.0}, {2, 1.0}}));
     s.DefineFreeVertex(3);
     EXPECT_FALSE(s.IsSpoiled());
-    s.AddEquation(equation<T>({{3, 1.0}}));
+    s.AddEquation(linsys_test::eq<T>({{3, 1.0}}));
     EXPECT_TRUE(s.IsSpoiled());
   }
   {
@@ -168,10 +162,10 @@ TYPED_TEST(VPLSstorage, CopyIsDeepAndSymmetryIsOnlyAFlag)
   EXPECT_TRUE(s.isSymmetric());
   s.DefineFreeVertex(10);
   s.DefineFreeVertex(20);
-  s.AddEquation(equation<T>({{10, 2.0}, {20, 1.0}}));
+  s.AddEquation(linsys_test::eq<T>({{10, 2.0}, {20, 1.0}}));
   std::unique_ptr<S> copy(s.Copy());
   EXPECT_TRUE(copy->isSymmetric());
-  copy->AddEquation(equation<T>({{10, 1.0}, {20, 3.0}}));
+  copy->AddEquation(linsys_test::eq<T>({{10, 1.0}, {20, 3.0}}));
   EXPECT_TRUE(copy->IsCorrectlyDefinedSystem());
   EXPECT_EQ(s.GetEquationsNumber(), 1);
   T const x[2] = {T(1), T(10)};
@@ -215,8 +209,8 @@ TEST(VPLSstorageRows, LastFreeVertexAloneGivesAOneValueShiftedRow)
   for (int i = 0; i < 6; ++i)
     s.DefineFreeVertex(i);
   for (int k = 0; k < 5; ++k)
-    s.AddEquation(equation<float>({{k, 1.0}}));
-  s.AddEquation(equation<float>({{5, 4.0}}));
+    s.AddEquation(linsys_test::eq<float>({{k, 1.0}}));
+  s.AddEquation(linsys_test::eq<float>({{5, 4.0}}));
   ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
   float const x[6] = {1, 1, 1, 1, 1, 0.5f};
   EXPECT_EQ(s.ScalarProductByMatrixRow(5, 6, x), 2.0f);

@@ -15,6 +15,7 @@
 #include "QZmath/Persistence/ComponentFilters.h"
 #include "QZmath/Persistence/GraphObjectSelector.h"
 #include "QZsys/TempFile.h"
+#include "tests/Common/Checks.h"
 
 using namespace VsF;
 
@@ -146,31 +147,19 @@ std::uint64_t readLE(std::string const & b, std::size_t at, int n)
   return v;
 }
 
-template <class E, class F> void expectThrowText(F && f, char const * text)
-{
-  try
-  {
-    f();
-    ADD_FAILURE() << "no exception; expected: " << text;
-  }
-  catch (E const & e)
-  {
-    EXPECT_STREQ(e.what(), text);
-  }
-}
 } // namespace
 
 TEST(ComponentHeader, SaveWritesTheExactLayoutAndPatchesTheSize)
 {
   TempStream t;
-  CInnerHeaderWrapper w(new PayloadFilter(t.stream, "Points", 3, "twelve bytes"), nullptr, L"");
+  CInnerHeaderWrapper w(new PayloadFilter(t.stream, "Points", 0x7A000003, "twelve bytes"), nullptr, L"");
   EXPECT_EQ(w.Save(), 140);
   EXPECT_EQ(t.stream.getPosition(), 140); // at the end of the data
   std::string const b = t.contents();
   ASSERT_EQ(b.size(), 140u);
   EXPECT_EQ(b.compare(0, 10, std::string("VsCmpWrp\0\0", 10)), 0);
   EXPECT_EQ(readLE(b, 10, 8), 12u);
-  EXPECT_EQ(readLE(b, 18, 4), 3u);
+  EXPECT_EQ(readLE(b, 18, 4), 0x7A000003u);                            // all four bytes of the version
   EXPECT_EQ(b.compare(22, 106, "Points" + std::string(100, '\0')), 0); // mark, then zeros
   EXPECT_EQ(b.substr(128), "twelve bytes");
   EXPECT_EQ(CInnerHeaderWrapper::getWrapHeaderSize(), 128);
@@ -223,14 +212,15 @@ TEST(ComponentHeader, UnknownVersionsAndMarksAreSkippedWithAWarning)
   EXPECT_EQ(skipper.Load(logger), 131);
   EXPECT_EQ(skipper.Load(logger), 130);
   EXPECT_EQ(log.lines.size(), 2u);
-  expectThrowText<std::exception>([&] { skipper.Save(); }, "Internal logic error CInnerHeaderWrapper");
+  EXPECT_EQ(QZTest::whatOf<std::exception>([&] { skipper.Save(); }),
+            "Internal logic error CInnerHeaderWrapper");
   EXPECT_EQ(t.contents().size(), 261u);
 }
 
 TEST(ComponentHeader, BadHeadersMarksAndMiscountingFiltersFail)
 {
-  expectThrowText<std::logic_error>([] { CInnerHeaderWrapper(nullptr, nullptr, L"x"); },
-                                    "Error: attempt to CInnerHeaderWrapper wraps empty sub-filter.");
+  EXPECT_EQ(QZTest::whatOf<std::logic_error>([] { CInnerHeaderWrapper(nullptr, nullptr, L"x"); }),
+            "Error: attempt to CInnerHeaderWrapper wraps empty sub-filter.");
   TempStream t;
   // Marks of 29 characters fit; of 30, the header refuses them and nothing is written.
   std::string const fits(29, 'm');
@@ -345,19 +335,18 @@ TEST(FileBinaryStream, ReadsWritesSkipsAndFailsWithItsTexts)
   EXPECT_EQ(t.stream.getPosition(), 1);
 
   char const * readError = "Unexpected end of file. Probably corrupted data.";
-  expectThrowText<CVescaException>([&] { t.stream.readData(5, buf); }, readError);
+  EXPECT_EQ(QZTest::whatOf<CVescaException>([&] { t.stream.readData(5, buf); }), readError);
   std::rewind(t.file.get());
-  expectThrowText<CVescaException>([&] { t.stream.skipReadData(-1); }, readError);
-  expectThrowText<CVescaException>([&] { t.stream.skipReadData(6); }, readError);
+  EXPECT_EQ(QZTest::whatOf<CVescaException>([&] { t.stream.skipReadData(-1); }), readError);
+  EXPECT_EQ(QZTest::whatOf<CVescaException>([&] { t.stream.skipReadData(6); }), readError);
   EXPECT_EQ(t.stream.getPosition(), 0); // a refused skip stays where it was
   t.stream.skipReadData(5);             // up to the end is fine
 
   int const fd = ::dup(::fileno(t.file.get()));
   CFileWrapClose guard(::fdopen(fd, "rb"));
   CFileBinaryStream readOnly(guard.FilePtr());
-  expectThrowText<CVescaException>(
-      [&] { readOnly.writeData(3, "abc"); },
-      "Impossible write to file. Probably not enough free disk space or unexpected internal error.");
+  EXPECT_EQ(QZTest::whatOf<CVescaException>([&] { readOnly.writeData(3, "abc"); }),
+            "Impossible write to file. Probably not enough free disk space or unexpected internal error.");
   guard.release();
   EXPECT_EQ(guard.FilePtr(), nullptr);
   EXPECT_EQ(::fcntl(fd, F_GETFD), -1); // closed

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "QZmath/Persistence/ExternVector.h"
+#include "tests/Common/Checks.h"
 
 using namespace VescaExtVec;
 
@@ -76,15 +77,7 @@ void writeInt(ExternVectorVoidInterface & v, std::size_t i, std::int32_t value)
 
 template <class F> void expectBadAllocation(F && f)
 {
-  try
-  {
-    f();
-    ADD_FAILURE() << "no exception";
-  }
-  catch (std::bad_alloc const & e)
-  {
-    EXPECT_STREQ(e.what(), "bad allocation");
-  }
+  EXPECT_EQ(QZTest::whatOf<std::bad_alloc>(f), "bad allocation");
 }
 } // namespace
 
@@ -125,7 +118,6 @@ TEST(ExternVector, GrowthDoublesAndTheFileHoldsRawElements)
   std::memcpy(&want[20], &fill, 4);
   std::memcpy(&want[24], &fill, 4);
   EXPECT_EQ(fileBytes(0, 28), want);
-
 }
 
 TEST(ExternVector, HoldersShareOneCopyWrittenBackByTheLastRelease)

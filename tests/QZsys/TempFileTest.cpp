@@ -7,36 +7,9 @@
 #include <sys/stat.h>
 
 #include "QZsys/TempFile.h"
+#include "tests/Common/Checks.h"
 
 using namespace VsUt;
-
-namespace
-{
-/// Sets TMPDIR for one scope and restores what was there.
-class ScopedTmpDir
-{
-public:
-  explicit ScopedTmpDir(char const * dir)
-  {
-    char const * old = std::getenv("TMPDIR");
-    m_had = old != nullptr;
-    if (m_had)
-      m_old = old;
-    ::setenv("TMPDIR", dir, 1);
-  }
-  ~ScopedTmpDir()
-  {
-    if (m_had)
-      ::setenv("TMPDIR", m_old.c_str(), 1);
-    else
-      ::unsetenv("TMPDIR");
-  }
-
-private:
-  bool m_had = false;
-  std::string m_old;
-};
-} // namespace
 
 TEST(TempFile, ReadWriteAndNamelessFromTheStart)
 {
@@ -58,15 +31,11 @@ TEST(TempFile, ReadWriteAndNamelessFromTheStart)
 
 TEST(TempFile, FailureIsABadAllocation)
 {
-  ScopedTmpDir dir("/nonexistent/qz-temp-dir");
-  try
-  {
-    std::FILE * f = OpenTemporaryFile("QZtest_");
-    std::fclose(f);
-    FAIL() << "a temporary file in a missing directory";
-  }
-  catch (std::bad_alloc const & e)
-  {
-    EXPECT_STREQ(e.what(), "bad allocation");
-  }
+  char const * old = std::getenv("TMPDIR");
+  std::string const saved = old ? old : "";
+  ::setenv("TMPDIR", "/nonexistent/qz-temp-dir", 1);
+  EXPECT_EQ(QZTest::whatOf<std::bad_alloc>([] { std::fclose(OpenTemporaryFile("QZtest_")); }),
+            "bad allocation")
+      << "a temporary file in a missing directory";
+  old ? ::setenv("TMPDIR", saved.c_str(), 1) : ::unsetenv("TMPDIR");
 }

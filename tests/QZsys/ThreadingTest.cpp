@@ -73,6 +73,11 @@ TEST(PerformInParallel, RunsTasksConcurrently)
   }
   CVescaThreadingTasksHelper::performInParallel(tasks.data(), n, nullptr);
   EXPECT_EQ(met.load(), n);
+  // Nothing to run: no task array, a null task, no count.
+  IVescaInvokeProc * none[] = {nullptr};
+  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(nullptr, 3, nullptr));
+  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(none, 1, nullptr));
+  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(none, 0, nullptr));
 }
 
 TEST(PerformInParallel, PumpsTheObserverOnTheCallingThread)
@@ -122,14 +127,6 @@ TEST(PerformInParallel, ObserverExceptionWaitsForTasks)
   EXPECT_EQ(obs.events.load(), 2); // pumping stopped at the exception
 }
 
-TEST(PerformInParallel, EmptyAndNullInput)
-{
-  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(nullptr, 3, nullptr));
-  IVescaInvokeProc * none[] = {nullptr};
-  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(none, 1, nullptr));
-  EXPECT_NO_THROW(CVescaThreadingTasksHelper::performInParallel(none, 0, nullptr));
-}
-
 TEST(PhysicalThreads, CountedAtLeastOneAndSettable)
 {
   int const counted = CVescaThreadingTasksHelper::getNumOfPhisicalThread();
@@ -143,14 +140,10 @@ TEST(PhysicalThreads, CountedAtLeastOneAndSettable)
   EXPECT_TRUE(IsCPUconfSettled());
 }
 
-TEST(ThreadingFactory, SingletonIsOneInstance)
-{
-  EXPECT_EQ(&CVescaSingletonT<IVescaThreadingFactory>::instance(), CVescaSingletonT<IVescaThreadingFactory>::get());
-}
-
 TEST(ThreadingFactory, AutoResetEventWithTimeouts)
 {
   auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
+  EXPECT_EQ(&f, CVescaSingletonT<IVescaThreadingFactory>::get());
   std::unique_ptr<IVescaBlockingEvent> e(f.createBlockingEvent());
   EXPECT_FALSE(e->wait(0)); // poll
   e->set();

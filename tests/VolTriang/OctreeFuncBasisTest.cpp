@@ -152,20 +152,6 @@ TEST(OctreeFuncLinComb, CachedAndUncachedEvaluationEqualThePlainSum)
   }
 }
 
-TEST(OctreeFuncLinComb, CopiesAreDeep)
-{
-  Fixture fx(true, 3);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
-  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> a(&basis);
-  a.setBasisCoefficient(0, 2.0);
-  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> b(a);
-  b.setBasisCoefficient(0, 3.0);
-  EXPECT_EQ(a.getBasisCoefficient(0), 2.0);
-  a = b;
-  EXPECT_EQ(a.getBasisCoefficient(0), 3.0);
-  EXPECT_THROW(a.setBasisCoefficient(basis.getFunctionsNumber(), 1.0), std::out_of_range);
-}
-
 TEST(OctreeFuncEvalHelper, RegionsAreChosenReplacedAndCounted)
 {
   COctreeFuncEvalHelper none(0, 1.0);
@@ -303,12 +289,20 @@ TEST(OctreeFuncLinComb, CountsNonZeroCoefficientsPerDepth)
     expected[static_cast<std::size_t>(t.getNodeDepth(node))] += int(is) - int(was);
     lc.setBasisCoefficient(node, v);
   }
+  // Copies and assignments are deep and keep the counts.
   COctreeFuncLinCombTmpl<CProductPiecewisePolynom> const copy(lc);
+  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> assigned(&basis);
+  assigned = lc;
   for (int d = 0; d < t.getNodeDepthEnd(); ++d)
   {
     EXPECT_EQ(lc.getNonZeroCoefficientsAtDepth(d), expected[static_cast<std::size_t>(d)]) << d;
     EXPECT_EQ(copy.getNonZeroCoefficientsAtDepth(d), expected[static_cast<std::size_t>(d)]) << d;
+    EXPECT_EQ(assigned.getNonZeroCoefficientsAtDepth(d), expected[static_cast<std::size_t>(d)]) << d;
   }
+  lc.setBasisCoefficient(1, 11.0);
+  EXPECT_NE(copy.getBasisCoefficient(1), 11.0);
+  EXPECT_NE(assigned.getBasisCoefficient(1), 11.0);
   EXPECT_EQ(lc.getNonZeroCoefficientsAtDepth(-1), 0);
   EXPECT_EQ(lc.getNonZeroCoefficientsAtDepth(99), 0);
+  EXPECT_THROW(lc.setBasisCoefficient(basis.getFunctionsNumber(), 1.0), std::out_of_range);
 }

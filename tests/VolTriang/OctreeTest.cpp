@@ -14,10 +14,12 @@
 
 #include "QZmath/VolTriang/Octree.h"
 #include "QZsys/Progress.h"
+#include "tests/Common/Checks.h"
 #include "tests/Common/SampleClouds.h"
 
 using namespace VolTr;
 using QZTest::CSampleCloud;
+using QZTest::whatOf;
 
 namespace
 {
@@ -317,8 +319,6 @@ private:
   bool onIsBoundaryVertex(int) const override { return false; }
   float m_p[3] = {0, 0, 0};
 };
-
-std::string whatOf(std::exception const & e) { return e.what(); }
 } // namespace
 
 // ===================================================================== tests
@@ -330,17 +330,7 @@ TEST(CInt3, DefaultIsMinusOneAndCoordModIsChecked)
   a.coordMod(1) = 5;
   EXPECT_EQ(a.coord(1), 5);
   for (int bad : {3, -1})
-  {
-    try
-    {
-      a.coordMod(bad);
-      FAIL() << "no exception for " << bad;
-    }
-    catch (std::exception const & e)
-    {
-      EXPECT_EQ(whatOf(e), "CInt3::coordMod incorrect argument");
-    }
-  }
+    EXPECT_EQ(whatOf<std::exception>([&] { a.coordMod(bad); }), "CInt3::coordMod incorrect argument") << bad;
   // Lexicographic order, as the tables rely on it; depth first for nodes.
   EXPECT_TRUE(CInt3(0, 5, 5) < CInt3(1, 0, 0));
   EXPECT_TRUE(CInt3(1, 0, 9) < CInt3(1, 1, 0));
@@ -525,15 +515,9 @@ TEST(COctree, BadDepthFailsBeforeAnySampleIsRead)
   for (Case c : {Case{-1, true}, Case{1, true}, Case{0, false}, Case{-1, false}, Case{30, false}})
   {
     CCountingSamples samples;
-    try
-    {
-      COctree tree(&samples, c.depth, nullptr, c.center, -1);
-      FAIL() << "no exception at depth " << c.depth;
-    }
-    catch (std::exception const & e)
-    {
-      EXPECT_EQ(whatOf(e), "Incorrect tree depth detected in VolTr::COctree constructor");
-    }
+    EXPECT_EQ(whatOf<std::exception>([&] { COctree(&samples, c.depth, nullptr, c.center, -1); }),
+              "Incorrect tree depth detected in VolTr::COctree constructor")
+        << c.depth;
     EXPECT_EQ(samples.reads, 0);
   }
   CCountingSamples samples;
@@ -548,15 +532,9 @@ TEST(COctree, NonFiniteCoordinatesAreRefusedWithTheSampleIndex)
   {
     CSampleCloud cloud = QZTest::makeSphereCloud(20, 1.0, 61);
     cloud.coordsMod(13)[1] = bad;
-    try
-    {
-      COctree tree(&cloud, 4, nullptr, true, -1);
-      FAIL() << "no exception for " << bad;
-    }
-    catch (std::exception const & e)
-    {
-      EXPECT_EQ(whatOf(e), "Sample 13 has a non-finite coordinate in VolTr::COctree constructor");
-    }
+    EXPECT_EQ(whatOf<std::exception>([&] { COctree(&cloud, 4, nullptr, true, -1); }),
+              "Sample 13 has a non-finite coordinate in VolTr::COctree constructor")
+        << bad;
   }
 }
 

@@ -6,7 +6,7 @@
 
 using namespace VolTr;
 
-TEST(CInterval, Makers)
+TEST(CParallelepiped, MakersAndConstructorsAgree)
 {
   EXPECT_EQ(CInterval::all().getLeft(), -DBL_MAX);
   EXPECT_EQ(CInterval::all().getRight(), DBL_MAX);
@@ -14,20 +14,11 @@ TEST(CInterval, Makers)
   EXPECT_EQ(CInterval::lessX(2).getLeft(), -DBL_MAX);
   EXPECT_EQ(CInterval::greaterX(-1).getLeft(), -1.0);
   EXPECT_EQ(CInterval::greaterX(-1).getRight(), DBL_MAX);
-}
-
-TEST(CParallelepiped, ConstructorsAgree)
-{
   double const lo[3] = {0, 1, 2}, hi[3] = {3, 4, 5};
-  CParallelepiped a(0, 3, 1, 4, 2, 5), b(lo, hi), c(CInterval(0, 3), CInterval(1, 4), CInterval(2, 5));
+  CParallelepiped a(0, 3, 1, 4, 2, 5), b(lo, hi), c(CInterval(0, 3), CInterval(1, 4), CInterval(2, 5)), d;
   for (int i = 0; i < 3; ++i)
-  {
-    EXPECT_EQ(a.getMin()[i], lo[i]);
-    EXPECT_EQ(a.getMax()[i], hi[i]);
-    EXPECT_EQ(b.getMin()[i], c.getMin()[i]);
-    EXPECT_EQ(b.getMax()[i], c.getMax()[i]);
-  }
-  CParallelepiped d;
+    for (CParallelepiped const * box : {&a, &b, &c})
+      EXPECT_TRUE(box->getMin()[i] == lo[i] && box->getMax()[i] == hi[i]) << i;
   EXPECT_EQ(d.getMax()[2], 0.0);
   d.setDimension(1, CInterval(-1, 1));
   EXPECT_EQ(d.getDimension(1).getLeft(), -1.0);

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "QZmath/VolTriang/SingleVarPolynom.h"
+#include "tests/Common/Checks.h"
 #include "tests/VolTriang/PolynomTestSupport.h"
 
 using namespace VolTr;
@@ -99,15 +100,8 @@ TEST(SingleVarLimitedPolynom, RefusedArgumentsAndBoundaryConventions)
   CSingleVarPolynom const one[2] = {CSingleVarPolynom(1, std::vector<double>{7.0}.data()),
                                     CSingleVarPolynom(1, std::vector<double>{9.0}.data())};
   double const same[2] = {0.0, 0.0};
-  try
-  {
-    CSingleVarLimitedPolynom bad(0.0, 1, one, 2, same);
-    FAIL() << "no exception";
-  }
-  catch (std::exception const & e)
-  {
-    EXPECT_STREQ(e.what(), "VolTr::CSingleVarLimitedPolynom: ctor fails");
-  }
+  EXPECT_EQ(QZTest::whatOf<std::exception>([&] { CSingleVarLimitedPolynom(0.0, 1, one, 2, same); }),
+            "VolTr::CSingleVarLimitedPolynom: ctor fails");
   double const k01[2] = {0.0, 1.0}, k3[3] = {0.0, 1.0, 2.0}, nan3[3] = {0.0, std::nan(""), 2.0};
   CSingleVarLimitedPolynom f(0.5, 1, one, 2, k01);
   CSingleVarLimitedPolynom const before(f);
