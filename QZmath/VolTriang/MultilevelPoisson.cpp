@@ -73,6 +73,12 @@ struct CMultilevelPoissonSolver::SScreenPoints
   std::vector<double> weight;
   std::vector<double> values;       // per point, 3 axes x (2 reach + 1) kernel values
   std::vector<double> diagonal;     // per node, sum of weight * F_o(point)^2
+  // The nodes each point reaches with F_node(point) != 0, point by point in
+  // the line walk's order (sums over them keep that order): the relaxation
+  // goes over these pairs at every step.
+  std::vector<std::int64_t> pairStart; // per point and one more
+  std::vector<int> pairNode;
+  std::vector<double> pairValue;
   int width() const { return 2 * reach + 1; }
   double const * valuesOf(int point) const { return &values[static_cast<std::size_t>(point) * 3 * width()]; }
 };
@@ -948,6 +954,86 @@ int tf_findNode(SLevel const & p, int const * m)
 
 // The samples merged per node cell of the screened depths, with their kernel
 // values and the diagonal of each depth's screening operator.
+namespace
+{
+// Lists the point-node pairs of a screened depth: for every point, the nodes
+// whose kernel reaches it (within the reach of its holder) with the value
+// F_node(point), walking the lines of nodes around the holder. Blocks of
+// points on every thread, each into lists of its own, joined in order.
+void tf_screenPairs(SLevel const & p, SPairTables const & table, CMultilevelPoissonSolver::SScreenPoints & sp,
+                    int tasks)
+{
+  int const points = static_cast<int>(sp.holder.size());
+  int const w = sp.width(), reach = sp.reach;
+  double const s = p.scale, norm = s * s * s;
+  int const blocks = (points + tf_blockSize - 1) / tf_blockSize;
+  std::vector<std::vector<int>> blockNode(static_cast<std::size_t>(blocks));
+  std::vector<std::vector<double>> blockValue(static_cast<std::size_t>(blocks));
+  sp.pairStart.assign(static_cast<std::size_t>(points) + 1, 0);
+  tf_forBlocks(points, tasks, [&](int block, int begin, int end) {
+    std::vector<int> & nodes = blockNode[static_cast<std::size_t>(block)];
+    std::vector<double> & values = blockValue[static_cast<std::size_t>(block)];
+    tf_LineWalker walk(p, p, table);
+    int line = -1;
+    int const * mx = p.m[0].data();
+    int const * my = p.m[1].data();
+    int const * mz = p.m[2].data();
+    for (int point = begin; point < end; ++point)
+    {
+      int const h = sp.holder[static_cast<std::size_t>(point)];
+      int const hx = mx[h], hy = my[h], hz = mz[h];
+      int const lh = p.lineOfXY[static_cast<std::size_t>(hx - p.lo[0]) * p.n[1] + (hy - p.lo[1])];
+      if (lh != line)
+      {
+        walk.setLine(lh);
+        line = lh;
+      }
+      walk.setNode(h);
+      double const * v = sp.valuesOf(point);
+      std::size_t const before = nodes.size();
+      for (int j = 0; j < walk.lineCount(); ++j)
+      {
+        int const b = walk.lineBegin(j);
+        if (b == walk.lineEnd(j))
+          continue;
+        int const dx = mx[b] - hx, dy = my[b] - hy;
+        if (dx < -reach || dx > reach || dy < -reach || dy > reach)
+          continue;
+        double const xy = norm * v[dx + reach] * v[w + dy + reach];
+        if (xy == 0.0)
+          continue;
+        walk.forEach(j, [&](int i, int) {
+          int const dz = mz[i] - hz;
+          if (dz >= -reach && dz <= reach)
+          {
+            double const value = xy * v[2 * w + dz + reach];
+            if (value != 0.0)
+            {
+              nodes.push_back(i);
+              values.push_back(value);
+            }
+          }
+        });
+      }
+      sp.pairStart[static_cast<std::size_t>(point) + 1] = static_cast<std::int64_t>(nodes.size() - before);
+    }
+  });
+  for (int i = 0; i < points; ++i)
+    sp.pairStart[static_cast<std::size_t>(i) + 1] += sp.pairStart[static_cast<std::size_t>(i)];
+  sp.pairNode.resize(static_cast<std::size_t>(sp.pairStart.back()));
+  sp.pairValue.resize(sp.pairNode.size());
+  tf_forItems(blocks, tasks, [&](int block) {
+    std::size_t const at = static_cast<std::size_t>(sp.pairStart[static_cast<std::size_t>(block) * tf_blockSize]);
+    std::copy(blockNode[static_cast<std::size_t>(block)].begin(), blockNode[static_cast<std::size_t>(block)].end(),
+              sp.pairNode.begin() + static_cast<std::ptrdiff_t>(at));
+    std::copy(blockValue[static_cast<std::size_t>(block)].begin(), blockValue[static_cast<std::size_t>(block)].end(),
+              sp.pairValue.begin() + static_cast<std::ptrdiff_t>(at));
+    std::vector<int>().swap(blockNode[static_cast<std::size_t>(block)]);
+    std::vector<double>().swap(blockValue[static_cast<std::size_t>(block)]);
+  });
+}
+} // namespace
+
 void CMultilevelPoissonSolver::prepareScreening()
 {
   int const depths = static_cast<int>(m_levels.size());
@@ -978,27 +1064,32 @@ void CMultilevelPoissonSolver::prepareScreening()
       std::uint64_t cell;
       std::size_t sample;
     };
-    std::vector<Member> members;
-    members.reserve(samples);
-    for (std::size_t i = 0; i < samples; ++i)
-    {
-      double const * q = &m_samplePoints[3 * i];
-      double const wi = i < m_sampleWeights.size() ? m_sampleWeights[i] : 1.0;
-      if (!(wi > 0.0) || !std::isfinite(wi) || !std::isfinite(q[0] + q[1] + q[2]))
-        continue;
-      int m[3];
-      std::uint64_t cell = 0;
-      for (int a = 0; a < 3; ++a)
+    // Each sample's node and cell on every thread; the samples that fall
+    // outside (or weigh nothing) are dropped afterwards, in order.
+    std::vector<Member> members(samples);
+    tf_forBlocks(static_cast<int>(samples), taskCount(), [&](int, int begin, int end) {
+      for (int i = begin; i < end; ++i)
       {
-        double const u = (q[a] - boxMin[a]) / unit;
-        m[a] = static_cast<int>(std::floor((u - p.offset) / p.spacing + 0.5));
-        cell = cell * 2097152u + static_cast<std::uint64_t>(std::min(2097151.0, std::max(0.0, std::floor(u))));
+        double const * q = &m_samplePoints[3 * static_cast<std::size_t>(i)];
+        double const wi = static_cast<std::size_t>(i) < m_sampleWeights.size() ? m_sampleWeights[i] : 1.0;
+        members[static_cast<std::size_t>(i)] = Member{-1, 0u, static_cast<std::size_t>(i)};
+        if (!(wi > 0.0) || !std::isfinite(wi) || !std::isfinite(q[0] + q[1] + q[2]))
+          continue;
+        int m[3];
+        std::uint64_t cell = 0;
+        for (int a = 0; a < 3; ++a)
+        {
+          double const u = (q[a] - boxMin[a]) / unit;
+          m[a] = static_cast<int>(std::floor((u - p.offset) / p.spacing + 0.5));
+          cell = cell * 2097152u + static_cast<std::uint64_t>(std::min(2097151.0, std::max(0.0, std::floor(u))));
+        }
+        int const node = tf_findNode(p, m);
+        if (node >= 0)
+          members[static_cast<std::size_t>(i)] = Member{node, finest ? cell : 0u, static_cast<std::size_t>(i)};
       }
-      int const node = tf_findNode(p, m);
-      if (node < 0)
-        continue;
-      members.push_back(Member{node, finest ? cell : 0u, i});
-    }
+    });
+    members.erase(std::remove_if(members.begin(), members.end(), [](Member const & x) { return x.node < 0; }),
+                  members.end());
     std::sort(members.begin(), members.end(), [](Member const & x, Member const & y) {
       return x.node != y.node ? x.node < y.node : x.cell != y.cell ? x.cell < y.cell : x.sample < y.sample;
     });
@@ -1026,28 +1117,33 @@ void CMultilevelPoissonSolver::prepareScreening()
       sp.firstPoint[k] += sp.firstPoint[k - 1];
     int const total = sp.firstPoint.back();
     int const w = sp.width();
-    sp.values.reserve(static_cast<std::size_t>(total) * 3 * w);
-    for (int point = 0; point < total; ++point)
-    {
-      int const node = sp.holder[static_cast<std::size_t>(point)];
-      int const m[3] = {p.m[0][node], p.m[1][node], p.m[2][node]};
-      double const * position = &sp.position[static_cast<std::size_t>(point) * 3];
-      for (int a = 0; a < 3; ++a)
-        for (int off = -reach; off <= reach; ++off)
-        {
-          double const centre = (static_cast<double>(m[a] + off) * p.spacing + p.offset) * unit + boxMin[a];
-          sp.values.push_back(k1.eval(0, (position[a] - centre) * p.scale));
-        }
-    }
-    // The diagonal of the screening operator: sum of weight * F_o(point)^2.
-    double const norm = p.scale * p.scale * p.scale;
-    sp.diagonal.assign(static_cast<std::size_t>(p.size()), 0.0);
-    SPairTables const & t = m_tables[static_cast<std::size_t>(l * depths + l)];
-    tf_forPointsNear(p, t, sp.holder.data(), 0, total, reach, [&](int point, int o, int dx, int dy, int dz) {
-      double const * v = sp.valuesOf(point);
-      double const f = norm * v[dx + reach] * v[w + dy + reach] * v[2 * w + dz + reach];
-      sp.diagonal[static_cast<std::size_t>(o)] += sp.weight[static_cast<std::size_t>(point)] * f * f;
+    sp.values.resize(static_cast<std::size_t>(total) * 3 * w);
+    tf_forBlocks(total, taskCount(), [&](int, int begin, int end) {
+      for (int point = begin; point < end; ++point)
+      {
+        int const node = sp.holder[static_cast<std::size_t>(point)];
+        int const m[3] = {p.m[0][node], p.m[1][node], p.m[2][node]};
+        double const * position = &sp.position[static_cast<std::size_t>(point) * 3];
+        double * out = &sp.values[static_cast<std::size_t>(point) * 3 * w];
+        for (int a = 0; a < 3; ++a)
+          for (int off = -reach; off <= reach; ++off)
+          {
+            double const centre = (static_cast<double>(m[a] + off) * p.spacing + p.offset) * unit + boxMin[a];
+            *out++ = k1.eval(0, (position[a] - centre) * p.scale);
+          }
+      }
     });
+    tf_screenPairs(p, m_tables[static_cast<std::size_t>(l * depths + l)], sp, taskCount());
+    // The diagonal of the screening operator: sum of weight * F_o(point)^2.
+    sp.diagonal.assign(static_cast<std::size_t>(p.size()), 0.0);
+    for (int point = 0; point < total; ++point)
+      for (std::int64_t k = sp.pairStart[static_cast<std::size_t>(point)];
+           k < sp.pairStart[static_cast<std::size_t>(point) + 1]; ++k)
+      {
+        double const f = sp.pairValue[static_cast<std::size_t>(k)];
+        sp.diagonal[static_cast<std::size_t>(sp.pairNode[static_cast<std::size_t>(k)])] +=
+            sp.weight[static_cast<std::size_t>(point)] * f * f;
+      }
   }
 }
 
@@ -1216,53 +1312,11 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
   int const n = p.size();
   int const points = static_cast<int>(sp.holder.size());
   int const tasks = taskCount();
-  int const w = sp.width(), reach = sp.reach;
-  double const s = p.scale, norm = s * s * s;
   int const depths = static_cast<int>(m_levels.size());
-  SPairTables const & table = m_tables[static_cast<std::size_t>(l * depths + l)];
-  // Calls f(point, node, F_node(point)) for the points [begin, end) and the
-  // nodes whose kernel reaches them, line by line of the holders.
-  auto forPointBasis = [&](int begin, int end, auto && f) {
-    tf_LineWalker walk(p, p, table);
-    int line = -1;
-    for (int point = begin; point < end; ++point)
-    {
-      int const h = sp.holder[static_cast<std::size_t>(point)];
-      int const hx = p.m[0][h], hy = p.m[1][h], hz = p.m[2][h];
-      int const lh = p.lineOfXY[static_cast<std::size_t>(hx - p.lo[0]) * p.n[1] + (hy - p.lo[1])];
-      if (lh != line)
-      {
-        walk.setLine(lh);
-        line = lh;
-      }
-      walk.setNode(h);
-      double const * v = sp.valuesOf(point);
-      int const * mx = p.m[0].data();
-      int const * my = p.m[1].data();
-      int const * mz = p.m[2].data();
-      for (int j = 0; j < walk.lineCount(); ++j)
-      {
-        int const b = walk.lineBegin(j);
-        if (b == walk.lineEnd(j))
-          continue;
-        int const dx = mx[b] - hx, dy = my[b] - hy;
-        if (dx < -reach || dx > reach || dy < -reach || dy > reach)
-          continue;
-        double const xy = norm * v[dx + reach] * v[w + dy + reach];
-        if (xy == 0.0)
-          continue;
-        walk.forEach(j, [&](int i, int) {
-          int const dz = mz[i] - hz;
-          if (dz >= -reach && dz <= reach)
-          {
-            double const value = xy * v[2 * w + dz + reach];
-            if (value != 0.0)
-              f(point, i, value);
-          }
-        });
-      }
-    }
-  };
+  std::vector<std::int64_t> const & pairStart = sp.pairStart;
+  std::vector<int> const & pairNode = sp.pairNode;
+  std::vector<double> const & pairValue = sp.pairValue;
+
   // out[o] = sum over points near o of weight * F_o(point) * y[point]: each
   // point gives to the nodes around it (most nodes hold no point, so this
   // beats a gather over the nodes); one buffer per task, added in order.
@@ -1275,9 +1329,14 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
       buffer.assign(static_cast<std::size_t>(n), 0.0);
       int const begin = static_cast<int>(static_cast<long long>(points) * part / parts);
       int const end = static_cast<int>(static_cast<long long>(points) * (part + 1) / parts);
-      forPointBasis(begin, end, [&](int point, int o, double value) {
-        buffer[static_cast<std::size_t>(o)] += sp.weight[static_cast<std::size_t>(point)] * y[point] * value;
-      });
+      for (int point = begin; point < end; ++point)
+      {
+        double const wy = sp.weight[static_cast<std::size_t>(point)] * y[point];
+        for (std::int64_t k = pairStart[static_cast<std::size_t>(point)];
+             k < pairStart[static_cast<std::size_t>(point) + 1]; ++k)
+          buffer[static_cast<std::size_t>(pairNode[static_cast<std::size_t>(k)])] +=
+              wy * pairValue[static_cast<std::size_t>(k)];
+      }
     });
     std::copy(buffers[0].begin(), buffers[0].end(), out);
     for (std::size_t part = 1; part < buffers.size(); ++part)
@@ -1287,8 +1346,14 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
   // y[point] = sum over nodes near the point of F_o(point) * d[o].
   auto gatherAtPoints = [&](double const * d, double * y) {
     tf_forBlocks(points, tasks, [&](int, int begin, int end) {
-      std::fill(y + begin, y + end, 0.0);
-      forPointBasis(begin, end, [&](int point, int o, double value) { y[point] += value * d[o]; });
+      for (int point = begin; point < end; ++point)
+      {
+        double sum = 0.0;
+        for (std::int64_t k = pairStart[static_cast<std::size_t>(point)];
+             k < pairStart[static_cast<std::size_t>(point) + 1]; ++k)
+          sum += pairValue[static_cast<std::size_t>(k)] * d[pairNode[static_cast<std::size_t>(k)]];
+        y[point] = sum;
+      }
     });
   };
 
@@ -1344,6 +1409,7 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
     for (int k = 0; k < n; ++k)
       dir[k] = z[k] + beta * dir[k];
   }
+  m_report.screeningIterations.push_back(it);
   for (int k = 0; k < n; ++k)
     x[static_cast<std::size_t>(l)][k] += delta[k];
 }
@@ -1501,6 +1567,9 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
       screening << "Multilevel screening scatter, weight, level, deviation before, after: "
                 << m_report.screeningScatter << ", " << m_report.screeningWeight << ", " << m_report.screeningLevel
                 << ", " << m_report.screeningDeviationBefore << ", " << m_report.screeningDeviationAfter;
+      screening << "; steps";
+      for (int it : m_report.screeningIterations)
+        screening << " " << it;
       log->getMessage(screening.str().c_str());
     }
     if (m_settings.reportResidual)

@@ -98,6 +98,8 @@ struct SMultilevelSolveReport
   /// spacings, and the weight used.
   double screeningScatter = 0.0;
   double screeningWeight = 0.0;
+  /// Conjugate-gradient steps of each screened relaxation, in the order made.
+  std::vector<int> screeningIterations;
 };
 
 class CMultilevelPoissonSolver
