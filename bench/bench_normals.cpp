@@ -1,13 +1,14 @@
 // Normals for clouds without them: neighbours, normals and orientation of
 // synthetic clouds (sphere, torus, two nested spheres) with 0.5 % Gaussian
-// position noise on every coordinate, on one or two physical threads. Each
-// case reports the seconds of every step, and as "correct %" the share of
-// points whose oriented normal agrees in sign with the true one (the inner
-// sphere of the nested pair faces its cavity).
+// position noise on every coordinate, on one or two physical threads, with
+// noise-dominated neighbourhoods widened (the default) or not. Each case
+// reports the seconds of every step, and as "correct %" the share of points
+// whose oriented normal agrees in sign with the true one (the inner sphere
+// of the nested pair faces its cavity), and how many points were widened.
 //
-// The benchmark name is BM_Normals/<shape>/<points>/<k>/<threads>; pick
-// cases with a filter, for example
-//   bench_normals --benchmark_filter='sphere/1000000/30/2'
+// The benchmark name is BM_Normals/<shape>/<points>/<k>/<threads>/<widen>;
+// pick cases with a filter, for example
+//   bench_normals --benchmark_filter='sphere/points:1000000/k:30/threads:2/'
 
 #include <benchmark/benchmark.h>
 
@@ -53,11 +54,14 @@ void BM_Normals(benchmark::State & state, qzrecon::Shape shape)
   int const points = static_cast<int>(state.range(0));
   int const k = static_cast<int>(state.range(1));
   int const threads = static_cast<int>(state.range(2));
+  bool const widen = state.range(3) != 0;
   qzrecon::OrientedCloud const & cloud = noisyCloud(shape, points);
   CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
   REmath::CNormalEstimationParams params;
   params.setNeighbours(k);
   params.setPhaseNameShown(true);
+  if (!widen)
+    params.setNoiseRatio(1.0);
   std::map<std::string, double> seconds;
   REmath::CEstimatedNormals result;
   for (auto _ : state)
@@ -82,6 +86,7 @@ void BM_Normals(benchmark::State & state, qzrecon::Shape shape)
     state.counters[s.first + " s"] = s.second;
   state.counters["correct %"] = 100.0 * correct / points;
   state.counters["degenerate"] = result.getDegenerateCount();
+  state.counters["widened"] = result.getWidenedCount();
   state.counters["components"] = result.getComponentCount();
 }
 
@@ -91,7 +96,7 @@ void registerAll()
   {
     char const * name;
     qzrecon::Shape shape;
-    std::vector<std::vector<std::int64_t>> args; // points, k, threads
+    std::vector<std::vector<std::int64_t>> args; // points, k, threads (each widened and not)
   };
   std::vector<Case> const cases = {
       {"sphere", qzrecon::Shape::Sphere, {{1000000, 30, 1}, {1000000, 30, 2}, {500000, 30, 2}, {200000, 20, 2}}},
@@ -101,9 +106,10 @@ void registerAll()
   for (Case const & c : cases)
   {
     auto * b = benchmark::RegisterBenchmark((std::string("BM_Normals/") + c.name).c_str(), BM_Normals, c.shape);
-    b->ArgNames({"points", "k", "threads"});
+    b->ArgNames({"points", "k", "threads", "widen"});
     for (auto const & a : c.args)
-      b->Args(a);
+      for (std::int64_t widen : {1, 0})
+        b->Args({a[0], a[1], a[2], widen});
     b->Unit(benchmark::kSecond)->Iterations(1)->Repetitions(3)->ReportAggregatesOnly(true)->UseRealTime();
   }
 }

@@ -13,6 +13,7 @@
 #include <nanoflann.hpp>
 
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
+#include "QZmath/Foundation/NumericRoutines.h"
 #include "QZmath/Persistence/Heap.h"
 #include "QZsys/Threading.h"
 
@@ -86,8 +87,8 @@ double tf_dist2(float const * a, float const * b)
   throw CNormalEstimationError(reason, text);
 }
 
-// Refuses parameters and clouds that cannot have normals; see
-// ENormalEstimationFailure for the order of the checks and the texts.
+// Refuses parameters and clouds that cannot have normals: the parameters
+// first, then the cloud; see ENormalEstimationFailure for the texts.
 void tf_checkInput(CNormalEstimationParams const & params, float const * coords, int count)
 {
   int const k = params.getNeighbours();
@@ -102,6 +103,8 @@ void tf_checkInput(CNormalEstimationParams const & params, float const * coords,
     if (!std::isfinite(v.x()) || !std::isfinite(v.y()) || !std::isfinite(v.z()))
       tf_fail(eNEBadViewpoint, "the viewpoint has a non-finite coordinate");
   }
+  if (!(params.getNoiseRatio() >= 0.0))
+    tf_fail(eNEBadNoiseRatio, "the noise ratio must be 0 or more, got " + tf_text(params.getNoiseRatio()));
   if (count < 0 || (coords == nullptr && count > 0))
     tf_fail(eNENoPoints, "no point coordinates were given");
   if (count < k + 1)
@@ -145,6 +148,98 @@ void tf_checkInput(CNormalEstimationParams const & params, float const * coords,
       return;
   }
   tf_fail(eNEAllCollinear, "all " + std::to_string(count) + " points lie on one line");
+}
+
+// ---------------------------------------------------------------- normals
+
+// What the widening needs of a neighbourhood: its number of points, their
+// centroid, their scatter about it (upper triangle: xx xy xz yy yz zz), and
+// its smallest eigenvalue as a share of the middle one. The scatter is
+// summed about the centroid, so float keeps it as well as the float
+// coordinates allow; the centroids are subtracted from each other and stay
+// double.
+struct tf_Moments
+{
+  double centroid[3];
+  float scatter[6];
+  float noise;
+  int count;
+};
+
+// Fills m from the n points, and s with the scatter at full precision.
+void tf_moments(int n, Point3D const * pts, tf_Moments & m, double (&s)[6])
+{
+  double c[3] = {0.0, 0.0, 0.0};
+  for (int a = 0; a < n; ++a)
+    for (int d = 0; d < 3; ++d)
+      c[d] += pts[a].asArray()[d];
+  for (double & v : c)
+    v /= n;
+  std::fill_n(s, 6, 0.0);
+  for (int a = 0; a < n; ++a)
+  {
+    double const r[3] = {pts[a].x() - c[0], pts[a].y() - c[1], pts[a].z() - c[2]};
+    s[0] += r[0] * r[0], s[1] += r[0] * r[1], s[2] += r[0] * r[2];
+    s[3] += r[1] * r[1], s[4] += r[1] * r[2], s[5] += r[2] * r[2];
+  }
+  std::copy_n(c, 3, m.centroid);
+  for (int e = 0; e < 6; ++e)
+    m.scatter[e] = static_cast<float>(s[e]);
+  m.count = n;
+  m.noise = 1.0f;
+}
+
+// The spread of the scatter s (upper triangle) along the unit vector in
+// column e of `rows`.
+double tf_spread(double const * s, double const (&rows)[3][3], int e)
+{
+  double const x = rows[0][e], y = rows[1][e], z = rows[2][e];
+  return s[0] * x * x + s[3] * y * y + s[5] * z * z + 2.0 * (s[1] * x * y + s[2] * x * z + s[4] * y * z);
+}
+
+// The normal of point i from its own and its neighbours' neighbourhoods
+// taken together, each with the weight of its points: by the parallel axis
+// theorem their joint scatter is the sum of their own ones and of their
+// centroids' about the joint one (taken relative to i's centroid, where the
+// differences are small and exact enough). False when the joint scatter
+// tells the plane no better than i's own.
+bool tf_widenedNormal(std::vector<tf_Moments> const & moments, int i, int const * nb, int nbCount,
+                      double * normal)
+{
+  tf_Moments const & own = moments[static_cast<std::size_t>(i)];
+  double weight = 0.0, mean[3] = {0.0, 0.0, 0.0}, s[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+  for (int a = -1; a < nbCount; ++a)
+  {
+    tf_Moments const & m = a < 0 ? own : moments[static_cast<std::size_t>(nb[a])];
+    double const w = m.count;
+    double const d[3] = {m.centroid[0] - own.centroid[0], m.centroid[1] - own.centroid[1],
+                         m.centroid[2] - own.centroid[2]};
+    weight += w;
+    for (int c = 0; c < 3; ++c)
+      mean[c] += w * d[c];
+    s[0] += m.scatter[0] + w * d[0] * d[0], s[1] += m.scatter[1] + w * d[0] * d[1];
+    s[2] += m.scatter[2] + w * d[0] * d[2], s[3] += m.scatter[3] + w * d[1] * d[1];
+    s[4] += m.scatter[4] + w * d[1] * d[2], s[5] += m.scatter[5] + w * d[2] * d[2];
+  }
+  for (double & v : mean)
+    v /= weight;
+  s[0] -= weight * mean[0] * mean[0], s[1] -= weight * mean[0] * mean[1], s[2] -= weight * mean[0] * mean[2];
+  s[3] -= weight * mean[1] * mean[1], s[4] -= weight * mean[1] * mean[2], s[5] -= weight * mean[2] * mean[2];
+  double rows[3][3] = {{s[0], s[1], s[2]}, {s[1], s[3], s[4]}, {s[2], s[4], s[5]}};
+  double * r[3] = {rows[0], rows[1], rows[2]};
+  double value[3], e[3];
+  tred2_d(r, 3, value, e);
+  if (!tqli_d(value, e, 3, r))
+    return false;
+  int order[3] = {0, 1, 2};
+  std::sort(order, order + 3,
+            [&](int x, int y) { return value[x] < value[y] || (value[x] == value[y] && x < y); });
+  double const smallest = std::max(0.0, value[order[0]]), middle = value[order[1]];
+  if (!(middle > 0.0) || !(smallest < own.noise * middle))
+    return false;
+  for (int c = 0; c < 3; ++c)
+    normal[c] = rows[c][order[0]];
+  return true;
 }
 
 // ---------------------------------------------------------------- parallel blocks
@@ -842,6 +937,7 @@ void CEstimatedNormals::clear()
   m_curvatures.clear();
   m_degenerate.clear();
   m_iDegenerate = 0;
+  m_iWidened = 0;
   m_iDuplicates = 0;
   m_iComponents = 0;
   m_iInwardComponents = 0;
@@ -912,6 +1008,7 @@ void CNormalEstimator::estimateNormals(float const * coords, int count, CNeighbo
                              std::to_string(count));
   bool const second = m_params.getSecondOrder();
   CGetNormal2Prms const & prms2 = m_params.getSecondOrderParams();
+  double const noiseRatio = m_params.getNoiseRatio();
   try
   {
     result.m_normals.assign(3 * static_cast<std::size_t>(count), 0.0f);
@@ -919,70 +1016,103 @@ void CNormalEstimator::estimateNormals(float const * coords, int count, CNeighbo
     result.m_iDuplicates = graph.getDuplicateCount();
     if (second)
       result.m_curvatures.assign(static_cast<std::size_t>(count), -1.0f);
-    tf_forBlocks(count, progress, [&](int first, int last) {
-      std::vector<Point3D> pts(static_cast<std::size_t>(graph.getK()) + 1);
-      std::vector<float> dist(pts.size());
-      double m[3][3];
-      double * rows[3] = {m[0], m[1], m[2]};
-      for (int i = first; i < last; ++i)
-      {
-        int const nbCount = graph.getNeighbourCount(i);
-        int const * nb = graph.getNeighbours(i);
-        int const n = nbCount + 1;
-        pts[0] = Point3D(tf_point(coords, i));
-        for (int a = 0; a < nbCount; ++a)
-          pts[a + 1] = Point3D(tf_point(coords, nb[a]));
-        double normal[3];
-        bool ok = GetNormal(n, pts.data(), rows, normal) != 0;
-        if (ok)
+    int const k = graph.getK();
+    // Gathers point i and its neighbours, i first; returns their number.
+    auto gather = [&](int i, std::vector<Point3D> & pts) {
+      int const nbCount = graph.getNeighbourCount(i);
+      int const * nb = graph.getNeighbours(i);
+      pts[0] = Point3D(tf_point(coords, i));
+      for (int a = 0; a < nbCount; ++a)
+        pts[a + 1] = Point3D(tf_point(coords, nb[a]));
+      return nbCount + 1;
+    };
+    auto store = [&](int i, double const * normal) {
+      double const len = std::sqrt(normal[0] * normal[0] + normal[1] * normal[1] + normal[2] * normal[2]);
+      float * out = result.m_normals.data() + 3 * static_cast<std::size_t>(i);
+      for (int d = 0; d < 3; ++d)
+        out[d] = static_cast<float>(normal[d] / len);
+    };
+
+    // First order on each point's own neighbourhood.
+    std::vector<tf_Moments> moments(static_cast<std::size_t>(count));
+    {
+      CPrgCntSubPhase firstOrder(progress, 0.0, 0.6);
+      tf_forBlocks(count, progress, [&](int first, int last) {
+        std::vector<Point3D> pts(static_cast<std::size_t>(k) + 1);
+        double m[3][3];
+        double * rows[3] = {m[0], m[1], m[2]};
+        for (int i = first; i < last; ++i)
         {
-          // The spread along each eigenvector: a neighbourhood that spans
-          // no plane has no normal, whatever the eigensolver picked.
-          double c[3] = {0.0, 0.0, 0.0};
-          for (int a = 0; a < n; ++a)
-            for (int d = 0; d < 3; ++d)
-              c[d] += pts[a].asArray()[d];
-          for (double & v : c)
-            v /= n;
-          double spread[3] = {0.0, 0.0, 0.0};
-          for (int a = 0; a < n; ++a)
+          int const n = gather(i, pts);
+          tf_Moments & mom = moments[static_cast<std::size_t>(i)];
+          double scatter[6];
+          tf_moments(n, pts.data(), mom, scatter);
+          double normal[3];
+          bool ok = GetNormal(n, pts.data(), rows, normal) != 0;
+          if (ok)
           {
-            double const r[3] = {pts[a].x() - c[0], pts[a].y() - c[1], pts[a].z() - c[2]};
+            // The spread along each eigenvector: a neighbourhood that spans
+            // no plane has no normal, whatever the eigensolver picked.
+            double spread[3];
             for (int e = 0; e < 3; ++e)
-            {
-              double const t = r[0] * m[0][e] + r[1] * m[1][e] + r[2] * m[2][e];
-              spread[e] += t * t;
-            }
+              spread[e] = tf_spread(scatter, m, e);
+            std::sort(spread, spread + 3);
+            ok = spread[2] > 0.0 && spread[1] > tf_collinearRatio * spread[2];
+            if (ok)
+              mom.noise = static_cast<float>(std::max(0.0, spread[0]) / spread[1]);
           }
-          std::sort(spread, spread + 3);
-          ok = spread[2] > 0.0 && spread[1] > tf_collinearRatio * spread[2];
+          if (ok)
+            store(i, normal);
+          else
+            result.m_degenerate[i] = 1;
         }
-        float * out = result.m_normals.data() + 3 * static_cast<std::size_t>(i);
-        if (!ok)
+      });
+    }
+
+    // Noise-dominated neighbourhoods widened, and the second order. Reads
+    // only the first pass's results, so the order of the points does not
+    // matter.
+    std::vector<unsigned char> widened(static_cast<std::size_t>(count), 0);
+    if (second || noiseRatio < 1.0)
+    {
+      CPrgCntSubPhase secondPass(progress, 0.6, 0.4);
+      tf_forBlocks(count, progress, [&](int first, int last) {
+        std::vector<Point3D> pts(static_cast<std::size_t>(k) + 1);
+        std::vector<float> dist(pts.size());
+        for (int i = first; i < last; ++i)
         {
-          result.m_degenerate[i] = 1;
-          continue;
-        }
-        if (second)
-        {
+          if (result.m_degenerate[i])
+            continue;
+          double normal[3];
+          if (moments[static_cast<std::size_t>(i)].noise > noiseRatio &&
+              tf_widenedNormal(moments, i, graph.getNeighbours(i), graph.getNeighbourCount(i), normal))
+          {
+            widened[i] = 1;
+            store(i, normal);
+            continue;
+          }
+          if (!second)
+            continue;
+          int const n = gather(i, pts);
           double normal2[3], scale = 1.0;
           CQuadraticForm form;
+          float const * plane = result.m_normals.data() + 3 * static_cast<std::size_t>(i);
           // A quadric whose gradient leaves the plane of the neighbourhood
           // far behind fits something else than the surface: keep the plane.
-          if (GetNormal2(n, pts.data(), &prms2, &form, normal2, dist.data(), &scale) &&
-              std::fabs(normal2[0] * normal[0] + normal2[1] * normal[1] + normal2[2] * normal[2]) >= tf_quadricAgreement)
+          bool const fitted = GetNormal2(n, pts.data(), &prms2, &form, normal2, dist.data(), &scale);
+          if (fitted && std::fabs(normal2[0] * plane[0] + normal2[1] * plane[1] + normal2[2] * plane[2]) >=
+                            tf_quadricAgreement)
           {
-            std::copy(normal2, normal2 + 3, normal);
+            store(i, normal2);
             double const kappa = tf_meanCurvature(form);
             if (scale > 0.0 && std::isfinite(kappa))
               result.m_curvatures[i] = static_cast<float>(kappa / scale);
           }
         }
-        double const len = std::sqrt(normal[0] * normal[0] + normal[1] * normal[1] + normal[2] * normal[2]);
-        for (int d = 0; d < 3; ++d)
-          out[d] = static_cast<float>(normal[d] / len);
-      }
-    });
+      });
+    }
+    for (unsigned char w : widened)
+      result.m_iWidened += w;
     // Degenerate points borrow from their nearest sound neighbour; only sound
     // normals are read, so the order of this pass does not matter.
     for (int i = 0; i < count; ++i)

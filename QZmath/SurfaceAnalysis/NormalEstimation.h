@@ -13,7 +13,11 @@
 //     collinear: the middle eigenvalue of its scatter below 1e-4 times the
 //     largest) is degenerate: the point takes the normal of its nearest
 //     neighbour whose neighbourhood is not degenerate, or (0, 0, 1) when it
-//     has none, and is counted.
+//     has none, and is counted. A neighbourhood dominated by noise (its
+//     smallest eigenvalue a large share of the middle one, see
+//     CNormalEstimationParams::getNoiseRatio) is widened: the point's normal
+//     is estimated again from the scatter of its own and its neighbours'
+//     neighbourhoods taken together, which reaches about twice as far.
 //  3. Orientation: the signs are propagated along a minimum spanning tree of
 //     the symmetric neighbour graph weighted by 1 - |ni . nj| (Prim's
 //     algorithm): a point takes the sign that agrees with the point it was
@@ -75,7 +79,8 @@ enum ENormalEstimationFailure
   eNENonFinitePoint,        ///< "point I has a non-finite coordinate"
   eNEAllCoincident,         ///< "all N points coincide"
   eNEAllCollinear,          ///< "all N points lie on one line"
-  eNEMismatch               ///< "the neighbours (or normals) were made for N points, not M"
+  eNEMismatch,              ///< "the neighbours (or normals) were made for N points, not M"
+  eNEBadNoiseRatio          ///< "the noise ratio must be 0 or more, got R"
 };
 
 /// A cloud that cannot have normals.
@@ -112,14 +117,30 @@ public:
   /// GetNormal, which also gives each point a curvature (default false).
   /// Where GetNormal2 finds no quadric, or one whose normal is more than 60
   /// degrees from the first-order one (a fit of something else than the
-  /// surface), the first-order normal stays. GetNormal2 needs a trace of
-  /// noise: on exact samples of a curved surface it mostly finds none.
+  /// surface), the first-order normal stays, as it does where the
+  /// neighbourhood was widened (see getNoiseRatio). GetNormal2 needs a trace
+  /// of noise: on exact samples of a curved surface it mostly finds none.
   bool getSecondOrder() const { return m_bSecondOrder; }
   void setSecondOrder(bool on) { m_bSecondOrder = on; }
   /// Defaults: those of CGetNormal2Prms, but with the reduced eigenproblem,
   /// which is faster and differs only in signs, which step 3 sets anyway.
   CGetNormal2Prms const & getSecondOrderParams() const { return m_secondOrder; }
   void setSecondOrderParams(CGetNormal2Prms const & prms) { m_secondOrder = prms; }
+
+  /// When a neighbourhood's scatter has its smallest eigenvalue above this
+  /// share of the middle one (default 0.15), its plane is poorly told from
+  /// the noise across it: where the position noise is as large as the
+  /// spacing of the points, k nearest neighbours leave a fair share of the
+  /// normals far off the truth, a few nearly in the tangent plane, where no
+  /// orientation can give them a sign. Such a point's normal is estimated
+  /// again from the scatter of its neighbourhood and of its neighbours'
+  /// taken together (each point counted once per neighbourhood it lies in,
+  /// so the weight falls off with the distance), about four times as many
+  /// points over twice the radius; the wider estimate is kept only where it
+  /// separates the smallest eigenvalue better (not across an edge or a
+  /// tight bend). 0 tries it for every point, 1 or more for none.
+  double getNoiseRatio() const { return m_dNoiseRatio; }
+  void setNoiseRatio(double ratio) { m_dNoiseRatio = ratio; }
 
   /// A scanner position. Without one, each component of the neighbour graph
   /// is seeded at its highest point (greatest z), whose normal is made to
@@ -171,6 +192,7 @@ private:
   }
   int m_iNeighbours = 20;
   double m_dMaxRadius = 0.0;
+  double m_dNoiseRatio = 0.15;
   bool m_bSecondOrder = false;
   CGetNormal2Prms m_secondOrder = defaultSecondOrder();
   bool m_bViewpoint = false;
@@ -221,12 +243,15 @@ public:
   /// curvature of the fitted quadric, in the points' units (1 / length): 1/R
   /// on a sphere, 1/(2R) on a cylinder, 0 where the neighbourhood is flat
   /// within the flatness limit; -1 where unknown (no quadric, a degenerate
-  /// neighbourhood).
+  /// neighbourhood, a widened one: its quadric would fit the noise).
   std::vector<float> const & getCurvatures() const { return m_curvatures; }
   /// True when the point's neighbourhood was degenerate and its normal is
   /// the fallback.
   bool isDegenerate(int i) const { return m_degenerate[static_cast<std::size_t>(i)] != 0; }
   int getDegenerateCount() const { return m_iDegenerate; }
+  /// Points whose normal comes from a widened neighbourhood (see
+  /// CNormalEstimationParams::getNoiseRatio).
+  int getWidenedCount() const { return m_iWidened; }
   /// Points whose nearest neighbour sits at the same position.
   int getDuplicateCount() const { return m_iDuplicates; }
   /// Set by the orientation: connected components of the neighbour graph,
@@ -247,6 +272,7 @@ private:
   std::vector<float> m_curvatures;
   std::vector<unsigned char> m_degenerate;
   int m_iDegenerate = 0;
+  int m_iWidened = 0;
   int m_iDuplicates = 0;
   int m_iComponents = 0;
   int m_iInwardComponents = 0;

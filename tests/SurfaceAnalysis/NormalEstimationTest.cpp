@@ -231,6 +231,16 @@ TEST(NormalEstimation, ClosedSurfacesWithNoiseFaceOutward)
   EXPECT_EQ(ne.getComponentCount(), 2);
   EXPECT_EQ(ne.getInwardComponentCount(), 1);
 
+  // Noise as large as the spacing of the points (0.025): many neighbourhoods
+  // of k = 20 tell their plane poorly, a few leave their normal nearly in the
+  // tangent plane, where no propagation can give it the right sign.
+  Truth rough;
+  rough.append(QZTest::makeSphereCloud(20000, 1.0, 26));
+  rough.jitter(0.025, 27);
+  CEstimatedNormals const ro = estimate(rough);
+  EXPECT_GE(agreeing(rough, ro), 0.999);
+  EXPECT_GT(ro.getWidenedCount(), rough.size() / 2);
+
   // Without the nesting rule the inner sphere faces out, as its own seed says.
   CNormalEstimationParams p;
   p.setNestedInward(false);
@@ -389,6 +399,12 @@ TEST(NormalEstimation, BadInputIsRefusedWithItsCause)
   p = CNormalEstimationParams();
   p.setViewpoint(Point3D_d(0.0, std::numeric_limits<double>::infinity(), 0.0));
   EXPECT_EQ(failure(good, p), R(eNEBadViewpoint, "Normal estimation: the viewpoint has a non-finite coordinate"));
+  p = CNormalEstimationParams();
+  p.setNoiseRatio(-0.5);
+  EXPECT_EQ(failure(good, p),
+            R(eNEBadNoiseRatio, "Normal estimation: the noise ratio must be 0 or more, got -0.5"));
+  p.setNoiseRatio(std::numeric_limits<double>::quiet_NaN());
+  EXPECT_EQ(failure(good, p).first, eNEBadNoiseRatio);
   p = CNormalEstimationParams();
   EXPECT_EQ(failure(Truth(), p, 5), R(eNENoPoints, "Normal estimation: no point coordinates were given"));
   EXPECT_EQ(failure(good, p, 20), R(eNETooFewPoints, "Normal estimation: 20 points, fewer than k + 1 = 21"));
