@@ -126,8 +126,9 @@ bool hostIsLittleEndian()
 
 double decode(unsigned char const * p, Scalar s, bool swap)
 {
-  unsigned char buf[8];
-  std::size_t const n = sizeOf(s);
+  unsigned char buf[8] = {};
+  // No scalar is wider than eight bytes; the bound says so to the compiler too.
+  std::size_t const n = std::min<std::size_t>(sizeOf(s), sizeof buf);
   for (std::size_t i = 0; i < n; ++i)
     buf[i] = swap ? p[n - 1 - i] : p[i];
   switch (s)
