@@ -7,13 +7,19 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "CloudIO.h"
 
 using namespace qzrecon;
 
 namespace
 {
-std::string tempPath(std::string const & name) { return testing::TempDir() + "qzrecon_io_" + name; }
+// Per process, so that two runs of the suite on one machine never share a file.
+std::string tempPath(std::string const & name)
+{
+  return testing::TempDir() + "qzrecon_io_" + std::to_string(::getpid()) + "_" + name;
+}
 
 void writeFile(std::string const & path, std::string const & bytes)
 {
