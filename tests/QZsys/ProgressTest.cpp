@@ -124,21 +124,13 @@ TEST(ProgressCounter, InterruptionWhileWorkerLoops)
       std::this_thread::yield();
     c.RequestInterrupt();
   });
-  bool thrown = false;
-  try
-  {
-    for (long i = 0;; ++i)
-    {
-      started.store(true);
-      c.SetPosFloat(static_cast<double>(i % 1000) / 1000.0);
-    }
-  }
-  catch (CUserIntrException const &)
-  {
-    thrown = true;
-  }
+  EXPECT_THROW(
+      for (long i = 0;; ++i) {
+        started.store(true);
+        c.SetPosFloat(static_cast<double>(i % 1000) / 1000.0);
+      },
+      CUserIntrException);
   requester.join();
-  EXPECT_TRUE(thrown);
 }
 
 TEST(PrgCntSubPhase, FractionAndPercentForms)
@@ -244,16 +236,13 @@ TEST(MultiPhaseManager, InterruptionDuringPhase)
   VsPCnt::CMultiPhaseManager m(&c);
   m.RegisterPhase("a", 1);
   m.RegisterPhase("b", 1);
-  try
-  {
-    VsPCnt::CMultiPhaseManagerSingleSubPhase p(&m, "a");
-    c.RequestInterrupt();
-    c.SetPosFloat(0.5);
-    FAIL() << "no interruption";
-  }
-  catch (CUserIntrException const &)
-  {
-  }
+  EXPECT_THROW(
+      {
+        VsPCnt::CMultiPhaseManagerSingleSubPhase p(&m, "a");
+        c.RequestInterrupt();
+        c.SetPosFloat(0.5);
+      },
+      CUserIntrException);
   EXPECT_FALSE(m.HasOpenPhase());
   EXPECT_EQ(c.GetRangeDepth(), 0);
   EXPECT_THROW(m.StartPhase("b"), CUserIntrException);

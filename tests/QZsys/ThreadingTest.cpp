@@ -13,6 +13,7 @@
 
 #include "QZsys/CpuConf.h"
 #include "QZsys/Threading.h"
+#include "tests/Common/Checks.h"
 
 using namespace std::chrono_literals;
 
@@ -100,16 +101,10 @@ TEST(PerformInParallel, RethrowsTaskExceptionAfterAllJoined)
   });
   IVescaInvokeProc * tasks[] = {&bad, &slow};
   CountingObserver obs;
-  try
-  {
-    CVescaThreadingTasksHelper::performInParallel(tasks, 2, &obs);
-    FAIL() << "no exception";
-  }
-  catch (std::out_of_range const & e)
-  {
-    EXPECT_STREQ(e.what(), "task failed");
-    EXPECT_TRUE(slowFinished.load());
-  }
+  EXPECT_EQ(QZTest::whatOf<std::out_of_range>(
+                [&] { CVescaThreadingTasksHelper::performInParallel(tasks, 2, &obs); }),
+            "task failed");
+  EXPECT_TRUE(slowFinished.load());
 }
 
 TEST(PerformInParallel, ObserverExceptionWaitsForTasks)
