@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "QZsys/Threading.h"
+#include "tests/Common/Checks.h"
 #include "tests/Reconstruction/ReconstructionSupport.h"
 
 using namespace VolTr;
@@ -259,15 +260,7 @@ TEST(Reconstruction, FailuresCarryTheirTexts)
     p.setDebugLog(&log);
     CMeshTarget target;
     CVolumetricTriangulator t(&target, &sphere(), &p, nullptr);
-    try
-    {
-      t.run();
-      FAIL() << "no failure";
-    }
-    catch (CVolTriangulationError const & e)
-    {
-      EXPECT_STREQ(e.what(), "Unexpected solver type");
-    }
+    EXPECT_EQ(QZTest::whatOf<CVolTriangulationError>([&] { t.run(); }), "Unexpected solver type");
     // The tree, the gradient basis and the density came first.
     EXPECT_EQ(logValue(log.lines(), "Error unexpected solver type"), std::to_string(solver));
     EXPECT_NE(logValue(log.lines(), "Average density"), "");
@@ -278,15 +271,8 @@ TEST(Reconstruction, FailuresCarryTheirTexts)
   for (int i = 0; i < 200; ++i)
     flat.add(static_cast<float>(std::sin(i)), static_cast<float>(std::cos(3 * i)), static_cast<float>(std::sin(7 * i)),
              0, 0, 0);
-  try
-  {
-    reconstruct(flat, makeParams(4));
-    FAIL() << "no failure";
-  }
-  catch (CVolTriangulationError const & e)
-  {
-    EXPECT_STREQ(e.what(), "Failed to reconstruct iso-value surface");
-  }
+  EXPECT_EQ(QZTest::whatOf<CVolTriangulationError>([&] { reconstruct(flat, makeParams(4)); }),
+            "Failed to reconstruct iso-value surface");
 }
 
 TEST(Reconstruction, DegenerateCloudsFailCleanly)

@@ -281,8 +281,9 @@ TEST(CVolumetricTriangulator, EmptyCloudAndBadSamples)
   CVolTriangulationParams p;
   p.setOctreeDepth(4);
   p.setDebugLog(&log);
-  EXPECT_EQ(whatOf<CVolTriangulationError>([&] { CVolumetricTriangulator(nullptr, &empty, &p, nullptr).run(); }),
-            "Failed to solve linear system");
+  EXPECT_EQ(
+      whatOf<CVolTriangulationError>([&] { CVolumetricTriangulator(nullptr, &empty, &p, nullptr).run(); }),
+      "Failed to solve linear system");
   EXPECT_EQ(log.lines().at(7), "Samples #: 0");
   EXPECT_EQ(log.lines().at(12), "Nodes number : 0");
 
