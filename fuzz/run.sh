@@ -17,15 +17,27 @@ targets=(component_filters sparse_vector extern_vector ply_reader text_cloud_rea
 cmake -S "$here/fuzz" -B "$build" -DCMAKE_CXX_COMPILER=clang++-14 >/dev/null
 cmake --build "$build" -j "$jobs"
 
-status=0
 mkdir -p "$build/artifacts"
-for t in "${targets[@]}"; do
-  corpus=("$build/corpus/$t" "$build/corpus-seeds/$t")
+# One target per core at a time: each fuzzer is a single process.
+fuzz_one() {
+  local t=$1
+  local corpus=("$build/corpus/$t" "$build/corpus-seeds/$t")
   mkdir -p "${corpus[0]}"
   [ -d "$here/fuzz/regressions/$t" ] && corpus+=("$here/fuzz/regressions/$t")
+  "$build/fuzz_$t" -max_total_time="$seconds" -timeout=25 -rss_limit_mb=2048 -print_final_stats=1 \
+    -artifact_prefix="$build/artifacts/$t-" "${corpus[@]}" >"$build/$t.log" 2>&1
+}
+declare -A pid
+for t in "${targets[@]}"; do
+  while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n || true; done
+  fuzz_one "$t" &
+  pid[$t]=$!
+done
+
+status=0
+for t in "${targets[@]}"; do
   log="$build/$t.log"
-  if "$build/fuzz_$t" -max_total_time="$seconds" -timeout=25 -rss_limit_mb=2048 -print_final_stats=1 \
-      -artifact_prefix="$build/artifacts/$t-" "${corpus[@]}" >"$log" 2>&1; then
+  if wait "${pid[$t]}"; then
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
     echo "fuzz $t: ${runs:-?} executions in ${seconds} s, no failure"
   else
