@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "QZmath/BlockProcessor/ThreadTrace.h"
 #include "QZsys/DebugLog.h"
+#include "TracePattern.h"
 
 using BlockProc::DebugThreadMessage;
 using BlockProc::DebugThreadMgrMessage;
@@ -29,15 +29,16 @@ TEST(ThreadTrace, WorkerAndManagerLines)
 
   std::vector<std::string> const lines = log.lines();
   ASSERT_EQ(lines.size(), 9u);
+  std::string pointer;
   EXPECT_EQ(lines[0], "[DEBUG_THREADS] Worker 10002: Blocks over");
   EXPECT_EQ(lines[1], "[DEBUG_THREADS] Worker 10003: Locking mutex number 4");
-  EXPECT_TRUE(std::regex_match(lines[2], std::regex(R"(\[DEBUG_THREADS\] Worker -5: Processing block 0x[0-9a-f]+)")))
+  EXPECT_TRUE(matchTrace(lines[2], R"([DEBUG_THREADS] Worker -5: Processing block %p)", &pointer))
       << lines[2];
-  EXPECT_TRUE(std::regex_match(lines[3], std::regex(R"(\[DEBUG_THREADS\] Worker 7: Extracting block 0x[0-9a-f]+)")))
+  EXPECT_TRUE(matchTrace(lines[3], R"([DEBUG_THREADS] Worker 7: Extracting block %p)", &pointer))
       << lines[3];
   EXPECT_EQ(lines[4], "[DEBUG_THREADS] Manager: Thread stuff finished");
   EXPECT_EQ(lines[5], "[DEBUG_THREADS] Manager: Worker ID=10001 worker released");
-  EXPECT_TRUE(std::regex_match(lines[6], std::regex(R"(\[DEBUG_THREADS\] Manager: Mutex 0x[0-9a-f]+)"))) << lines[6];
+  EXPECT_TRUE(matchTrace(lines[6], R"([DEBUG_THREADS] Manager: Mutex %p)", &pointer)) << lines[6];
   EXPECT_EQ(lines[6], lines[7]);
   EXPECT_EQ(lines[8], "[DEBUG_THREADS] Manager: 100% done %d");
 }
