@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "GridClient.h"
-#include "TracePattern.h"
 #include "QZsys/DebugLog.h"
 #include "QZsys/Threading.h"
+#include "TracePattern.h"
 
 using namespace BlockTest;
 
@@ -20,7 +20,10 @@ namespace
 class LC_IdleWorker : public BlockProc::CBlockWorker
 {
 public:
-  LC_IdleWorker(BlockProc::CBlockProcessor * processor, bool ownProgress) : CBlockWorker(processor, ownProgress) {}
+  LC_IdleWorker(BlockProc::CBlockProcessor * processor, bool ownProgress)
+      : CBlockWorker(processor, ownProgress)
+  {
+  }
   int ProcessFragment(IVescaFragmentDescriptor_Old &, IVescaFragment_Old *) override { return 0; }
   void BlockFinalize(IVescaFragmentDescriptor_Old &, IVescaFragment_Old *) override {}
 };
@@ -164,8 +167,10 @@ TEST(BlockWorker, UnsharedInitRunsUnderAllMutexes)
   a.SetDebugLog(&log);
   a.Work();
   std::vector<std::string> lines = log.lines();
-  auto const at = [&](std::string const & text) {
-    return std::find_if(lines.begin(), lines.end(), [&](std::string const & l) { return l.find(text) != std::string::npos; }) -
+  auto const at = [&](std::string const & text)
+  {
+    return std::find_if(lines.begin(), lines.end(),
+                        [&](std::string const & l) { return l.find(text) != std::string::npos; }) -
            lines.begin();
   };
   auto const leaveRead = at("Leaving read mutex");
@@ -194,7 +199,8 @@ TEST(BlockWorker, AnAbortBeforeWorkEndsItAtOnce)
   worker.SetDebugLog(&log);
   worker.GetWorkerAbortEvent()->set();
   worker.Work();
-  EXPECT_EQ(log.lines(), std::vector<std::string>{"[DEBUG_THREADS] Worker 10000: Worker caught m_hWorkerAbortEvent. Quit work"});
+  EXPECT_EQ(log.lines(), std::vector<std::string>{
+                             "[DEBUG_THREADS] Worker 10000: Worker caught m_hWorkerAbortEvent. Quit work"});
   EXPECT_EQ(p.processed, (std::vector<int>{0, 0}));
 }
 
@@ -241,7 +247,8 @@ TEST(BlockWorker, AFailingBlockIsGivenBackAndAbortsTheRun)
     int code;
     bool userBreak;
   };
-  for (Case const c : {Case{EFail::Throw, 0, false}, Case{EFail::Code, 3, false}, Case{EFail::Code, 10, true}})
+  for (Case const c :
+       {Case{EFail::Throw, 0, false}, Case{EFail::Code, 3, false}, Case{EFail::Code, 10, true}})
   {
     GridStructure grid(3, 1, 1);
     ExposedProcessor p(grid);
@@ -258,14 +265,17 @@ TEST(BlockWorker, AFailingBlockIsGivenBackAndAbortsTheRun)
     worker.Work(); // never throws
 
     std::vector<std::string> const lines = log.lines();
-    auto const error = std::find(lines.begin(), lines.end(), "[DEBUG_THREADS] Worker 10000: ERROR during BlockProcessCore");
+    auto const error =
+        std::find(lines.begin(), lines.end(), "[DEBUG_THREADS] Worker 10000: ERROR during BlockProcessCore");
     ASSERT_NE(error, lines.end());
-    auto const given = std::find_if(error, lines.end(), [](std::string const & l) { return l.find("Enter mutex") != std::string::npos; });
+    auto const given = std::find_if(
+        error, lines.end(), [](std::string const & l) { return l.find("Enter mutex") != std::string::npos; });
     EXPECT_NE(given, lines.end());
     EXPECT_EQ(Count(lines, "Unexpected error in BlockProc::CBlockWorker::Work()"), c.userBreak ? 0 : 1);
     if (!c.userBreak)
     {
-      EXPECT_EQ(lines.back(), "[DEBUG_THREADS] Worker 10000: Unexpected error in BlockProc::CBlockWorker::Work()");
+      EXPECT_EQ(lines.back(),
+                "[DEBUG_THREADS] Worker 10000: Unexpected error in BlockProc::CBlockWorker::Work()");
     }
     EXPECT_EQ(p.IsUserBreak(), c.userBreak);
     EXPECT_TRUE(p.GetAbortEvent()->wait(0));

@@ -34,8 +34,7 @@ TEST(ThreadTrace, WorkerAndManagerLines)
   EXPECT_EQ(lines[1], "[DEBUG_THREADS] Worker 10003: Locking mutex number 4");
   EXPECT_TRUE(matchTrace(lines[2], R"([DEBUG_THREADS] Worker -5: Processing block %p)", &pointer))
       << lines[2];
-  EXPECT_TRUE(matchTrace(lines[3], R"([DEBUG_THREADS] Worker 7: Extracting block %p)", &pointer))
-      << lines[3];
+  EXPECT_TRUE(matchTrace(lines[3], R"([DEBUG_THREADS] Worker 7: Extracting block %p)", &pointer)) << lines[3];
   EXPECT_EQ(lines[4], "[DEBUG_THREADS] Manager: Thread stuff finished");
   EXPECT_EQ(lines[5], "[DEBUG_THREADS] Manager: Worker ID=10001 worker released");
   EXPECT_TRUE(matchTrace(lines[6], R"([DEBUG_THREADS] Manager: Mutex %p)", &pointer)) << lines[6];
@@ -68,6 +67,6 @@ TEST(ThreadTrace, NullLogAndNullTexts)
   VsUt::CMemoryDebugLog log;
   DebugThreadMessage(&log, 2, nullptr);
   DebugThreadMgrMessage(&log, nullptr, 3);
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{"[DEBUG_THREADS] Worker 2: ", "[DEBUG_THREADS] Manager: "}));
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{"[DEBUG_THREADS] Worker 2: ", "[DEBUG_THREADS] Manager: "}));
 }
-
