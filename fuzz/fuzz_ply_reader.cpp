@@ -5,8 +5,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "CloudIO.h"
-#include "FuzzSupport.h"
+#include "CloudFuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t size)
 {
@@ -14,26 +13,14 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
   static qzfuzz::MemFile out("again.ply");
   in.assign(data, size);
   qzrecon::OrientedCloud cloud;
-  try
-  {
-    cloud = qzrecon::readPly(in.path());
-  }
-  catch (qzrecon::CloudReadError const &)
-  {
+  if (!qzfuzz::readOrRefuse(qzrecon::readPly, in.path(), cloud))
     return 0;
-  }
-  qzfuzz::check(cloud.points.size() % 3 == 0, "a point with fewer than three coordinates");
-  qzfuzz::check(cloud.normals.empty() || cloud.hasNormals(), "normals for some points only");
-  for (float v : cloud.points)
-    qzfuzz::check(std::isfinite(v), "a non-finite coordinate was accepted");
-  for (float v : cloud.normals)
-    qzfuzz::check(std::isfinite(v), "a non-finite normal was accepted");
+  qzfuzz::checkAcceptedCloud(cloud);
 
   qzrecon::writePly(out.path(), cloud);
   qzrecon::OrientedCloud const again = qzrecon::readPly(out.path());
-  auto sameBits = [](std::vector<float> const & a, std::vector<float> const & b) {
-    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), 4 * a.size()) == 0);
-  };
+  auto sameBits = [](std::vector<float> const & a, std::vector<float> const & b)
+  { return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), 4 * a.size()) == 0); };
   qzfuzz::check(sameBits(again.points, cloud.points) && sameBits(again.normals, cloud.normals),
                 "the cloud does not survive writing and reading again");
   return 0;

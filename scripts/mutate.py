@@ -323,14 +323,14 @@ def cmd_run(args):
     # a stopped run must still put the mutated file back
     signal.signal(signal.SIGTERM, stop_on_signal)
     with open(args.list, encoding="utf-8") as f:
-        spec = json.load(f)
+        listing = json.load(f)
     src, bld = os.path.abspath(args.src), os.path.abspath(args.build)
     head = subprocess.run(["git", "-C", src, "rev-parse", "HEAD"], capture_output=True,
                           text=True).stdout.strip()
-    if head != spec["commit"]:
-        sys.exit("the copy is at %s, the list was made at %s" % (head, spec["commit"]))
+    if head != listing["commit"]:
+        sys.exit("the copy is at %s, the list was made at %s" % (head, listing["commit"]))
     suites = set(args.suites.split(",")) if args.suites else set(SUITES)
-    todo = [m for m in spec["mutants"] if m["suite"] in suites]
+    todo = [m for m in listing["mutants"] if m["suite"] in suites]
     done = set()
     if os.path.exists(args.results):
         with open(args.results, encoding="utf-8") as f:
