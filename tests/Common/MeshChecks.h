@@ -22,9 +22,9 @@ struct Mesh
 
 struct MeshTopology
 {
-  int boundaryEdges = 0;    // edges in one triangle
-  int nonManifoldEdges = 0; // edges in three or more triangles
-  int inconsistentEdges = 0; // edges used twice in the same direction
+  int boundaryEdges = 0;       // edges in one triangle
+  int nonManifoldEdges = 0;    // edges in three or more triangles
+  int inconsistentEdges = 0;   // edges used twice in the same direction
   int degenerateTriangles = 0; // repeated vertex indices
   int badIndices = 0;
   int unusedVertices = 0;
@@ -32,8 +32,8 @@ struct MeshTopology
   int components = 0;          // connected components of triangles
   bool closedManifold() const
   {
-    return boundaryEdges == 0 && nonManifoldEdges == 0 && inconsistentEdges == 0 && degenerateTriangles == 0 &&
-           badIndices == 0;
+    return boundaryEdges == 0 && nonManifoldEdges == 0 && inconsistentEdges == 0 &&
+           degenerateTriangles == 0 && badIndices == 0;
   }
 };
 
@@ -46,7 +46,8 @@ inline MeshTopology analyse(Mesh const & m)
   std::vector<int> parent(m.triangles.size());
   for (std::size_t i = 0; i < parent.size(); ++i)
     parent[i] = static_cast<int>(i);
-  std::function<int(int)> findRoot = [&](int x) {
+  std::function<int(int)> findRoot = [&](int x)
+  {
     while (parent[x] != x)
       x = parent[x] = parent[parent[x]];
     return x;
@@ -88,7 +89,8 @@ inline MeshTopology analyse(Mesh const & m)
   for (char u : used)
     usedCount += u;
   t.unusedVertices = nv - usedCount;
-  t.eulerCharacteristic = usedCount - static_cast<int>(edgeTriangles.size()) + static_cast<int>(m.triangles.size());
+  t.eulerCharacteristic =
+      usedCount - static_cast<int>(edgeTriangles.size()) + static_cast<int>(m.triangles.size());
   std::set<int> roots;
   for (std::size_t f = 0; f < m.triangles.size(); ++f)
     roots.insert(findRoot(static_cast<int>(f)));
@@ -106,24 +108,9 @@ inline double signedVolume(Mesh const & m)
     auto const & a = m.vertices[tri[0]];
     auto const & b = m.vertices[tri[1]];
     auto const & c = m.vertices[tri[2]];
-    v += a[0] * (b[1] * c[2] - b[2] * c[1]) - a[1] * (b[0] * c[2] - b[2] * c[0]) + a[2] * (b[0] * c[1] - b[1] * c[0]);
+    v += a[0] * (b[1] * c[2] - b[2] * c[1]) - a[1] * (b[0] * c[2] - b[2] * c[0]) +
+         a[2] * (b[0] * c[1] - b[1] * c[0]);
   }
   return v / 6.0;
-}
-
-inline double surfaceArea(Mesh const & m)
-{
-  double s = 0;
-  for (auto const & tri : m.triangles)
-  {
-    auto const & a = m.vertices[tri[0]];
-    auto const & b = m.vertices[tri[1]];
-    auto const & c = m.vertices[tri[2]];
-    double const u[3] = {b[0] - a[0], b[1] - a[1], b[2] - a[2]};
-    double const w[3] = {c[0] - a[0], c[1] - a[1], c[2] - a[2]};
-    double const n[3] = {u[1] * w[2] - u[2] * w[1], u[2] * w[0] - u[0] * w[2], u[0] * w[1] - u[1] * w[0]};
-    s += 0.5 * std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
-  }
-  return s;
 }
 } // namespace qztest

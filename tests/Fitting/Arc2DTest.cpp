@@ -1,6 +1,3 @@
-// Planar arcs against hand-computed geometry: intersections of segments and
-// circles with the choice nearer the origin, fillets checked by their
-// tangencies, elements through three points, and the four-point error.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,7 +1,3 @@
-// Circle fits against known circles in tilted planes: three-point circles,
-// least-squares fits of full and partial arcs, robust fits with gross
-// outliers, circles through fixed points and with tangents, the MINPACK
-// adapter, and bad input.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -56,48 +52,34 @@ public:
 };
 } // namespace
 
-TEST(FitCircle, ThreePointsInATiltedPlane)
+TEST(FitCircle, ThreePointsAndLeastSquaresOnFullAndPartialArcs)
 {
   Point3D_d u, v;
   planeAxes(N0, u, v);
   Point3D_d pts[3];
   for (int i = 0; i < 3; ++i)
-  {
-    double const t = 0.4 + 1.9 * i;
-    pts[i] = C0 + u * (R0 * std::cos(t)) + v * (R0 * std::sin(t));
-  }
+    pts[i] = C0 + u * (R0 * std::cos(0.4 + 1.9 * i)) + v * (R0 * std::sin(0.4 + 1.9 * i));
   Point3D_d c, n;
   double r;
   ASSERT_TRUE(makeCircleByThreePoints(pts, c, n, r));
   expectCircle(c, n, r, 1e-12);
-  // The normal is (p1 - p0) x (p2 - p0): counter-clockwise about N0.
-  EXPECT_GT(dot(n, N0), 0.0);
-  std::vector<Point3D_d> const three(pts, pts + 3);
-  ASSERT_TRUE(FitCircleToPointSet(three, c, n, r));
+  EXPECT_GT(dot(n, N0), 0.0); // (p1 - p0) x (p2 - p0): counter-clockwise about N0
+  ASSERT_TRUE(FitCircleToPointSetRobust(std::vector<Point3D_d>(pts, pts + 3), c, n, r));
   expectCircle(c, n, r, 1e-12);
-  ASSERT_TRUE(FitCircleToPointSetRobust(three, c, n, r));
-  expectCircle(c, n, r, 1e-12);
-
   Point3D_d const line[3] = {Point3D_d(0.0, 0.0, 0.0), Point3D_d(1.0, 1.0, 1.0), Point3D_d(3.0, 3.0, 3.0)};
   EXPECT_FALSE(makeCircleByThreePoints(line, c, n, r));
-  Point3D_d const same[3] = {C0, C0, Point3D_d(0.0, 0.0, 0.0)};
-  EXPECT_FALSE(makeCircleByThreePoints(same, c, n, r));
-}
 
-TEST(FitCircle, LeastSquaresOnFullAndPartialArcs)
-{
   CSampler s(3);
   double const sigma = 0.005;
   for (double arc : {6.2831853, 1.5, 0.6})
   {
-    std::vector<Point3D_d> const pts = s.circle(C0, N0, R0, 300, 0.2, 0.2 + arc, sigma);
-    Point3D_d c, n;
-    double r;
-    ASSERT_TRUE(FitCircleToPointSet(pts, c, n, r)) << arc;
+    std::vector<Point3D_d> const arcPts = s.circle(C0, N0, R0, 300, 0.2, 0.2 + arc, sigma);
     // The centre of a short arc is less determined: scale by the arc.
-    expectCircle(c, n, r, 20.0 * sigma / (arc * arc < 1.0 ? arc * arc : 1.0));
-    ASSERT_TRUE(FitCircleToPointSetRobust(pts, c, n, r)) << arc;
-    expectCircle(c, n, r, 20.0 * sigma / (arc * arc < 1.0 ? arc * arc : 1.0));
+    double const tol = 20.0 * sigma / std::min(arc * arc, 1.0);
+    ASSERT_TRUE(FitCircleToPointSet(arcPts, c, n, r)) << arc;
+    expectCircle(c, n, r, tol);
+    ASSERT_TRUE(FitCircleToPointSetRobust(arcPts, c, n, r)) << arc;
+    expectCircle(c, n, r, tol);
   }
 }
 

@@ -1,6 +1,3 @@
-// Line fits against known lines: exact cases, noisy samples with gross
-// outliers (the robust fits recover the line where the plain fit is pulled),
-// the fixed-point form, and bad input.
 #include <gtest/gtest.h>
 
 #include <limits>

@@ -1,5 +1,3 @@
-// The min-max ascent on criteria with known max-min points, its box and
-// projector, and the degenerate starts that must leave the start unmoved.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,7 +1,3 @@
-// Chains of lines and arcs fitted to seeded noisy polylines of known shape in
-// a tilted plane: the types, radii and centres, that neighbours meet and that
-// they meet tangentially exactly where the chain is smooth; the caller's end
-// conditions, editing of the segmentation, and bad input.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,6 +1,3 @@
-// Smoothing with fixed points against a slow full-length reference of the
-// scheme, its geometric effect on lines and circles, arrangement of positions
-// on a line and a circle, and bad input.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -116,33 +113,6 @@ TEST(PolylineSmoothing, MatchesTheFullLengthSchemeOpenAndClosed)
     for (int idx : c.fixed)
       EXPECT_EQ(pts[idx].x(), want[idx].x());
   }
-}
-
-TEST(PolylineSmoothing, NoisyLineMovesTowardTheLineWithFixedPointsExact)
-{
-  std::mt19937 rng(3);
-  std::normal_distribution<float> noise(0.0f, 0.1f);
-  std::vector<Point3D> pts;
-  for (int i = 0; i < 500; ++i)
-    pts.emplace_back(0.01f * i, noise(rng), noise(rng));
-  std::vector<Point3D> const before = pts;
-  std::vector<int> fixed = {50, 250, 400};
-  auto offLine = [](std::vector<Point3D> const & p)
-  {
-    double s = 0.0;
-    for (Point3D const & q : p)
-      s += q.y() * q.y() + q.z() * q.z();
-    return std::sqrt(s / p.size());
-  };
-  CPolylineSmoothParams params;
-  params.SetPtrFixedPtIdx(&fixed);
-  params.SetNIter(30);
-  params.SetPreserveShape(false);
-  ASSERT_TRUE(smoothPolylineWithFixedPoints(pts, params));
-  EXPECT_LT(offLine(pts), 0.5 * offLine(before));
-  for (int idx : {0, 50, 250, 400, 499}) // the list and the open ends
-    EXPECT_TRUE(pts[idx].x() == before[idx].x() && pts[idx].y() == before[idx].y() &&
-                pts[idx].z() == before[idx].z());
 }
 
 TEST(PolylineSmoothing, CounterStepKeepsACircleWherePlainAveragingShrinksIt)

@@ -1,7 +1,3 @@
-// The quadratic program routine on problems with known optima (free, active
-// and inactive constraints, bounds, equalities of either sign), the KKT
-// conditions on random definite and semidefinite problems, infeasible and
-// malformed input.
 #include <gtest/gtest.h>
 
 #include <algorithm>

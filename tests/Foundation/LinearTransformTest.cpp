@@ -80,6 +80,8 @@ TEST(LinearTransform, AxisRotation)
   expectNear(r.transformPoint(Point3D_d(2, 2, 5)), Point3D_d(1, 3, 5), 1e-15);
   EXPECT_TRUE(r.isOrtho());
 
+  // Points of the line stay; others turn about it as RotateVector turns
+  // their offset from it.
   Rng rng;
   for (int rep = 0; rep < 100; ++rep)
   {
@@ -88,22 +90,10 @@ TEST(LinearTransform, AxisRotation)
     Point3D_d const point = rng.point(), q = rng.point();
     double const angle = rng.u(rng.gen);
     setAxisRotationTransform(r, point, axis, angle);
-    // Points of the line stay; others turn as a vector across the axis does.
-    Point3D_d onLine = axis;
-    onLine *= 2.5;
-    onLine += point;
-    expectNear(r.transformPoint(onLine), onLine, 1e-12);
-    Point3D_d rel = q;
-    rel -= point;
+    expectNear(r.transformPoint(point + axis * 2.5), point + axis * 2.5, 1e-12);
+    Point3D_d const rel = q - point, axial = axis * dot(axis, rel), perp = rel - axial;
     double across[3];
-    Point3D_d axial = axis;
-    axial *= dot(axis, rel);
-    Point3D_d perp = rel;
-    perp -= axial;
     RotateVector(across, axis.asArray(), perp.asArray(), angle);
-    Point3D_d expected(across);
-    expected += axial;
-    expected += point;
-    expectNear(r.transformPoint(q), expected, 1e-11);
+    expectNear(r.transformPoint(q), Point3D_d(across) + axial + point, 1e-11);
   }
 }

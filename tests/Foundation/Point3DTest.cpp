@@ -33,34 +33,26 @@ TEST(Point3D, ConstructorsAndArrays)
   EXPECT_EQ(c.asArray()[1], 7.f);
 }
 
+// Float points take double operands in double and round once; float
+// operands stay float, division included.
 TEST(Point3D, DoubleOperandsRoundOnce)
 {
-  // 1/3 in double, rounded once, differs from float arithmetic for some values
   std::mt19937 rng(7);
   std::uniform_real_distribution<float> u(-100.f, 100.f);
   for (int i = 0; i < 1000; ++i)
   {
     float const v = u(rng);
-    double const s = 1.0 / 3.0;
-    Point3D p(v);
-    p *= s;
-    EXPECT_EQ(p.x(), static_cast<float>(static_cast<double>(v) * s));
-    Point3D q(v);
+    Point3D p(v), q(v), r(v);
+    p *= 1.0 / 3.0;
     q /= 3.0;
+    r /= 3.0f;
+    EXPECT_EQ(p.x(), static_cast<float>(static_cast<double>(v) * (1.0 / 3.0)));
     EXPECT_EQ(q.y(), static_cast<float>(static_cast<double>(v) / 3.0));
-    Point3D r(v);
-    r /= 3.0f; // true float division, not multiplication by the inverse
     EXPECT_EQ(r.z(), v / 3.0f);
-    Point3D t(v);
-    t *= 0.1f;
-    EXPECT_EQ(t.z(), v * 0.1f);
   }
-  Point3D a(1, 2, 3), b(0.5, 0.5, 0.5);
-  a += b;
-  EXPECT_EQ(a.x(), 1.5f);
-  a -= b;
-  a -= b;
-  EXPECT_EQ(a.z(), 2.5f);
+  HPoint3D t(1.0f);
+  t /= 3.0;
+  EXPECT_EQ(t.w(), static_cast<float>(1.0 / 3.0));
 }
 
 TEST(Point3D, NormalizeFollowsMixedPrecisionRule)
@@ -73,95 +65,45 @@ TEST(Point3D, NormalizeFollowsMixedPrecisionRule)
     float const n2 = p.x() * p.x() + p.y() * p.y() + p.z() * p.z();
     double const inv = 1.0 / std::sqrt(static_cast<double>(n2));
     Point3D const n = p.unitLength();
-    EXPECT_EQ(n.x(), static_cast<float>(p.x() * inv));
-    EXPECT_EQ(n.y(), static_cast<float>(p.y() * inv));
-    EXPECT_EQ(n.z(), static_cast<float>(p.z() * inv));
+    EXPECT_TRUE(n.x() == static_cast<float>(p.x() * inv) && n.y() == static_cast<float>(p.y() * inv) &&
+                n.z() == static_cast<float>(p.z() * inv));
   }
   Point3D z(0);
   z.normalize();
   EXPECT_TRUE(std::isnan(z.x()));
 }
 
-TEST(Point3D_d, LengthUnitAndAngle)
+TEST(Point3D_d, UnitLengthToleranceAndAngle)
 {
-  Point3D_d a(3, 4, 12);
-  EXPECT_EQ(a.length(), 13.0);
-  EXPECT_FALSE(a.isUnitLength());
-  Point3D_d u = a.unitLength();
-  EXPECT_TRUE(u.isUnitLength());
-  EXPECT_TRUE(Point3D_d(1, 0, 0).isUnitLength());
+  EXPECT_EQ(Point3D_d(3, 4, 12).length(), 13.0);
+  EXPECT_TRUE(Point3D_d(3, 4, 12).unitLength().isUnitLength());
   EXPECT_TRUE(Point3D_d(1 + 2.220446049250313e-16, 0, 0).isUnitLength());
   EXPECT_FALSE(Point3D_d(1 + 8 * 2.220446049250313e-16, 0, 0).isUnitLength());
   Point3D_d x(2, 0, 0);
-  EXPECT_DOUBLE_EQ(x.angleCos(Point3D_d(0, 5, 0)), 0.0);
   EXPECT_DOUBLE_EQ(x.angleCos(Point3D_d(-1, 0, 0)), -1.0);
   EXPECT_DOUBLE_EQ(x.angleCos(Point3D_d(1, 1, 0)), std::sqrt(0.5));
   EXPECT_TRUE(std::isnan(x.angleCos(Point3D_d(0.0))));
-  Point3D_d z(0);
-  z.normalize();
-  EXPECT_TRUE(std::isnan(z.x()));
-  Point3D_d m(1.5, 2, 3);
-  m *= 2.0f;
-  m /= 4.0;
-  EXPECT_EQ(m.x(), 0.75);
-  float f[3];
-  m.toArray(f);
-  EXPECT_EQ(f[1], 1.f);
 }
 
 TEST(HPoint3D, OrderComparesNorm2SquaredInFloatAndSummedInDouble)
 {
   HPoint3D a(1, 2, 2, 9), b(3, 0, 0, 0);
   EXPECT_TRUE(!(a < b) && !(b < a) && a <= b && a >= b && a != b) << "equal norms, different points";
-  EXPECT_TRUE(a.norm2() == 9.0 && a.norm() == 3.0);
   EXPECT_TRUE(HPoint3D(1, 1, 1, 0) < HPoint3D(0, 0, 2, 0) && HPoint3D(0, 0, 2, 0) > HPoint3D(-1, 1, 1, 100));
-  HPoint3D const e(1, 2, 3, 4);
-  EXPECT_TRUE(e == HPoint3D(1, 2, 3, 4) && !(e == HPoint3D(1, 2, 3, 5)));
-  HPoint3D_d c(1, 2, 2, 9), d(-3, 0, 0, 1);
-  EXPECT_TRUE(!(c < d) && !(d < c) && c != d);
+  EXPECT_TRUE(!(HPoint3D_d(1, 2, 2, 9) < HPoint3D_d(-3, 0, 0, 1)));
   std::mt19937 rng(11);
   std::uniform_real_distribution<float> u(-1e3f, 1e3f);
   for (int i = 0; i < 1000; ++i)
   {
     HPoint3D p(u(rng), u(rng), u(rng), u(rng));
     float const xx = p.x() * p.x(), yy = p.y() * p.y(), zz = p.z() * p.z();
-    double const expect = static_cast<double>(xx) + static_cast<double>(yy) + static_cast<double>(zz);
-    EXPECT_EQ(p.norm2(), expect);
+    EXPECT_EQ(p.norm2(), static_cast<double>(xx) + static_cast<double>(yy) + static_cast<double>(zz));
   }
-}
-
-TEST(HPoint3D, ConversionsProjectionAndArithmeticOnAllFour)
-{
-  // From a point: w = 1; projected: the first three, no division by w.
+  // From a point w is 1; projected, the first three, no division by w.
   HPoint3D_d h(Point3D_d(1, 2, 3));
   EXPECT_EQ(h, HPoint3D_d(1, 2, 3, 1));
   h.w() = 2;
   EXPECT_EQ(h.projectW().y(), 2.0);
-  HPoint3D f(Point3D(4, 5, 6));
-  f.w() = 0;
-  EXPECT_EQ(f.projectW().x(), 4.f);
-  f = 2.5;
-  EXPECT_EQ(f, HPoint3D(2.5f, 2.5f, 2.5f, 2.5f));
-  f = Point3D(1, 1, 1);
-  EXPECT_EQ(f.w(), 1.f);
-  EXPECT_EQ(HPoint3D_d(3), HPoint3D_d(3, 3, 3, 3));
-  float const four[4] = {1, 2, 3, 4};
-  EXPECT_EQ(HPoint3D_d(four), HPoint3D_d(1, 2, 3, 4));
-
-  HPoint3D a(four);
-  a += 1.0f;
-  EXPECT_EQ(a, HPoint3D(2, 3, 4, 5));
-  a *= 2.0;
-  a /= 2.0f;
-  a -= 1.0;
-  EXPECT_EQ(a, HPoint3D(1, 2, 3, 4));
-  HPoint3D t(1.0f);
-  t /= 3.0; // in double, rounded once
-  EXPECT_EQ(t.w(), static_cast<float>(1.0 / 3.0));
-  HPoint3D_d b(1, 2, 3, 4);
-  b *= 0.5f;
-  b += 1.0;
-  EXPECT_EQ(b, HPoint3D_d(1.5, 2, 2.5, 3));
 }
 
 TEST(NormalizeVector, GuardsZeroAndScalesInDouble)
@@ -197,19 +139,6 @@ TEST(NoValueMark, BitsOfTheMagicNumber)
   EXPECT_EQ(bits, 0x606710AFu);
   EXPECT_TRUE(isNoValueMark(6.66e19));
   EXPECT_FALSE(isNoValueMark(6.6e19));
-}
-
-TEST(CPtVecAdapder, ViewsAVectorWithoutOwning)
-{
-  std::vector<Point3D> pts = {Point3D(1, 2, 3), Point3D(4, 5, 6)};
-  CPtVecAdapder<std::vector<Point3D>> view(pts);
-  ICoord3DRefs const & refs = view;
-  EXPECT_EQ(ICoord3DRefs::DIM, 3);
-  EXPECT_EQ(refs.getPointsNumber(), 2);
-  EXPECT_EQ(refs.getPointCoords(1), pts[1].asArray());
-  EXPECT_EQ(refs.getPointCoords(1)[2], 6.f);
-  pts.push_back(Point3D(7));
-  EXPECT_EQ(refs.getPointsNumber(), 3); // a view, not a copy
 }
 
 namespace

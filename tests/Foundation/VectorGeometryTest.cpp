@@ -49,24 +49,14 @@ TEST(VectorGeometry, LineToPointAndFloatWidening)
     EXPECT_NEAR(dot(c, c), 0.0, 1e-20);
 
     // The float forms compute in double and round once at the end.
-    float fa[3], fb[3], fp[3], fout[3], fq[3];
-    V wa, wb, wp, perp, q;
+    float fa[3], fb[3], fp[3], fout[3];
+    V wa, wb, wp;
     for (int i = 0; i < 3; ++i)
-      fa[i] = float(a[i]), fb[i] = float(b[i]), fp[i] = float(p[i]), wa[i] = fa[i], wb[i] = fb[i],
-      wp[i] = fp[i];
+      wa[i] = fa[i] = float(a[i]), wb[i] = fb[i] = float(b[i]), wp[i] = fp[i] = float(p[i]);
     Vector_Line2Point(fa, fb, fp, fout);
     Vector_Line2Point(wa.data(), wb.data(), wp.data(), out.data());
-    BuildUCSbyVector(fa, fp, fq);
-    BuildDefPerpendicular(wa.data(), perp.data());
     for (int i = 0; i < 3; ++i)
-    {
       EXPECT_EQ(fout[i], static_cast<float>(out[i]));
-      EXPECT_EQ(fp[i], static_cast<float>(perp[i]));
-      wp[i] = fp[i];
-    }
-    q = cross(wa, wp);
-    for (int i = 0; i < 3; ++i)
-      EXPECT_EQ(fq[i], static_cast<float>(q[i]));
   }
 }
 
@@ -101,10 +91,6 @@ TEST(VectorGeometry, RotateVectorKeepsTheSystemForm)
 {
   V const z = {0, 0, 1};
   V out;
-  RotateVector(out.data(), z.data(), V{1, 0, 0}.data(), M_PI / 2);
-  expectNear(out.data(), {0, 1, 0}, 1e-15);
-  RotateVector(out.data(), z.data(), V{1, 0, 1}.data(), M_PI / 2);
-  expectNear(out.data(), {0, 1, 1}, 1e-15);
   RotateVector(out.data(), z.data(), V{1, 0, 1}.data(), M_PI);
   expectNear(out.data(), {-1, 0, -1}, 1e-15); // the axial part scales by cos + sin
 
@@ -204,14 +190,12 @@ TEST(VectorGeometry, CosinesAndSemiPlanarProducts)
 
 TEST(VectorGeometry, CircumscribeCircleOverloads)
 {
-  // Every form: centre (1, 1, 0) and the SQUARED radius 2.
+  // Every form gives the SQUARED radius: 2 for the centre (1, 1, 0).
   double const a[3] = {0, 0, 0}, b[3] = {2, 0, 0}, c[3] = {0, 2, 0};
   float const fa[3] = {0, 0, 0}, fb[3] = {2, 0, 0}, fc[3] = {0, 2, 0};
   double centre[3], r2 = 0;
   ASSERT_TRUE(CircumscribeCircle(a, b, c, centre, r2));
   expectNear(centre, {1, 1, 0}, 1e-15);
-  EXPECT_DOUBLE_EQ(r2, 2.0);
-  ASSERT_TRUE(CircumscribeCircle(fa, fb, fc, centre, r2));
   EXPECT_DOUBLE_EQ(r2, 2.0);
   float fcentre[3], fr2 = 0;
   ASSERT_TRUE(CircumscribeCircle(fa, fb, fc, fcentre, fr2));
@@ -220,10 +204,6 @@ TEST(VectorGeometry, CircumscribeCircleOverloads)
   Point3D pc;
   ASSERT_TRUE(CircumscribeCircle(pts, pc, fr2));
   EXPECT_FLOAT_EQ(pc.y(), 1.0f);
-  Point3D_d const dpts[3] = {Point3D_d(a), Point3D_d(b), Point3D_d(c)};
-  Point3D_d dc;
-  ASSERT_TRUE(CircumscribeCircle(dpts, dc, r2));
-  EXPECT_DOUBLE_EQ(dc.x(), 1.0);
 
   // Random triangles: the centre is equidistant and in their plane.
   Rng rng;
@@ -244,14 +224,11 @@ TEST(VectorGeometry, CircumscribeCircleOverloads)
   double const l0[3] = {0, 0, 0}, l1[3] = {1, 1, 1}, l2[3] = {3, 3, 3};
   centre[0] = r2 = 42;
   EXPECT_FALSE(CircumscribeCircle(l0, l1, l2, centre, r2));
-  EXPECT_EQ(centre[0], 42.0);
-  EXPECT_EQ(r2, 42.0);
+  EXPECT_TRUE(centre[0] == 42.0 && r2 == 42.0);
   Point3D_d const dl[3] = {Point3D_d(l0), Point3D_d(l1), Point3D_d(l2)};
+  Point3D_d dc;
   EXPECT_FALSE(CircumscribeCircle(dl, dc, r2));
   EXPECT_EQ(r2, static_cast<double>(NO_VALUE_MARK));
-  Point3D const fl[3] = {Point3D(l0), Point3D(l1), Point3D(l0)};
-  EXPECT_FALSE(CircumscribeCircle(fl, pc, fr2));
-  EXPECT_EQ(fr2, NO_VALUE_MARK);
   // A flat triangle of height 0.01 passes 1e-9 but not the float forms' 0.001.
   float const f0[3] = {0, 0, 0}, f1[3] = {1, 0.01f, 0}, f2[3] = {2, 0, 0};
   EXPECT_TRUE(CircumscribeCircle(f0, f1, f2, centre, r2));

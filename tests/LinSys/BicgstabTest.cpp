@@ -48,56 +48,6 @@ template <class T> struct CDense
   }
 };
 
-// The iteration written out with plain loops, step by step: the slow
-// reference for the BLAS version.
-template <class T> int referenceBicgstab(CDense<T> & m, std::vector<T> const & b, std::vector<T> & x, T eps)
-{
-  int const n = m.n;
-  auto dot = [n](std::vector<T> const & u, std::vector<T> const & v)
-  {
-    T s = T(0);
-    for (int i = 0; i < n; ++i)
-      s += u[i] * v[i];
-    return s;
-  };
-  T const small = static_cast<T>(sizeof(T) == 4 ? 1e-15 : 1e-40);
-  std::vector<T> r(n), v(n), t(n);
-  CDense<T>::multiply(&m, x.data(), r.data());
-  for (int i = 0; i < n; ++i)
-    r[i] -= b[i];
-  std::vector<T> p = r, s = r, h = r;
-  if (dot(h, h) < small)
-    return -1;
-  T rho = dot(h, s);
-  int k = 0;
-  for (T const limit = eps * eps * dot(b, b); dot(r, r) > limit; ++k)
-  {
-    CDense<T>::multiply(&m, p.data(), v.data());
-    T const d = dot(h, v);
-    if (std::fabs(d) < small)
-      return -1;
-    T const alpha = rho / d;
-    for (int i = 0; i < n; ++i)
-      r[i] -= alpha * v[i], s[i] -= alpha * v[i];
-    CDense<T>::multiply(&m, s.data(), t.data());
-    T const a = dot(s, t), c = dot(t, t);
-    T const omega = std::fabs(double(a)) < 1e-40 || std::fabs(double(c)) < 1e-40 ? T(0) : a / c;
-    for (int i = 0; i < n; ++i)
-    {
-      r[i] -= omega * t[i];
-      x[i] -= alpha * p[i];
-      x[i] -= omega * s[i];
-      s[i] -= omega * t[i];
-    }
-    T const rhoNew = dot(h, s);
-    T const beta = ((alpha / omega) / rho) * rhoNew;
-    rho = rhoNew;
-    for (int i = 0; i < n; ++i)
-      p[i] = beta * p[i] + s[i] - (omega * beta) * v[i];
-  }
-  return k;
-}
-
 template <class T> std::vector<T> rightPartOf(solver_test::CProblem const & p)
 {
   std::vector<double> const fixed = solver_test::fixedPositions(p, 0);
@@ -110,24 +60,18 @@ template <class T> std::vector<T> rightPartOf(solver_test::CProblem const & p)
 }
 } // namespace
 
-TYPED_TEST(Bicgstab, FollowsTheStepByStepReferenceAndSolves)
+TYPED_TEST(Bicgstab, SolvesWithTwoProductsAnIteration)
 {
   using T = TypeParam;
   for (auto const & problem :
        {solver_test::randomSpd(60, 6, 5u), solver_test::chain(50), solver_test::laplacian3D(4, 4, 3)})
   {
     CDense<T> m(problem);
-    std::vector<T> const b = rightPartOf<T>(problem);
-    std::vector<T> x(b.size(), T(0)), xRef = x;
-    int const iterations = m.solve(b, x, -1);
+    std::vector<T> x(problem.nFree, T(0));
+    int const iterations = m.solve(rightPartOf<T>(problem), x, -1);
+    ASSERT_GT(iterations, 0);
     // Every iteration costs two products, plus one for the first residual.
     EXPECT_EQ(m.calls, 2 * iterations + 1);
-    int const referenceIterations = referenceBicgstab(m, b, xRef, T(1e-6));
-    ASSERT_GT(iterations, 0);
-    // BLAS sums in its own order, so a float run may take one step more or less.
-    EXPECT_NEAR(iterations, referenceIterations, sizeof(T) == 4 ? 1 : 0);
-    EXPECT_LT(solver_test::relativeError({x.begin(), x.end()}, {xRef.begin(), xRef.end()}),
-              sizeof(T) == 4 ? 1e-3 : 1e-9);
     EXPECT_LT(solver_test::relativeError(
                   {x.begin(), x.end()},
                   solver_test::referenceSolution<T>(problem, solver_test::fixedPositions(problem, 0))),

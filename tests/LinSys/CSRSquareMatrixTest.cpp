@@ -11,7 +11,7 @@
 #include "tests/Common/Checks.h"
 
 using namespace REmath;
-using linsys_test::CDenseTestStorage;
+using linsys_test::CPlainRowStorage;
 using linsys_test::denseProduct;
 using linsys_test::densify;
 using linsys_test::randomSparseDense;
@@ -168,7 +168,7 @@ TYPED_TEST(CsrMatrix, ConversionOfASystemEqualsItsDenseForm)
   using T = TypeParam;
   int const n = 12;
   std::vector<T> const a = randomSparseDense<T>(n, 3, false, 5u);
-  CDenseTestStorage<T> system;
+  CPlainRowStorage<T> system;
   linsys_test::buildSystem(system, a, n, false);
   std::vector<T> upperPart = a;
   for (int i = 0; i < n; ++i)
@@ -184,11 +184,11 @@ TYPED_TEST(CsrMatrix, ConversionOfASystemEqualsItsDenseForm)
     EXPECT_EQ(densify(upper), upperPart);
   }
 
-  CDenseTestStorage<T> zero;
+  CPlainRowStorage<T> zero;
   zero.DefineFreeVertex(0);
   zero.AddEquation(linsys_test::eq<T>({{0, 0}}));
   EXPECT_EQ(LinearSystem2CsrMatrix<T>(zero, 1, false).getNonZeroValuesNumber(), 0);
-  EXPECT_EQ(LinearSystem2CsrMatrix<T>(CDenseTestStorage<T>(), 0, true).getMatrixSize(), 0);
+  EXPECT_EQ(LinearSystem2CsrMatrix<T>(CPlainRowStorage<T>(), 0, true).getMatrixSize(), 0);
   EXPECT_EQ(QZTest::whatOf<std::logic_error>([&] { LinearSystem2CsrMatrix<T>(zero, 3, false); }),
             "REmath::LinearSystem2CsrMatrix internal error")
       << "a base of 3 must not be accepted";

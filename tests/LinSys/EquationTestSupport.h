@@ -1,6 +1,6 @@
 #pragma once
 // Helpers of the equation and storage tests: a recording position source and
-// sink, a dense reference storage, random sparse matrices and systems.
+// sink, random sparse matrices and systems.
 
 #include <map>
 #include <random>
@@ -9,6 +9,7 @@
 
 #include "QZmath/LinSys/CSRSquareMatrix.h"
 #include "QZmath/LinSys/LinSysVariableManager.h"
+#include "QZmath/LinSys/VPLSstorage.h"
 
 namespace linsys_test
 {
@@ -19,6 +20,10 @@ template <class T> REmath::CVertexLinearCombination<T> eq(std::vector<std::pair<
     c.AddVertex(t.first, static_cast<T>(t.second));
   return c;
 }
+
+/// A second storage built on the variable manager, with plain rows: the
+/// reference for the compressed rows.
+template <class T> using CPlainRowStorage = REmath::CVPLSstorage<T, REmath::CStdVectorAsVPLSstorageRow<T>>;
 
 /// Positions from a map (0 elsewhere); every question is recorded in order.
 template <class T> class CMapInformer : public REmath::IVertexPosInformer<T>
@@ -43,42 +48,6 @@ template <class T> class CRecordingReciever : public REmath::IEqSysResultRecieve
 public:
   void SetVertexPosition(int vertex, T position) override { got.emplace_back(vertex, position); }
   std::vector<std::pair<int, T>> got;
-};
-
-/// The simplest storage: free rows as maps. The reference for the compressed
-/// rows, and the second concrete class the variable manager is tested through.
-template <class T> class CDenseTestStorage : public REmath::CLinSysVariableManager<T>
-{
-public:
-  CDenseTestStorage * Copy() const override { return new CDenseTestStorage(*this); }
-
-private:
-  T onScalarProductByMatrixRow(int row, int size, T const * vector) const override
-  {
-    T sum = T(0);
-    for (int j = 0; j < size; ++j)
-      sum += this->GetFreeVertCoeff(row, j) * vector[j];
-    return sum;
-  }
-  T onGetFreeVertCoeff(int row, int column) const override
-  {
-    auto r = m_rows.find(row);
-    return r == m_rows.end() || !r->second.count(column) ? T(0) : r->second.at(column);
-  }
-  bool onIsSymmetric() const override { return m_bSymmetric; }
-  void onSetSymmetric(bool symmetric) override { m_bSymmetric = symmetric; }
-  void onAddEquationFreePart(REmath::CVertexLinearCombination<T> const & equation, int row) override
-  {
-    m_bAllocated = true;
-    for (auto it = equation.begin(); it != equation.end(); ++it)
-      if (this->GetFreeVariablesIndex(it->GetVertexIdx()) >= 0)
-        m_rows[row][this->GetFreeVariablesIndex(it->GetVertexIdx())] = it->GetCoeff();
-  }
-  bool areFreeVariablesDefined() const override { return m_bAllocated; }
-
-  std::map<int, std::map<int, T>> m_rows;
-  bool m_bSymmetric = false;
-  bool m_bAllocated = false;
 };
 
 /// A dense n x n row-major matrix with a non-zero diagonal and about `perRow`

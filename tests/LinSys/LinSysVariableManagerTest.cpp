@@ -20,9 +20,8 @@ namespace
 template <class S> class VariableManager : public ::testing::Test
 {
 };
-using Storages =
-    ::testing::Types<linsys_test::CDenseTestStorage<float>, linsys_test::CDenseTestStorage<double>,
-                     CCSRSstorage<float>, CCSRSstorage<double>>;
+using Storages = ::testing::Types<linsys_test::CPlainRowStorage<float>, linsys_test::CPlainRowStorage<double>,
+                                  CCSRSstorage<float>, CCSRSstorage<double>>;
 TYPED_TEST_SUITE(VariableManager, Storages);
 
 template <class S> using ScalarOf = decltype(std::declval<S const &>().GetFixedVertCoeff(0, 0));
