@@ -18,6 +18,7 @@
 #include "QZmath/Persistence/ExternVector.h"
 #include "QZsys/TempFile.h"
 #include "fuzz/ComponentDocument.h"
+#include "tests/Common/Checks.h"
 
 namespace
 {
@@ -131,17 +132,7 @@ TEST(FullDisk, ExternVectorKeepsItsElementsAndTheHeldChange)
     return bytes;
   };
   auto expectBadAllocation = [](auto && f)
-  {
-    try
-    {
-      f();
-      ADD_FAILURE() << "no failure";
-    }
-    catch (std::bad_alloc const & e)
-    {
-      EXPECT_STREQ(e.what(), "bad allocation");
-    }
-  };
+  { EXPECT_EQ(QZTest::whatOf<std::bad_alloc>(f), "bad allocation"); };
   std::string const a(es, '\xA5');
 
   VescaExtVec::ElementHandle held = nullptr;
@@ -158,7 +149,7 @@ TEST(FullDisk, ExternVectorKeepsItsElementsAndTheHeldChange)
     expectBadAllocation([&] { v->releaseElement(true, &held); });
     VescaExtVec::ElementHandle low = nullptr;
     std::memset(v->lockElement(5, &low), 0x22, es);
-    v->releaseElement(true, &low); // below the limit: written
+    v->releaseElement(true, &low);                   // below the limit: written
     EXPECT_EQ(element(50), std::string(es, '\x11')); // still held: the changed copy
   }
   v->releaseElement(false, &held); // the hold stayed, and so did its change

@@ -115,24 +115,6 @@ TEST(ProgressCounter, InterruptionIsStickyAndComesFromEverySource)
   EXPECT_THROW(twice.SetPosFloat(0.3), CUserIntrException);
 }
 
-TEST(ProgressCounter, InterruptionWhileWorkerLoops)
-{
-  CProgressCounter c;
-  std::atomic<bool> started{false};
-  std::thread requester([&] {
-    while (!started.load())
-      std::this_thread::yield();
-    c.RequestInterrupt();
-  });
-  EXPECT_THROW(
-      for (long i = 0;; ++i) {
-        started.store(true);
-        c.SetPosFloat(static_cast<double>(i % 1000) / 1000.0);
-      },
-      CUserIntrException);
-  requester.join();
-}
-
 TEST(PrgCntSubPhase, FractionAndPercentForms)
 {
   CProgressCounter c;
@@ -296,7 +278,8 @@ TEST(PrgCntBlocksTreaded, WorkersOnThreads)
   int const blocks = 64;
   b.SetBlocksNumber(blocks);
   std::atomic<int> next{0};
-  auto worker = [&] {
+  auto worker = [&]
+  {
     CProgressCounter own;
     b.AddChildPrgCnt(&own);
     for (int k; (k = next.fetch_add(1)) < blocks;)
