@@ -41,14 +41,13 @@ TEST(Distances, PointToLineAndSegment)
   float const fin[3] = {1.0f, 3.0f, 0.0f}, fafter[3] = {6.0f, 0.0f, 1.0f}, fbefore[3] = {-1.0f, 1.0f, 0.0f};
   float ffoot[3];
   int where = 9;
-  EXPECT_EQ(DistancePoint2Segment(fin, fa, fb), 9.0f);
-  EXPECT_EQ(DistancePoint2Segment(fin, a, b), 9.0);
-  EXPECT_EQ(DistancePoint2Segment(fin, fa, fb, ffoot, where), 9.0f);
-  EXPECT_EQ(where, -1);
-  DistancePoint2Segment(fbefore, fa, fb, ffoot, where);
-  EXPECT_EQ(where, 0);
-  DistancePoint2Segment(fafter, fa, fb, ffoot, where);
-  EXPECT_EQ(where, 1);
+  EXPECT_TRUE(DistancePoint2Segment(fin, fa, fb) == 9.0f && DistancePoint2Segment(fin, a, b) == 9.0);
+  float const * const ends[3] = {fin, fbefore, fafter};
+  for (int k = 0; k < 3; ++k)
+  {
+    DistancePoint2Segment(ends[k], fa, fb, ffoot, where);
+    EXPECT_EQ(where, k - 1);
+  }
   EXPECT_EQ(ffoot[0], 4.0f);
 
   // 2D: z is ignored, the outputs are optional.
