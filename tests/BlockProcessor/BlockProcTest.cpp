@@ -39,8 +39,7 @@ TEST(BlockProcessorSetup, ThreadCountAndParallelFlagFollowEachOther)
   GridStructure grid(2, 2, 1);
   GridProcessor p(grid);
   EXPECT_TRUE(p.GetNParralelThreads() == 0 && !p.IsUseParallelThreads() && p.GetNPasses() == 1 &&
-              p.TotalPassNum() == 1 && p.CurrentPassNo() == -1);
-  EXPECT_FALSE(p.DoModifyImmediately() || p.DoBlockExtract() || p.IsUserBreak());
+              p.CurrentPassNo() == -1 && !p.DoModifyImmediately() && !p.DoBlockExtract());
   p.SetNParralelThreads(4);
   EXPECT_TRUE(p.IsUseParallelThreads());
   p.SetUseParallelThreads(false); // drops the count to 1
@@ -48,49 +47,45 @@ TEST(BlockProcessorSetup, ThreadCountAndParallelFlagFollowEachOther)
   p.SetNParralelThreads(3);
   p.SetNParralelThreads(1); // one thread is serial
   EXPECT_FALSE(p.IsUseParallelThreads());
-  p.SetUseParallelThreads(true);
-  EXPECT_TRUE(p.IsUseParallelThreads() && p.GetNParralelThreads() == 1);
 }
 
 TEST(BlockProcessorSetup, BadConfigurationsFailBeforeAnyHook)
 {
+  // No structure; extraction without immediate modification; parallel work
+  // without a thread count.
+  for (int c = 0; c < 3; ++c)
   {
     GridStructure grid(2, 2, 1);
     GridProcessor p(grid);
-    p.SetBlockStructure(nullptr);
-    EXPECT_EQ(p.Run(), QZ_STATUS_UNEXPECTED_ERR);
+    if (c == 0)
+      p.SetBlockStructure(nullptr);
+    p.SetExtractBlock(c == 1);
+    p.SetUseParallelThreads(c == 2);
+    EXPECT_EQ(p.Run(), c == 0 ? QZ_STATUS_UNEXPECTED_ERR : 9) << c;
     EXPECT_TRUE(p.Events().empty());
-  }
-  {
-    GridStructure grid(2, 2, 1);
-    GridProcessor p(grid);
-    p.SetExtractBlock(true);
-    p.SetImmediateBlockModify(false);
-    EXPECT_EQ(p.Run(), 9);
-    EXPECT_TRUE(p.Events().empty());
-    EXPECT_EQ(p.creations.load(), 0);
-    EXPECT_EQ(grid.NewPassCalls(), 0);
-  }
-  {
-    // Parallel work asked for without a thread count.
-    GridStructure grid(2, 2, 1);
-    GridProcessor p(grid);
-    p.SetUseParallelThreads(true);
-    EXPECT_EQ(p.Run(), 9);
-    EXPECT_TRUE(p.Events().empty());
+    EXPECT_EQ(p.creations.load() + grid.NewPassCalls(), 0);
   }
 }
 
 // ---------------------------------------------------------------- serial runs
 
-TEST(BlockProcessorSerial, HooksComeInTheirOrder)
+TEST(BlockProcessorSerial, HooksComeInTheirOrderAndProgressRises)
 {
+  struct Recorder : IProgressObserver
+  {
+    std::vector<double> positions;
+    void onProgress(double pos, std::string const &) override { positions.push_back(pos); }
+  };
   // Without immediate modification the blocks are applied after the pass
   // (not extracted); with it each block is extracted and applied at once.
   for (bool immediate : {false, true})
   {
     GridStructure grid(3, 1, 1);
     GridProcessor p(grid);
+    Recorder recorder;
+    CProgressCounter progress;
+    progress.AddObserver(&recorder);
+    p.SetProgressCounter(&progress);
     p.SetNPasses(2);
     p.SetImmediateBlockModify(immediate);
     p.SetExtractBlock(immediate);
@@ -103,8 +98,8 @@ TEST(BlockProcessorSerial, HooksComeInTheirOrder)
       expected.push_back("pass-start " + std::to_string(pass));
       expected.push_back("new-pass-calls " + std::to_string(pass));
       for (int b = 0; b < 3; ++b)
-        for (std::string op : {"create", "init", "extract ", "block-init ", "block-init-unshared ", "process ",
-                               "finalize ", "apply "})
+        for (std::string op : {"create", "init", "extract ", "block-init ", "block-init-unshared ",
+                               "process ", "finalize ", "apply "})
           if (immediate || (op != "extract " && op != "apply "))
             expected.push_back(op.back() == ' ' ? op + std::to_string(b) : op);
       for (int b = 0; b < 3 && !immediate; ++b)
@@ -117,6 +112,12 @@ TEST(BlockProcessorSerial, HooksComeInTheirOrder)
     EXPECT_EQ(p.CurrentPassNo(), 2);
     EXPECT_EQ(p.cells, ReferenceCells(3, 1, 2, p.rounds));
     ExpectNothingLeft();
+    EXPECT_DOUBLE_EQ(progress.GetPosFloat(), 1.0);
+    EXPECT_EQ(progress.GetRangeDepth(), 0);
+    EXPECT_TRUE(std::is_sorted(recorder.positions.begin(), recorder.positions.end()));
+    // The first pass's blocks lie inside its share: 5 % + 90 % * (5 % + 90 % / 2).
+    EXPECT_TRUE(std::any_of(recorder.positions.begin(), recorder.positions.end(),
+                            [](double v) { return v > 0.05 && v < 0.05 + 0.9 * (0.05 + 0.9 / 2); }));
   }
 }
 
@@ -136,100 +137,26 @@ TEST(BlockProcessorSerial, PassesEndEarlyOrNotAtAll)
     p.SetNPasses(5);
     p.lastPass = 1;
     EXPECT_EQ(p.Run(), 0);
-    EXPECT_EQ(WithoutWorkerOps(p.Events()),
-              (std::vector<std::string>{"reset", "global-start", "pass-start 0", "new-pass-calls 0", "not-extracted 0",
-                                        "not-extracted 1", "not-extracted 2", "not-extracted 3", "pass-end 0",
-                                        "pass-start 1", "new-pass-calls 1", "not-extracted 0", "not-extracted 1",
-                                        "not-extracted 2", "not-extracted 3", "pass-end 1", "global-end"}));
+    std::vector<std::string> expected{"reset", "global-start"};
+    for (int pass = 0; pass < 2; ++pass)
+    {
+      expected.push_back("pass-start " + std::to_string(pass));
+      expected.push_back("new-pass-calls " + std::to_string(pass));
+      for (int b = 0; b < 4; ++b)
+        expected.push_back("not-extracted " + std::to_string(b));
+      expected.push_back("pass-end " + std::to_string(pass));
+    }
+    expected.push_back("global-end");
+    EXPECT_EQ(WithoutWorkerOps(p.Events()), expected);
     EXPECT_EQ(p.cells, ReferenceCells(2, 2, 2, p.rounds));
     EXPECT_EQ(p.CurrentPassNo(), 5);
   }
-}
-
-TEST(BlockProcessorSerial, EmptyStructureRunsThePassHooks)
-{
   GridStructure grid(0, 0, 1);
   GridProcessor p(grid);
   p.wholeResult = 42;
   EXPECT_EQ(p.Run(), 42);
   EXPECT_EQ(p.Events(), (std::vector<std::string>{"reset", "global-start", "pass-start 0", "new-pass-calls 0",
                                                   "pass-end 0", "global-end"}));
-}
-
-TEST(BlockProcessorSerial, EmptyAndSkippedBlocksGetNoWork)
-{
-  GridStructure grid(3, 1, 1);
-  GridProcessor p(grid);
-  p.SetImmediateBlockModify(true);
-  p.SetExtractBlock(true);
-  p.emptyBlock = 1;
-  p.skipBlock = 2;
-  p.recordWorkerOps = true;
-  EXPECT_EQ(p.Run(), 0);
-  std::vector<std::string> const events = p.Events();
-  EXPECT_EQ(Count(events, "block-init 1"), 0);
-  EXPECT_EQ(Count(events, "process 1"), 0);
-  EXPECT_EQ(Count(events, "block-init 2"), 1);
-  EXPECT_EQ(Count(events, "block-init-unshared 2"), 0);
-  EXPECT_EQ(Count(events, "process 2"), 0);
-  EXPECT_EQ(Count(events, "apply"), 1);
-  EXPECT_EQ(p.processed, (std::vector<int>{1, 0, 0}));
-  EXPECT_EQ(Count(events, "global-end"), 1);
-  ExpectNothingLeft();
-}
-
-TEST(BlockProcessorSerial, StatusesOfFailingBlocks)
-{
-  struct Case
-  {
-    EFail fail;
-    int code;
-    int expected;
-  };
-  for (Case const c : {Case{EFail::Code, 7, 7}, Case{EFail::Code, QZ_STATUS_USER_INTR, QZ_STATUS_USER_INTR},
-                       Case{EFail::Code, -1, -1}, Case{EFail::Throw, 0, QZ_STATUS_UNEXPECTED_ERR},
-                       Case{EFail::BadAlloc, 0, 1}, Case{EFail::Interrupt, 0, QZ_STATUS_USER_INTR},
-                       Case{EFail::UserBreak, 0, QZ_STATUS_USER_INTR}, Case{EFail::Abort, 0, QZ_STATUS_UNEXPECTED_ERR}})
-  {
-    GridStructure grid(3, 2, 1);
-    GridProcessor p(grid);
-    CProgressCounter progress;
-    p.SetProgressCounter(&progress);
-    p.interruptTarget = &progress;
-    p.fail = c.fail;
-    p.failCode = c.code;
-    p.failBlock = 2;
-    EXPECT_EQ(p.Run(), c.expected) << static_cast<int>(c.fail) << " " << c.code;
-    std::vector<std::string> const events = p.Events();
-    EXPECT_EQ(Count(events, "pass-end"), 0);
-    EXPECT_EQ(Count(events, "global-end"), 0);
-    // Blocks after the failing one never start.
-    EXPECT_EQ(p.processed[4], 0);
-    ExpectNothingLeft();
-  }
-}
-
-TEST(BlockProcessorSerial, ProgressEndsAtOneAndNeverGoesBack)
-{
-  struct Recorder : IProgressObserver
-  {
-    std::vector<double> positions;
-    void onProgress(double pos, std::string const &) override { positions.push_back(pos); }
-  } recorder;
-  GridStructure grid(3, 3, 1);
-  GridProcessor p(grid);
-  p.SetNPasses(3);
-  CProgressCounter progress;
-  progress.AddObserver(&recorder);
-  p.SetProgressCounter(&progress);
-  EXPECT_EQ(p.Run(), 0);
-  EXPECT_DOUBLE_EQ(progress.GetPosFloat(), 1.0);
-  EXPECT_EQ(progress.GetRangeDepth(), 0);
-  ASSERT_FALSE(recorder.positions.empty());
-  EXPECT_TRUE(std::is_sorted(recorder.positions.begin(), recorder.positions.end()));
-  // The first pass's blocks lie inside its share: 5 % + 90 % * (5 % + 90 % / 3).
-  EXPECT_TRUE(std::any_of(recorder.positions.begin(), recorder.positions.end(),
-                          [](double v) { return v > 0.05 && v < 0.05 + 0.9 * (0.05 + 0.9 / 3); }));
 }
 
 // ---------------------------------------------------------------- parallel runs
@@ -285,15 +212,17 @@ TEST_P(BlockProcessorParallel, MatchesTheSerialReference)
   ExpectNothingLeft();
 }
 
-INSTANTIATE_TEST_SUITE_P(WorkersAndModes, BlockProcessorParallel,
-                         ::testing::Values(ParallelCase{2, true, true, false}, ParallelCase{3, true, true, true},
-                                           ParallelCase{4, true, true, false}, ParallelCase{2, false, false, false},
-                                           ParallelCase{4, false, false, true}, ParallelCase{3, true, false, false}),
-                         [](::testing::TestParamInfo<ParallelCase> const & info) {
-                           ParallelCase const & c = info.param;
-                           return std::to_string(c.threads) + "workers" + (c.modify ? "_modify" : "") +
-                                  (c.extract ? "_extract" : "") + (c.unshared ? "_unshared" : "");
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    WorkersAndModes, BlockProcessorParallel,
+    ::testing::Values(ParallelCase{2, true, true, false}, ParallelCase{3, true, true, true},
+                      ParallelCase{4, true, true, false}, ParallelCase{2, false, false, false},
+                      ParallelCase{4, false, false, true}, ParallelCase{3, true, false, false}),
+    [](::testing::TestParamInfo<ParallelCase> const & info)
+    {
+      ParallelCase const & c = info.param;
+      return std::to_string(c.threads) + "workers" + (c.modify ? "_modify" : "") +
+             (c.extract ? "_extract" : "") + (c.unshared ? "_unshared" : "");
+    });
 
 TEST(BlockProcessorParallelRun, ConflictingBlocksRunOneAtATime)
 {
@@ -308,11 +237,13 @@ TEST(BlockProcessorParallelRun, ConflictingBlocksRunOneAtATime)
   p.SetNParralelThreads(3);
   // The first block waits until both other workers went to sleep, so that
   // the sleeping and waking surely happen.
-  p.onProcess = [&](int b) {
+  p.onProcess = [&](int b)
+  {
     if (b != 0)
       return;
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (Count(log.lines(), "No free blocks, going to sleep...") < 2 && std::chrono::steady_clock::now() < deadline)
+    while (Count(log.lines(), "No free blocks, going to sleep...") < 2 &&
+           std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
   };
   ASSERT_EQ(RunWithDeadline(p), 0);
@@ -344,112 +275,131 @@ TEST(BlockProcessorParallelRun, EmptyStructureEndsEveryWorker)
   EXPECT_EQ(Count(p.Events(), "pass-end 0"), 1);
 }
 
-TEST(BlockProcessorParallelRun, EmptyAndSkippedBlocksStillFinish)
+// Serially (no thread count) and on workers.
+TEST(BlockProcessorRun, EmptyAndSkippedBlocksGetNoWorkButFinish)
 {
-  GridStructure grid(4, 2, 1);
-  GridProcessor p(grid);
-  VsUt::CMemoryDebugLog log;
-  p.SetDebugLog(&log);
-  p.SetImmediateBlockModify(true);
-  p.SetExtractBlock(true);
-  p.emptyBlock = 3;
-  p.skipBlock = 6;
-  p.SetNParralelThreads(2);
-  ASSERT_EQ(RunWithDeadline(p), 0);
-  std::vector<int> expected(8, 1);
-  expected[3] = expected[6] = 0;
-  EXPECT_EQ(p.processed, expected);
-  EXPECT_EQ(p.finishes.load(), 8);
-  std::vector<std::string> const lines = log.lines();
-  EXPECT_EQ(Count(lines, "Empty block "), 1);
-  EXPECT_EQ(Count(lines, "!Worker.BlockInit()"), 1);
-  EXPECT_EQ(Count(lines, "Updating huge model block"), 6);
-  ExpectNothingLeft();
+  for (int threads : {0, 2})
+  {
+    GridStructure grid(4, 2, 1);
+    GridProcessor p(grid);
+    VsUt::CMemoryDebugLog log;
+    p.SetDebugLog(&log);
+    p.SetImmediateBlockModify(true);
+    p.SetExtractBlock(true);
+    p.emptyBlock = 3;
+    p.skipBlock = 6;
+    p.recordWorkerOps = threads == 0;
+    p.SetNParralelThreads(threads);
+    ASSERT_EQ(RunWithDeadline(p), 0);
+    std::vector<int> expected(8, 1);
+    expected[3] = expected[6] = 0;
+    EXPECT_EQ(p.processed, expected);
+    EXPECT_EQ(p.finishes.load(), threads ? 8 : 0); // the schedule's hooks serve the workers only
+    std::vector<std::string> const events = p.Events(), lines = log.lines();
+    EXPECT_EQ(Count(events, "global-end"), 1);
+    if (threads == 0)
+    {
+      EXPECT_EQ(Count(events, "block-init 3"), 0);
+      EXPECT_EQ(Count(events, "block-init 6"), 1);
+      EXPECT_EQ(Count(events, "block-init-unshared 6"), 0);
+      EXPECT_EQ(Count(events, "apply"), 6);
+    }
+    else
+    {
+      EXPECT_EQ(Count(lines, "Empty block "), 1);
+      EXPECT_EQ(Count(lines, "!Worker.BlockInit()"), 1);
+      EXPECT_EQ(Count(lines, "Updating huge model block"), 6);
+    }
+    ExpectNothingLeft();
+  }
 }
 
-TEST(BlockProcessorParallelRun, StatusesOfFailingBlocks)
+// A failing block ends the run with its status: serially the worker's code
+// itself, on workers what the manager's abort makes of it. Blocks after it
+// never start, and the failed block is given back.
+TEST(BlockProcessorRun, StatusesOfFailingBlocks)
 {
   struct Case
   {
     EFail fail;
     int code;
-    int expected;
+    int serial, parallel;
     char const * raised; // the manager's last words, when it is the one that ends the run
   };
+  char const * const unexpected = "Raising EBlockAlgError( QZ_STATUS_UNEXPECTED_ERR )";
+  char const * const user = "Raising EBlockAlgError( QZ_STATUS_USER_INTR )";
   for (Case const c :
-       {Case{EFail::Code, 7, -1, "Raising EBlockAlgError( QZ_STATUS_UNEXPECTED_ERR )"},
-        Case{EFail::Code, QZ_STATUS_USER_INTR, QZ_STATUS_USER_INTR, "Raising EBlockAlgError( QZ_STATUS_USER_INTR )"},
-        Case{EFail::Throw, 0, -1, "Raising EBlockAlgError( QZ_STATUS_UNEXPECTED_ERR )"},
-        Case{EFail::BadAlloc, 0, -1, "Raising EBlockAlgError( QZ_STATUS_UNEXPECTED_ERR )"},
-        Case{EFail::Interrupt, 0, QZ_STATUS_USER_INTR, nullptr},
-        Case{EFail::UserBreak, 0, QZ_STATUS_USER_INTR, "Raising EBlockAlgError( QZ_STATUS_USER_INTR )"},
-        Case{EFail::Abort, 0, -1, "Raising EBlockAlgError( QZ_STATUS_UNEXPECTED_ERR )"}})
-  {
-    GridStructure grid(4, 4, 1);
-    GridProcessor p(grid);
-    VsUt::CMemoryDebugLog log;
-    CProgressCounter progress;
-    p.SetDebugLog(&log);
-    p.SetProgressCounter(&progress);
-    p.interruptTarget = &progress;
-    p.SetImmediateBlockModify(true);
-    p.SetExtractBlock(true);
-    p.SetNParralelThreads(3);
-    p.fail = c.fail;
-    p.failCode = c.code;
-    p.failBlock = 5;
-    EXPECT_EQ(RunWithDeadline(p), c.expected) << static_cast<int>(c.fail) << " " << c.code;
-    std::vector<std::string> const lines = log.lines();
-    if (c.raised)
+       {Case{EFail::Code, 7, 7, -1, unexpected}, Case{EFail::Code, 10, 10, 10, user},
+        Case{EFail::Code, -1, -1, -1, unexpected}, Case{EFail::Throw, 0, -1, -1, unexpected},
+        Case{EFail::BadAlloc, 0, 1, -1, unexpected}, Case{EFail::Interrupt, 0, 10, 10, nullptr},
+        Case{EFail::UserBreak, 0, 10, 10, user}, Case{EFail::Abort, 0, -1, -1, unexpected}})
+    for (int threads : {0, 3})
     {
-      EXPECT_EQ(Count(lines, "[DEBUG_THREADS] Manager: AbortEvent caught"), 1);
-      EXPECT_EQ(Count(lines, c.raised), 1);
-      EXPECT_EQ(Count(lines, "successfully aborted"), Count(lines, "Sending aborting signal to worker"));
+      SCOPED_TRACE(std::to_string(static_cast<int>(c.fail)) + " " + std::to_string(c.code) + " threads " +
+                   std::to_string(threads));
+      GridStructure grid(4, 4, 1);
+      GridProcessor p(grid);
+      VsUt::CMemoryDebugLog log;
+      CProgressCounter progress;
+      p.SetDebugLog(&log);
+      p.SetProgressCounter(&progress);
+      p.interruptTarget = &progress;
+      p.SetImmediateBlockModify(true);
+      p.SetExtractBlock(true);
+      p.SetNParralelThreads(threads);
+      p.fail = c.fail;
+      p.failCode = c.code;
+      p.failBlock = 5;
+      EXPECT_EQ(RunWithDeadline(p), threads ? c.parallel : c.serial);
+      std::vector<std::string> const lines = log.lines();
+      if (threads == 0)
+      {
+        EXPECT_EQ(p.processed[6], 0);
+      }
+      else if (c.raised)
+      {
+        EXPECT_EQ(Count(lines, "[DEBUG_THREADS] Manager: AbortEvent caught"), 1);
+        EXPECT_EQ(Count(lines, c.raised), 1);
+        EXPECT_EQ(Count(lines, "successfully aborted"), Count(lines, "Sending aborting signal to worker"));
+      }
+      bool const error =
+          c.fail == EFail::Throw || c.fail == EFail::BadAlloc || (c.fail == EFail::Code && c.code != 10);
+      if (threads && error)
+      {
+        EXPECT_EQ(Count(lines, "ERROR during BlockProcessCore"), 1);
+        EXPECT_EQ(Count(lines, "Unexpected error in BlockProc::CBlockWorker::Work()"), 1);
+      }
+      EXPECT_EQ(p.starts.load(), p.finishes.load());
+      EXPECT_EQ(Count(p.Events(), "pass-end") + Count(p.Events(), "global-end"), 0);
+      EXPECT_EQ(Count(lines, "Thread stuff finished"), 0);
+      ExpectNothingLeft();
     }
-    if (c.fail == EFail::Throw || c.fail == EFail::BadAlloc || (c.fail == EFail::Code && c.code != 10))
-    {
-      EXPECT_EQ(Count(lines, "ERROR during BlockProcessCore"), 1);
-      EXPECT_EQ(Count(lines, "Unexpected error in BlockProc::CBlockWorker::Work()"), 1);
-    }
-    // The failed block was given back: every started block finished.
-    EXPECT_EQ(p.starts.load(), p.finishes.load());
-    EXPECT_EQ(Count(p.Events(), "pass-end"), 0);
-    EXPECT_EQ(Count(p.Events(), "global-end"), 0);
-    EXPECT_EQ(Count(lines, "Thread stuff finished"), 0);
-    ExpectNothingLeft();
-  }
 }
 
 TEST(BlockProcessorParallelRun, FailuresOfTheManagersOwnSteps)
 {
+  // Memory runs out while the third worker is made (the first two are freed);
+  // a worker that is not made; workers that cannot even start must not let
+  // the pass end as done.
+  for (int c = 0; c < 3; ++c)
   {
-    // Memory runs out while the third worker is made: the first two are freed.
-    GridStructure grid(3, 3, 1);
-    GridProcessor p(grid);
-    p.SetNParralelThreads(4);
-    p.failCreateAt = 2;
-    EXPECT_EQ(RunWithDeadline(p), 1);
-    EXPECT_EQ(p.creations.load(), 3);
-    ExpectNothingLeft();
-  }
-  {
-    GridStructure grid(3, 3, 1);
-    GridProcessor p(grid);
-    p.SetNParralelThreads(2);
-    p.nullCreateAt = 1;
-    EXPECT_EQ(RunWithDeadline(p), QZ_STATUS_UNEXPECTED_ERR);
-    ExpectNothingLeft();
-  }
-  {
-    // Workers that cannot even start must not let the pass end as done.
     GridStructure grid(3, 3, 1);
     GridProcessor p(grid);
     VsUt::CMemoryDebugLog log;
     p.SetDebugLog(&log);
-    p.SetNParralelThreads(2);
-    p.initThrows = true;
-    EXPECT_EQ(RunWithDeadline(p), QZ_STATUS_UNEXPECTED_ERR);
-    EXPECT_GE(Count(log.lines(), "An ERROR occurred. Sending release signal."), 1);
+    p.SetNParralelThreads(c == 0 ? 4 : 2);
+    p.failCreateAt = c == 0 ? 2 : -1;
+    p.nullCreateAt = c == 1 ? 1 : -1;
+    p.initThrows = c == 2;
+    EXPECT_EQ(RunWithDeadline(p), c == 0 ? 1 : QZ_STATUS_UNEXPECTED_ERR) << c;
+    if (c == 0)
+    {
+      EXPECT_EQ(p.creations.load(), 3);
+    }
+    if (c == 2)
+    {
+      EXPECT_GE(Count(log.lines(), "An ERROR occurred. Sending release signal."), 1);
+    }
     EXPECT_EQ(Count(p.Events(), "pass-end"), 0);
     ExpectNothingLeft();
   }

@@ -1,4 +1,4 @@
-// A worker driven by hand: its loop, its sleep, its failures and the exact
+// A worker driven by hand: its loop, its sleep, its abort and the exact
 // trace of one block.
 
 #include <gtest/gtest.h>
@@ -28,37 +28,15 @@ public:
   void BlockFinalize(IVescaFragmentDescriptor_Old &, IVescaFragment_Old *) override {}
 };
 
-struct Sleeping
-{
-  GridStructure grid{2, 1, -1}; // the two blocks conflict
-  ExposedProcessor p{grid};
-  VsUt::CMemoryDebugLog log;
-  std::unique_ptr<GridWorker> worker;
-  Block_iter first;
-
-  Sleeping()
-  {
-    p.SetDebugLog(&log);
-    p.OnBlockStructureInit();
-    worker.reset(new GridWorker(&p, true));
-    worker->SetID(10007);
-    worker->SetDebugLog(&log);
-    CVescaMutexLock lock(p.GetBlockMutex());
-    first = p.LockNextBlock(nullptr); // another worker has block 0
-  }
-};
 } // namespace
 
 TEST(BlockWorker, OwnOrSharedCountersAndAReadMutexEach)
 {
   // Without a processor there is nothing to do, and no read mutex.
   LC_IdleWorker own(nullptr, true);
-  EXPECT_TRUE(own.GetID() == 10000 && own.GetDebugLog() == nullptr && own.GetReadMutex() == nullptr);
-  EXPECT_TRUE(own.GetProgressCounter() && own.GetIdleWorkerEvent() && own.GetWorkerWakeUpEvent() &&
-              own.GetWorkerAbortEvent());
+  EXPECT_TRUE(own.GetID() == 10000 && own.GetReadMutex() == nullptr && own.GetProgressCounter());
   own.Work();
   own.ReturnBlockToManager(Block_iter());
-  EXPECT_EQ(LC_IdleWorker(nullptr, false).GetProgressCounter(), nullptr);
 
   GridStructure grid(2, 2, 1);
   ExposedProcessor p(grid);
@@ -155,40 +133,6 @@ TEST(BlockWorker, TraceOfOneBlockFromTakingToGivingBack)
   EXPECT_EQ(GridFragment::s_live.load(), 0);
 }
 
-TEST(BlockWorker, UnsharedInitRunsUnderAllMutexes)
-{
-  GridStructure grid(1, 1, 0);
-  ExposedProcessor p(grid);
-  VsUt::CMemoryDebugLog log;
-  p.SetDebugLog(&log);
-  p.unshared = true;
-  p.OnBlockStructureInit();
-  GridWorker a(&p, true), b(&p, true);
-  a.SetDebugLog(&log);
-  a.Work();
-  std::vector<std::string> lines = log.lines();
-  auto const at = [&](std::string const & text)
-  {
-    return std::find_if(lines.begin(), lines.end(),
-                        [&](std::string const & l) { return l.find(text) != std::string::npos; }) -
-           lines.begin();
-  };
-  auto const leaveRead = at("Leaving read mutex");
-  auto const enterWrite = at("Entering write mutex");
-  auto const lockAll = at("Going to lock 2 mutexes");
-  auto const leaveWrite = at("Leaving write mutex");
-  auto const unlockAll = at("All mutexes unlocked by locker");
-  auto const processing = at("Reporting that block finished");
-  EXPECT_LT(leaveRead, enterWrite);
-  EXPECT_LT(enterWrite, lockAll);
-  EXPECT_LT(lockAll, leaveWrite);
-  EXPECT_LT(leaveWrite, unlockAll);
-  EXPECT_LT(unlockAll, processing);
-  // Without immediate modification the model is not written after the block.
-  EXPECT_EQ(Count(lines, "Locking all mutexes due to updating block"), 0);
-  EXPECT_EQ(p.finalizes.load(), 0);
-}
-
 TEST(BlockWorker, AnAbortBeforeWorkEndsItAtOnce)
 {
   GridStructure grid(2, 1, 1);
@@ -206,84 +150,25 @@ TEST(BlockWorker, AnAbortBeforeWorkEndsItAtOnce)
 
 TEST(BlockWorker, AbortEndsASleepingWorker)
 {
-  Sleeping s;
-  std::future<void> done = std::async(std::launch::async, [&] { s.worker->Work(); });
-  ASSERT_TRUE(s.worker->GetIdleWorkerEvent()->wait(30000));
-  s.worker->GetWorkerAbortEvent()->set();
+  GridStructure grid{2, 1, -1}; // the two blocks conflict
+  ExposedProcessor p{grid};
+  VsUt::CMemoryDebugLog log;
+  p.OnBlockStructureInit();
+  GridWorker worker(&p, true);
+  worker.SetID(10007);
+  worker.SetDebugLog(&log);
+  {
+    CVescaMutexLock lock(p.GetBlockMutex());
+    p.LockNextBlock(nullptr); // another worker has block 0
+  }
+  std::future<void> done = std::async(std::launch::async, [&] { worker.Work(); });
+  ASSERT_TRUE(worker.GetIdleWorkerEvent()->wait(30000));
+  worker.GetWorkerAbortEvent()->set();
   FinishWithin(done);
-  std::vector<std::string> const lines = s.log.lines();
+  std::vector<std::string> const lines = log.lines();
   EXPECT_EQ(Count(lines, "No free blocks, going to sleep..."), 1);
   EXPECT_EQ(Count(lines, "Leave mutex "), 1);
   EXPECT_EQ(Count(lines, "[DEBUG_THREADS] Worker 10007: Waked up by abort event. Quit job."), 1);
   EXPECT_EQ(Count(lines, "Waked up after sleep"), 0);
-  EXPECT_EQ(s.p.processed, (std::vector<int>{0, 0}));
-}
-
-TEST(BlockWorker, AWakeUpAfterAFinishLetsTheSleeperWork)
-{
-  Sleeping s;
-  std::future<void> done = std::async(std::launch::async, [&] { s.worker->Work(); });
-  ASSERT_TRUE(s.worker->GetIdleWorkerEvent()->wait(30000));
-  {
-    CVescaMutexLock lock(s.p.GetBlockMutex());
-    s.p.UnLockBlock(s.first, nullptr);
-  }
-  s.worker->GetWorkerWakeUpEvent()->set();
-  FinishWithin(done);
-  std::vector<std::string> const lines = s.log.lines();
-  EXPECT_EQ(Count(lines, "Waked up after sleep"), 1);
-  EXPECT_EQ(Count(lines, "Blocks over"), 1);
-  EXPECT_EQ(s.p.processed, (std::vector<int>{0, 1}));
-  EXPECT_FALSE(s.p.HasPotentialJob());
-  // The worker told the manager about its block.
-  EXPECT_TRUE(s.p.GetOneBlockFinishedEvent()->wait(0));
-}
-
-TEST(BlockWorker, AFailingBlockIsGivenBackAndAbortsTheRun)
-{
-  struct Case
-  {
-    EFail fail;
-    int code;
-    bool userBreak;
-  };
-  for (Case const c :
-       {Case{EFail::Throw, 0, false}, Case{EFail::Code, 3, false}, Case{EFail::Code, 10, true}})
-  {
-    GridStructure grid(3, 1, 1);
-    ExposedProcessor p(grid);
-    VsUt::CMemoryDebugLog log;
-    p.SetDebugLog(&log);
-    p.SetImmediateBlockModify(true);
-    p.SetExtractBlock(true);
-    p.fail = c.fail;
-    p.failCode = c.code;
-    p.failBlock = 0;
-    p.OnBlockStructureInit();
-    GridWorker worker(&p, true);
-    worker.SetDebugLog(&log);
-    worker.Work(); // never throws
-
-    std::vector<std::string> const lines = log.lines();
-    auto const error =
-        std::find(lines.begin(), lines.end(), "[DEBUG_THREADS] Worker 10000: ERROR during BlockProcessCore");
-    ASSERT_NE(error, lines.end());
-    auto const given = std::find_if(
-        error, lines.end(), [](std::string const & l) { return l.find("Enter mutex") != std::string::npos; });
-    EXPECT_NE(given, lines.end());
-    EXPECT_EQ(Count(lines, "Unexpected error in BlockProc::CBlockWorker::Work()"), c.userBreak ? 0 : 1);
-    if (!c.userBreak)
-    {
-      EXPECT_EQ(lines.back(),
-                "[DEBUG_THREADS] Worker 10000: Unexpected error in BlockProc::CBlockWorker::Work()");
-    }
-    EXPECT_EQ(p.IsUserBreak(), c.userBreak);
-    EXPECT_TRUE(p.GetAbortEvent()->wait(0));
-    // Given back: processed, out of work, and the next block is free again.
-    EXPECT_TRUE(p.IsBlockProcessed(grid.Block(0)));
-    EXPECT_TRUE(p.IsBlockReadyForProcess(grid.Block(1)));
-    EXPECT_EQ(p.GetFinishedBlockCount(), 1);
-    EXPECT_EQ(p.applied.size(), 0u);
-    EXPECT_EQ(GridFragment::s_live.load(), 0);
-  }
+  EXPECT_EQ(p.processed, (std::vector<int>{0, 0}));
 }

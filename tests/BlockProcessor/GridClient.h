@@ -42,7 +42,10 @@ struct GridDesc : IVescaFragmentDescriptor_Old
   int y = 0;
 };
 
-inline GridDesc const & Grid(IVescaFragmentDescriptor_Old const & desc) { return static_cast<GridDesc const &>(desc); }
+inline GridDesc const & Grid(IVescaFragmentDescriptor_Old const & desc)
+{
+  return static_cast<GridDesc const &>(desc);
+}
 
 /// Blocks in one array (ascending addresses along the walk); the end position
 /// holds a null descriptor. A negative radius makes every block conflict with
@@ -51,7 +54,8 @@ class GridStructure : public BlockProc::CBlockStructure
 {
 public:
   GridStructure(int width, int height, int conflictRadius)
-      : m_width(width), m_height(height), m_radius(conflictRadius), m_blocks(static_cast<std::size_t>(Count()))
+      : m_width(width), m_height(height), m_radius(conflictRadius),
+        m_blocks(static_cast<std::size_t>(Count()))
   {
     for (int i = 0; i < Count(); ++i)
     {
@@ -88,7 +92,10 @@ public:
     return !Conflict(Grid(*desc).index, Grid(*otherDesc).index);
   }
   int BlockCount() const override { return Count(); }
-  void BlockBegin(Block_iter & it) const override { it = Block_iter(Count() > 0 ? &Block(0) : nullptr, this); }
+  void BlockBegin(Block_iter & it) const override
+  {
+    it = Block_iter(Count() > 0 ? &Block(0) : nullptr, this);
+  }
   void BlockEnd(Block_iter & it) const override { it = Block_iter(nullptr, this); }
 
 private:
@@ -112,43 +119,45 @@ inline std::uint64_t Mix(std::uint64_t v)
   return v;
 }
 
-inline std::uint64_t InitialCell(int block, int cell) { return Mix(static_cast<std::uint64_t>(block) * 131 + cell + 7); }
+inline std::uint64_t InitialCell(int block, int cell)
+{
+  return Mix(static_cast<std::uint64_t>(block) * 131 + cell + 7);
+}
 
-/// What block `b` adds, in the order: neighbour blocks row by row (inside the
-/// grid only), their cells in order. `rounds` sets how long a block takes.
-inline std::vector<std::uint64_t> Contributions(int width, int height, int b, std::uint64_t seed, int pass, int rounds)
+/// Calls `f(cell)` for every cell of the blocks around `b` (inside the grid
+/// only), in the order: neighbour blocks row by row, their cells in order.
+template <class F> void ForNeighbourCells(int width, int height, int b, F f)
+{
+  int const bx = b % width, by = b / width;
+  for (int y = std::max(by - 1, 0); y <= std::min(by + 1, height - 1); ++y)
+    for (int x = std::max(bx - 1, 0); x <= std::min(bx + 1, width - 1); ++x)
+      for (int c = 0; c < st_CellsPerBlock; ++c)
+        f((y * width + x) * st_CellsPerBlock + c);
+}
+
+/// What block `b` adds; `rounds` sets how long a block takes.
+inline std::vector<std::uint64_t> Contributions(int width, int height, int b, std::uint64_t seed, int pass,
+                                                int rounds)
 {
   std::vector<std::uint64_t> add;
-  int const bx = b % width, by = b / width;
-  for (int y = by - 1; y <= by + 1; ++y)
-    for (int x = bx - 1; x <= bx + 1; ++x)
-    {
-      if (x < 0 || y < 0 || x >= width || y >= height)
-        continue;
-      for (int c = 0; c < st_CellsPerBlock; ++c)
-      {
-        std::uint64_t v = seed ^ (static_cast<std::uint64_t>(pass) << 40) ^ static_cast<std::uint64_t>((y * width + x) * 64 + c);
-        for (int r = 0; r < rounds; ++r)
-          v = Mix(v + r);
-        add.push_back(v);
-      }
-    }
+  ForNeighbourCells(width, height, b,
+                    [&](int cell)
+                    {
+                      std::uint64_t v =
+                          seed ^ (static_cast<std::uint64_t>(pass) << 40) ^ static_cast<std::uint64_t>(cell);
+                      for (int r = 0; r < rounds; ++r)
+                        v = Mix(v + r);
+                      add.push_back(v);
+                    });
   return add;
 }
 
 inline void AddContributions(std::vector<std::uint64_t> & cells, int width, int height, int b,
                              std::vector<std::uint64_t> const & add)
 {
-  int const bx = b % width, by = b / width;
   std::size_t k = 0;
-  for (int y = by - 1; y <= by + 1; ++y)
-    for (int x = bx - 1; x <= bx + 1; ++x)
-    {
-      if (x < 0 || y < 0 || x >= width || y >= height)
-        continue;
-      for (int c = 0; c < st_CellsPerBlock; ++c)
-        cells[static_cast<std::size_t>((y * width + x) * st_CellsPerBlock + c)] += add.at(k++);
-    }
+  ForNeighbourCells(width, height, b,
+                    [&](int cell) { cells[static_cast<std::size_t>(cell)] += add.at(k++); });
 }
 
 inline std::uint64_t Seed(std::vector<std::uint64_t> const & cells, int b)
@@ -383,7 +392,8 @@ protected:
   {
     int const b = Grid(desc).index;
     Record("not-extracted " + std::to_string(b));
-    AddContributions(cells, m_structure.Width(), m_structure.Height(), b, pending[static_cast<std::size_t>(b)]);
+    AddContributions(cells, m_structure.Width(), m_structure.Height(), b,
+                     pending[static_cast<std::size_t>(b)]);
   }
   bool NeedUnsharedWorkerInit() const override { return unshared; }
   int GetWholeProcessResult() const override { return wholeResult; }
@@ -491,9 +501,10 @@ inline int GridWorker::ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVes
   }
   if (GetProgressCounter())
     GetProgressCounter()->SetPosFloat(0.25);
-  std::uint64_t const seed = fragment ? static_cast<GridFragment *>(fragment)->seed : m_grid->seeds[static_cast<std::size_t>(b)];
-  std::vector<std::uint64_t> add = Contributions(m_grid->Structure().Width(), m_grid->Structure().Height(), b, seed,
-                                                 m_grid->CurrentPassNo(), m_grid->rounds);
+  std::uint64_t const seed =
+      fragment ? static_cast<GridFragment *>(fragment)->seed : m_grid->seeds[static_cast<std::size_t>(b)];
+  std::vector<std::uint64_t> add = Contributions(m_grid->Structure().Width(), m_grid->Structure().Height(), b,
+                                                 seed, m_grid->CurrentPassNo(), m_grid->rounds);
   if (fragment)
     static_cast<GridFragment *>(fragment)->add = std::move(add);
   else
@@ -512,8 +523,6 @@ inline void GridWorker::BlockFinalize(IVescaFragmentDescriptor_Old & desc, IVesc
 class ExposedProcessor : public GridProcessor
 {
 public:
-  using GridProcessor::GridProcessor;
-  using BlockProc::CBlockProcessor::AddWorkerReadMutex;
   using BlockProc::CBlockProcessor::BlockEnd;
   using BlockProc::CBlockProcessor::GetBlockMutex;
   using BlockProc::CBlockProcessor::GetFinishedBlockCount;
@@ -525,6 +534,7 @@ public:
   using BlockProc::CBlockProcessor::LockNextBlock;
   using BlockProc::CBlockProcessor::OnBlockStructureInit;
   using BlockProc::CBlockProcessor::UnLockBlock;
+  using GridProcessor::GridProcessor;
 };
 
 // ---------------------------------------------------------------- helpers
@@ -561,7 +571,8 @@ inline void FinishWithin(std::future<void> & done, int seconds = 30)
 
 inline int Count(std::vector<std::string> const & lines, std::string const & needle)
 {
-  return static_cast<int>(
-      std::count_if(lines.begin(), lines.end(), [&](std::string const & l) { return l.find(needle) != std::string::npos; }));
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(),
+                                        [&](std::string const & l)
+                                        { return l.find(needle) != std::string::npos; }));
 }
 } // namespace BlockTest
