@@ -75,6 +75,20 @@ SUITES = {
                "QZmath/SurfaceAnalysis/NormalEstimation.cpp", "QZmath/SurfaceAnalysis/QuadraticForm.cpp"],
         targets=["QZmath"], exe="tests/SurfaceAnalysis/test_surfaceanalysis",
         lib="QZmath/libQZmath.so.0"),
+    "VolTriang": dict(
+        files=["QZmath/VolTriang/Octree.cpp", "QZmath/VolTriang/SingleVarPolynom.cpp",
+               "QZmath/VolTriang/Polynom.cpp", "QZmath/VolTriang/PiecewisePolynom.cpp",
+               "QZmath/VolTriang/ProductPolynom.cpp", "QZmath/VolTriang/CSFProductHelper.cpp",
+               "QZmath/VolTriang/OctreeFuncBasis.cpp", "QZmath/VolTriang/OctreeFuncBlockEval.cpp",
+               "QZmath/VolTriang/MultilevelPoisson.cpp", "QZmath/VolTriang/Kernels.cpp",
+               "QZmath/VolTriang/jbProcess.cpp"],
+        targets=["QZmath"], exe="tests/VolTriang/test_voltriang", lib="QZmath/libQZmath.so.0"),
+    # The quick end-to-end suite only: the deep cases are a program of their own.
+    "Reconstruction": dict(
+        files=["QZmath/VolTriang/VolTriangAssembly.cpp", "QZmath/VolTriang/VolTriangIsoValue.cpp",
+               "QZmath/VolTriang/VolumetricTriangulator.cpp", "QZmath/VolTriang/VolTriangIsoSurface.cpp"],
+        targets=["QZmath"], exe="tests/Reconstruction/test_reconstruction",
+        lib="QZmath/libQZmath.so.0"),
     "Tools": dict(
         files=["tools/qzrecon/CloudIO.cpp", "tools/qzrecon/ShapeCloud.cpp"],
         targets=["test_tools", "qzrecon", "qznormals", "qzsample"], exe="tests/Tools/test_tools",

@@ -6,122 +6,54 @@
 #include <vector>
 
 #include "QZmath/VolTriang/CSFProductHelper.h"
-#include "tests/Common/SampleClouds.h"
 #include "tests/VolTriang/PolynomTestSupport.h"
+#include "tests/VolTriang/SphereBases.h"
 
 using namespace VolTr;
 
 namespace
 {
-template <class K> K scaledKernel()
+// The bases of the sphere tree in the general form, which has no derivative
+// operations: the analytic derivatives, narrowed like the kernel.
+struct GeneralBases
 {
-  K k = makeApproxGaussian<K>();
-  double const s = 1.0 / 0.95;
-  double const scale[3] = {s, s, s};
-  k.scaleArgument(scale);
-  return k;
-}
-
-// The bases of the reconstruction over one tree: the function, its partial
-// derivatives and its Laplacian.
-template <class K> struct Bases
-{
-  K kernel, dx[3], lap;
-  std::unique_ptr<COctreeFuncBasisTmpl<K>> basis, grad[3], lapBasis;
-  Bases(COctree const * tree) : kernel(scaledKernel<K>())
+  CPiecewisePolynom kernel, dx[3], lap;
+  std::unique_ptr<COctreeFuncBasisTmpl<CPiecewisePolynom>> basis, grad[3], lapBasis;
+  explicit GeneralBases(COctree const * tree)
+      : kernel(makeApproxGaussian<CPiecewisePolynom>()), lap(makeApproxGaussianLaplacian<CPiecewisePolynom>())
   {
-    basis.reset(new COctreeFuncBasisTmpl<K>(kernel, tree, 0));
+    double const s = 1.0 / 0.95, scale[3] = {s, s, s};
+    kernel.scaleArgument(scale);
+    basis.reset(new COctreeFuncBasisTmpl<CPiecewisePolynom>(kernel, tree, 0));
     for (int a = 0; a < 3; ++a)
     {
-      dx[a] = derivative(kernel, a);
-      grad[a].reset(new COctreeFuncBasisTmpl<K>(dx[a], tree, 1));
+      dx[a] = DgaussianDx<CPiecewisePolynom>(a);
+      dx[a].scaleArgument(scale);
+      dx[a] *= s;
+      grad[a].reset(new COctreeFuncBasisTmpl<CPiecewisePolynom>(dx[a], tree, 1));
     }
-    lap = laplacian(kernel);
-    lapBasis.reset(new COctreeFuncBasisTmpl<K>(lap, tree, 2));
-  }
-  static CProductPiecewisePolynom derivative(CProductPiecewisePolynom const & k, int a)
-  {
-    CProductPiecewisePolynom d;
-    k.makePartialDerivative(&d, a);
-    return d;
-  }
-  static CProductPiecewisePolynom laplacian(CProductPiecewisePolynom const & k)
-  {
-    CProductPiecewisePolynom l;
-    k.makeLaplacian(&l);
-    return l;
-  }
-  // The general form has no derivative operations: take the analytic ones,
-  // narrowed like the kernel.
-  static CPiecewisePolynom derivative(CPiecewisePolynom const &, int a)
-  {
-    CPiecewisePolynom d = DgaussianDx<CPiecewisePolynom>(a);
-    double const s = 1.0 / 0.95;
-    double const scale[3] = {s, s, s};
-    d.scaleArgument(scale);
-    d *= s;
-    return d;
-  }
-  static CPiecewisePolynom laplacian(CPiecewisePolynom const &)
-  {
-    CPiecewisePolynom l = makeApproxGaussianLaplacian<CPiecewisePolynom>();
-    double const s = 1.0 / 0.95;
-    double const scale[3] = {s, s, s};
-    l.scaleArgument(scale);
-    l *= s * s;
-    return l;
+    lap.scaleArgument(scale);
+    lap *= s * s;
+    lapBasis.reset(new COctreeFuncBasisTmpl<CPiecewisePolynom>(lap, tree, 2));
   }
 };
 
-struct Tree
+// The trees of these tests: 300 samples unless said.
+qztest::SphereBases sphereBases(bool center, int depth, int points = 300)
 {
-  QZTest::CSampleCloud cloud;
-  std::unique_ptr<COctree> tree;
-  Tree(bool center, int depth, int points = 300, int detail = -1) : cloud(QZTest::makeSphereCloud(points, 1.0, 11))
-  {
-    tree.reset(new COctree(&cloud, depth, nullptr, center, detail));
-  }
-};
+  return qztest::SphereBases(depth, center, points, 11);
+}
 
 // An independent value: tensor Gauss quadrature of f * g on the cells between
 // the knots of both functions, exact for the piecewise quadratics.
 template <class K> double quadrature(CCSFunc3Tmpl<K> const & f, CCSFunc3Tmpl<K> const & g)
 {
-  static qztest::poly::GaussRule const rule(4);
   std::vector<double> knots[3];
   for (int a = 0; a < 3; ++a)
-  {
     for (CCSFunc3Tmpl<K> const * h : {&f, &g})
       for (double t : {-1.5, -0.5, 0.5, 1.5})
         knots[a].push_back(h->getArgumentShift()[a] + 0.95 * t / h->getArgumentScale());
-    std::sort(knots[a].begin(), knots[a].end());
-  }
-  double sum = 0;
-  for (std::size_t i = 0; i + 1 < knots[0].size(); ++i)
-    for (std::size_t j = 0; j + 1 < knots[1].size(); ++j)
-      for (std::size_t k = 0; k + 1 < knots[2].size(); ++k)
-      {
-        double const lo[3] = {knots[0][i], knots[1][j], knots[2][k]};
-        double const hi[3] = {knots[0][i + 1], knots[1][j + 1], knots[2][k + 1]};
-        if (hi[0] <= lo[0] || hi[1] <= lo[1] || hi[2] <= lo[2])
-          continue;
-        for (std::size_t u = 0; u < rule.x.size(); ++u)
-          for (std::size_t v = 0; v < rule.x.size(); ++v)
-            for (std::size_t w = 0; w < rule.x.size(); ++w)
-            {
-              double p[3];
-              double weight = 1;
-              std::size_t const idx[3] = {u, v, w};
-              for (int a = 0; a < 3; ++a)
-              {
-                double const half = 0.5 * (hi[a] - lo[a]);
-                p[a] = lo[a] + half * (rule.x[idx[a]] + 1.0);
-                weight *= half * rule.w[idx[a]];
-              }
-              sum += weight * f.eval(p) * g.eval(p);
-            }
-      }
-  return sum;
+  return qztest::poly::integrate3D([&](double const * p) { return f.eval(p) * g.eval(p); }, knots);
 }
 
 template <class K> double direct(CCSFunc3Tmpl<K> const & f, CCSFunc3Tmpl<K> const & g)
@@ -154,15 +86,17 @@ TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsAtAllDepths)
 {
   for (bool center : {true, false})
   {
-    Tree t(center, 5);
-    Bases<CProductPiecewisePolynom> b(t.tree.get());
+    qztest::SphereBases const b = sphereBases(center, 5);
     int const even[3] = {1, 1, 1}, odd[3] = {-1, 1, 1};
-    CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7, even);
-    CCSFProductHelperTmpl<CProductPiecewisePolynom> stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7, even);
-    CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6, odd);
+    CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7,
+                                                         even);
+    CCSFProductHelperTmpl<CProductPiecewisePolynom> stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7,
+                                                          even);
+    CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6,
+                                                        odd);
     int const massSize = mass.cashSize();
     for (int round = 0; round < 2; ++round) // the second round is answered from the tables
-      for (auto const & pr : nearPairs(*t.tree, 150, center ? 1 : 2))
+      for (auto const & pr : nearPairs(*b.tree, 150, center ? 1 : 2))
       {
         auto const f = b.basis->makeFunctionByIndex(pr.first);
         auto const g = b.basis->makeFunctionByIndex(pr.second);
@@ -179,11 +113,12 @@ TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsAtAllDepths)
 
 TEST(CSFProductHelper, AgreesWithIndependentQuadrature)
 {
-  Tree t(true, 4);
-  Bases<CProductPiecewisePolynom> b(t.tree.get());
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7, nullptr);
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7, nullptr);
-  for (auto const & pr : nearPairs(*t.tree, 12, 5))
+  qztest::SphereBases const b = sphereBases(true, 4);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7,
+                                                       nullptr);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7,
+                                                        nullptr);
+  for (auto const & pr : nearPairs(*b.tree, 12, 5))
   {
     auto const f = b.basis->makeFunctionByIndex(pr.first);
     auto const g = b.basis->makeFunctionByIndex(pr.second);
@@ -194,33 +129,14 @@ TEST(CSFProductHelper, AgreesWithIndependentQuadrature)
   }
 }
 
-TEST(CSFProductHelper, StiffnessIsSymmetricAndPositive)
-{
-  Tree t(true, 5);
-  Bases<CProductPiecewisePolynom> b(t.tree.get());
-  int const even[3] = {1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7, even);
-  for (auto const & pr : nearPairs(*t.tree, 200, 3))
-  {
-    double const ab = stiff.evalScalarProduct(b.basis->makeFunctionByIndex(pr.first),
-                                              b.lapBasis->makeFunctionByIndex(pr.second));
-    double const ba = stiff.evalScalarProduct(b.basis->makeFunctionByIndex(pr.second),
-                                              b.lapBasis->makeFunctionByIndex(pr.first));
-    EXPECT_NEAR(ab, ba, 1e-9 * (1 + std::fabs(ab)));
-    double const aa = stiff.evalScalarProduct(b.basis->makeFunctionByIndex(pr.first),
-                                              b.lapBasis->makeFunctionByIndex(pr.first));
-    EXPECT_LT(aa, 0.0); // -<F, Lap F> > 0
-  }
-}
-
 TEST(CSFProductHelper, DepthScalingAndZeroTest)
 {
-  Tree t(false, 5, 300, -1);
-  Bases<CProductPiecewisePolynom> b(t.tree.get());
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7, nullptr);
+  qztest::SphereBases const b = sphereBases(false, 5);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7,
+                                                       nullptr);
   // A node with itself at the deepest depth, then one depth up: level-0
   // functions scale by 8 per level.
-  COctree const & tree = *t.tree;
+  COctree const & tree = *b.tree;
   int deep = -1, up = -1;
   for (int n = 0; n < tree.getNodesNumber() && (deep < 0 || up < 0); ++n)
   {
@@ -231,8 +147,10 @@ TEST(CSFProductHelper, DepthScalingAndZeroTest)
   }
   ASSERT_GE(deep, 0);
   ASSERT_GE(up, 0);
-  double const vDeep = mass.evalScalarProduct(b.basis->makeFunctionByIndex(deep), b.basis->makeFunctionByIndex(deep));
-  double const vUp = mass.evalScalarProduct(b.basis->makeFunctionByIndex(up), b.basis->makeFunctionByIndex(up));
+  double const vDeep =
+      mass.evalScalarProduct(b.basis->makeFunctionByIndex(deep), b.basis->makeFunctionByIndex(deep));
+  double const vUp =
+      mass.evalScalarProduct(b.basis->makeFunctionByIndex(up), b.basis->makeFunctionByIndex(up));
   EXPECT_NEAR(vDeep / vUp, 8.0, 1e-12);
   // Two functions whose supports only touch give exactly 0 without a table.
   int const sizeBefore = mass.cashSize();
@@ -248,14 +166,15 @@ TEST(CSFProductHelper, DepthScalingAndZeroTest)
 
 TEST(CSFProductHelper, OddFactorHasParityAndSwapServesTheOtherAxes)
 {
-  Tree t(true, 5);
-  Bases<CProductPiecewisePolynom> b(t.tree.get());
+  qztest::SphereBases const b = sphereBases(true, 5);
   int const odd[3] = {-1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6, odd);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6,
+                                                      odd);
   // At offset 0 the integral of an even times an odd function vanishes.
   int const n0 = 5;
-  EXPECT_NEAR(div.evalScalarProduct(b.basis->makeFunctionByIndex(n0), b.grad[0]->makeFunctionByIndex(n0)), 0.0, 1e-12);
-  std::vector<std::pair<int, int>> const pairs = nearPairs(*t.tree, 80, 9);
+  EXPECT_NEAR(div.evalScalarProduct(b.basis->makeFunctionByIndex(n0), b.grad[0]->makeFunctionByIndex(n0)),
+              0.0, 1e-12);
+  std::vector<std::pair<int, int>> const pairs = nearPairs(*b.tree, 80, 9);
   for (auto const & pr : pairs) // fill the tables for the x derivative
     div.evalScalarProduct(b.basis->makeFunctionByIndex(pr.first), b.grad[0]->makeFunctionByIndex(pr.second));
   for (int axis = 1; axis < 3; ++axis)
@@ -274,10 +193,10 @@ TEST(CSFProductHelper, OddFactorHasParityAndSwapServesTheOtherAxes)
 
 TEST(CSFProductHelper, ProductWithACombinationIsTheSumOverNodes)
 {
-  Tree t(true, 4);
-  Bases<CProductPiecewisePolynom> b(t.tree.get());
+  qztest::SphereBases const b = sphereBases(true, 4);
   int const odd[3] = {-1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6, odd);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6,
+                                                      odd);
   COctreeFuncLinCombTmpl<CProductPiecewisePolynom> field(b.grad[0].get());
   for (int n = 0; n < b.basis->getFunctionsNumber(); ++n)
     field.setBasisCoefficient(n, n % 3 == 0 ? 0.0 : std::cos(0.7 * n));
@@ -293,15 +212,16 @@ TEST(CSFProductHelper, ProductWithACombinationIsTheSumOverNodes)
 
 TEST(CSFProductHelper, GeneralFormAgreesWithTheSeparableForm)
 {
-  Tree t(true, 4, 150);
-  Bases<CProductPiecewisePolynom> bp(t.tree.get());
-  Bases<CPiecewisePolynom> bg(t.tree.get());
+  qztest::SphereBases const bp = sphereBases(true, 4, 150);
+  GeneralBases const bg(bp.tree.get());
   int const even[3] = {1, 1, 1}, odd[3] = {-1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> sp(bp.basis.get(), bp.lapBasis.get(), eBasisSymmetric, 7, even);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> sp(bp.basis.get(), bp.lapBasis.get(), eBasisSymmetric, 7,
+                                                     even);
   CCSFProductHelperTmpl<CPiecewisePolynom> sg(bg.basis.get(), bg.lapBasis.get(), eBasisSymmetric, 7, even);
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> dp(bp.basis.get(), bp.grad[0].get(), eBasisNonSymmetric, 6, odd);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> dp(bp.basis.get(), bp.grad[0].get(), eBasisNonSymmetric, 6,
+                                                     odd);
   CCSFProductHelperTmpl<CPiecewisePolynom> dg(bg.basis.get(), bg.grad[0].get(), eBasisNonSymmetric, 6, odd);
-  std::vector<std::pair<int, int>> const pairs = nearPairs(*t.tree, 25, 4);
+  std::vector<std::pair<int, int>> const pairs = nearPairs(*bp.tree, 25, 4);
   int misses = 0;
   for (auto const & pr : pairs)
   {
@@ -323,7 +243,8 @@ TEST(CSFProductHelper, GeneralFormAgreesWithTheSeparableForm)
   // The same pairs again: all hits.
   int const size = sg.cashSize();
   for (auto const & pr : pairs)
-    sg.evalScalarProduct(bg.basis->makeFunctionByIndex(pr.first), bg.lapBasis->makeFunctionByIndex(pr.second));
+    sg.evalScalarProduct(bg.basis->makeFunctionByIndex(pr.first),
+                         bg.lapBasis->makeFunctionByIndex(pr.second));
   EXPECT_EQ(sg.cashSize(), size);
   // The general helper serves the other derivative axes after a swap too.
   dg.initWithVariablesSwap(0, 1, bg.basis.get(), bg.grad[1].get());

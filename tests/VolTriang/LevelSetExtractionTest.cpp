@@ -14,7 +14,7 @@
 #include "QZsys/Threading.h"
 #include "tests/Common/Checks.h"
 #include "tests/Common/MeshChecks.h"
-#include "tests/Common/SampleClouds.h"
+#include "tests/VolTriang/SphereBases.h"
 
 using namespace VolTr;
 
@@ -53,41 +53,23 @@ struct ThreadCount
 // A smooth function that is negative inside a wavy sphere, on the tree of a
 // sphere cloud: every node gets h^3 times its value at the node, plus noise,
 // so that all depths carry coefficients as after a solve.
-struct Fixture
+struct Fixture : qztest::SphereBases
 {
-  QZTest::CSampleCloud cloud;
-  std::unique_ptr<COctree> tree;
-  CProductPiecewisePolynom kernel;
-  std::unique_ptr<Extraction::Basis> basis;
-  std::unique_ptr<Extraction::Basis> gradBasis[3];
   std::unique_ptr<Extraction::LinComb> x;
   CVolTriangulationParams params;
 
-  explicit Fixture(int depth, int points = 3000)
-      : cloud(QZTest::makeSphereCloud(points, 1.0, 17)),
-        kernel(makeApproxGaussian<CProductPiecewisePolynom>())
+  explicit Fixture(int depth, int points = 3000) : SphereBases(depth, true, points, 17)
   {
-    tree.reset(new COctree(&cloud, depth, nullptr, true, -1));
-    double const s = 1.0 / 0.95;
-    double const scale[3] = {s, s, s};
-    kernel.scaleArgument(scale);
-    basis.reset(new Extraction::Basis(kernel, tree.get(), 0));
-    for (int a = 0; a < 3; ++a)
-    {
-      CProductPiecewisePolynom d;
-      kernel.makePartialDerivative(&d, a);
-      gradBasis[a].reset(new Extraction::Basis(d, tree.get(), 1));
-    }
     x.reset(new Extraction::LinComb(basis.get()));
     std::mt19937 rng(3);
     std::uniform_real_distribution<double> noise(-0.02, 0.02);
-    for (int n = 0; n < basis->getFunctionsNumber(); ++n)
+    for (int i = 0; i < n(); ++i)
     {
       double c[3];
-      tree->getNodePosition(n, c);
-      double const h = tree->getCellSize(tree->getNodeDepth(n));
+      tree->getNodePosition(i, c);
+      double const h = tree->getCellSize(tree->getNodeDepth(i));
       double const r = std::sqrt(c[0] * c[0] + c[1] * c[1] + c[2] * c[2]);
-      x->setBasisCoefficient(n, h * h * h * (r - 1.0 + 0.05 * std::sin(5.0 * c[0]) + noise(rng)));
+      x->setBasisCoefficient(i, h * h * h * (r - 1.0 + 0.05 * std::sin(5.0 * c[0]) + noise(rng)));
     }
     params.setOctreeDepth(depth);
   }
@@ -95,7 +77,7 @@ struct Fixture
   Extraction::Basis const * const * gradients(Extraction::Basis const ** out) const
   {
     for (int a = 0; a < 3; ++a)
-      out[a] = gradBasis[a].get();
+      out[a] = grad[a].get();
     return out;
   }
 };
@@ -207,9 +189,8 @@ TEST(LevelSetExtraction, NoSurfaceFailsWithTheDocumentedText)
   for (auto mode : {Extraction::eSpecified, Extraction::eFast})
   {
     Recorder target;
-    auto const run = [&] {
-      Extraction::polygonise(*fx.x, 0.0, nullptr, &fx.cloud, fx.params, &target, nullptr, nullptr, mode);
-    };
+    auto const run = [&]
+    { Extraction::polygonise(*fx.x, 0.0, nullptr, &fx.cloud, fx.params, &target, nullptr, nullptr, mode); };
     EXPECT_EQ(QZTest::whatOf<CVolTriangulationError>(run), "Failed to reconstruct iso-value surface");
     EXPECT_TRUE(target.triangles.empty());
   }

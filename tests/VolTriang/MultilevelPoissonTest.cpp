@@ -1,51 +1,32 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
 #include <random>
 #include <vector>
 
 #include "QZmath/VolTriang/CSFProductHelper.h"
 #include "QZmath/VolTriang/detail/MultilevelPoisson.h"
-#include "tests/Common/SampleClouds.h"
+#include "tests/VolTriang/SphereBases.h"
 
 using namespace VolTr;
 
 namespace
 {
-// A small reconstruction tree with its bases: the function, the partial
-// derivatives and the Laplacian, and the reference products of the
-// scalar-product cache that the assembled system is made of.
-struct Fixture
+// A small reconstruction tree with its bases, and the reference products of
+// the scalar-product cache that the assembled system is made of.
+struct Fixture : qztest::SphereBases
 {
-  QZTest::CSampleCloud cloud;
-  std::unique_ptr<COctree> tree;
-  CProductPiecewisePolynom kernel, dx[3], lap;
-  std::unique_ptr<COctreeFuncBasisTmpl<CProductPiecewisePolynom>> basis, grad[3], lapBasis;
-
-  Fixture(int depth, bool useCenter = true, int points = 400)
-      : cloud(QZTest::makeSphereCloud(points, 1.0, 7)), kernel(makeApproxGaussian<CProductPiecewisePolynom>())
+  explicit Fixture(int depth, bool useCenter = true, int points = 400)
+      : SphereBases(depth, useCenter, points, 7)
   {
-    double const s = 1.0 / 0.95;
-    double const scale[3] = {s, s, s};
-    kernel.scaleArgument(scale);
-    tree.reset(new COctree(&cloud, depth, nullptr, useCenter, -1));
-    basis.reset(new COctreeFuncBasisTmpl<CProductPiecewisePolynom>(kernel, tree.get(), 0));
-    for (int a = 0; a < 3; ++a)
-    {
-      kernel.makePartialDerivative(&dx[a], a);
-      grad[a].reset(new COctreeFuncBasisTmpl<CProductPiecewisePolynom>(dx[a], tree.get(), 1));
-    }
-    kernel.makeLaplacian(&lap);
-    lapBasis.reset(new COctreeFuncBasisTmpl<CProductPiecewisePolynom>(lap, tree.get(), 2));
   }
-  int n() const { return tree->getNodesNumber(); }
 
   // A[a][b] = -<F_a, Lap F_b>, as the assembly computes it.
   std::vector<double> referenceMatrix() const
   {
     int const parity[3] = {1, 1, 1};
-    CCSFProductHelperTmpl<CProductPiecewisePolynom> helper(basis.get(), lapBasis.get(), eBasisSymmetric, 7, parity);
+    CCSFProductHelperTmpl<CProductPiecewisePolynom> helper(basis.get(), lapBasis.get(), eBasisSymmetric, 7,
+                                                           parity);
     std::vector<double> a(static_cast<std::size_t>(n()) * n());
     for (int r = 0; r < n(); ++r)
       for (int c = 0; c < n(); ++c)
@@ -138,8 +119,8 @@ TEST(MultilevelPoisson, RightPartEqualsTheProjectedDivergence)
   solver.makeRightPart(coefficients, &b);
 
   int const parity[3] = {-1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> helper(f.basis.get(), f.grad[0].get(), eBasisNonSymmetric, 6,
-                                                         parity);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> helper(f.basis.get(), f.grad[0].get(), eBasisNonSymmetric,
+                                                         6, parity);
   std::vector<double> expected(static_cast<std::size_t>(f.n()), 0.0);
   for (int j = 0; j < 3; ++j)
   {
@@ -195,9 +176,7 @@ TEST(MultilevelPoisson, SmallTreesAndEmptyDepths)
   QZTest::CSampleCloud one;
   one.add(0.1f, 0.2f, 0.3f, 0.0f, 0.0f, 1.0f);
   QZTest::CSampleCloud const some = QZTest::makeSphereCloud(300, 1.0, 5);
-  CProductPiecewisePolynom kernel = makeApproxGaussian<CProductPiecewisePolynom>();
-  double const s = 1.0 / 0.95, scale[3] = {s, s, s};
-  kernel.scaleArgument(scale);
+  CProductPiecewisePolynom const kernel = qztest::narrowedKernel();
   struct Case
   {
     QZTest::CSampleCloud const * cloud;

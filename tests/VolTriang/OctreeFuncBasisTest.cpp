@@ -2,29 +2,21 @@
 
 #include <algorithm>
 #include <cmath>
-#include <memory>
 #include <random>
 #include <set>
 
 #include "QZmath/VolTriang/OctreeFuncBasis.h"
-#include "tests/Common/SampleClouds.h"
+#include "tests/VolTriang/SphereBases.h"
 
 using namespace VolTr;
 
 namespace
 {
-struct Fixture
+struct Fixture : qztest::SphereBases
 {
-  QZTest::CSampleCloud cloud;
-  std::unique_ptr<COctree> tree;
-  CProductPiecewisePolynom kernel;
   Fixture(bool useCenter, int depth, int detail = -1, int points = 400)
-      : cloud(QZTest::makeSphereCloud(points, 1.0, 7)), kernel(makeApproxGaussian<CProductPiecewisePolynom>())
+      : SphereBases(depth, useCenter, points, 7, detail)
   {
-    tree.reset(new COctree(&cloud, depth, nullptr, useCenter, detail));
-    double const s = 1.0 / 0.95;
-    double const scale[3] = {s, s, s};
-    kernel.scaleArgument(scale);
   }
 };
 
@@ -79,7 +71,7 @@ TEST(OctreeFuncBasis, ScalesNormalisationsAndSupportsPerDepth)
 TEST(OctreeFuncBasis, FunctionsIntegrateToOneAndMatchTheDirectValue)
 {
   Fixture fx(true, 5);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
   std::mt19937 rng(1);
   std::uniform_int_distribution<int> pick(0, basis.getFunctionsNumber() - 1);
   std::uniform_real_distribution<double> u(-1.0, 1.0);
@@ -116,7 +108,7 @@ TEST(OctreeFuncLinComb, CachedAndUncachedEvaluationEqualThePlainSum)
   for (bool center : {true, false})
   {
     Fixture fx(center, 5, -1, 600);
-    COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+    COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
     COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
     std::mt19937 rng(center ? 3 : 4);
     std::uniform_real_distribution<double> coef(-1.0, 1.0);
@@ -193,7 +185,7 @@ TEST(OctreeFuncEvalHelper, RegionsAreChosenReplacedAndCounted)
 TEST(OctreeFuncLinComb, ZeroCombinationRecordsAnEmptyRegion)
 {
   Fixture fx(true, 4);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
   COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
   COctreeFuncEvalHelper helper(1, 0.3);
   double const p[3] = {1, 0, 0};
@@ -209,7 +201,7 @@ TEST(InterlacedSupportIterator, FindsEveryFunctionWhoseSupportMeetsTheBox)
   for (bool center : {true, false})
   {
     Fixture fx(center, 5, 3, 300);
-    COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+    COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
     std::mt19937 rng(9);
     std::uniform_real_distribution<double> u(-1.3, 1.3), w(0.0, 0.4);
     for (int q = 0; q < 40; ++q)
@@ -218,7 +210,8 @@ TEST(InterlacedSupportIterator, FindsEveryFunctionWhoseSupportMeetsTheBox)
       CParallelepiped const box(x, x + w(rng), y, y + w(rng), z, z + w(rng));
       std::set<int> seen;
       int lastDepth = 1 << 30;
-      for (CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom> it(&basis, box); !it.isFinished(); it.next())
+      for (CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom> it(&basis, box); !it.isFinished();
+           it.next())
       {
         int const n = it.functionIndex();
         EXPECT_TRUE(seen.insert(n).second);
@@ -246,11 +239,11 @@ TEST(InterlacedSupportIterator, FindsEveryFunctionWhoseSupportMeetsTheBox)
 TEST(OctreeFuncBasis, GeneralFormGivesTheSameValues)
 {
   Fixture fx(true, 4, -1, 200);
-  CPiecewisePolynom kg = makeApproxGaussian<CPiecewisePolynom>();
+  CPiecewisePolynom kg = makeApproxGaussian<CPiecewisePolynom>(); // narrowed like the fixture's kernel
   double const s = 1.0 / 0.95;
   double const scale[3] = {s, s, s};
   kg.scaleArgument(scale);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const bp(fx.kernel, fx.tree.get(), 0);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & bp = *fx.basis;
   COctreeFuncBasisTmpl<CPiecewisePolynom> const bg(kg, fx.tree.get(), 0);
   COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lp(&bp);
   COctreeFuncLinCombTmpl<CPiecewisePolynom> lg(&bg);
@@ -274,7 +267,7 @@ TEST(OctreeFuncBasis, GeneralFormGivesTheSameValues)
 TEST(OctreeFuncLinComb, CountsNonZeroCoefficientsPerDepth)
 {
   Fixture fx(true, 4);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, fx.tree.get(), 0);
+  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
   COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
   COctree const & t = *fx.tree;
   std::vector<int> expected(static_cast<std::size_t>(t.getNodeDepthEnd()), 0);

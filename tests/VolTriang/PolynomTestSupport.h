@@ -1,7 +1,9 @@
 #pragma once
 // Independent references for the polynomial tests: Gauss-Legendre quadrature
-// built from the Legendre recurrence, naive power sums, and random functions
-// in the separable form.
+// built from the Legendre recurrence, naive power sums, random functions in
+// the separable form, and the checks both 3D forms share.
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -9,6 +11,7 @@
 #include <set>
 #include <vector>
 
+#include "QZmath/VolTriang/PiecewisePolynom.h"
 #include "QZmath/VolTriang/Polynom.h"
 #include "QZmath/VolTriang/ProductPolynom.h"
 #include "QZmath/VolTriang/SingleVarPolynom.h"
@@ -82,11 +85,14 @@ template <class F> double integrate3D(F f, std::vector<double> const (&breaks)[3
 {
   GaussRule const & g = rule4();
   return integrate1D(
-      [&](double x) {
+      [&](double x)
+      {
         return integrate1D(
-            [&](double y) {
+            [&](double y)
+            {
               return integrate1D(
-                  [&](double z) {
+                  [&](double z)
+                  {
                     double const p[3] = {x, y, z};
                     return f(p);
                   },
@@ -119,8 +125,8 @@ inline VolTr::CSingleVarPolynom randomPolynom(std::mt19937 & rng, int degree)
 
 /// `pieces` random pieces of degree up to `maxDegree` on random ascending
 /// knots inside [lo, hi], about a random shift.
-inline VolTr::CSingleVarLimitedPolynom randomLimited(std::mt19937 & rng, int pieces, int maxDegree, double lo = -2.0,
-                                                     double hi = 2.0)
+inline VolTr::CSingleVarLimitedPolynom randomLimited(std::mt19937 & rng, int pieces, int maxDegree,
+                                                     double lo = -2.0, double hi = 2.0)
 {
   std::uniform_real_distribution<double> u(lo, hi);
   std::uniform_int_distribution<int> deg(0, maxDegree);
@@ -202,6 +208,11 @@ inline bool awayFrom(double x, std::vector<double> const & breaks, double eps = 
   return true;
 }
 
+inline bool awayFrom3(double const * p, std::vector<double> const (&b)[3])
+{
+  return awayFrom(p[0], b[0]) && awayFrom(p[1], b[1]) && awayFrom(p[2], b[2]);
+}
+
 /// |a - b| within `rel` of the larger magnitude, or within `abs`.
 inline bool near(double a, double b, double rel = 1e-10, double abs = 1e-12)
 {
@@ -216,6 +227,89 @@ inline VolTr::CSingleVarLimitedPolynom bsplineFactor()
   VolTr::CSingleVarPolynom const p[3] = {{3, a}, {3, b}, {3, c}};
   double const knots[4] = {-1.5, -0.5, 0.5, 1.5};
   return VolTr::CSingleVarLimitedPolynom(0.0, 3, p, 4, knots);
+}
+inline int termsOf(VolTr::CPiecewisePolynom const & f) { return f.getTermsNumber(); }
+inline int termsOf(VolTr::CProductPiecewisePolynom const & f) { return f.summandsNumber(); }
+
+/// f * g and g * f against the pointwise product at random points of
+/// [-spread, spread]^3 away from the breakpoints, and their integrals against
+/// quadrature; fg is returned for further checks.
+template <class F>
+F expectProductAgrees(F const & f, F const & g, std::vector<double> const (&breaks)[3], std::mt19937 & rng,
+                      double spread)
+{
+  std::uniform_real_distribution<double> u(-spread, spread);
+  F const fg = f * g, gf = g * f;
+  EXPECT_TRUE(fg.checkClassInvariants());
+  for (int i = 0; i < 60; ++i)
+  {
+    double const p[3] = {u(rng), u(rng), u(rng)};
+    if (!awayFrom3(p, breaks))
+      continue;
+    EXPECT_TRUE(near(fg.eval(p), f.eval(p) * g.eval(p), 1e-10, 1e-11));
+    EXPECT_TRUE(near(gf.eval(p), fg.eval(p), 1e-10, 1e-11));
+  }
+  double const quad = integrate3D([&](double const * p) { return f.eval(p) * g.eval(p); }, breaks);
+  EXPECT_TRUE(near(fg.integrateOnSupport(), quad, 1e-9, 1e-11));
+  EXPECT_TRUE(near(gf.integrateOnSupport(), quad, 1e-9, 1e-11));
+  return fg;
+}
+
+/// A random sequence of shifts, rebases, axis scalings, products by constants
+/// and self-sums applied to f0: after every step the invariants hold and
+/// f(p) = k f0(m p + b), axis by axis, away from f0's breakpoints.
+template <class F>
+void expectAffineSequence(F const & f0, std::vector<double> const (&breaks)[3], std::mt19937 & rng, int steps,
+                          double spread)
+{
+  std::uniform_real_distribution<double> u(-1.0, 1.0), us(0.5, 2.0);
+  std::uniform_int_distribution<int> op(0, 4);
+  F f = f0;
+  double m[3] = {1, 1, 1}, b[3] = {0, 0, 0}, k = 1.0;
+  for (int step = 0; step < steps; ++step)
+  {
+    double v[3] = {u(rng), u(rng), u(rng)};
+    switch (op(rng))
+    {
+    case 0:
+      f.substituteArgPlusConst(v);
+      for (int a = 0; a < 3; ++a)
+        b[a] += m[a] * v[a];
+      break;
+    case 1:
+      f.changeShift(v);
+      for (int a = 0; a < 3; ++a)
+        EXPECT_EQ(f.getCommonShift()[a], v[a]);
+      break;
+    case 2:
+      for (double & x : v)
+        x = us(rng);
+      f.scaleArgument(v);
+      for (int a = 0; a < 3; ++a)
+        m[a] *= v[a];
+      break;
+    case 3:
+      f *= 3.0 * v[0];
+      k *= 3.0 * v[0];
+      break;
+    default:
+      if (termsOf(f) > 32)
+        continue;
+      f += f;
+      k *= 2.0;
+      break;
+    }
+    ASSERT_TRUE(f.checkClassInvariants()) << "step " << step;
+    for (int i = 0; i < 10; ++i)
+    {
+      double const p[3] = {spread * u(rng), spread * u(rng), spread * u(rng)};
+      double const q[3] = {m[0] * p[0] + b[0], m[1] * p[1] + b[1], m[2] * p[2] + b[2]};
+      if (awayFrom3(q, breaks))
+      {
+        EXPECT_TRUE(near(f.eval(p), k * f0.eval(q), 1e-9, 1e-10));
+      }
+    }
+  }
 }
 } // namespace poly
 } // namespace qztest

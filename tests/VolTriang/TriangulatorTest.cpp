@@ -197,22 +197,9 @@ TEST(CVolumetricTriangulator, DensityLevelIsClampedToTheNodeDepths)
   }
 }
 
-TEST(CVolumetricTriangulator, DefaultOrNullParametersFailWithTheDepthText)
-{
-  CSampleCloud const cloud = cubeCorners();
-  CVolTriangulationParams const defaults;
-  for (CVolTriangulationParams const * p : {&defaults, static_cast<CVolTriangulationParams const *>(nullptr)})
-    EXPECT_EQ(whatOf<std::exception>([&] { CVolumetricTriangulator(nullptr, &cloud, p, nullptr).run(); }),
-              "Incorrect tree depth detected in VolTr::COctree constructor");
-  // Depth 1 passes with corner nodes only.
-  CVolTriangulationParams p;
-  p.setOctreeDepth(1);
-  EXPECT_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, nullptr).run(), std::exception);
-  p.setUseCenter(false);
-  EXPECT_NO_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, nullptr).run());
-}
-
-TEST(CVolumetricTriangulator, ParametersAreCopied)
+// The parameters are copied when the triangulator is made; what is wrong with
+// them or with the samples fails in the tree with its text.
+TEST(CVolumetricTriangulator, ParametersAreCopiedAndEarlyFailuresCarryTheirTexts)
 {
   CSampleCloud const cloud = cubeCorners();
   VsUt::CMemoryDebugLog log;
@@ -224,9 +211,35 @@ TEST(CVolumetricTriangulator, ParametersAreCopied)
   p.setDebugLog(nullptr);
   EXPECT_NO_THROW(t.run());
   EXPECT_EQ(log.lines().at(1), "Octree depth: 3");
-  // Without a log the run is silent and still completes.
-  p.setOctreeDepth(3);
+
+  for (CVolTriangulationParams const * q : {static_cast<CVolTriangulationParams const *>(&p),
+                                            static_cast<CVolTriangulationParams const *>(nullptr)})
+    EXPECT_EQ(whatOf<std::exception>([&] { CVolumetricTriangulator(nullptr, &cloud, q, nullptr).run(); }),
+              "Incorrect tree depth detected in VolTr::COctree constructor");
+  // Depth 1 passes with corner nodes only.
+  p.setOctreeDepth(1);
+  EXPECT_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, nullptr).run(), std::exception);
+  p.setUseCenter(false);
   EXPECT_NO_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, nullptr).run());
+
+  // An empty cloud builds an empty tree and has nothing to solve for.
+  CSampleCloud const empty;
+  VsUt::CMemoryDebugLog emptyLog;
+  p.setOctreeDepth(4);
+  p.setUseCenter(true);
+  p.setDebugLog(&emptyLog);
+  EXPECT_EQ(
+      whatOf<CVolTriangulationError>([&] { CVolumetricTriangulator(nullptr, &empty, &p, nullptr).run(); }),
+      "Failed to solve linear system");
+  EXPECT_EQ(emptyLog.lines().at(7), "Samples #: 0");
+  EXPECT_EQ(emptyLog.lines().at(12), "Nodes number : 0");
+  CSampleCloud bad = cubeCorners();
+  bad.coordsMod(5)[2] = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_EQ(whatOf<std::exception>([&] { CVolumetricTriangulator(nullptr, &bad, &p, nullptr).run(); }),
+            "Sample 5 has a non-finite coordinate in VolTr::COctree constructor");
+  // The error type carries its text through the std::exception interface.
+  CVolTriangulationError const e("Unexpected solver type");
+  EXPECT_STREQ(static_cast<std::exception const &>(e).what(), "Unexpected solver type");
 }
 
 TEST(CVolumetricTriangulator, PhaseWeightsDecideTheTreeShare)
@@ -271,37 +284,4 @@ TEST(CVolumetricTriangulator, PhaseWeightsDecideTheTreeShare)
     EXPECT_DOUBLE_EQ(recorder.treeEnd, 10.0 / c.total) << c.threads << " " << c.depth << " " << c.density;
     EXPECT_EQ(recorder.names, (std::vector<std::string>{"tree", "grad_basis"}));
   }
-}
-
-TEST(CVolumetricTriangulator, EmptyCloudAndBadSamples)
-{
-  // An empty cloud builds an empty tree and has nothing to solve for.
-  CSampleCloud const empty;
-  VsUt::CMemoryDebugLog log;
-  CVolTriangulationParams p;
-  p.setOctreeDepth(4);
-  p.setDebugLog(&log);
-  EXPECT_EQ(
-      whatOf<CVolTriangulationError>([&] { CVolumetricTriangulator(nullptr, &empty, &p, nullptr).run(); }),
-      "Failed to solve linear system");
-  EXPECT_EQ(log.lines().at(7), "Samples #: 0");
-  EXPECT_EQ(log.lines().at(12), "Nodes number : 0");
-
-  CSampleCloud bad = cubeCorners();
-  bad.coordsMod(5)[2] = std::numeric_limits<float>::quiet_NaN();
-  EXPECT_EQ(whatOf<std::exception>([&] { CVolumetricTriangulator(nullptr, &bad, &p, nullptr).run(); }),
-            "Sample 5 has a non-finite coordinate in VolTr::COctree constructor");
-  // The error type carries its text through the std::exception interface.
-  CVolTriangulationError const e("Unexpected solver type");
-  EXPECT_STREQ(static_cast<std::exception const &>(e).what(), "Unexpected solver type");
-}
-
-TEST(CVolumetricTriangulator, InterruptionLeavesRun)
-{
-  CSampleCloud const cloud = QZTest::makeSphereCloud(100, 1.0, 8);
-  CProgressCounter progress;
-  progress.RequestInterrupt();
-  CVolTriangulationParams p;
-  p.setOctreeDepth(4);
-  EXPECT_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, &progress).run(), CUserIntrException);
 }
