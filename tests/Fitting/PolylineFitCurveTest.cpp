@@ -107,22 +107,6 @@ protected:
 };
 } // namespace
 
-TEST_P(PolylineFitCurveDamping, LineArcLineIsTypedAndMeetsSmoothly)
-{
-  CSampler s(11);
-  ASSERT_EQ(fit.fitPolyline(lineArcLine(s, NOISE), crv, bnd), 0);
-  EXPECT_FALSE(fit.isPolylineClosed());
-  ASSERT_EQ(crv.size(), 21u);
-  ASSERT_EQ(bnd.size(), 24u);
-  expectTypes(fit, {L, A, L}, {BndCondFree, BndCondPointDir, BndCondPointDir, BndCondFree});
-  EXPECT_TRUE(crv[6] == -1.0 && crv[20] == -1.0);
-  EXPECT_NEAR(std::fabs(crv[13]), 5.0, 0.01);
-  EXPECT_LT(dist(at3(crv, 7), g_plane.at(0, 5)), 0.01);
-  EXPECT_LT(sinAngle(at3(crv, 10), PN), 1e-3);
-  expectJoin(crv, bnd, 1, 0, 1, true, g_plane.at(0, 0), meet());
-  expectJoin(crv, bnd, 2, 1, 2, true, g_plane.at(5, 5), meet());
-}
-
 TEST_P(PolylineFitCurveDamping, ArcArcTangentAndLineLineCorner)
 {
   CSampler s(12);

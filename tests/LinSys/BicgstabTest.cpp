@@ -60,25 +60,6 @@ template <class T> std::vector<T> rightPartOf(solver_test::CProblem const & p)
 }
 } // namespace
 
-TYPED_TEST(Bicgstab, SolvesWithTwoProductsAnIteration)
-{
-  using T = TypeParam;
-  for (auto const & problem :
-       {solver_test::randomSpd(60, 6, 5u), solver_test::chain(50), solver_test::laplacian3D(4, 4, 3)})
-  {
-    CDense<T> m(problem);
-    std::vector<T> x(problem.nFree, T(0));
-    int const iterations = m.solve(rightPartOf<T>(problem), x, -1);
-    ASSERT_GT(iterations, 0);
-    // Every iteration costs two products, plus one for the first residual.
-    EXPECT_EQ(m.calls, 2 * iterations + 1);
-    EXPECT_LT(solver_test::relativeError(
-                  {x.begin(), x.end()},
-                  solver_test::referenceSolution<T>(problem, solver_test::fixedPositions(problem, 0))),
-              sizeof(T) == 4 ? 1e-4 : 1e-5);
-  }
-}
-
 TYPED_TEST(Bicgstab, ReturnContract)
 {
   using T = TypeParam;
