@@ -60,14 +60,6 @@ template <class T> double maxAbs(Matrix<T> const & m)
   return r;
 }
 
-template <class M, class = void> struct HasProduct : std::false_type
-{
-};
-template <class M>
-struct HasProduct<M, std::void_t<decltype(std::declval<M const &>() * std::declval<M const &>())>>
-    : std::true_type
-{
-};
 } // namespace
 
 // ---- storage ---------------------------------------------------------------------
@@ -254,11 +246,6 @@ TEST(MatrixArithmetic, ProductsMatchTheSlowLoopBitForBit)
 
 TEST(MatrixPoints, HomogeneousProductIsCoordinateWiseOnAllFour)
 {
-  static_assert(HasProduct<Matrix<char>>::value && HasProduct<Matrix<HPoint3D>>::value &&
-                    HasProduct<Matrix<HPoint3D_d>>::value,
-                "");
-  static_assert(!HasProduct<Matrix<Point3D>>::value && !HasProduct<Matrix<Point3D_d>>::value, "");
-
   Matrix<HPoint3D_d> a(1, 2), b(2, 1);
   a(0, 0) = HPoint3D_d(1, 2, 3, 4);
   a(0, 1) = HPoint3D_d(0.0); // exactly zero: skipped, so the NaN below stays out

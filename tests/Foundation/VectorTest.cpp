@@ -3,7 +3,6 @@
 #include <cmath>
 #include <limits>
 #include <string>
-#include <type_traits>
 
 #include "QZmath/Foundation/Vector.h"
 #include "tests/Common/Checks.h"
@@ -13,13 +12,6 @@ using QZTest::thrownWord;
 
 namespace
 {
-template <class V, class = void> struct HasMinIndex : std::false_type
-{
-};
-template <class V> struct HasMinIndex<V, std::void_t<decltype(std::declval<V const &>().minIndex())>> : std::true_type
-{
-};
-
 Vector<int> iota(int n, int from = 1)
 {
   Vector<int> v(n);
@@ -104,8 +96,6 @@ TEST(VectorArithmetic, MinimumOfNumbersOnly)
   EXPECT_EQ(v.minIndex(), 1); // the first of equal ones
   EXPECT_EQ(v.minimum(), -1.0);
   EXPECT_EQ(Vector<char>(0).minIndex(), -1);
-  static_assert(HasMinIndex<Vector<unsigned char>>::value, "");
-  static_assert(!HasMinIndex<Vector<Point3D>>::value && !HasMinIndex<Vector<HPoint3D_d>>::value, "");
 }
 
 TEST(VectorArithmetic, PointElementsActOnEveryCoordinate)
