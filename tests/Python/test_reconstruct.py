@@ -49,6 +49,9 @@ def test_unoriented_cloud_gives_a_closed_mesh():
     used = len(np.unique(f))
     assert used - len(edges) // 2 + len(f) == 0  # Euler characteristic of a torus
     assert np.all(np.abs(np.hypot(np.hypot(v[:, 0], v[:, 1]) - 1, v[:, 2]) - 0.35) < 0.02)
+    # The estimated normals were turned outward: so are the triangles.
+    a, b, c = (v[f[:, k]].astype(np.float64) for k in range(3))
+    assert np.sum(a * np.cross(b, c)) / 6 == pytest.approx(2 * np.pi**2 * 0.35**2, rel=0.05)
 
 
 def test_progress_reaches_the_callback_in_order(sphere):

@@ -43,7 +43,8 @@ std::string binaryPly(bool bigEndian, bool asDouble, std::vector<std::array<doub
   std::string h = "ply\nformat ";
   h += bigEndian ? "binary_big_endian" : "binary_little_endian";
   h += " 1.0\ncomment test\nelement camera 1\nproperty list uchar int ids\nproperty float f\n";
-  h += "element vertex " + std::to_string(declaredCount < 0 ? static_cast<long>(rows.size()) : declaredCount) + "\n";
+  h += "element vertex " +
+       std::to_string(declaredCount < 0 ? static_cast<long>(rows.size()) : declaredCount) + "\n";
   std::string const t = asDouble ? "double" : "float";
   h += "property uchar red\nproperty " + t + " x\nproperty " + t + " y\nproperty " + t + " z\n";
   h += "property list uchar int extra\nproperty " + t + " nx\nproperty " + t + " ny\nproperty " + t + " nz\n";
@@ -57,11 +58,13 @@ std::string binaryPly(bool bigEndian, bool asDouble, std::vector<std::array<doub
   {
     appendValue<unsigned char>(body, 200, bigEndian);
     for (int k = 0; k < 3; ++k)
-      asDouble ? appendValue<double>(body, r[k], bigEndian) : appendValue<float>(body, static_cast<float>(r[k]), bigEndian);
+      asDouble ? appendValue<double>(body, r[k], bigEndian)
+               : appendValue<float>(body, static_cast<float>(r[k]), bigEndian);
     appendValue<unsigned char>(body, 1, bigEndian);
     appendValue<int>(body, 99, bigEndian);
     for (int k = 3; k < 6; ++k)
-      asDouble ? appendValue<double>(body, r[k], bigEndian) : appendValue<float>(body, static_cast<float>(r[k]), bigEndian);
+      asDouble ? appendValue<double>(body, r[k], bigEndian)
+               : appendValue<float>(body, static_cast<float>(r[k]), bigEndian);
   }
   return h + body;
 }
@@ -107,14 +110,16 @@ TEST(CloudIO, BinaryPlyBothEndiansFloatAndDouble)
 
 TEST(CloudIO, AsciiPlyAndText)
 {
-  std::string const ply = "ply\r\nformat ascii 1.0\r\nelement vertex 3\r\nproperty float x\r\nproperty float y\r\n"
-                          "property float z\r\nproperty float nx\r\nproperty float ny\r\nproperty float nz\r\n"
-                          "property uchar alpha\r\nend_header\r\n"
-                          "0.5 -1.25 2 0 0 1 3\n1000 0.002 -7.5 0.6 0.8 0 4\n-0.125 0.25 3.5 1 0 0 5\n";
+  std::string const ply =
+      "ply\r\nformat ascii 1.0\r\nelement vertex 3\r\nproperty float x\r\nproperty float y\r\n"
+      "property float z\r\nproperty float nx\r\nproperty float ny\r\nproperty float nz\r\n"
+      "property uchar alpha\r\nend_header\r\n"
+      "0.5 -1.25 2 0 0 1 3\n1000 0.002 -7.5 0.6 0.8 0 4\n-0.125 0.25 3.5 1 0 0 5\n";
   writeFile(tempPath("a.ply"), ply);
   expectRows(readCloud(tempPath("a.ply")));
 
-  std::string const text = "# a comment\n0.5 -1.25 2 0 0 1\n\n1000,0.002,-7.5,0.6,0.8,0\n-0.125\t0.25 3.5 1 0 0  # end\n";
+  std::string const text =
+      "# a comment\n0.5 -1.25 2 0 0 1\n\n1000,0.002,-7.5,0.6,0.8,0\n-0.125\t0.25 3.5 1 0 0  # end\n";
   for (char const * ext : {"xyzn", "xyz", "pts", "txt"})
   {
     writeFile(tempPath(std::string("t.") + ext), text);
@@ -138,14 +143,17 @@ TEST(CloudIO, MalformedInputsNameTheFileAndPlace)
   EXPECT_NE(errorOf(tempPath("missing.ply")).find("cannot read"), std::string::npos);
 
   std::string const q = tempPath("bad.ply");
-  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\n"
-               "property float nx\nend_header\n1 2 3 0\n");
+  writeFile(q,
+            "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\n"
+            "property float nx\nend_header\n1 2 3 0\n");
   EXPECT_NE(errorOf(q).find("header: vertex property ny is missing"), std::string::npos) << errorOf(q);
-  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\n"
-               "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 0 1\n");
+  writeFile(q,
+            "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\n"
+            "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 0 1\n");
   EXPECT_NE(errorOf(q).find("line 12: unexpected end of file"), std::string::npos) << errorOf(q);
-  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\nproperty float z\n"
-               "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 nan 1\n");
+  writeFile(q,
+            "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\nproperty float z\n"
+            "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 nan 1\n");
   EXPECT_NE(errorOf(q).find("line 11: non-finite"), std::string::npos) << errorOf(q);
   writeFile(q, "plx\n");
   EXPECT_NE(errorOf(q).find("not a PLY"), std::string::npos);
@@ -202,10 +210,11 @@ TEST(CloudIO, WrittenPlyReadsBackAsMesh)
   writePly(p, m, true);
   std::ifstream in(p, std::ios::binary);
   std::string const bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::string const header = "ply\nformat binary_little_endian 1.0\ncomment made by qzrecon\nelement vertex 4\n"
-                             "property float x\nproperty float y\nproperty float z\n"
-                             "property float nx\nproperty float ny\nproperty float nz\n"
-                             "element face 2\nproperty list uchar int vertex_indices\nend_header\n";
+  std::string const header =
+      "ply\nformat binary_little_endian 1.0\ncomment made by qzrecon\nelement vertex 4\n"
+      "property float x\nproperty float y\nproperty float z\n"
+      "property float nx\nproperty float ny\nproperty float nz\n"
+      "element face 2\nproperty list uchar int vertex_indices\nend_header\n";
   ASSERT_EQ(bytes.substr(0, header.size()), header);
   ASSERT_EQ(bytes.size(), header.size() + 4 * 6 * 4 + 2 * (1 + 12));
   // The vertices read back through our own reader.
@@ -247,8 +256,9 @@ TEST(CloudIO, CloudsWithoutNormals)
 
   // PLY with x y z only; written back as a cloud and read again.
   std::string const q = tempPath("plain.ply");
-  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\n"
-               "end_header\n1 2 3\n4 5 6\n");
+  writeFile(q,
+            "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\n"
+            "end_header\n1 2 3\n4 5 6\n");
   OrientedCloud d = readCloud(q);
   ASSERT_EQ(d.size(), 2u);
   EXPECT_FALSE(d.hasNormals());
