@@ -224,6 +224,7 @@ COctreeFuncBlockEvaluator::Cache::Block const * blockOf(COctreeFuncBlockEvaluato
       total *= static_cast<std::size_t>(db.n[a]);
     }
     db.coefficients.assign(total, 0.0);
+    double maxAbs = 0.0;
     long long const zLow = db.kLow[2], zHigh = db.kLow[2] + db.n[2] - 1;
     for (int x = 0; x < db.n[0]; ++x)
       for (int y = 0; y < db.n[1]; ++y)
@@ -236,8 +237,13 @@ COctreeFuncBlockEvaluator::Cache::Block const * blockOf(COctreeFuncBlockEvaluato
         int e = static_cast<int>(std::lower_bound(z + begin, z + end, zLow) - z);
         double * row = &db.coefficients[(static_cast<std::size_t>(x) * db.n[1] + y) * db.n[2]];
         for (; e < end && z[e] <= zHigh; ++e)
-          row[z[e] - zLow] = depth.coefficients[static_cast<std::size_t>(e)];
+        {
+          double const v = depth.coefficients[static_cast<std::size_t>(e)];
+          row[z[e] - zLow] = v;
+          maxAbs = std::max(maxAbs, std::fabs(v));
+        }
       }
+    db.maxAbs = maxAbs;
   }
   b.key[0] = key[0], b.key[1] = key[1], b.key[2] = key[2];
   b.used = true;

@@ -79,6 +79,10 @@ struct COctreeFuncBlockEvaluator::Cache::EdgeWork
     double coeffs[EDGE_BREAKS + 1][EDGE_COEFFS];
   };
   std::vector<Depth> depths;
+  // The depths whose piece does not yet cover the whole bracket of the
+  // bisection, each with the piece of the last midpoint.
+  std::vector<int> open;
+  std::vector<int> piece;
   // The fixed axes summed out, over the moving windows of every depth.
   std::vector<double> G;
   double bound = 0.0;
@@ -132,8 +136,12 @@ bool COctreeFuncBlockEvaluator::setLattice(double const * start, double size, in
         axisWindow(sh, sh.depths[static_cast<std::size_t>(di)], a, coordinate, &w);
         out[di].low = w.low;
         out[di].size = w.size;
+        out[di].sumAbs = 0.0;
         for (int k = 0; k < w.size; ++k)
+        {
           out[di].values[k] = w.values[0][k];
+          out[di].sumAbs += std::fabs(w.values[0][k]);
+        }
       }
     }
   l->tabulated = true;
@@ -179,23 +187,21 @@ double COctreeFuncBlockEvaluator::evalLatticeWithBound(int const * index, double
     std::size_t const base2 = static_cast<std::size_t>(z.low - db.kLow[2]);
     for (int i = 0; i < x.size; ++i)
     {
-      double sy = 0.0, sya = 0.0;
+      double sy = 0.0;
       for (int j = 0; j < y.size; ++j)
       {
         double const * row = &db.coefficients[((base0 + i) * db.n[1] + base1 + j) * db.n[2] + base2];
-        double sz = 0.0, sza = 0.0;
+        double sz = 0.0;
         for (int k = 0; k < z.size; ++k)
-        {
-          double const t = row[k] * z.values[k];
-          sz += t;
-          sza += std::fabs(t);
-        }
+          sz += row[k] * z.values[k];
         sy += y.values[j] * sz;
-        sya += std::fabs(y.values[j]) * sza;
       }
       value += x.values[i] * sy;
-      magnitude += std::fabs(x.values[i]) * sya;
     }
+    // The sum of the terms' magnitudes is at most the largest coefficient
+    // times the kernel values' sums (a percent on top for their rounding):
+    // a looser bound than the terms' own, for a third of the work.
+    magnitude += 1.01 * db.maxAbs * x.sumAbs * y.sumAbs * z.sumAbs;
   }
   // As in evalWithBound: both sums hold the same terms, each rounded three
   // times, added in different orders.
@@ -425,51 +431,61 @@ static bool tf_prepareEdge(COctreeFuncBlockEvaluator::Shared const & sh, COctree
       base += static_cast<std::size_t>(fw[fixed[f]]->low - db.kLow[fixed[f]]) * stride[fixed[f]];
     std::size_t const sm0 = stride[moving[0]], sm1 = m > 1 ? stride[moving[1]] : 0, sm2 = m > 2 ? stride[moving[2]] : 0;
     double const * C = db.coefficients.data() + base;
+    // One loop per number of fixed axes: the dispatch stays out of the
+    // innermost loop.
     std::size_t at = 0;
-    for (int i = 0; i < n[0]; ++i)
-      for (int j = 0; j < n[1]; ++j)
-        for (int k = 0; k < n[2]; ++k, ++at)
+    if (nf == 0)
+    {
+      for (int i = 0; i < n[0]; ++i)
+        for (int j = 0; j < n[1]; ++j)
         {
-          double const * c = C + i * sm0 + j * sm1 + k * sm2;
-          double g = 0.0, ga = 0.0;
-          if (nf == 0)
+          double const * c = C + i * sm0 + j * sm1;
+          for (int k = 0; k < n[2]; ++k, ++at)
           {
-            g = c[0];
-            ga = std::fabs(g);
+            double const g = c[k * sm2];
+            G[at] = g;
+            magnitude += std::fabs(g);
           }
-          else if (nf == 1)
-          {
-            Lattice::Window const & w = *fw[fixed[0]];
-            std::size_t const sf = stride[fixed[0]];
-            for (int s = 0; s < w.size; ++s)
-            {
-              double const t = c[s * sf] * w.values[s];
-              g += t;
-              ga += std::fabs(t);
-            }
-          }
-          else
-          {
-            Lattice::Window const & wa = *fw[fixed[0]];
-            Lattice::Window const & wb = *fw[fixed[1]];
-            std::size_t const sa = stride[fixed[0]], sb = stride[fixed[1]];
-            for (int s = 0; s < wa.size; ++s)
-            {
-              double const * cs = c + s * sa;
-              double h = 0.0, ha = 0.0;
-              for (int t = 0; t < wb.size; ++t)
-              {
-                double const v = cs[t * sb] * wb.values[t];
-                h += v;
-                ha += std::fabs(v);
-              }
-              g += h * wa.values[s];
-              ga += ha * std::fabs(wa.values[s]);
-            }
-          }
-          G[at] = g;
-          magnitude += ga;
         }
+    }
+    else if (nf == 1)
+    {
+      Lattice::Window const & w = *fw[fixed[0]];
+      std::size_t const sf = stride[fixed[0]];
+      for (int i = 0; i < n[0]; ++i)
+        for (int j = 0; j < n[1]; ++j, ++at)
+        {
+          double const * c = C + i * sm0 + j * sm1;
+          double g = 0.0;
+          for (int s = 0; s < w.size; ++s)
+            g += c[s * sf] * w.values[s];
+          G[at] = g;
+        }
+      // At most the largest coefficient times the kernel values' sum per
+      // entry (see evalLatticeWithBound).
+      magnitude = 1.01 * static_cast<double>(at) * db.maxAbs * w.sumAbs;
+    }
+    else
+    {
+      Lattice::Window const & wa = *fw[fixed[0]];
+      Lattice::Window const & wb = *fw[fixed[1]];
+      std::size_t const sa = stride[fixed[0]], sb = stride[fixed[1]];
+      for (int i = 0; i < n[0]; ++i, ++at)
+      {
+        double const * c = C + i * sm0;
+        double g = 0.0;
+        for (int s = 0; s < wa.size; ++s)
+        {
+          double const * cs = c + s * sa;
+          double h = 0.0;
+          for (int t = 0; t < wb.size; ++t)
+            h += cs[t * sb] * wb.values[t];
+          g += h * wa.values[s];
+        }
+        G[at] = g;
+      }
+      magnitude = 1.01 * static_cast<double>(at) * db.maxAbs * wa.sumAbs * wb.sumAbs;
+    }
     magnitudeSum += magnitude;
 
     // The breaks: where a node's argument crosses a knot of its factor
@@ -557,6 +573,23 @@ void COctreeFuncBlockEvaluator::convergeOnLatticeEdge(int const * from, int cons
     pos[a] = valueFrom >= 0 ? p1[a] : p2[a];
     neg[a] = valueFrom >= 0 ? p2[a] : p1[a];
   }
+  // The bisection narrows its bracket around the level: a depth whose piece
+  // covers the whole bracket (away from its breaks) keeps that piece to the
+  // end, so its coefficients join one polynomial summed over such depths and
+  // each later midpoint costs one Horner's rule for all of them.
+  double combined[EDGE_COEFFS] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+  int combinedDegree = 0;
+  double combinedMagnitude = 0.0;
+  int settled = 0;
+  if (e)
+  {
+    std::size_t const nd = e->depths.size();
+    e->open.resize(nd);
+    e->piece.assign(nd, 0);
+    for (std::size_t di = 0; di < nd; ++di)
+      e->open[di] = static_cast<int>(di);
+  }
+  int openCount = e ? static_cast<int>(e->depths.size()) : 0;
   for (int n = 1;; ++n)
   {
     double mid[3];
@@ -573,23 +606,50 @@ void COctreeFuncBlockEvaluator::convergeOnLatticeEdge(int const * from, int cons
     if (e)
     {
       double const r = (mid[e->axis] - e->origin) / e->length;
-      for (std::size_t di = 0; di < e->depths.size() && !exact; ++di)
+      double const rp = (pos[e->axis] - e->origin) / e->length;
+      double const rn = (neg[e->axis] - e->origin) / e->length;
+      double const low = std::min(rp, rn), high = std::max(rp, rn);
+      for (int o = 0; o < openCount && !exact;)
       {
-        Cache::EdgeWork::Depth & d = e->depths[di];
-        int p = 0;
+        int const di = e->open[static_cast<std::size_t>(o)];
+        Cache::EdgeWork::Depth & d = e->depths[static_cast<std::size_t>(di)];
+        int p = e->piece[static_cast<std::size_t>(di)];
         while (p + 1 < d.pieces && d.starts[p + 1] <= r)
           ++p;
+        while (p > 0 && d.starts[p] > r)
+          --p;
+        e->piece[static_cast<std::size_t>(di)] = p;
         if ((p > 0 && r - d.starts[p] < BREAK_MARGIN) || (p + 1 < d.pieces && d.starts[p + 1] - r < BREAK_MARGIN))
           exact = true;
         if (!d.made[p])
           tf_makePiece(sh, d, e->G.data() + d.g, p);
         double const * c = d.coeffs[p];
+        if ((p == 0 || low - d.starts[p] >= BREAK_MARGIN) && (p + 1 == d.pieces || d.starts[p + 1] - high >= BREAK_MARGIN))
+        {
+          for (int k = 0; k <= d.degree; ++k)
+          {
+            combined[k] += c[k];
+            combinedMagnitude += std::fabs(c[k]);
+          }
+          combinedDegree = std::max(combinedDegree, d.degree);
+          ++settled;
+          e->open[static_cast<std::size_t>(o)] = e->open[static_cast<std::size_t>(--openCount)];
+          continue;
+        }
         double v = c[d.degree];
         for (int k = d.degree - 1; k >= 0; --k)
           v = v * r + c[k];
         approx += v;
+        ++o;
       }
-      bound = e->bound;
+      double v = combined[combinedDegree];
+      for (int k = combinedDegree - 1; k >= 0; --k)
+        v = v * r + combined[k];
+      approx += v;
+      // Summing the settled pieces' coefficients and the one Horner's rule
+      // on [0, 1] round anew: a few units per depth and per degree of the
+      // magnitudes summed.
+      bound = e->bound + (settled + 2 * combinedDegree + 4) * 1.01 * UNIT_ROUNDOFF * combinedMagnitude;
     }
     else
       approx = evalWithBound(mid, &bound);

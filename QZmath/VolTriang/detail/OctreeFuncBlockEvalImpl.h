@@ -163,6 +163,7 @@ struct COctreeFuncBlockEvaluator::Cache
     long long kLow[3];
     int n[3];
     std::vector<double> coefficients; // normalization * coefficient, 0.0 where no node
+    double maxAbs = 0.0;               // the largest |coefficient| of the range
   };
   struct Block
   {
@@ -206,6 +207,7 @@ struct COctreeFuncBlockEvaluator::Lattice
     long long low = 0;
     int size = 0;
     double values[detail::BE_MAX_WINDOW] = {};
+    double sumAbs = 0.0; // sum of |values|
   };
   double start[3] = {0.0, 0.0, 0.0};
   double size = 0.0;
