@@ -425,6 +425,8 @@ TEST(COctree, GeometryIdentities)
     for (int c = 0; c < tree.getCellsNumberOnDeepestLevel(); ++c)
     {
       CParallelepiped const cell = tree.getCellBox(c);
+      for (int a = 0; a < 3; ++a)
+        EXPECT_NEAR(cell.getMax()[a] - cell.getMin()[a], unit, 1e-12 * unit);
       for (int d = tree.getNodeDepthBegin(); d < tree.getNodeDepthEnd(); ++d)
       {
         // The eight nodes span the neighbour box, and the leaf cell lies in it:
