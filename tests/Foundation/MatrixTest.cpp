@@ -221,17 +221,21 @@ TEST(MatrixArithmetic, ProductsMatchTheSlowLoopBitForBit)
     EXPECT_TRUE(a * b == slowProduct(a, b));
     Matrix<float> const af = randomMatrix<float>(n, k, rng), bf = randomMatrix<float>(k, m, rng);
     EXPECT_TRUE(af * bf == slowProduct(af, bf));
-    // Integer elements wrap: the product is exact modulo 2^32.
-    Matrix<int> const ai = randomMatrix<int>(n, k, rng, -1e9, 1e9),
-                      bi = randomMatrix<int>(k, 1, rng, -1e9, 1e9);
-    Vector<int> v(k);
-    for (int i = 0; i < k; ++i)
-      v[i] = bi(i, 0);
-    Vector<int> const av = ai * v;
-    for (int i = 0; i < n; ++i)
-      EXPECT_EQ(av[i], slowProduct(ai, bi)(i, 0));
   }
+  // Integer elements wrap: products are exact modulo 2^32, hence associative,
+  // and a vector multiplies as a column.
+  Matrix<int> const a4 = randomMatrix<int>(4, 5, rng, -1e9, 1e9),
+                    b5 = randomMatrix<int>(5, 3, rng, -1e9, 1e9),
+                    c3 = randomMatrix<int>(3, 6, rng, -1e9, 1e9);
+  EXPECT_TRUE((a4 * b5) * c3 == a4 * (b5 * c3));
+  Vector<int> v(3);
+  Matrix<int> const column = b5.get(0, 0, 3, 1);
+  for (int i = 0; i < 3; ++i)
+    v[i] = column(i, 0);
   Matrix<int> const s3 = randomMatrix<int>(3, 3, rng), t3 = randomMatrix<int>(3, 3, rng);
+  Vector<int> const sv = s3 * v;
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(sv[i], (s3 * column)(i, 0));
   EXPECT_TRUE(comm(s3, t3) == s3 * t3 - t3 * s3);
   // Exact zeros of the left factor are skipped, those of the right are not.
   double const inf = std::numeric_limits<double>::infinity();
