@@ -58,27 +58,6 @@ TEST(ApproxGaussian, ValuesOfBothFormsMatchTheSplineProduct)
   EXPECT_EQ(k.getKnot(3), 1.5);
 }
 
-TEST(ApproxGaussian, IntegralsAndSupport)
-{
-  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
-  CPiecewisePolynom const kg = makeApproxGaussian<CPiecewisePolynom>();
-  EXPECT_DOUBLE_EQ(integrateOnSupport(kp), 1.0);
-  EXPECT_NEAR(integrateOnSupport(kg), 1.0, 1e-14);
-  for (int a = 0; a < 3; ++a)
-  {
-    EXPECT_NEAR(integrateOnSupport(DgaussianDx<CProductPiecewisePolynom>(a)), 0.0, 1e-15);
-    EXPECT_NEAR(integrateOnSupport(DgaussianDx<CPiecewisePolynom>(a)), 0.0, 1e-15);
-  }
-  EXPECT_NEAR(integrateOnSupport(makeApproxGaussianLaplacian<CProductPiecewisePolynom>()), 0.0, 1e-15);
-  EXPECT_NEAR(integrateOnSupport(makeApproxGaussianLaplacian<CPiecewisePolynom>()), 0.0, 1e-15);
-  CParallelepiped const & s = kp.getCommonSupportRef();
-  for (int a = 0; a < 3; ++a)
-  {
-    EXPECT_EQ(s.getMin()[a], -1.5);
-    EXPECT_EQ(s.getMax()[a], 1.5);
-  }
-}
-
 TEST(ApproxGaussian, DerivativesAgreeWithFiniteDifferences)
 {
   std::mt19937 rng(8);
