@@ -251,8 +251,10 @@ static void tf_makePiece(COctreeFuncBlockEvaluator::Shared const & sh,
       double const a0 = d.alpha[q][k];
       double const t = a0 + d.beta[q] * rm;
       int row = 0;
-      for (int c = 0; c <= f.pieces; ++c)
-        row += t >= f.knots[c];
+      // The knots ascend (the evaluator is not used otherwise): count up to
+      // the first one above t.
+      while (row <= f.pieces && t >= f.knots[row])
+        ++row;
       live[q][k] = row >= 1 && row <= f.pieces && f.coeffsNumber[row - 1] > 0;
       if (!live[q][k])
         continue;
@@ -503,7 +505,9 @@ static bool tf_prepareEdge(COctreeFuncBlockEvaluator::Shared const & sh, COctree
         for (int c = 0; c <= f.pieces; ++c)
         {
           double const knot = f.knots[c];
-          if (!(knot > lo && knot < hi))
+          if (knot >= hi)
+            break; // the knots ascend
+          if (!(knot > lo))
             continue;
           double const r = (knot - t0) * inverseBeta;
           if (!(r > 0.0 && r < 1.0) || count > EDGE_BREAKS)
