@@ -302,9 +302,22 @@ def run_exe(exe, timeout, env, report=None):
     try:
         if report and os.path.exists(report):
             os.remove(report)
-        r = subprocess.run(args, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=timeout,
-                           env=env)
-        status = "survived" if r.returncode == 0 else "killed"
+        # Its own process group, so that a timeout also ends the children a
+        # suite forks (death tests), not only the suite.
+        proc = subprocess.Popen(args, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env,
+                                start_new_session=True)
+        try:
+            returncode = proc.wait(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            os.killpg(proc.pid, signal.SIGKILL)
+            proc.wait()
+            raise
+        finally:
+            try:
+                os.killpg(proc.pid, signal.SIGKILL)  # what is left of the group
+            except ProcessLookupError:
+                pass
+        status = "survived" if returncode == 0 else "killed"
         if report and os.path.exists(report):
             with open(report, encoding="utf-8") as f:
                 doc = json.load(f)
