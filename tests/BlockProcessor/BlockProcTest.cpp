@@ -115,6 +115,11 @@ TEST(BlockProcessorSerial, HooksComeInTheirOrderAndProgressRises)
     EXPECT_DOUBLE_EQ(progress.GetPosFloat(), 1.0);
     EXPECT_EQ(progress.GetRangeDepth(), 0);
     EXPECT_TRUE(std::is_sorted(recorder.positions.begin(), recorder.positions.end()));
+    // The passes share 5 % to 95 % equally, the global actions have the rest.
+    ASSERT_EQ(p.positions.size(), 3u);
+    EXPECT_NEAR(p.positions[0], 0.05, 1e-12);
+    EXPECT_NEAR(p.positions[1], 0.05 + 0.9 / 2, 1e-12);
+    EXPECT_NEAR(p.positions[2], 0.95, 1e-12);
     // The first pass's blocks lie inside its share: 5 % + 90 % * (5 % + 90 % / 2).
     EXPECT_TRUE(std::any_of(recorder.positions.begin(), recorder.positions.end(),
                             [](double v) { return v > 0.05 && v < 0.05 + 0.9 * (0.05 + 0.9 / 2); }));

@@ -292,6 +292,13 @@ public:
     m_events.push_back(event);
   }
   GridStructure & Structure() const { return m_structure; }
+  // The progress at each pass start and at the global end, when counted.
+  std::vector<double> positions;
+  void RecordPosition()
+  {
+    if (GetProgressCounter())
+      positions.push_back(GetProgressCounter()->GetPosFloat());
+  }
 
   // Work on block b begins / ends: no block that conflicts with it may be in
   // work meanwhile.
@@ -334,10 +341,15 @@ public:
 protected:
   void ResetWholeProcessStatus() override { Record("reset"); }
   void PreliminaryGlobalActions() override { Record("global-start"); }
-  void FinalGlobalActions() override { Record("global-end"); }
+  void FinalGlobalActions() override
+  {
+    Record("global-end");
+    RecordPosition();
+  }
   void PreliminaryPassActions() override
   {
     Record("pass-start " + std::to_string(CurrentPassNo()));
+    RecordPosition();
     Record("new-pass-calls " + std::to_string(m_structure.NewPassCalls()));
     for (int b = 0; b < m_structure.Count(); ++b)
       seeds[static_cast<std::size_t>(b)] = Seed(cells, b);
