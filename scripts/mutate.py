@@ -45,50 +45,54 @@ import time
 # test program that judges it. "lib" names the shared library whose rebuilt
 # copy can stand in for a rebuild (none where the suite links the code
 # statically and must relink its program).
+def library_suite(files, exe):
+    """A suite of files of the main library, judged by one test program."""
+    return dict(files=files, targets=["QZmath"], exe=exe, lib="QZmath/libQZmath.so.0")
+
+
 SUITES = {
-    "Foundation": dict(
-        files=["QZmath/Foundation/Matrix.cpp", "QZmath/Foundation/NumericRoutines.cpp",
-               "QZmath/Foundation/VectorGeometry.cpp", "QZmath/Foundation/RotationMatrix.cpp"],
-        targets=["QZmath"], exe="tests/Foundation/test_foundation", lib="QZmath/libQZmath.so.0"),
-    "LinSys": dict(
-        files=["QZmath/LinSys/CSRSquareMatrix.cpp", "QZmath/LinSys/LinSysSolverDecomposed.cpp",
-               "QZmath/LinSys/SparseVector.cpp", "QZmath/LinSys/LinSysVariableManager.cpp"],
-        targets=["QZmath"], exe="tests/LinSys/test_linsys", lib="QZmath/libQZmath.so.0"),
-    "Persistence": dict(
-        files=["QZmath/Persistence/ExternVector.cpp", "QZmath/Persistence/ComponentFilters.cpp",
-               "QZmath/Persistence/Heap.cpp"],
-        targets=["QZmath"], exe="tests/Persistence/test_persistence", lib="QZmath/libQZmath.so.0"),
+    "Foundation": library_suite(
+        ["QZmath/Foundation/Matrix.cpp", "QZmath/Foundation/NumericRoutines.cpp",
+         "QZmath/Foundation/VectorGeometry.cpp", "QZmath/Foundation/RotationMatrix.cpp"],
+        "tests/Foundation/test_foundation"),
+    "LinSys": library_suite(
+        ["QZmath/LinSys/CSRSquareMatrix.cpp", "QZmath/LinSys/LinSysSolverDecomposed.cpp",
+         "QZmath/LinSys/SparseVector.cpp", "QZmath/LinSys/LinSysVariableManager.cpp"],
+        "tests/LinSys/test_linsys"),
+    "Persistence": library_suite(
+        ["QZmath/Persistence/ExternVector.cpp", "QZmath/Persistence/ComponentFilters.cpp",
+         "QZmath/Persistence/Heap.cpp"],
+        "tests/Persistence/test_persistence"),
     "QZsys": dict(
         files=["QZsys/Progress.cpp", "QZsys/Threading.cpp", "QZsys/DebugLog.cpp"],
         targets=["QZsys"], exe="tests/QZsys/test_qzsys", lib="QZsys/libQZsys.so.0"),
-    "BlockProcessor": dict(
-        files=["QZmath/BlockProcessor/BlockProc.cpp", "QZmath/BlockProcessor/BlockWorker.cpp",
-               "QZmath/BlockProcessor/ThreadTrace.cpp"],
-        targets=["QZmath"], exe="tests/BlockProcessor/test_blockprocessor",
-        lib="QZmath/libQZmath.so.0"),
-    "Fitting": dict(
-        files=["QZmath/Fitting/FitCircle.cpp", "QZmath/Fitting/PlaneEq.cpp",
-               "QZmath/Fitting/PolylineFitCurve.cpp", "QZmath/Fitting/QLPoptimize.cpp"],
-        targets=["QZmath"], exe="tests/Fitting/test_fitting", lib="QZmath/libQZmath.so.0"),
-    "SurfaceAnalysis": dict(
-        files=["QZmath/SurfaceAnalysis/GetNormal.cpp", "QZmath/SurfaceAnalysis/Distances.cpp",
-               "QZmath/SurfaceAnalysis/NormalEstimation.cpp", "QZmath/SurfaceAnalysis/QuadraticForm.cpp"],
-        targets=["QZmath"], exe="tests/SurfaceAnalysis/test_surfaceanalysis",
-        lib="QZmath/libQZmath.so.0"),
-    "VolTriang": dict(
-        files=["QZmath/VolTriang/Octree.cpp", "QZmath/VolTriang/SingleVarPolynom.cpp",
-               "QZmath/VolTriang/Polynom.cpp", "QZmath/VolTriang/PiecewisePolynom.cpp",
-               "QZmath/VolTriang/ProductPolynom.cpp", "QZmath/VolTriang/CSFProductHelper.cpp",
-               "QZmath/VolTriang/OctreeFuncBasis.cpp", "QZmath/VolTriang/OctreeFuncBlockEval.cpp",
-               "QZmath/VolTriang/MultilevelPoisson.cpp", "QZmath/VolTriang/Kernels.cpp",
-               "QZmath/VolTriang/jbProcess.cpp"],
-        targets=["QZmath"], exe="tests/VolTriang/test_voltriang", lib="QZmath/libQZmath.so.0"),
+    "BlockProcessor": library_suite(
+        ["QZmath/BlockProcessor/BlockProc.cpp", "QZmath/BlockProcessor/BlockWorker.cpp",
+         "QZmath/BlockProcessor/ThreadTrace.cpp"],
+        "tests/BlockProcessor/test_blockprocessor"),
+    "Fitting": library_suite(
+        ["QZmath/Fitting/FitCircle.cpp", "QZmath/Fitting/PlaneEq.cpp",
+         "QZmath/Fitting/PolylineFitCurve.cpp", "QZmath/Fitting/QLPoptimize.cpp"],
+        "tests/Fitting/test_fitting"),
+    "SurfaceAnalysis": library_suite(
+        ["QZmath/SurfaceAnalysis/GetNormal.cpp", "QZmath/SurfaceAnalysis/Distances.cpp",
+         "QZmath/SurfaceAnalysis/NormalEstimation.cpp", "QZmath/SurfaceAnalysis/QuadraticForm.cpp"],
+        "tests/SurfaceAnalysis/test_surfaceanalysis"),
+    # The polygoniser's driver belongs here: the fast and the specified
+    # extraction are compared, normals included, in this suite.
+    "VolTriang": library_suite(
+        ["QZmath/VolTriang/Octree.cpp", "QZmath/VolTriang/SingleVarPolynom.cpp",
+         "QZmath/VolTriang/Polynom.cpp", "QZmath/VolTriang/PiecewisePolynom.cpp",
+         "QZmath/VolTriang/ProductPolynom.cpp", "QZmath/VolTriang/CSFProductHelper.cpp",
+         "QZmath/VolTriang/OctreeFuncBasis.cpp", "QZmath/VolTriang/OctreeFuncBlockEval.cpp",
+         "QZmath/VolTriang/MultilevelPoisson.cpp", "QZmath/VolTriang/Kernels.cpp",
+         "QZmath/VolTriang/jbProcess.cpp", "QZmath/VolTriang/VolTriangIsoSurface.cpp"],
+        "tests/VolTriang/test_voltriang"),
     # The quick end-to-end suite only: the deep cases are a program of their own.
-    "Reconstruction": dict(
-        files=["QZmath/VolTriang/VolTriangAssembly.cpp", "QZmath/VolTriang/VolTriangIsoValue.cpp",
-               "QZmath/VolTriang/VolumetricTriangulator.cpp", "QZmath/VolTriang/VolTriangIsoSurface.cpp"],
-        targets=["QZmath"], exe="tests/Reconstruction/test_reconstruction",
-        lib="QZmath/libQZmath.so.0"),
+    "Reconstruction": library_suite(
+        ["QZmath/VolTriang/VolTriangAssembly.cpp", "QZmath/VolTriang/VolTriangIsoValue.cpp",
+         "QZmath/VolTriang/VolumetricTriangulator.cpp"],
+        "tests/Reconstruction/test_reconstruction"),
     "Tools": dict(
         files=["tools/qzrecon/CloudIO.cpp", "tools/qzrecon/ShapeCloud.cpp"],
         targets=["test_tools", "qzrecon", "qznormals", "qzsample"], exe="tests/Tools/test_tools",
