@@ -199,6 +199,7 @@ void BM_IsoSurface(benchmark::State & state)
   CVescaThreadingTasksHelper::setNumOfPhisicalThread(static_cast<int>(state.range(1)));
   CVolTriangulationParams params;
   params.setOctreeDepth(tf_Fixture::DEPTH);
+  params.setVertexInterpolation(static_cast<int>(state.range(2)));
   tf_CountingTarget target;
   for (auto _ : state)
   {
@@ -222,10 +223,14 @@ BENCHMARK(BM_IsoValue)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 BENCHMARK(BM_IsoSurface)
-    ->ArgNames({"fast", "threads"})
-    ->Args({1, 1})
-    ->Args({1, 2})
-    ->Args({0, 1})
+    ->ArgNames({"fast", "threads", "parts"})
+    ->Args({1, 1, 0})
+    ->Args({1, 2, 0})
+    ->Args({1, 1, 2})
+    ->Args({1, 2, 2})
+    ->Args({1, 1, 3})
+    ->Args({1, 2, 3})
+    ->Args({0, 1, 0})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(1);

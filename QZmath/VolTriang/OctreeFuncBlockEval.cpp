@@ -223,7 +223,15 @@ COctreeFuncBlockEvaluator::Cache::Block const * blockOf(COctreeFuncBlockEvaluato
       db.n[a] = static_cast<int>(kHigh - db.kLow[a] + 1);
       total *= static_cast<std::size_t>(db.n[a]);
     }
-    db.coefficients.assign(total, 0.0);
+    // A block near the surface holds nodes in a thin shell of its range:
+    // clearing the entries of the block's previous use costs far less than
+    // zeroing the whole range (the ranges of a depth rarely change size).
+    if (db.coefficients.size() == total)
+      for (std::size_t w : db.written)
+        db.coefficients[w] = 0.0;
+    else
+      db.coefficients.assign(total, 0.0);
+    db.written.clear();
     double maxAbs = 0.0;
     long long const zLow = db.kLow[2], zHigh = db.kLow[2] + db.n[2] - 1;
     for (int x = 0; x < db.n[0]; ++x)
@@ -235,11 +243,13 @@ COctreeFuncBlockEvaluator::Cache::Block const * blockOf(COctreeFuncBlockEvaluato
           continue;
         int const * z = depth.z.data();
         int e = static_cast<int>(std::lower_bound(z + begin, z + end, zLow) - z);
-        double * row = &db.coefficients[(static_cast<std::size_t>(x) * db.n[1] + y) * db.n[2]];
+        std::size_t const rowStart = (static_cast<std::size_t>(x) * db.n[1] + y) * db.n[2];
+        double * row = &db.coefficients[rowStart];
         for (; e < end && z[e] <= zHigh; ++e)
         {
           double const v = depth.coefficients[static_cast<std::size_t>(e)];
           row[z[e] - zLow] = v;
+          db.written.push_back(rowStart + static_cast<std::size_t>(z[e] - zLow));
           maxAbs = std::max(maxAbs, std::fabs(v));
         }
       }

@@ -40,6 +40,8 @@ constexpr int EDGE_COEFFS = 7;
 // decided exactly: the two neighbouring pieces are both the function there
 // only up to rounding of the break itself.
 constexpr double BREAK_MARGIN = 1e-12;
+// Parts of an edge for the interpolated crossing, at most.
+constexpr int MAX_SUBDIVISIONS = 8;
 
 // The largest |q| and |q'| of a quadratic on [a, b] (t measured from the
 // factor's shift), from its ends and its vertex.
@@ -93,7 +95,29 @@ struct COctreeFuncBlockEvaluator::Cache::EdgeWork
 COctreeFuncBlockEvaluator::Cache::Cache() = default;
 COctreeFuncBlockEvaluator::Cache::~Cache() = default;
 
-bool COctreeFuncBlockEvaluator::setLattice(double const * start, double size, int bound)
+namespace
+{
+// Tabulates the kernel windows of a coordinate on every depth.
+void tf_tabulate(COctreeFuncBlockEvaluator::Shared const & sh, int depths, int axis, double coordinate,
+                 COctreeFuncBlockEvaluator::Lattice::Window * out)
+{
+  COctreeFuncBlockEvaluator::Cache::AxisWindow w;
+  for (int di = 0; di < depths; ++di)
+  {
+    axisWindow(sh, sh.depths[static_cast<std::size_t>(di)], axis, coordinate, &w);
+    out[di].low = w.low;
+    out[di].size = w.size;
+    out[di].sumAbs = 0.0;
+    for (int k = 0; k < w.size; ++k)
+    {
+      out[di].values[k] = w.values[0][k];
+      out[di].sumAbs += std::fabs(w.values[0][k]);
+    }
+  }
+}
+} // namespace
+
+bool COctreeFuncBlockEvaluator::setLattice(double const * start, double size, int bound, int subdivisions)
 {
   Shared const & sh = *m_shared;
   std::shared_ptr<Lattice> l = std::make_shared<Lattice>();
@@ -121,28 +145,23 @@ bool COctreeFuncBlockEvaluator::setLattice(double const * start, double size, in
         l->coeffMax = std::max(l->coeffMax, std::fabs(f.coeffs[k][c]));
     }
   }
+  int const parts = subdivisions > 1 && subdivisions <= MAX_SUBDIVISIONS ? subdivisions : 1;
   double const entries = 3.0 * l->count * (l->depths > 0 ? l->depths : 1);
-  if (entries > 4.0e6)
+  if (entries * parts > 4.0e6)
     return false; // a very fine polygoniser: the point forms, without tables
   l->windows.resize(static_cast<std::size_t>(entries));
-  Cache::AxisWindow w;
+  l->subdivisions = parts;
+  l->between.resize(static_cast<std::size_t>(entries) * static_cast<std::size_t>(parts - 1));
   for (int a = 0; a < 3; ++a)
     for (int i = -l->bound - 1; i <= l->bound + 1; ++i)
     {
-      Lattice::Window * out = const_cast<Lattice::Window *>(l->window(a, i));
-      double const coordinate = l->coordinate(a, i);
-      for (int di = 0; di < l->depths; ++di)
-      {
-        axisWindow(sh, sh.depths[static_cast<std::size_t>(di)], a, coordinate, &w);
-        out[di].low = w.low;
-        out[di].size = w.size;
-        out[di].sumAbs = 0.0;
-        for (int k = 0; k < w.size; ++k)
-        {
-          out[di].values[k] = w.values[0][k];
-          out[di].sumAbs += std::fabs(w.values[0][k]);
-        }
-      }
+      tf_tabulate(sh, l->depths, a, l->coordinate(a, i), const_cast<Lattice::Window *>(l->window(a, i)));
+      // The points between i and i + 1, computed as the interpolation
+      // computes them from the edge's ends.
+      double const c1 = l->coordinate(a, i), c2 = l->coordinate(a, i + 1);
+      for (int k = 1; k < parts; ++k)
+        tf_tabulate(sh, l->depths, a, c1 + (c2 - c1) * k / parts,
+                    const_cast<Lattice::Window *>(l->windowBetween(a, i, k)));
     }
   l->tabulated = true;
   return true;
@@ -154,49 +173,86 @@ void COctreeFuncBlockEvaluator::shareLattice(COctreeFuncBlockEvaluator const & o
     m_lattice = other.m_lattice;
 }
 
-double COctreeFuncBlockEvaluator::evalLatticeWithBound(int const * index, double * bound)
+namespace
 {
-  Lattice const * l = m_lattice.get();
-  double p[3] = {0.0, 0.0, 0.0};
-  if (l)
-    for (int a = 0; a < 3; ++a)
-      p[a] = l->coordinate(a, index[a]);
-  if (!l || !l->tabulated || !l->holds(index[0]) || !l->holds(index[1]) || !l->holds(index[2]))
-    return evalWithBound(p, bound);
-  Shared const & sh = *m_shared;
-  Cache::Block const * block = blockOf(sh, *m_cache, p);
-  if (!block)
-    return evalWithBound(p, bound);
-  Lattice::Window const * wx = l->window(0, index[0]);
-  Lattice::Window const * wy = l->window(1, index[1]);
-  Lattice::Window const * wz = l->window(2, index[2]);
+// One depth's sum over its windows, z innermost; NY and NZ are the window
+// sizes when known at compile time, 0 when read from the windows.
+template <int NY, int NZ>
+inline double tf_depthSum(double const * first, std::size_t strideX, std::size_t strideY,
+                          COctreeFuncBlockEvaluator::Lattice::Window const & x,
+                          COctreeFuncBlockEvaluator::Lattice::Window const & y,
+                          COctreeFuncBlockEvaluator::Lattice::Window const & z)
+{
+  int const ny = NY > 0 ? NY : y.size, nz = NZ > 0 ? NZ : z.size;
+  double value = 0.0;
+  for (int i = 0; i < x.size; ++i)
+  {
+    double sy = 0.0;
+    for (int j = 0; j < ny; ++j)
+    {
+      double const * row = first + i * strideX + j * strideY;
+      double sz = 0.0;
+      for (int k = 0; k < nz; ++k)
+        sz += row[k] * z.values[k];
+      sy += y.values[j] * sz;
+    }
+    value += x.values[i] * sy;
+  }
+  return value;
+}
+
+// The value at p from its tabulated windows on the three axes, with a bound
+// of its rounding as evalWithBound gives it; false when a window leaves the
+// dense range of p's block.
+bool tf_latticeValue(COctreeFuncBlockEvaluator::Lattice const & l,
+                     COctreeFuncBlockEvaluator::Cache::Block const & block,
+                     COctreeFuncBlockEvaluator::Lattice::Window const * wx,
+                     COctreeFuncBlockEvaluator::Lattice::Window const * wy,
+                     COctreeFuncBlockEvaluator::Lattice::Window const * wz, double * result, double * bound)
+{
   double value = 0.0, magnitude = 0.0;
   int terms = 0;
-  for (int di = 0; di < l->depths; ++di)
+  for (int di = 0; di < l.depths; ++di)
   {
-    Cache::DepthBlock const & db = block->depths[static_cast<std::size_t>(di)];
-    Lattice::Window const & x = wx[di];
-    Lattice::Window const & y = wy[di];
-    Lattice::Window const & z = wz[di];
-    if (!insideOnAxis(x.low, x.size, db, 0) || !insideOnAxis(y.low, y.size, db, 1) ||
-        !insideOnAxis(z.low, z.size, db, 2))
-      return evalWithBound(p, bound);
+    COctreeFuncBlockEvaluator::Cache::DepthBlock const & db = block.depths[static_cast<std::size_t>(di)];
+    COctreeFuncBlockEvaluator::Lattice::Window const & x = wx[di];
+    COctreeFuncBlockEvaluator::Lattice::Window const & y = wy[di];
+    COctreeFuncBlockEvaluator::Lattice::Window const & z = wz[di];
+    // The windows lie inside the block's range when every offset below and
+    // above is not negative: one branch for the three axes, as this runs
+    // for every depth of every point.
+    long long const off0 = x.low - db.kLow[0], off1 = y.low - db.kLow[1], off2 = z.low - db.kLow[2];
+    if ((off0 | (db.n[0] - x.size - off0) | off1 | (db.n[1] - y.size - off1) | off2 |
+         (db.n[2] - z.size - off2)) < 0)
+      return false;
+    std::size_t const base0 = static_cast<std::size_t>(off0);
+    std::size_t const base1 = static_cast<std::size_t>(off1);
+    std::size_t const base2 = static_cast<std::size_t>(off2);
     terms += x.size * y.size * z.size;
-    std::size_t const base0 = static_cast<std::size_t>(x.low - db.kLow[0]);
-    std::size_t const base1 = static_cast<std::size_t>(y.low - db.kLow[1]);
-    std::size_t const base2 = static_cast<std::size_t>(z.low - db.kLow[2]);
-    for (int i = 0; i < x.size; ++i)
+    double const * first = &db.coefficients[(base0 * db.n[1] + base1) * db.n[2] + base2];
+    std::size_t const strideY = static_cast<std::size_t>(db.n[2]);
+    std::size_t const strideX = strideY * static_cast<std::size_t>(db.n[1]);
+    // The kernel reaches less than one and a half node spacings, so windows
+    // hold two or three nodes (mostly three): their loops unrolled cost half
+    // of the general ones.
+    int const shape =
+        (y.size == 2 || y.size == 3) && (z.size == 2 || z.size == 3) ? (y.size - 2) * 2 + z.size - 2 : -1;
+    switch (shape)
     {
-      double sy = 0.0;
-      for (int j = 0; j < y.size; ++j)
-      {
-        double const * row = &db.coefficients[((base0 + i) * db.n[1] + base1 + j) * db.n[2] + base2];
-        double sz = 0.0;
-        for (int k = 0; k < z.size; ++k)
-          sz += row[k] * z.values[k];
-        sy += y.values[j] * sz;
-      }
-      value += x.values[i] * sy;
+    case 0:
+      value += tf_depthSum<2, 2>(first, strideX, strideY, x, y, z);
+      break;
+    case 1:
+      value += tf_depthSum<2, 3>(first, strideX, strideY, x, y, z);
+      break;
+    case 2:
+      value += tf_depthSum<3, 2>(first, strideX, strideY, x, y, z);
+      break;
+    case 3:
+      value += tf_depthSum<3, 3>(first, strideX, strideY, x, y, z);
+      break;
+    default:
+      value += tf_depthSum<0, 0>(first, strideX, strideY, x, y, z);
     }
     // The sum of the terms' magnitudes is at most the largest coefficient
     // times the kernel values' sums (a percent on top for their rounding):
@@ -206,6 +262,25 @@ double COctreeFuncBlockEvaluator::evalLatticeWithBound(int const * index, double
   // As in evalWithBound: both sums hold the same terms, each rounded three
   // times, added in different orders.
   *bound = 2.5e-16 * (terms + 4) * magnitude + 1e-300;
+  *result = value;
+  return true;
+}
+} // namespace
+
+double COctreeFuncBlockEvaluator::evalLatticeWithBound(int const * index, double * bound)
+{
+  Lattice const * l = m_lattice.get();
+  double p[3] = {0.0, 0.0, 0.0};
+  if (l)
+    for (int a = 0; a < 3; ++a)
+      p[a] = l->coordinate(a, index[a]);
+  if (!l || !l->tabulated || !l->holds(index[0]) || !l->holds(index[1]) || !l->holds(index[2]))
+    return evalWithBound(p, bound);
+  Cache::Block const * block = blockOf(*m_shared, *m_cache, p);
+  double value = 0.0;
+  if (!block || !tf_latticeValue(*l, *block, l->window(0, index[0]), l->window(1, index[1]),
+                                 l->window(2, index[2]), &value, bound))
+    return evalWithBound(p, bound);
   return value;
 }
 
@@ -670,5 +745,104 @@ void COctreeFuncBlockEvaluator::convergeOnLatticeEdge(int const * from, int cons
     for (int a = 0; a < 3; ++a)
       moved[a] = mid[a];
   }
+}
+
+void COctreeFuncBlockEvaluator::interpolateOnLatticeEdge(int const * from, int const * to, double valueFrom,
+                                                         double valueTo, double isoValue, double * result)
+{
+  Lattice const * l = m_lattice.get();
+  if (!l)
+  {
+    result[0] = result[1] = result[2] = 0.0; // no lattice was set
+    return;
+  }
+  int const parts =
+      l->tabulated && l->subdivisions > 1 ? std::min(l->subdivisions, static_cast<int>(MAX_SUBDIVISIONS)) : 3;
+  double p1[3], p2[3];
+  bool tabulated = l->tabulated && l->subdivisions > 1;
+  for (int a = 0; a < 3; ++a)
+  {
+    p1[a] = l->coordinate(a, from[a]);
+    p2[a] = l->coordinate(a, to[a]);
+    int const step = to[a] - from[a];
+    tabulated = tabulated && step >= -1 && step <= 1 && l->holds(from[a]) && l->holds(to[a]);
+  }
+  // Values of X - isoValue at u = 0 .. parts along the edge.
+  double g[MAX_SUBDIVISIONS + 1];
+  g[0] = valueFrom;
+  g[parts] = valueTo;
+  for (int k = 1; k < parts; ++k)
+  {
+    double p[3];
+    Lattice::Window const * w[3] = {nullptr, nullptr, nullptr};
+    for (int a = 0; a < 3; ++a)
+    {
+      p[a] = p1[a] + (p2[a] - p1[a]) * k / parts;
+      if (!tabulated)
+        continue;
+      int const step = to[a] - from[a];
+      w[a] = step == 0  ? l->window(a, from[a])
+             : step > 0 ? l->windowBetween(a, from[a], k)
+                        : l->windowBetween(a, to[a], parts - k);
+    }
+    double value = 0.0, bound = 0.0;
+    Cache::Block const * block = tabulated ? blockOf(*m_shared, *m_cache, p) : nullptr;
+    if (!block || !tf_latticeValue(*l, *block, w[0], w[1], w[2], &value, &bound))
+      value = evalWithBound(p, &bound);
+    g[k] = value - isoValue;
+  }
+  // The first part whose ends are on different sides (the ends of the edge
+  // are, so one is).
+  bool const positiveFrom = valueFrom >= 0;
+  auto side = [&](int k) { return k == 0 ? positiveFrom : k == parts ? !positiveFrom : g[k] > 0; };
+  int part = 0;
+  while (part + 1 < parts && side(part + 1) == positiveFrom)
+    ++part;
+  // The interpolating polynomial in Newton's form over the nodes 0 .. parts.
+  double c[MAX_SUBDIVISIONS + 1];
+  for (int k = 0; k <= parts; ++k)
+    c[k] = g[k];
+  for (int order = 1; order <= parts; ++order)
+    for (int k = parts; k >= order; --k)
+      c[k] = (c[k] - c[k - 1]) / order;
+  auto poly = [&](double u)
+  {
+    double v = c[parts];
+    for (int k = parts - 1; k >= 0; --k)
+      v = v * (u - k) + c[k];
+    return v;
+  };
+  // Its zero in the part, by regula falsi with the Illinois halving: the
+  // ends keep their sides, so the zero stays bracketed.
+  double a = part, b = part + 1.0;
+  double fa = part == 0 ? valueFrom : g[part], fb = part + 1 == parts ? valueTo : g[part + 1];
+  double u = 0.5 * (a + b);
+  int kept = 0;
+  for (int iteration = 0; iteration < 60 && b - a > 1e-12; ++iteration)
+  {
+    u = fa != fb ? (a * fb - b * fa) / (fb - fa) : 0.5 * (a + b);
+    if (!(u > a && u < b))
+      u = 0.5 * (a + b);
+    double const fu = poly(u);
+    if (fu == 0.0)
+      break;
+    if ((fu > 0) == (fa > 0))
+    {
+      a = u, fa = fu;
+      if (kept == -1)
+        fb *= 0.5;
+      kept = -1;
+    }
+    else
+    {
+      b = u, fb = fu;
+      if (kept == 1)
+        fa *= 0.5;
+      kept = 1;
+    }
+  }
+  double const t = u / parts;
+  for (int i = 0; i < 3; ++i)
+    result[i] = p1[i] + (p2[i] - p1[i]) * t;
 }
 } // namespace VolTr

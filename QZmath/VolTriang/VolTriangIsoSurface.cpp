@@ -69,8 +69,12 @@ public:
   void setLattice(Point3D_d const & start, double size, int const * bounds) override
   {
     if (m_fast)
-      m_fast->setLattice(start.asArray(), size, std::max(bounds[0], std::max(bounds[1], bounds[2])));
+      m_fast->setLattice(start.asArray(), size, std::max(bounds[0], std::max(bounds[1], bounds[2])), m_parts);
   }
+
+  // Vertices interpolated through this many parts of their edges: the
+  // points between the corners are tabulated with them.
+  void setVertexInterpolation(int parts) { m_parts = parts; }
 
   // Only the side matters to the walk: a value clearly away from the level
   // stands as it is, one within its rounding bound is computed exactly.
@@ -121,6 +125,7 @@ private:
   double m_outerRadius;
   double m_innerRadius;
   COctreeFuncBlockEvaluator * m_fast; // the same values, faster; null: the combination's own
+  int m_parts = 1;
 };
 
 // Passes new vertices (with their normals) and each triangle to the target.
@@ -195,16 +200,20 @@ private:
 class tf_VertexSolver : public jbVertexSolver
 {
 public:
-  tf_VertexSolver(COctreeFuncBlockEvaluator const & x, double isoValue, tf_LinComb const * const * gradient,
-                  double blockSize, int threads)
-      : m_prototype(x), m_isoValue(isoValue)
+  tf_VertexSolver(COctreeFuncBlockEvaluator & x, double isoValue, tf_LinComb const * const * gradient,
+                  double blockSize, int threads, bool interpolate)
+      : m_prototype(x), m_isoValue(isoValue), m_interpolate(interpolate)
   {
     int const n = threads > 1 ? threads : 1;
     for (int t = 0; t < n; ++t)
     {
       m_workers.push_back(std::unique_ptr<Worker>(new Worker)); // owned even if the list cannot grow
       Worker & w = *m_workers.back();
-      w.x.reset(new COctreeFuncBlockEvaluator(x));
+      // The caller's thread evaluates with the corners' evaluator itself,
+      // whose cached blocks are those of the walk's recent cubes.
+      if (t > 0)
+        w.own.reset(new COctreeFuncBlockEvaluator(x));
+      w.x = t > 0 ? w.own.get() : &x;
       if (gradient)
         for (int a = 0; a < 3; ++a)
           w.gradient[a].reset(new COctreeFuncBlockEvaluator(*gradient[a], blockSize));
@@ -227,7 +236,8 @@ public:
   void setLattice(Point3D_d const &, double, int const *) override
   {
     for (auto & w : m_workers)
-      w->x->shareLattice(m_prototype);
+      if (w->own)
+        w->own->shareLattice(m_prototype);
   }
 
   void submit(jbEdgeJob const * jobs, jbVertex * out, int count) override
@@ -270,7 +280,8 @@ private:
 
   struct Worker
   {
-    std::unique_ptr<COctreeFuncBlockEvaluator> x;
+    COctreeFuncBlockEvaluator * x = nullptr;
+    std::unique_ptr<COctreeFuncBlockEvaluator> own;
     std::unique_ptr<COctreeFuncBlockEvaluator> gradient[3];
   };
 
@@ -318,11 +329,15 @@ private:
     }
   }
 
-  // The bisection of the walk, every side as the exact value decides it.
+  // The bisection of the walk, every side as the exact value decides it, or
+  // the interpolated crossing.
   void solveOne(Worker & w, jbEdgeJob const & job, jbVertex & out) const
   {
     double position[3];
-    w.x->convergeOnLatticeEdge(job.from, job.to, job.value1, m_isoValue, position);
+    if (m_interpolate)
+      w.x->interpolateOnLatticeEdge(job.from, job.to, job.value1, job.value2, m_isoValue, position);
+    else
+      w.x->convergeOnLatticeEdge(job.from, job.to, job.value1, m_isoValue, position);
     out.position = Point3D_d(position);
     if (w.gradient[0])
     {
@@ -350,6 +365,7 @@ private:
 
   COctreeFuncBlockEvaluator const & m_prototype;
   double m_isoValue;
+  bool m_interpolate;
   std::vector<std::unique_ptr<Worker>> m_workers;
   std::vector<std::thread> m_threads;
   std::mutex m_mutex;
@@ -449,8 +465,11 @@ int CLevelSetExtraction::polygonise(LinComb const & x, double isoValue, Basis co
   if (fast)
   {
     tf_LinComb const * const g[3] = {gradient[0].get(), gradient[1].get(), gradient[2].get()};
+    int const parts = params.getVertexInterpolation();
+    bool const interpolate = parts >= 2 && parts <= 8;
+    function.setVertexInterpolation(interpolate ? parts : 1);
     tf_VertexSolver solver(*corners, isoValue, gradBasis ? g : nullptr, blockSize,
-                           CVescaThreadingTasksHelper::getNumOfPhisicalThread());
+                           CVescaThreadingTasksHelper::getNumOfPhisicalThread(), interpolate);
     if (gradBasis)
       processor.setNormalsGiven();
     result = polygoniser.polygonizeDeferred(function, edge, bounds, Point3D_d(s), processor, solver, 4096,

@@ -21,8 +21,9 @@ namespace VolTr
 CVolTriangulationParams::CVolTriangulationParams()
     : m_octreeDepth(-1), m_reconstructFactor(1.0f), m_closed(true), m_estimateResultNormals(false),
       m_phaseNameShown(false), m_useCenter(true), m_kernelScaleFactor(0.95f), m_debugLog(nullptr),
-      m_variableDensity(true), m_densityEstimationDepthDelta(2), m_detalizationLevel(-1), m_prefferedSolver(0),
-      m_multilevelSolver(false), m_screeningWeight(0.0), m_screeningAdaptive(true), m_splatSamplesPerCell(0.0)
+      m_variableDensity(true), m_densityEstimationDepthDelta(2), m_detalizationLevel(-1),
+      m_prefferedSolver(0), m_multilevelSolver(false), m_screeningWeight(0.0), m_screeningAdaptive(true),
+      m_splatSamplesPerCell(0.0), m_vertexInterpolation(0)
 {
 }
 
@@ -36,6 +37,7 @@ CVolTriangulationParams CVolTriangulationParams::makeRecommended(int octreeDepth
   p.setScreeningWeight(64.0);
   p.setScreeningAdaptive(true);
   p.setSplatSamplesPerCell(16.0);
+  p.setVertexInterpolation(3);
   return p;
 }
 
@@ -193,6 +195,8 @@ void CVolumetricTriangulatorImpl::logParameters(tf_CLogLine const & log) const
   }
   if (m_params.getSplatSamplesPerCell() > 0.0)
     log("Splat samples per cell", m_params.getSplatSamplesPerCell());
+  if (m_params.getVertexInterpolation() > 0)
+    log("Vertex interpolation parts", m_params.getVertexInterpolation());
 }
 
 void CVolumetricTriangulatorImpl::registerPhases(VsPCnt::CMultiPhaseManager & phases) const

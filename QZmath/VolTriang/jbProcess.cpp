@@ -409,6 +409,7 @@ int jbProcess::vertid(jbCornerlist * c1, jbCornerlist * c2)
     m_deferred->current().jobs.push_back(jbEdgeJob{setpoint(c1->i, c1->j, c1->k),
                                                    setpoint(c2->i, c2->j, c2->k),
                                                    c1->value,
+                                                   c2->value,
                                                    {c1->i, c1->j, c1->k},
                                                    {c2->i, c2->j, c2->k}});
     v.position = Point3D_d();

@@ -90,6 +90,7 @@ struct jbEdgeJob
   Point3D_d p1;
   Point3D_d p2;
   double value1;
+  double value2; // the walk's function at p2, as value1 at p1
   int from[3];
   int to[3];
 };

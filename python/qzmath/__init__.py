@@ -159,8 +159,9 @@ def reconstruct(points, normals=None, depth=8, solver="multilevel", open=False, 
         The defaults are the library's recommended parameters, the same as
         the qzrecon tool's: the multilevel solve with adaptive screening
         (the surface follows the samples, less so where they scatter), the
-        normals splatted on cells of 16 samples or more, and sample weights
-        from an estimated density. Given the same cloud and options, the
+        normals splatted on cells of 16 samples or more, vertices
+        interpolated along their polygoniser edges, and sample weights from
+        an estimated density. Given the same cloud and options, the
         result equals qzrecon's vertex for vertex.
 
         Without normals, they are estimated and oriented first (as

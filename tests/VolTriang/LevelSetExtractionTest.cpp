@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <fstream>
@@ -112,7 +113,9 @@ TEST(LevelSetExtraction, FastIsoValueIsTheSpecifiedOneBitForBit)
 
 // The target must see the same vertices (positions and normals bit for bit)
 // and triangles in the same order from the specified and the fast path, with
-// one or two threads, closed or open, with or without normals.
+// one or two threads, closed or open, with or without normals. Interpolated
+// vertices keep the triangles and move the vertices little, alike on one or
+// two threads.
 TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
 {
   Fixture fx(6);
@@ -141,6 +144,7 @@ TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
           mesh.triangles.push_back(t);
         EXPECT_TRUE(qztest::analyse(mesh).closedManifold());
       }
+      Recorder movedOneThread;
       for (int threads : {1, 2})
       {
         ThreadCount const count(threads);
@@ -150,6 +154,30 @@ TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
                   triangles);
         EXPECT_TRUE(fast.vertices == specified.vertices) << closed << normals << threads;
         EXPECT_TRUE(fast.triangles == specified.triangles) << closed << normals << threads;
+
+        // Interpolated vertices: the same mesh, each vertex moved along its
+        // edge by about the bisection's last step at most.
+        fx.params.setVertexInterpolation(3);
+        Recorder moved;
+        Extraction::polygonise(*fx.x, iso, normals ? fx.gradients(g) : nullptr, &fx.cloud, fx.params, &moved,
+                               nullptr, nullptr, Extraction::eFast);
+        fx.params.setVertexInterpolation(0);
+        EXPECT_TRUE(moved.triangles == specified.triangles);
+        ASSERT_EQ(moved.vertices.size(), specified.vertices.size());
+        std::vector<double> shifts;
+        for (std::size_t i = 0; i < moved.vertices.size(); ++i)
+          shifts.push_back(std::hypot(moved.vertices[i][1] - specified.vertices[i][1],
+                                      moved.vertices[i][2] - specified.vertices[i][2],
+                                      moved.vertices[i][3] - specified.vertices[i][3]));
+        std::sort(shifts.begin(), shifts.end());
+        double const edge = fx.tree->getCellSize(fx.params.getOctreeDepth() - 1);
+        EXPECT_LT(shifts[shifts.size() / 2], 2e-3 * edge);
+        EXPECT_LT(shifts[shifts.size() * 99 / 100], 3e-2 * edge);
+        if (threads == 2)
+        {
+          EXPECT_TRUE(moved.vertices == movedOneThread.vertices);
+        }
+        movedOneThread = moved;
       }
     }
 }

@@ -104,13 +104,17 @@ TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationForGradientKernels)
 TEST(OctreeFuncBlockEvaluator, LatticeCornersAndBisectionsFollowTheExactValues)
 {
   Fixture fx(true, 6);
-  double const size = fx.tree->getCellSize(5);
+  // A lattice off the nodes' spacing, so that the windows of every depth
+  // take all their sizes.
+  double const size = 0.93 * fx.tree->getCellSize(5);
   double const start[3] = {0.013, -0.021, 0.007};
   int const bound = 70;
   COctreeFuncBlockEvaluator fast(*fx.x, 4.0 * size);
   COctreeFuncBlockEvaluator worker(fast); // made before the lattice, as the polygoniser's workers are
   ASSERT_TRUE(fast.setLattice(start, size, bound));
   worker.shareLattice(fast);
+  COctreeFuncBlockEvaluator thirds(*fx.x, 4.0 * size);
+  ASSERT_TRUE(thirds.setLattice(start, size, bound, 3));
   auto point = [&](int const * index, double * p)
   {
     for (int a = 0; a < 3; ++a)
@@ -169,6 +173,43 @@ TEST(OctreeFuncBlockEvaluator, LatticeCornersAndBisectionsFollowTheExactValues)
       EXPECT_EQ(got[a], ref[a]) << "edge " << e << " axis " << a;
     differentFromStart +=
         std::fabs(ref[0] - p1[0]) + std::fabs(ref[1] - p1[1]) + std::fabs(ref[2] - p1[2]) > 0.01 * size;
+
+    // The interpolated crossing: the zero of the cubic through the exact
+    // values at the thirds of the edge, in its first part that changes side,
+    // found here by plain bisection on the cubic.
+    double g[4];
+    for (int k = 0; k < 4; ++k)
+    {
+      double r[3];
+      for (int a = 0; a < 3; ++a)
+        r[a] = p1[a] + (p2[a] - p1[a]) * k / 3;
+      g[k] = k == 0 ? value1 : exact(r) - level;
+    }
+    if ((g[3] >= 0) == (value1 >= 0))
+      continue; // both ends on one side: the level's point is not a lone crossing
+    auto cubic = [&](double v)
+    {
+      double sum = 0.0;
+      for (int k = 0; k < 4; ++k)
+      {
+        double w = g[k];
+        for (int j = 0; j < 4; ++j)
+          if (j != k)
+            w *= (v - j) / (k - j);
+        sum += w;
+      }
+      return sum;
+    };
+    int part = 0;
+    while (part < 2 && (g[part + 1] > 0) == (value1 >= 0))
+      ++part;
+    double lo = part, hi = part + 1.0;
+    for (int i = 0; i < 60; ++i)
+      ((cubic(0.5 * (lo + hi)) > 0) == (value1 >= 0) ? lo : hi) = 0.5 * (lo + hi);
+    double interpolated[3];
+    thirds.interpolateOnLatticeEdge(from, to, value1, g[3], level, interpolated);
+    for (int a = 0; a < 3; ++a)
+      EXPECT_NEAR(interpolated[a], p1[a] + (p2[a] - p1[a]) * lo / 3, 1e-9 * size) << "edge " << e;
   }
   EXPECT_GT(differentFromStart, 300);
   // Beyond the tables the point forms answer.

@@ -111,6 +111,7 @@ int main(int argc, char ** argv)
   VolTr::CVolTriangulationParams const recommended = VolTr::CVolTriangulationParams::makeRecommended(8);
   double screening = recommended.getScreeningWeight(), splatSamples = recommended.getSplatSamplesPerCell();
   bool screeningFixed = false;
+  int vertexParts = recommended.getVertexInterpolation();
   bool noDensity = false, open = false, normals = false, corner = false, quiet = false;
   app.set_version_flag("--version", kVersion);
   app.add_option("INPUT", input, "oriented point cloud")->required();
@@ -129,6 +130,11 @@ int main(int argc, char ** argv)
                  "splat normals on the deepest depth with this many samples per cell (0: always the deepest)")
       ->capture_default_str()
       ->check(CLI::Range(0.0, 1e6));
+  app.add_option(
+         "--vertex-parts", vertexParts,
+         "vertices at the zero of X interpolated through this many parts of their edge (0: bisection)")
+      ->capture_default_str()
+      ->check(CLI::IsMember({0, 2, 3, 4, 5, 6, 7, 8}));
   app.add_flag("--no-density", noDensity, "no density estimation: every sample weighs the same");
   app.add_flag("--open", open, "the surface is open: stop far from the samples");
   app.add_flag("--normals", normals, "vertex normals from the gradient of the implicit function");
@@ -205,6 +211,7 @@ int main(int argc, char ** argv)
   params.setScreeningWeight(solver == "multilevel" ? screening : 0.0);
   params.setScreeningAdaptive(!screeningFixed);
   params.setSplatSamplesPerCell(splatSamples);
+  params.setVertexInterpolation(vertexParts);
   params.setVariableDensity(!noDensity);
   params.setClosed(!open);
   params.setEstimateResultNormals(normals);

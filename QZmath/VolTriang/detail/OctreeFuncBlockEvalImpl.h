@@ -163,6 +163,7 @@ struct COctreeFuncBlockEvaluator::Cache
     long long kLow[3];
     int n[3];
     std::vector<double> coefficients; // normalization * coefficient, 0.0 where no node
+    std::vector<std::size_t> written; // the entries that hold a node
     double maxAbs = 0.0;               // the largest |coefficient| of the range
   };
   struct Block
@@ -216,6 +217,11 @@ struct COctreeFuncBlockEvaluator::Lattice
   int depths = 0;
   bool tabulated = false;
   std::vector<Window> windows; // [(axis * count + index + bound + 1) * depths + depth]
+  // The points between lattice neighbours: index + s / subdivisions for s
+  // from 1 to subdivisions - 1, on every axis and depth.
+  int subdivisions = 1;
+  std::vector<Window>
+      between; // [((axis * count + index + bound + 1) * (subdivisions - 1) + s - 1) * depths + depth]
   // Bounds of the one-variable factor for the error estimates: of its
   // values, of its slope, of its coefficients.
   double valueMax = 0.0;
@@ -227,6 +233,13 @@ struct COctreeFuncBlockEvaluator::Lattice
   Window const * window(int axis, int index) const
   {
     return &windows[(static_cast<std::size_t>(axis) * count + static_cast<std::size_t>(index + bound + 1)) * depths];
+  }
+  Window const * windowBetween(int axis, int index, int s) const
+  {
+    std::size_t const row =
+        static_cast<std::size_t>(axis) * count + static_cast<std::size_t>(index + bound + 1);
+    return &between[(row * static_cast<std::size_t>(subdivisions - 1) + static_cast<std::size_t>(s - 1)) *
+                    depths];
   }
 };
 
