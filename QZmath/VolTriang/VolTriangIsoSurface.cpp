@@ -39,6 +39,20 @@ void tf_unitNormal(double * normal)
     normal[0] = 1.0, normal[1] = 0.0, normal[2] = 0.0;
 }
 
+// X - isoValue at a lattice corner. Only the side matters to the walk: a
+// value clearly away from the level stands as it is, one within its rounding
+// bound is computed exactly. Every thread gets the same value bit for bit.
+double tf_cornerValue(COctreeFuncBlockEvaluator & x, int const * index, double const * p, double isoValue)
+{
+  double bound = 0.0;
+  double const approx = x.evalLatticeWithBound(index, &bound);
+  double const margin = bound + 4.5e-16 * (std::fabs(approx) + std::fabs(isoValue));
+  double const diff = approx - isoValue;
+  if (diff > margin || -diff > margin)
+    return diff;
+  return x.eval(p) - isoValue;
+}
+
 // X - isoValue, positive outside. On an open surface, a point far from all
 // samples, or near only a boundary sample, is flagged: the walk stops there.
 // With the block evaluator it also answers for the lattice's corners, from
@@ -76,22 +90,16 @@ public:
   // points between the corners are tabulated with them.
   void setVertexInterpolation(int parts) { m_parts = parts; }
 
-  // Only the side matters to the walk: a value clearly away from the level
-  // stands as it is, one within its rounding bound is computed exactly.
   double corner(int i, int j, int k, Point3D_d const & p, int * flag) override
   {
     if (!m_fast)
       return (*this)(p, flag);
     *flag = m_outerRadius > 0 ? openSurfaceFlag(p) : 0;
     int const index[3] = {i, j, k};
-    double bound = 0.0;
-    double const approx = m_fast->evalLatticeWithBound(index, &bound);
-    double const margin = bound + 4.5e-16 * (std::fabs(approx) + std::fabs(m_isoValue));
-    double const diff = approx - m_isoValue;
-    if (diff > margin || -diff > margin)
-      return diff;
-    return m_fast->eval(p.asArray()) - m_isoValue;
+    return tf_cornerValue(*m_fast, index, p.asArray(), m_isoValue);
   }
+
+  bool cornersFlagged() const override { return m_outerRadius > 0; }
 
 private:
   int openSurfaceFlag(Point3D_d const & p) const
@@ -233,11 +241,36 @@ public:
   tf_VertexSolver & operator=(tf_VertexSolver const &) = delete;
 
   // The corners' evaluator has tabulated the lattice: the workers share it.
-  void setLattice(Point3D_d const &, double, int const *) override
+  void setLattice(Point3D_d const & start, double size, int const *) override
   {
+    m_start = start;
+    m_size = size;
     for (auto & w : m_workers)
       if (w->own)
         w->own->shareLattice(m_prototype);
+  }
+
+  // The walk of the caller's thread waits for corner values; the other
+  // threads have time to spare between the batches of edges.
+  bool valuesCorners() const override { return !m_threads.empty(); }
+
+  void offerCorners(jbAheadCorner * const * corners, int count) override
+  {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_offered.insert(m_offered.end(), corners, corners + count);
+      m_offeredLeft.store(m_offered.size() - m_offeredHead, std::memory_order_relaxed);
+    }
+    m_wake.notify_one();
+  }
+
+  void withdrawCorners() override
+  {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_offered.clear();
+    m_offeredHead = 0;
+    m_offeredLeft.store(0, std::memory_order_relaxed);
+    m_quiet.wait(lock, [this] { return m_valuing == 0; });
   }
 
   void submit(jbEdgeJob const * jobs, jbVertex * out, int count) override
@@ -292,9 +325,15 @@ private:
     {
       {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_wake.wait(lock, [&] { return m_stop || m_generation != seen; });
+        m_wake.wait(lock, [&] { return m_stop || m_generation != seen || m_offeredHead < m_offered.size(); });
         if (m_stop)
           return;
+        if (m_generation == seen)
+        {
+          lock.unlock();
+          valueOffered(w);
+          continue;
+        }
         seen = m_generation;
       }
       work(w);
@@ -312,6 +351,9 @@ private:
     {
       for (;;)
       {
+        // The walk may be waiting for a corner: those go first.
+        if (w.own && m_offeredLeft.load(std::memory_order_relaxed) > 0)
+          valueOffered(w);
         int const first = m_next.fetch_add(CHUNK);
         if (first >= m_count)
           return;
@@ -327,6 +369,54 @@ private:
         m_error = std::current_exception();
       m_next.store(m_count);
     }
+  }
+
+  // Values a chunk of the corners offered, oldest first, skipping those the
+  // walk took itself. A failure leaves the corner to the walk, which meets
+  // it again and passes it on.
+  void valueOffered(Worker & w)
+  {
+    jbAheadCorner * chunk[CHUNK];
+    int n = 0;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      while (n < CHUNK && m_offeredHead < m_offered.size())
+        chunk[n++] = m_offered[m_offeredHead++];
+      if (m_offeredHead == m_offered.size())
+      {
+        m_offered.clear();
+        m_offeredHead = 0;
+      }
+      m_offeredLeft.store(m_offered.size() - m_offeredHead, std::memory_order_relaxed);
+      if (n == 0)
+        return;
+      ++m_valuing;
+    }
+    for (int k = 0; k < n; ++k)
+    {
+      jbAheadCorner & a = *chunk[k];
+      int expected = 0;
+      if (!a.state.compare_exchange_strong(expected, 1, std::memory_order_acquire))
+        continue;
+      jbCornerlist & c = a.corner;
+      try
+      {
+        int const index[3] = {c.i, c.j, c.k};
+        double const p[3] = {m_start.x() - (c.i - 0.5) * m_size, m_start.y() - (c.j - 0.5) * m_size,
+                             m_start.z() - (c.k - 0.5) * m_size};
+        c.value = tf_cornerValue(*w.x, index, p, m_isoValue);
+        a.state.store(2, std::memory_order_release);
+      }
+      catch (...)
+      {
+        a.state.store(0, std::memory_order_release);
+      }
+    }
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      --m_valuing;
+    }
+    m_quiet.notify_all();
   }
 
   // The bisection of the walk, every side as the exact value decides it, or
@@ -379,6 +469,14 @@ private:
   int m_count = 0;
   std::atomic<int> m_next{0};
   std::exception_ptr m_error;
+  // Corners offered ahead of the walk, taken from m_offeredHead on.
+  Point3D_d m_start;
+  double m_size = 0.0;
+  std::vector<jbAheadCorner *> m_offered;
+  std::size_t m_offeredHead = 0;
+  std::atomic<std::size_t> m_offeredLeft{0};
+  int m_valuing = 0; // threads valuing a chunk
+  std::condition_variable m_quiet;
 };
 } // namespace
 

@@ -136,9 +136,12 @@ struct jbDeferred
   // the corner it already holds, without a lookup.
   struct CornerRecord
   {
-    jbCornerlist corner;
+    jbAheadCorner ahead;
     int edges[13];
   };
+  // Corners valued ahead by the solver: offered in chunks, oldest first.
+  bool ahead = false;
+  std::vector<jbAheadCorner *> toOffer;
   std::vector<std::unique_ptr<CornerRecord[]>> cornerChunks;
   std::size_t cornersInChunk = 0;
 
@@ -155,7 +158,7 @@ struct jbDeferred
     CornerRecord & r = cornerChunks.back()[cornersInChunk++];
     for (int & e : r.edges)
       e = -1;
-    return &r.corner;
+    return &r.ahead.corner;
   }
   static CornerRecord * record(jbCornerlist * c) { return reinterpret_cast<CornerRecord *>(c); }
   // The slot of the step to a following neighbour, or -1.
@@ -223,6 +226,20 @@ jbCornerlist * jbProcess::setcorner(int i, int j, int k)
     jbCornerlist * c = m_deferred->newCorner();
     c->i = i, c->j = j, c->k = k;
     c->flag = 0;
+    if (m_deferred->ahead)
+    {
+      // Valued when a cube of it is visited, by whichever thread gets to it
+      // first: the solver's threads take the oldest offered.
+      m_deferred->corners.insert(key, c);
+      std::vector<jbAheadCorner *> & offer = m_deferred->toOffer;
+      offer.push_back(&jbDeferred::record(c)->ahead);
+      if (offer.size() >= 64)
+      {
+        m_deferred->solver->offerCorners(offer.data(), static_cast<int>(offer.size()));
+        offer.clear();
+      }
+      return c;
+    }
     Point3D_d const p = setpoint(i, j, k);
     c->value = m_deferred->lattice ? m_deferred->lattice->corner(i, j, k, p, &c->flag) : (*function)(p, &c->flag);
     m_deferred->corners.insert(key, c);
@@ -566,6 +583,8 @@ int jbProcess::polygonize(jbFunction & f, double s, int * b, Point3D_d startPoin
       if (m_deferred->lattice)
         m_deferred->lattice->setLattice(start, size, bounds);
       m_deferred->solver->setLattice(start, size, bounds);
+      m_deferred->ahead = m_deferred->packed && m_deferred->lattice &&
+                          !m_deferred->lattice->cornersFlagged() && m_deferred->solver->valuesCorners();
     }
 
     jbCubes * first = jbAlloc<jbCubes>();
@@ -603,11 +622,41 @@ int jbProcess::polygonize(jbFunction & f, double s, int * b, Point3D_d startPoin
   return 0;
 }
 
+// A corner valued ahead may still be without its value: it gets it here, from
+// this thread or from the one already valuing it.
+void jbProcess::valued(jbCornerlist * corner)
+{
+  std::atomic<int> & state = jbDeferred::record(corner)->ahead.state;
+  int s = state.load(std::memory_order_acquire);
+  while (s != 2)
+  {
+    if (s == 0 && state.compare_exchange_weak(s, 1, std::memory_order_acquire))
+    {
+      try
+      {
+        corner->value = m_deferred->lattice->corner(corner->i, corner->j, corner->k,
+                                                    setpoint(corner->i, corner->j, corner->k), &corner->flag);
+      }
+      catch (...)
+      {
+        state.store(0, std::memory_order_release);
+        throw;
+      }
+      state.store(2, std::memory_order_release);
+      return;
+    }
+    s = state.load(std::memory_order_acquire); // valued on another thread right now
+  }
+}
+
 int jbProcess::walk()
 {
   while (cubes)
   {
     jbCube c = cubes->cube;
+    if (m_deferred && m_deferred->ahead)
+      for (jbCornerlist * corner : c.corners)
+        valued(corner);
     // Six tetrahedra sharing the diagonal from corner 1 to corner 6.
     if (!dotet(&c, 0, 2, 4, 1) || !dotet(&c, 6, 2, 1, 4) || !dotet(&c, 6, 2, 3, 1) ||
         !dotet(&c, 6, 4, 1, 5) || !dotet(&c, 6, 1, 3, 5) || !dotet(&c, 6, 3, 7, 5))
@@ -691,9 +740,11 @@ int jbProcess::polygonizeDeferred(jbFunction & f, double s, int * b, Point3D_d s
                          std::abs(b[2]) <= PACK_LIMIT;
     int const result = polygonize(f, s, b, startPoint, sink);
     // A refused triangle can leave a batch in flight: it must end before its
-    // buffers go.
+    // buffers go, and so must the valuing of corners offered ahead.
     if (m_deferred->inFlight)
       solver.wait();
+    if (m_deferred->ahead)
+      solver.withdrawCorners();
     delete m_deferred;
     m_deferred = nullptr;
     return result;
@@ -711,6 +762,8 @@ int jbProcess::polygonizeDeferred(jbFunction & f, double s, int * b, Point3D_d s
         // the first failure is the one that passes on
       }
     }
+    if (m_deferred && m_deferred->ahead)
+      solver.withdrawCorners();
     delete m_deferred;
     m_deferred = nullptr;
     throw;

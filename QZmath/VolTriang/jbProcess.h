@@ -6,6 +6,7 @@
 // The records below are plain data on calloc/free: the polygoniser makes
 // millions of small records whose lifetime is one call.
 
+#include <atomic>
 #include <cstdint>
 
 #include "QZmath/Foundation/Functor.h"
@@ -45,6 +46,15 @@ struct jbCornerlist
   int flag;
   double value;
   jbCornerlist * next;
+};
+
+/// A corner of a deferred walk that the solver may value ahead of the walk,
+/// on its own threads: `state` goes from 0 (no value) to 1 (one thread is
+/// valuing it) to 2 (`corner.value` holds the lattice function's value).
+struct jbAheadCorner
+{
+  jbCornerlist corner;
+  std::atomic<int> state;
 };
 
 struct jbCenterlist
@@ -109,6 +119,10 @@ public:
   /// `p`, with its flag. Only the side of the result is used (above 0 or
   /// not), so it may be any value on the function's side.
   virtual double corner(int i, int j, int k, Point3D_d const & p, int * flag) = 0;
+  /// Whether `corner` can set a flag. A walk whose corners never flag needs
+  /// a corner's value only when it visits one of its cubes, so a solver may
+  /// value corners ahead.
+  virtual bool cornersFlagged() const { return true; }
 };
 
 /// Computes deferred vertices in batches, possibly on other threads while the
@@ -128,6 +142,16 @@ public:
   /// Returns when the submitted batch is complete; a failure of the batch is
   /// thrown here.
   virtual void wait() = 0;
+  /// Whether the solver values corners ahead of the walk (on threads other
+  /// than the caller's, with the lattice function's values, bit for bit).
+  virtual bool valuesCorners() const { return false; }
+  /// Corners to value ahead, oldest first. A thread takes one by moving its
+  /// state from 0 to 1 and leaves it at 2 with the value (or at 0 again when
+  /// valuing fails); the walk does the same for a corner it needs first.
+  virtual void offerCorners(jbAheadCorner * const * /*corners*/, int /*count*/) {}
+  /// Forgets the corners offered and returns when no thread values one any
+  /// more: their records may go.
+  virtual void withdrawCorners() {}
 };
 
 struct jbDeferred;
@@ -197,6 +221,7 @@ private:
   int emitTriangle(int a, int b, int c);
   int flushDeferred(bool last);
   int emitDeferred();
+  void valued(jbCornerlist * corner);
 
 public:
   jbFunction * function;
