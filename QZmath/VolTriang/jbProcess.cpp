@@ -557,7 +557,17 @@ void jbProcess::begin(jbFunction & f, double s, jbTriangleProcessor & sink)
   centers = nullptr, corners = nullptr, edges = nullptr;
   seed(1);
   if (m_deferred && m_deferred->packed)
+  {
+    // Room for the vertices of a surface as large as the box's (a surface
+    // crosses fewer cubes): only the pages written become memory, and the
+    // list is never copied to a larger one while the walk fills it.
+    double const room =
+        6.0 * bounds[0] * bounds[1] + 6.0 * bounds[1] * bounds[2] + 6.0 * bounds[2] * bounds[0];
+    if (room >= 1024 && room <= (1 << 25))
+      if (void * p = std::malloc(static_cast<std::size_t>(room) * sizeof(jbVertex)))
+        vertices = jbVertices{0, static_cast<int>(room), static_cast<jbVertex *>(p)};
     return; // the walk keeps its own tables
+  }
   centers = jbAlloc<jbCenterlist *>(CENTERS_TABLE_SIZE);
   corners = jbAlloc<jbCornerlist *>(CORNERS_TABLE_SIZE);
   edges = jbAlloc<jbEdgelist *>(EDGES_TABLE_SIZE);

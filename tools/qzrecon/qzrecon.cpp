@@ -7,6 +7,7 @@
 // an unreadable input, a cloud that cannot have normals or an unwritable
 // output (found before any work).
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -293,6 +294,23 @@ int main(int argc, char ** argv)
   }
 
   qzrecon::MeshData mesh;
+  {
+    // Room for the triangles of a closed surface as large as the box's
+    // (a surface crosses fewer cubes): only the pages written become
+    // memory, and the arrays are never copied to larger ones as they fill.
+    std::size_t const faces = 2 * static_cast<std::size_t>(std::max(params.estimateTrianglesNumber(), 0));
+    if (faces <= (std::size_t(1) << 26))
+      try
+      {
+        mesh.triangles.reserve(3 * faces);
+        mesh.vertices.reserve(3 * faces / 2);
+        mesh.normals.reserve(3 * faces / 2);
+      }
+      catch (std::bad_alloc const &)
+      {
+        // no room reserved: the arrays grow as they fill
+      }
+  }
   qzrecon::CCloudSamples samples(cloud);
   tf_MeshTarget target(mesh);
   try
