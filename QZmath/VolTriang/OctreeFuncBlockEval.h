@@ -62,6 +62,9 @@ public:
   bool setLattice(double const * start, double size, int bound, int subdivisions = 1);
   /// Takes the lattice tables of another evaluator of the same combination.
   void shareLattice(COctreeFuncBlockEvaluator const & other);
+  /// The coordinates of the lattice point of the given index (zeros before
+  /// a lattice is set).
+  void latticePoint(int const * index, double * p) const;
   /// `evalWithBound` at the lattice point of the given index.
   double evalLatticeWithBound(int const * index, double * bound);
   /// The polygoniser's bisection of the lattice edge between the points of

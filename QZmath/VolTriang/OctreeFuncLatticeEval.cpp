@@ -267,13 +267,18 @@ bool tf_latticeValue(COctreeFuncBlockEvaluator::Lattice const & l,
 }
 } // namespace
 
+void COctreeFuncBlockEvaluator::latticePoint(int const * index, double * p) const
+{
+  Lattice const * l = m_lattice.get();
+  for (int a = 0; a < 3; ++a)
+    p[a] = l ? l->coordinate(a, index[a]) : 0.0;
+}
+
 double COctreeFuncBlockEvaluator::evalLatticeWithBound(int const * index, double * bound)
 {
   Lattice const * l = m_lattice.get();
-  double p[3] = {0.0, 0.0, 0.0};
-  if (l)
-    for (int a = 0; a < 3; ++a)
-      p[a] = l->coordinate(a, index[a]);
+  double p[3];
+  latticePoint(index, p);
   if (!l || !l->tabulated || !l->holds(index[0]) || !l->holds(index[1]) || !l->holds(index[2]))
     return evalWithBound(p, bound);
   Cache::Block const * block = blockOf(*m_shared, *m_cache, p);

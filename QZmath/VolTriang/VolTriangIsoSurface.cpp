@@ -241,10 +241,8 @@ public:
   tf_VertexSolver & operator=(tf_VertexSolver const &) = delete;
 
   // The corners' evaluator has tabulated the lattice: the workers share it.
-  void setLattice(Point3D_d const & start, double size, int const *) override
+  void setLattice(Point3D_d const &, double, int const *) override
   {
-    m_start = start;
-    m_size = size;
     for (auto & w : m_workers)
       if (w->own)
         w->own->shareLattice(m_prototype);
@@ -402,8 +400,8 @@ private:
       try
       {
         int const index[3] = {c.i, c.j, c.k};
-        double const p[3] = {m_start.x() - (c.i - 0.5) * m_size, m_start.y() - (c.j - 0.5) * m_size,
-                             m_start.z() - (c.k - 0.5) * m_size};
+        double p[3];
+        w.x->latticePoint(index, p);
         c.value = tf_cornerValue(*w.x, index, p, m_isoValue);
         a.state.store(2, std::memory_order_release);
       }
@@ -470,8 +468,6 @@ private:
   std::atomic<int> m_next{0};
   std::exception_ptr m_error;
   // Corners offered ahead of the walk, taken from m_offeredHead on.
-  Point3D_d m_start;
-  double m_size = 0.0;
   std::vector<jbAheadCorner *> m_offered;
   std::size_t m_offeredHead = 0;
   std::atomic<std::size_t> m_offeredLeft{0};
