@@ -66,13 +66,13 @@ struct CMultilevelPoissonSolver::SPairTables
 // with the one-variable kernel values of the nodes around that point.
 struct CMultilevelPoissonSolver::SScreenPoints
 {
-  int reach = 0; // nodes within this many steps of the holder reach its point
-  std::vector<int> holder;          // the holder node of each point (index in the level)
-  std::vector<int> firstPoint;      // per node of the level and one more: its points, by holder
-  std::vector<double> position;     // three per point
+  int reach = 0;                // nodes within this many steps of the holder reach its point
+  std::vector<int> holder;      // the holder node of each point (index in the level)
+  std::vector<int> firstPoint;  // per node of the level and one more: its points, by holder
+  std::vector<double> position; // three per point
   std::vector<double> weight;
-  std::vector<double> values;       // per point, 3 axes x (2 reach + 1) kernel values
-  std::vector<double> diagonal;     // per node, sum of weight * F_o(point)^2
+  std::vector<double> values;   // per point, 3 axes x (2 reach + 1) kernel values
+  std::vector<double> diagonal; // per node, sum of weight * F_o(point)^2
   // The nodes each point reaches with F_node(point) != 0, point by point in
   // the line walk's order (sums over them keep that order): the relaxation
   // goes over these pairs at every step.
@@ -350,74 +350,78 @@ void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t,
                       int tasks)
 {
   double const norm = -p.scale * p.scale * p.scale * q.scale * q.scale * q.scale * q.scale * q.scale;
-  tf_forBlocks(tf_lineCount(p), tasks, [&](int, int begin, int end) {
-    tf_LineWalker walk(p, q, t);
-    double a[tf_LineWalker::maxLines], b[tf_LineWalker::maxLines];
-    int at[tf_LineWalker::maxLines];
-    std::vector<double> g1, g2;
-    std::vector<tf_AxisWindow> windows;
-    int const * zq = q.m[2].data();
-    for (int line = begin; line < end; ++line)
-    {
-      int const k0 = p.lineStart[line], k1 = p.lineStart[line + 1];
-      walk.setLine(line);
-      if (walk.lineCount() == 0)
-        continue;
-      for (int j = 0; j < walk.lineCount(); ++j)
-      {
-        int const sx = walk.slotX(j), sy = walk.slotY(j);
-        a[j] = t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy];
-        b[j] = t.mm[sx] * t.mm[sy];
-        at[j] = walk.lineBegin(j);
-      }
-      windows.resize(static_cast<std::size_t>(k1 - k0));
-      for (int k = k0; k < k1; ++k)
-        tf_axisWindow(&windows[static_cast<std::size_t>(k - k0)], p.m[2][k] * p.spacing + p.offset, q, t);
-      for (int s0 = k0; s0 < k1;)
-      {
-        // A stretch: the next node's window starts at or before the end of
-        // the present one's, plus one.
-        int s1 = s0 + 1;
-        while (s1 < k1 && windows[static_cast<std::size_t>(s1 - k0)].lo <= windows[static_cast<std::size_t>(s1 - 1 - k0)].hi + 1)
-          ++s1;
-        int const zLo = windows[static_cast<std::size_t>(s0 - k0)].lo;
-        int const zHi = windows[static_cast<std::size_t>(s1 - 1 - k0)].hi;
-        if (zHi >= zLo)
-        {
-          std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
-          g1.assign(length, 0.0);
-          g2.assign(length, 0.0);
-          for (int j = 0; j < walk.lineCount(); ++j)
-          {
-            int i = at[j];
-            int const e = walk.lineEnd(j);
-            while (i < e && zq[i] < zLo)
-              ++i;
-            for (; i < e && zq[i] <= zHi; ++i)
-            {
-              std::size_t const c = static_cast<std::size_t>(zq[i] - zLo);
-              g1[c] += a[j] * x[i];
-              g2[c] += b[j] * x[i];
-            }
-            at[j] = i;
-          }
-          for (int k = s0; k < s1; ++k)
-          {
-            tf_AxisWindow const & wz = windows[static_cast<std::size_t>(k - k0)];
-            double sum = 0.0;
-            for (int z = wz.lo; z <= wz.hi; ++z)
-            {
-              int const slot = wz.slot[z - wz.lo];
-              std::size_t const c = static_cast<std::size_t>(z - zLo);
-              sum += t.mm[slot] * g1[c] + t.lC[slot] * g2[c];
-            }
-            y[k] += norm * sum;
-          }
-        }
-        s0 = s1;
-      }
-    }
-  });
+  tf_forBlocks(tf_lineCount(p), tasks,
+               [&](int, int begin, int end)
+               {
+                 tf_LineWalker walk(p, q, t);
+                 double a[tf_LineWalker::maxLines], b[tf_LineWalker::maxLines];
+                 int at[tf_LineWalker::maxLines];
+                 std::vector<double> g1, g2;
+                 std::vector<tf_AxisWindow> windows;
+                 int const * zq = q.m[2].data();
+                 for (int line = begin; line < end; ++line)
+                 {
+                   int const k0 = p.lineStart[line], k1 = p.lineStart[line + 1];
+                   walk.setLine(line);
+                   if (walk.lineCount() == 0)
+                     continue;
+                   for (int j = 0; j < walk.lineCount(); ++j)
+                   {
+                     int const sx = walk.slotX(j), sy = walk.slotY(j);
+                     a[j] = t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy];
+                     b[j] = t.mm[sx] * t.mm[sy];
+                     at[j] = walk.lineBegin(j);
+                   }
+                   windows.resize(static_cast<std::size_t>(k1 - k0));
+                   for (int k = k0; k < k1; ++k)
+                     tf_axisWindow(&windows[static_cast<std::size_t>(k - k0)],
+                                   p.m[2][k] * p.spacing + p.offset, q, t);
+                   for (int s0 = k0; s0 < k1;)
+                   {
+                     // A stretch: the next node's window starts at or before the end of
+                     // the present one's, plus one.
+                     int s1 = s0 + 1;
+                     while (s1 < k1 && windows[static_cast<std::size_t>(s1 - k0)].lo <=
+                                           windows[static_cast<std::size_t>(s1 - 1 - k0)].hi + 1)
+                       ++s1;
+                     int const zLo = windows[static_cast<std::size_t>(s0 - k0)].lo;
+                     int const zHi = windows[static_cast<std::size_t>(s1 - 1 - k0)].hi;
+                     if (zHi >= zLo)
+                     {
+                       std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
+                       g1.assign(length, 0.0);
+                       g2.assign(length, 0.0);
+                       for (int j = 0; j < walk.lineCount(); ++j)
+                       {
+                         int i = at[j];
+                         int const e = walk.lineEnd(j);
+                         while (i < e && zq[i] < zLo)
+                           ++i;
+                         for (; i < e && zq[i] <= zHi; ++i)
+                         {
+                           std::size_t const c = static_cast<std::size_t>(zq[i] - zLo);
+                           g1[c] += a[j] * x[i];
+                           g2[c] += b[j] * x[i];
+                         }
+                         at[j] = i;
+                       }
+                       for (int k = s0; k < s1; ++k)
+                       {
+                         tf_AxisWindow const & wz = windows[static_cast<std::size_t>(k - k0)];
+                         double sum = 0.0;
+                         for (int z = wz.lo; z <= wz.hi; ++z)
+                         {
+                           int const slot = wz.slot[z - wz.lo];
+                           std::size_t const c = static_cast<std::size_t>(z - zLo);
+                           sum += t.mm[slot] * g1[c] + t.lC[slot] * g2[c];
+                         }
+                         y[k] += norm * sum;
+                       }
+                     }
+                     s0 = s1;
+                   }
+                 }
+               });
 }
 
 // y[k] += sum over the nodes q of a finer level Q in reach of A[k][q] x[q],
@@ -426,8 +430,8 @@ void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t,
 // factors), and the columns go to the lines of P in reach with their x and y
 // factors. The lines of Q are cut into a fixed number of chunks with a buffer
 // each, added in chunk order, so the sums do not depend on the threads.
-void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t, double const * x, double * y,
-                       int tasks)
+void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t, double const * x,
+                       double * y, int tasks)
 {
   if (p.size() == 0 || q.size() == 0)
     return;
@@ -435,86 +439,91 @@ void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t
   constexpr int chunks = 8;
   int const lines = tf_lineCount(q);
   std::vector<std::vector<double>> buffers(chunks);
-  tf_forItems(chunks, tasks, [&](int chunk) {
-    std::vector<double> & out = buffers[chunk];
-    out.assign(p.node.size(), 0.0);
-    tf_LineWalker walk(q, p, t);
-    std::vector<double> h1, h2;
-    std::vector<tf_AxisWindow> windows;
-    int at[tf_LineWalker::maxLines];
-    int const * zp = p.m[2].data();
-    int const firstLine = static_cast<int>(static_cast<long long>(lines) * chunk / chunks);
-    int const lastLine = static_cast<int>(static_cast<long long>(lines) * (chunk + 1) / chunks);
-    for (int line = firstLine; line < lastLine; ++line)
-    {
-      int const i0 = q.lineStart[line], i1 = q.lineStart[line + 1];
-      walk.setLine(line);
-      if (walk.lineCount() == 0)
-        continue;
-      for (int j = 0; j < walk.lineCount(); ++j)
-        at[j] = walk.lineBegin(j);
-      windows.resize(static_cast<std::size_t>(i1 - i0));
-      for (int i = i0; i < i1; ++i)
-        tf_axisWindow(&windows[static_cast<std::size_t>(i - i0)], q.m[2][i] * q.spacing + q.offset, p, t);
-      for (int s0 = i0; s0 < i1;)
-      {
-        int s1 = s0 + 1;
-        while (s1 < i1 && windows[static_cast<std::size_t>(s1 - i0)].lo <= windows[static_cast<std::size_t>(s1 - 1 - i0)].hi + 1)
-          ++s1;
-        int const zLo = windows[static_cast<std::size_t>(s0 - i0)].lo;
-        int const zHi = windows[static_cast<std::size_t>(s1 - 1 - i0)].hi;
-        bool any = false;
-        if (zHi >= zLo)
-        {
-          std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
-          h1.assign(length, 0.0);
-          h2.assign(length, 0.0);
-          for (int i = s0; i < s1; ++i)
-          {
-            double const v = x[i];
-            if (v == 0.0)
-              continue;
-            any = true;
-            tf_AxisWindow const & wz = windows[static_cast<std::size_t>(i - i0)];
-            for (int z = wz.lo; z <= wz.hi; ++z)
-            {
-              int const slot = wz.slot[z - wz.lo];
-              std::size_t const c = static_cast<std::size_t>(z - zLo);
-              h1[c] += v * t.mm[slot];
-              h2[c] += v * t.lC[slot];
-            }
-          }
-        }
-        for (int j = 0; j < walk.lineCount(); ++j)
-        {
-          int k = at[j];
-          int const e = walk.lineEnd(j);
-          while (k < e && zp[k] < zLo)
-            ++k;
-          if (any)
-          {
-            int const sx = walk.slotX(j), sy = walk.slotY(j);
-            double const aj = norm * (t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy]), bj = norm * t.mm[sx] * t.mm[sy];
-            for (; k < e && zp[k] <= zHi; ++k)
-            {
-              std::size_t const c = static_cast<std::size_t>(zp[k] - zLo);
-              out[k] += aj * h1[c] + bj * h2[c];
-            }
-          }
-          at[j] = k;
-        }
-        s0 = s1;
-      }
-    }
-  });
+  tf_forItems(chunks, tasks,
+              [&](int chunk)
+              {
+                std::vector<double> & out = buffers[chunk];
+                out.assign(p.node.size(), 0.0);
+                tf_LineWalker walk(q, p, t);
+                std::vector<double> h1, h2;
+                std::vector<tf_AxisWindow> windows;
+                int at[tf_LineWalker::maxLines];
+                int const * zp = p.m[2].data();
+                int const firstLine = static_cast<int>(static_cast<long long>(lines) * chunk / chunks);
+                int const lastLine = static_cast<int>(static_cast<long long>(lines) * (chunk + 1) / chunks);
+                for (int line = firstLine; line < lastLine; ++line)
+                {
+                  int const i0 = q.lineStart[line], i1 = q.lineStart[line + 1];
+                  walk.setLine(line);
+                  if (walk.lineCount() == 0)
+                    continue;
+                  for (int j = 0; j < walk.lineCount(); ++j)
+                    at[j] = walk.lineBegin(j);
+                  windows.resize(static_cast<std::size_t>(i1 - i0));
+                  for (int i = i0; i < i1; ++i)
+                    tf_axisWindow(&windows[static_cast<std::size_t>(i - i0)],
+                                  q.m[2][i] * q.spacing + q.offset, p, t);
+                  for (int s0 = i0; s0 < i1;)
+                  {
+                    int s1 = s0 + 1;
+                    while (s1 < i1 && windows[static_cast<std::size_t>(s1 - i0)].lo <=
+                                          windows[static_cast<std::size_t>(s1 - 1 - i0)].hi + 1)
+                      ++s1;
+                    int const zLo = windows[static_cast<std::size_t>(s0 - i0)].lo;
+                    int const zHi = windows[static_cast<std::size_t>(s1 - 1 - i0)].hi;
+                    bool any = false;
+                    if (zHi >= zLo)
+                    {
+                      std::size_t const length = static_cast<std::size_t>(zHi - zLo + 1);
+                      h1.assign(length, 0.0);
+                      h2.assign(length, 0.0);
+                      for (int i = s0; i < s1; ++i)
+                      {
+                        double const v = x[i];
+                        if (v == 0.0)
+                          continue;
+                        any = true;
+                        tf_AxisWindow const & wz = windows[static_cast<std::size_t>(i - i0)];
+                        for (int z = wz.lo; z <= wz.hi; ++z)
+                        {
+                          int const slot = wz.slot[z - wz.lo];
+                          std::size_t const c = static_cast<std::size_t>(z - zLo);
+                          h1[c] += v * t.mm[slot];
+                          h2[c] += v * t.lC[slot];
+                        }
+                      }
+                    }
+                    for (int j = 0; j < walk.lineCount(); ++j)
+                    {
+                      int k = at[j];
+                      int const e = walk.lineEnd(j);
+                      while (k < e && zp[k] < zLo)
+                        ++k;
+                      if (any)
+                      {
+                        int const sx = walk.slotX(j), sy = walk.slotY(j);
+                        double const aj = norm * (t.lC[sx] * t.mm[sy] + t.mm[sx] * t.lC[sy]),
+                                     bj = norm * t.mm[sx] * t.mm[sy];
+                        for (; k < e && zp[k] <= zHi; ++k)
+                        {
+                          std::size_t const c = static_cast<std::size_t>(zp[k] - zLo);
+                          out[k] += aj * h1[c] + bj * h2[c];
+                        }
+                      }
+                      at[j] = k;
+                    }
+                    s0 = s1;
+                  }
+                }
+              });
   for (int chunk = 0; chunk < chunks; ++chunk)
     for (int k = 0; k < p.size(); ++k)
       y[k] += buffers[chunk][k];
 }
 
 // y[k] (+)= sum over the same depth of A[k][q] x[q]: the gather with P = Q.
-void tf_sameDepthProduct(SLevel const & p, SPairTables const & t, double const * x, double * y, bool accumulate,
-                         int tasks)
+void tf_sameDepthProduct(SLevel const & p, SPairTables const & t, double const * x, double * y,
+                         bool accumulate, int tasks)
 {
   if (!accumulate)
     std::fill(y, y + p.size(), 0.0);
@@ -525,8 +534,8 @@ void tf_sameDepthProduct(SLevel const & p, SPairTables const & t, double const *
 // sorted by holder and the nodes within `reach` steps of each point's holder
 // on every axis (dx... the node's offset from the holder).
 template <class F>
-void tf_forPointsNear(SLevel const & p, SPairTables const & t, int const * holder, int begin, int end, int reach,
-                      F && f)
+void tf_forPointsNear(SLevel const & p, SPairTables const & t, int const * holder, int begin, int end,
+                      int reach, F && f)
 {
   tf_LineWalker walk(p, p, t);
   int line = -1;
@@ -542,23 +551,28 @@ void tf_forPointsNear(SLevel const & p, SPairTables const & t, int const * holde
     }
     walk.setNode(h);
     for (int j = 0; j < walk.lineCount(); ++j)
-      walk.forEach(j, [&](int i, int) {
-        int const dx = p.m[0][i] - hx, dy = p.m[1][i] - hy, dz = p.m[2][i] - hz;
-        if (dx >= -reach && dx <= reach && dy >= -reach && dy <= reach && dz >= -reach && dz <= reach)
-          f(point, i, dx, dy, dz);
-      });
+      walk.forEach(j,
+                   [&](int i, int)
+                   {
+                     int const dx = p.m[0][i] - hx, dy = p.m[1][i] - hy, dz = p.m[2][i] - hz;
+                     if (dx >= -reach && dx <= reach && dy >= -reach && dy <= reach && dz >= -reach &&
+                         dz <= reach)
+                       f(point, i, dx, dy, dz);
+                   });
   }
 }
 
 double tf_dot(double const * a, double const * b, int n, int tasks)
 {
   std::vector<double> partial(static_cast<std::size_t>((n + tf_blockSize - 1) / tf_blockSize), 0.0);
-  tf_forBlocks(n, tasks, [&](int block, int begin, int end) {
-    double s = 0.0;
-    for (int i = begin; i < end; ++i)
-      s += a[i] * b[i];
-    partial[block] = s;
-  });
+  tf_forBlocks(n, tasks,
+               [&](int block, int begin, int end)
+               {
+                 double s = 0.0;
+                 for (int i = begin; i < end; ++i)
+                   s += a[i] * b[i];
+                 partial[block] = s;
+               });
   double s = 0.0;
   for (double p : partial)
     s += p;
@@ -580,18 +594,19 @@ void tf_depthProduct(std::vector<SLevel> const & levels, std::vector<SPairTables
       tf_sameDepthProduct(levels[l], tables[static_cast<std::size_t>(l * depths + l)], x[lq].data(), y, true,
                           tasks);
     else if (lq < l)
-      tf_gatherProduct(levels[l], levels[lq], tables[static_cast<std::size_t>(l * depths + lq)], x[lq].data(), y,
-                       tasks);
+      tf_gatherProduct(levels[l], levels[lq], tables[static_cast<std::size_t>(l * depths + lq)], x[lq].data(),
+                       y, tasks);
     else
-      tf_scatterProduct(levels[l], levels[lq], tables[static_cast<std::size_t>(lq * depths + l)], x[lq].data(), y,
-                        tasks);
+      tf_scatterProduct(levels[l], levels[lq], tables[static_cast<std::size_t>(lq * depths + l)],
+                        x[lq].data(), y, tasks);
   }
 }
 } // namespace
 
 // ------------------------------------------------------------------ set-up
 
-CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProductPiecewisePolynom const & kernel,
+CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree,
+                                                   CProductPiecewisePolynom const & kernel,
                                                    SMultilevelSolveSettings const & settings)
     : m_octree(octree), m_kernel(kernel), m_settings(settings), m_depthBegin(octree.getNodeDepthBegin()),
       m_depthEnd(octree.getNodeDepthEnd())
@@ -671,7 +686,8 @@ CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProd
       // those strictly within reach.
       t.shift = lf.shift;
       int const residue = ((lf.offset - lc.offset) % t.step + t.step) % t.step;
-      int first = tf_floorDiv(static_cast<long long>(std::floor(-t.reach)) - residue, t.step) * t.step + residue;
+      int first =
+          tf_floorDiv(static_cast<long long>(std::floor(-t.reach)) - residue, t.step) * t.step + residue;
       while (!(first > -t.reach))
         first += t.step;
       int last = first;
@@ -715,8 +731,8 @@ CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree, CProd
               -norm * (t.lC[ia] * t.mm[ib] * t.mm[ic] + t.mm[ia] * t.lC[ib] * t.mm[ic] +
                        t.mm[ia] * t.mm[ib] * t.lC[ic]);
         }
-    level.diagonal = level.stencil[static_cast<std::size_t>((level.radius * width + level.radius) * width +
-                                                            level.radius)];
+    level.diagonal =
+        level.stencil[static_cast<std::size_t>((level.radius * width + level.radius) * width + level.radius)];
   }
 }
 
@@ -724,7 +740,8 @@ CMultilevelPoissonSolver::~CMultilevelPoissonSolver() = default;
 
 int CMultilevelPoissonSolver::taskCount() const
 {
-  int const t = m_settings.threads > 0 ? m_settings.threads : CVescaThreadingTasksHelper::getNumOfPhisicalThread();
+  int const t =
+      m_settings.threads > 0 ? m_settings.threads : CVescaThreadingTasksHelper::getNumOfPhisicalThread();
   return std::max(1, t);
 }
 
@@ -758,7 +775,8 @@ double CMultilevelPoissonSolver::matrixEntry(int a, int b) const
 
 // ------------------------------------------------------------------ right part
 
-void CMultilevelPoissonSolver::makeRightPart(std::vector<double> const * coefficients, std::vector<double> * b) const
+void CMultilevelPoissonSolver::makeRightPart(std::vector<double> const * coefficients,
+                                             std::vector<double> * b) const
 {
   int const depths = static_cast<int>(m_levels.size());
   int const tasks = taskCount();
@@ -801,44 +819,49 @@ void CMultilevelPoissonSolver::makeRightPart(std::vector<double> const * coeffic
       SPairTables const & t = m_tables[static_cast<std::size_t>(l * depths + lq)];
       double const norm = p.scale * p.scale * p.scale * q.scale * q.scale * q.scale * q.scale;
       double const *f0 = field[0][lq].data(), *f1 = field[1][lq].data(), *f2 = field[2][lq].data();
-      tf_forBlocks(tf_lineCount(p), tasks, [&](int, int begin, int end) {
-        tf_LineWalker walk(p, q, t);
-        double c0[tf_LineWalker::maxLines], c1[tf_LineWalker::maxLines], c2[tf_LineWalker::maxLines];
-        double mz[tf_maxWindow], gz[tf_maxWindow];
-        for (int line = begin; line < end; ++line)
-        {
-          walk.setLine(line);
-          for (int j = 0; j < walk.lineCount(); ++j)
-          {
-            int const sx = walk.slotX(j), sy = walk.slotY(j);
-            c0[j] = t.gC[sx] * t.mm[sy];
-            c1[j] = t.mm[sx] * t.gC[sy];
-            c2[j] = t.mm[sx] * t.mm[sy];
-          }
-          for (int k = p.lineStart[line]; k < p.lineStart[line + 1]; ++k)
-          {
-            walk.setNode(k);
-            tf_AxisWindow const & wz = walk.windowZ();
-            for (int iz = 0; iz <= wz.hi - wz.lo; ++iz)
-            {
-              mz[iz] = t.mm[wz.slot[iz]];
-              gz[iz] = t.gC[wz.slot[iz]];
-            }
-            double sum = 0.0;
-            for (int j = 0; j < walk.lineCount(); ++j)
-            {
-              double s0 = 0.0, s1 = 0.0, s2 = 0.0;
-              walk.forEach(j, [&](int i, int iz) {
-                s0 += f0[i] * mz[iz];
-                s1 += f1[i] * mz[iz];
-                s2 += f2[i] * gz[iz];
-              });
-              sum += c0[j] * s0 + c1[j] * s1 + c2[j] * s2;
-            }
-            out[k] += norm * sum;
-          }
-        }
-      });
+      tf_forBlocks(tf_lineCount(p), tasks,
+                   [&](int, int begin, int end)
+                   {
+                     tf_LineWalker walk(p, q, t);
+                     double c0[tf_LineWalker::maxLines], c1[tf_LineWalker::maxLines],
+                         c2[tf_LineWalker::maxLines];
+                     double mz[tf_maxWindow], gz[tf_maxWindow];
+                     for (int line = begin; line < end; ++line)
+                     {
+                       walk.setLine(line);
+                       for (int j = 0; j < walk.lineCount(); ++j)
+                       {
+                         int const sx = walk.slotX(j), sy = walk.slotY(j);
+                         c0[j] = t.gC[sx] * t.mm[sy];
+                         c1[j] = t.mm[sx] * t.gC[sy];
+                         c2[j] = t.mm[sx] * t.mm[sy];
+                       }
+                       for (int k = p.lineStart[line]; k < p.lineStart[line + 1]; ++k)
+                       {
+                         walk.setNode(k);
+                         tf_AxisWindow const & wz = walk.windowZ();
+                         for (int iz = 0; iz <= wz.hi - wz.lo; ++iz)
+                         {
+                           mz[iz] = t.mm[wz.slot[iz]];
+                           gz[iz] = t.gC[wz.slot[iz]];
+                         }
+                         double sum = 0.0;
+                         for (int j = 0; j < walk.lineCount(); ++j)
+                         {
+                           double s0 = 0.0, s1 = 0.0, s2 = 0.0;
+                           walk.forEach(j,
+                                        [&](int i, int iz)
+                                        {
+                                          s0 += f0[i] * mz[iz];
+                                          s1 += f1[i] * mz[iz];
+                                          s2 += f2[i] * gz[iz];
+                                        });
+                           sum += c0[j] * s0 + c1[j] * s1 + c2[j] * s2;
+                         }
+                         out[k] += norm * sum;
+                       }
+                     }
+                   });
     }
   }
 
@@ -846,45 +869,50 @@ void CMultilevelPoissonSolver::makeRightPart(std::vector<double> const * coeffic
   // derivative on the finer function. One target depth per task, so every
   // sum has a fixed order.
   std::vector<std::vector<double>> scattered(static_cast<std::size_t>(depths));
-  tf_forItems(depths, tasks, [&](int l) {
-    SLevel const & p = m_levels[l];
-    std::vector<double> & out = scattered[l];
-    out.assign(p.node.size(), 0.0);
-    for (int lq = l + 1; lq < depths; ++lq)
-    {
-      if (!hasField[lq] || p.size() == 0)
-        continue;
-      SLevel const & q = m_levels[lq];
-      SPairTables const & t = m_tables[static_cast<std::size_t>(lq * depths + l)];
-      double const norm = p.scale * p.scale * p.scale * q.scale * q.scale * q.scale * q.scale;
-      double const *f0 = field[0][lq].data(), *f1 = field[1][lq].data(), *f2 = field[2][lq].data();
-      tf_LineWalker walk(q, p, t);
-      double c0[tf_LineWalker::maxLines], c1[tf_LineWalker::maxLines], c2[tf_LineWalker::maxLines];
-      for (int line = 0; line < tf_lineCount(q); ++line)
-      {
-        walk.setLine(line);
-        for (int j = 0; j < walk.lineCount(); ++j)
-        {
-          int const sx = walk.slotX(j), sy = walk.slotY(j);
-          c0[j] = t.gF[sx] * t.mm[sy];
-          c1[j] = t.mm[sx] * t.gF[sy];
-          c2[j] = t.mm[sx] * t.mm[sy];
-        }
-        for (int i = q.lineStart[line]; i < q.lineStart[line + 1]; ++i)
-        {
-          if (f0[i] == 0.0 && f1[i] == 0.0 && f2[i] == 0.0)
-            continue;
-          walk.setNode(i);
-          tf_AxisWindow const & wz = walk.windowZ();
-          for (int j = 0; j < walk.lineCount(); ++j)
-          {
-            double const a = norm * (f0[i] * c0[j] + f1[i] * c1[j]), b = norm * f2[i] * c2[j];
-            walk.forEach(j, [&](int k, int iz) { out[k] += a * t.mm[wz.slot[iz]] + b * t.gF[wz.slot[iz]]; });
-          }
-        }
-      }
-    }
-  });
+  tf_forItems(depths, tasks,
+              [&](int l)
+              {
+                SLevel const & p = m_levels[l];
+                std::vector<double> & out = scattered[l];
+                out.assign(p.node.size(), 0.0);
+                for (int lq = l + 1; lq < depths; ++lq)
+                {
+                  if (!hasField[lq] || p.size() == 0)
+                    continue;
+                  SLevel const & q = m_levels[lq];
+                  SPairTables const & t = m_tables[static_cast<std::size_t>(lq * depths + l)];
+                  double const norm = p.scale * p.scale * p.scale * q.scale * q.scale * q.scale * q.scale;
+                  double const *f0 = field[0][lq].data(), *f1 = field[1][lq].data(),
+                               *f2 = field[2][lq].data();
+                  tf_LineWalker walk(q, p, t);
+                  double c0[tf_LineWalker::maxLines], c1[tf_LineWalker::maxLines],
+                      c2[tf_LineWalker::maxLines];
+                  for (int line = 0; line < tf_lineCount(q); ++line)
+                  {
+                    walk.setLine(line);
+                    for (int j = 0; j < walk.lineCount(); ++j)
+                    {
+                      int const sx = walk.slotX(j), sy = walk.slotY(j);
+                      c0[j] = t.gF[sx] * t.mm[sy];
+                      c1[j] = t.mm[sx] * t.gF[sy];
+                      c2[j] = t.mm[sx] * t.mm[sy];
+                    }
+                    for (int i = q.lineStart[line]; i < q.lineStart[line + 1]; ++i)
+                    {
+                      if (f0[i] == 0.0 && f1[i] == 0.0 && f2[i] == 0.0)
+                        continue;
+                      walk.setNode(i);
+                      tf_AxisWindow const & wz = walk.windowZ();
+                      for (int j = 0; j < walk.lineCount(); ++j)
+                      {
+                        double const a = norm * (f0[i] * c0[j] + f1[i] * c1[j]), b = norm * f2[i] * c2[j];
+                        walk.forEach(j, [&](int k, int iz)
+                                     { out[k] += a * t.mm[wz.slot[iz]] + b * t.gF[wz.slot[iz]]; });
+                      }
+                    }
+                  }
+                }
+              });
 
   b->assign(m_localIndex.size(), 0.0);
   for (int l = 0; l < depths; ++l)
@@ -970,67 +998,78 @@ void tf_screenPairs(SLevel const & p, SPairTables const & table, CMultilevelPois
   std::vector<std::vector<int>> blockNode(static_cast<std::size_t>(blocks));
   std::vector<std::vector<double>> blockValue(static_cast<std::size_t>(blocks));
   sp.pairStart.assign(static_cast<std::size_t>(points) + 1, 0);
-  tf_forBlocks(points, tasks, [&](int block, int begin, int end) {
-    std::vector<int> & nodes = blockNode[static_cast<std::size_t>(block)];
-    std::vector<double> & values = blockValue[static_cast<std::size_t>(block)];
-    tf_LineWalker walk(p, p, table);
-    int line = -1;
-    int const * mx = p.m[0].data();
-    int const * my = p.m[1].data();
-    int const * mz = p.m[2].data();
-    for (int point = begin; point < end; ++point)
-    {
-      int const h = sp.holder[static_cast<std::size_t>(point)];
-      int const hx = mx[h], hy = my[h], hz = mz[h];
-      int const lh = p.lineOfXY[static_cast<std::size_t>(hx - p.lo[0]) * p.n[1] + (hy - p.lo[1])];
-      if (lh != line)
-      {
-        walk.setLine(lh);
-        line = lh;
-      }
-      walk.setNode(h);
-      double const * v = sp.valuesOf(point);
-      std::size_t const before = nodes.size();
-      for (int j = 0; j < walk.lineCount(); ++j)
-      {
-        int const b = walk.lineBegin(j);
-        if (b == walk.lineEnd(j))
-          continue;
-        int const dx = mx[b] - hx, dy = my[b] - hy;
-        if (dx < -reach || dx > reach || dy < -reach || dy > reach)
-          continue;
-        double const xy = norm * v[dx + reach] * v[w + dy + reach];
-        if (xy == 0.0)
-          continue;
-        walk.forEach(j, [&](int i, int) {
-          int const dz = mz[i] - hz;
-          if (dz >= -reach && dz <= reach)
-          {
-            double const value = xy * v[2 * w + dz + reach];
-            if (value != 0.0)
-            {
-              nodes.push_back(i);
-              values.push_back(value);
-            }
-          }
-        });
-      }
-      sp.pairStart[static_cast<std::size_t>(point) + 1] = static_cast<std::int64_t>(nodes.size() - before);
-    }
-  });
+  tf_forBlocks(points, tasks,
+               [&](int block, int begin, int end)
+               {
+                 std::vector<int> & nodes = blockNode[static_cast<std::size_t>(block)];
+                 std::vector<double> & values = blockValue[static_cast<std::size_t>(block)];
+                 tf_LineWalker walk(p, p, table);
+                 int line = -1;
+                 int const * mx = p.m[0].data();
+                 int const * my = p.m[1].data();
+                 int const * mz = p.m[2].data();
+                 for (int point = begin; point < end; ++point)
+                 {
+                   int const h = sp.holder[static_cast<std::size_t>(point)];
+                   int const hx = mx[h], hy = my[h], hz = mz[h];
+                   int const lh =
+                       p.lineOfXY[static_cast<std::size_t>(hx - p.lo[0]) * p.n[1] + (hy - p.lo[1])];
+                   if (lh != line)
+                   {
+                     walk.setLine(lh);
+                     line = lh;
+                   }
+                   walk.setNode(h);
+                   double const * v = sp.valuesOf(point);
+                   std::size_t const before = nodes.size();
+                   for (int j = 0; j < walk.lineCount(); ++j)
+                   {
+                     int const b = walk.lineBegin(j);
+                     if (b == walk.lineEnd(j))
+                       continue;
+                     int const dx = mx[b] - hx, dy = my[b] - hy;
+                     if (dx < -reach || dx > reach || dy < -reach || dy > reach)
+                       continue;
+                     double const xy = norm * v[dx + reach] * v[w + dy + reach];
+                     if (xy == 0.0)
+                       continue;
+                     walk.forEach(j,
+                                  [&](int i, int)
+                                  {
+                                    int const dz = mz[i] - hz;
+                                    if (dz >= -reach && dz <= reach)
+                                    {
+                                      double const value = xy * v[2 * w + dz + reach];
+                                      if (value != 0.0)
+                                      {
+                                        nodes.push_back(i);
+                                        values.push_back(value);
+                                      }
+                                    }
+                                  });
+                   }
+                   sp.pairStart[static_cast<std::size_t>(point) + 1] =
+                       static_cast<std::int64_t>(nodes.size() - before);
+                 }
+               });
   for (int i = 0; i < points; ++i)
     sp.pairStart[static_cast<std::size_t>(i) + 1] += sp.pairStart[static_cast<std::size_t>(i)];
   sp.pairNode.resize(static_cast<std::size_t>(sp.pairStart.back()));
   sp.pairValue.resize(sp.pairNode.size());
-  tf_forItems(blocks, tasks, [&](int block) {
-    std::size_t const at = static_cast<std::size_t>(sp.pairStart[static_cast<std::size_t>(block) * tf_blockSize]);
-    std::copy(blockNode[static_cast<std::size_t>(block)].begin(), blockNode[static_cast<std::size_t>(block)].end(),
-              sp.pairNode.begin() + static_cast<std::ptrdiff_t>(at));
-    std::copy(blockValue[static_cast<std::size_t>(block)].begin(), blockValue[static_cast<std::size_t>(block)].end(),
-              sp.pairValue.begin() + static_cast<std::ptrdiff_t>(at));
-    std::vector<int>().swap(blockNode[static_cast<std::size_t>(block)]);
-    std::vector<double>().swap(blockValue[static_cast<std::size_t>(block)]);
-  });
+  tf_forItems(blocks, tasks,
+              [&](int block)
+              {
+                std::size_t const at =
+                    static_cast<std::size_t>(sp.pairStart[static_cast<std::size_t>(block) * tf_blockSize]);
+                std::copy(blockNode[static_cast<std::size_t>(block)].begin(),
+                          blockNode[static_cast<std::size_t>(block)].end(),
+                          sp.pairNode.begin() + static_cast<std::ptrdiff_t>(at));
+                std::copy(blockValue[static_cast<std::size_t>(block)].begin(),
+                          blockValue[static_cast<std::size_t>(block)].end(),
+                          sp.pairValue.begin() + static_cast<std::ptrdiff_t>(at));
+                std::vector<int>().swap(blockNode[static_cast<std::size_t>(block)]);
+                std::vector<double>().swap(blockValue[static_cast<std::size_t>(block)]);
+              });
 }
 } // namespace
 
@@ -1067,38 +1106,47 @@ void CMultilevelPoissonSolver::prepareScreening()
     // Each sample's node and cell on every thread; the samples that fall
     // outside (or weigh nothing) are dropped afterwards, in order.
     std::vector<Member> members(samples);
-    tf_forBlocks(static_cast<int>(samples), taskCount(), [&](int, int begin, int end) {
-      for (int i = begin; i < end; ++i)
-      {
-        double const * q = &m_samplePoints[3 * static_cast<std::size_t>(i)];
-        double const wi = static_cast<std::size_t>(i) < m_sampleWeights.size() ? m_sampleWeights[i] : 1.0;
-        members[static_cast<std::size_t>(i)] = Member{-1, 0u, static_cast<std::size_t>(i)};
-        if (!(wi > 0.0) || !std::isfinite(wi) || !std::isfinite(q[0] + q[1] + q[2]))
-          continue;
-        int m[3];
-        std::uint64_t cell = 0;
-        for (int a = 0; a < 3; ++a)
-        {
-          double const u = (q[a] - boxMin[a]) / unit;
-          m[a] = static_cast<int>(std::floor((u - p.offset) / p.spacing + 0.5));
-          cell = cell * 2097152u + static_cast<std::uint64_t>(std::min(2097151.0, std::max(0.0, std::floor(u))));
-        }
-        int const node = tf_findNode(p, m);
-        if (node >= 0)
-          members[static_cast<std::size_t>(i)] = Member{node, finest ? cell : 0u, static_cast<std::size_t>(i)};
-      }
-    });
+    tf_forBlocks(static_cast<int>(samples), taskCount(),
+                 [&](int, int begin, int end)
+                 {
+                   for (int i = begin; i < end; ++i)
+                   {
+                     double const * q = &m_samplePoints[3 * static_cast<std::size_t>(i)];
+                     double const wi =
+                         static_cast<std::size_t>(i) < m_sampleWeights.size() ? m_sampleWeights[i] : 1.0;
+                     members[static_cast<std::size_t>(i)] = Member{-1, 0u, static_cast<std::size_t>(i)};
+                     if (!(wi > 0.0) || !std::isfinite(wi) || !std::isfinite(q[0] + q[1] + q[2]))
+                       continue;
+                     int m[3];
+                     std::uint64_t cell = 0;
+                     for (int a = 0; a < 3; ++a)
+                     {
+                       double const u = (q[a] - boxMin[a]) / unit;
+                       m[a] = static_cast<int>(std::floor((u - p.offset) / p.spacing + 0.5));
+                       cell = cell * 2097152u +
+                              static_cast<std::uint64_t>(std::min(2097151.0, std::max(0.0, std::floor(u))));
+                     }
+                     int const node = tf_findNode(p, m);
+                     if (node >= 0)
+                       members[static_cast<std::size_t>(i)] =
+                           Member{node, finest ? cell : 0u, static_cast<std::size_t>(i)};
+                   }
+                 });
     members.erase(std::remove_if(members.begin(), members.end(), [](Member const & x) { return x.node < 0; }),
                   members.end());
-    std::sort(members.begin(), members.end(), [](Member const & x, Member const & y) {
-      return x.node != y.node ? x.node < y.node : x.cell != y.cell ? x.cell < y.cell : x.sample < y.sample;
-    });
+    std::sort(members.begin(), members.end(),
+              [](Member const & x, Member const & y) {
+                return x.node != y.node   ? x.node < y.node
+                       : x.cell != y.cell ? x.cell < y.cell
+                                          : x.sample < y.sample;
+              });
     sp.firstPoint.assign(static_cast<std::size_t>(p.size()) + 1, 0);
     for (std::size_t k = 0; k < members.size();)
     {
       std::size_t e = k;
       double acc[4] = {0.0, 0.0, 0.0, 0.0};
-      for (; e < members.size() && members[e].node == members[k].node && members[e].cell == members[k].cell; ++e)
+      for (; e < members.size() && members[e].node == members[k].node && members[e].cell == members[k].cell;
+           ++e)
       {
         std::size_t const i = members[e].sample;
         double const wi = i < m_sampleWeights.size() ? m_sampleWeights[i] : 1.0;
@@ -1118,21 +1166,24 @@ void CMultilevelPoissonSolver::prepareScreening()
     int const total = sp.firstPoint.back();
     int const w = sp.width();
     sp.values.resize(static_cast<std::size_t>(total) * 3 * w);
-    tf_forBlocks(total, taskCount(), [&](int, int begin, int end) {
-      for (int point = begin; point < end; ++point)
-      {
-        int const node = sp.holder[static_cast<std::size_t>(point)];
-        int const m[3] = {p.m[0][node], p.m[1][node], p.m[2][node]};
-        double const * position = &sp.position[static_cast<std::size_t>(point) * 3];
-        double * out = &sp.values[static_cast<std::size_t>(point) * 3 * w];
-        for (int a = 0; a < 3; ++a)
-          for (int off = -reach; off <= reach; ++off)
-          {
-            double const centre = (static_cast<double>(m[a] + off) * p.spacing + p.offset) * unit + boxMin[a];
-            *out++ = k1.eval(0, (position[a] - centre) * p.scale);
-          }
-      }
-    });
+    tf_forBlocks(total, taskCount(),
+                 [&](int, int begin, int end)
+                 {
+                   for (int point = begin; point < end; ++point)
+                   {
+                     int const node = sp.holder[static_cast<std::size_t>(point)];
+                     int const m[3] = {p.m[0][node], p.m[1][node], p.m[2][node]};
+                     double const * position = &sp.position[static_cast<std::size_t>(point) * 3];
+                     double * out = &sp.values[static_cast<std::size_t>(point) * 3 * w];
+                     for (int a = 0; a < 3; ++a)
+                       for (int off = -reach; off <= reach; ++off)
+                       {
+                         double const centre =
+                             (static_cast<double>(m[a] + off) * p.spacing + p.offset) * unit + boxMin[a];
+                         *out++ = k1.eval(0, (position[a] - centre) * p.scale);
+                       }
+                   }
+                 });
     tf_screenPairs(p, m_tables[static_cast<std::size_t>(l * depths + l)], sp, taskCount());
     // The diagonal of the screening operator: sum of weight * F_o(point)^2.
     sp.diagonal.assign(static_cast<std::size_t>(p.size()), 0.0);
@@ -1147,7 +1198,8 @@ void CMultilevelPoissonSolver::prepareScreening()
   }
 }
 
-void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x, std::vector<char> const & active,
+void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x,
+                                            std::vector<char> const & active,
                                             std::vector<std::vector<double>> const & target,
                                             CProgressCounter * progress)
 {
@@ -1174,7 +1226,8 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
 
   std::vector<double> nodeOrder(m_localIndex.size());
   auto nodeOrderValues = [&](std::vector<std::vector<double>> const & xl, std::vector<double> const & points,
-                             std::vector<double> * out) {
+                             std::vector<double> * out)
+  {
     for (int q = 0; q < depths; ++q)
     {
       SLevel const & p = m_levels[static_cast<std::size_t>(q)];
@@ -1183,13 +1236,13 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
     }
     m_pointEvaluator->evaluate(nodeOrder, points, out);
   };
-  auto values = [&](int l, std::vector<double> * out) {
-    nodeOrderValues(x, m_screen[static_cast<std::size_t>(l)].position, out);
-  };
+  auto values = [&](int l, std::vector<double> * out)
+  { nodeOrderValues(x, m_screen[static_cast<std::size_t>(l)].position, out); };
   // The level: the weighted mean of X at the finest depth's points, before
   // the pull. Its weighted root mean square deviation measures the pull.
   std::vector<double> v;
-  auto deviation = [&](double level) {
+  auto deviation = [&](double level)
+  {
     double num = 0.0, den = 0.0;
     for (std::size_t i = 0; i < v.size(); ++i)
     {
@@ -1256,15 +1309,17 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
       std::vector<double> sum(count, 0.0);
       std::vector<int> near(count, 0);
       SPairTables const & t = m_tables[static_cast<std::size_t>(finest * depths + finest)];
-      tf_forPointsNear(pf, t, spf.holder.data(), 0, static_cast<int>(count), 1, [&](int point, int o, int, int, int) {
-        for (int j = spf.firstPoint[static_cast<std::size_t>(o)]; j < spf.firstPoint[static_cast<std::size_t>(o) + 1];
-             ++j)
-          if (j != point)
-          {
-            sum[static_cast<std::size_t>(point)] += v[static_cast<std::size_t>(j)];
-            ++near[static_cast<std::size_t>(point)];
-          }
-      });
+      tf_forPointsNear(pf, t, spf.holder.data(), 0, static_cast<int>(count), 1,
+                       [&](int point, int o, int, int, int)
+                       {
+                         for (int j = spf.firstPoint[static_cast<std::size_t>(o)];
+                              j < spf.firstPoint[static_cast<std::size_t>(o) + 1]; ++j)
+                           if (j != point)
+                           {
+                             sum[static_cast<std::size_t>(point)] += v[static_cast<std::size_t>(j)];
+                             ++near[static_cast<std::size_t>(point)];
+                           }
+                       });
       for (std::size_t point = 0; point < count; ++point)
         if (near[point] > 0)
           residuals.push_back(std::fabs(v[point] - sum[point] / near[point]) / g);
@@ -1322,39 +1377,46 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
   // beats a gather over the nodes); one buffer per task, added in order.
   std::vector<double> pointValue(static_cast<std::size_t>(points));
   std::vector<std::vector<double>> buffers(static_cast<std::size_t>(std::max(1, std::min(tasks, 8))));
-  auto scatterToNodes = [&](double const * y, double * out) {
+  auto scatterToNodes = [&](double const * y, double * out)
+  {
     int const parts = static_cast<int>(buffers.size());
-    tf_forItems(parts, tasks, [&](int part) {
-      std::vector<double> & buffer = buffers[static_cast<std::size_t>(part)];
-      buffer.assign(static_cast<std::size_t>(n), 0.0);
-      int const begin = static_cast<int>(static_cast<long long>(points) * part / parts);
-      int const end = static_cast<int>(static_cast<long long>(points) * (part + 1) / parts);
-      for (int point = begin; point < end; ++point)
-      {
-        double const wy = sp.weight[static_cast<std::size_t>(point)] * y[point];
-        for (std::int64_t k = pairStart[static_cast<std::size_t>(point)];
-             k < pairStart[static_cast<std::size_t>(point) + 1]; ++k)
-          buffer[static_cast<std::size_t>(pairNode[static_cast<std::size_t>(k)])] +=
-              wy * pairValue[static_cast<std::size_t>(k)];
-      }
-    });
+    tf_forItems(parts, tasks,
+                [&](int part)
+                {
+                  std::vector<double> & buffer = buffers[static_cast<std::size_t>(part)];
+                  buffer.assign(static_cast<std::size_t>(n), 0.0);
+                  int const begin = static_cast<int>(static_cast<long long>(points) * part / parts);
+                  int const end = static_cast<int>(static_cast<long long>(points) * (part + 1) / parts);
+                  for (int point = begin; point < end; ++point)
+                  {
+                    double const wy = sp.weight[static_cast<std::size_t>(point)] * y[point];
+                    for (std::int64_t k = pairStart[static_cast<std::size_t>(point)];
+                         k < pairStart[static_cast<std::size_t>(point) + 1]; ++k)
+                      buffer[static_cast<std::size_t>(pairNode[static_cast<std::size_t>(k)])] +=
+                          wy * pairValue[static_cast<std::size_t>(k)];
+                  }
+                });
     std::copy(buffers[0].begin(), buffers[0].end(), out);
     for (std::size_t part = 1; part < buffers.size(); ++part)
       for (int k = 0; k < n; ++k)
         out[k] += buffers[part][static_cast<std::size_t>(k)];
   };
   // y[point] = sum over nodes near the point of F_o(point) * d[o].
-  auto gatherAtPoints = [&](double const * d, double * y) {
-    tf_forBlocks(points, tasks, [&](int, int begin, int end) {
-      for (int point = begin; point < end; ++point)
-      {
-        double sum = 0.0;
-        for (std::int64_t k = pairStart[static_cast<std::size_t>(point)];
-             k < pairStart[static_cast<std::size_t>(point) + 1]; ++k)
-          sum += pairValue[static_cast<std::size_t>(k)] * d[pairNode[static_cast<std::size_t>(k)]];
-        y[point] = sum;
-      }
-    });
+  auto gatherAtPoints = [&](double const * d, double * y)
+  {
+    tf_forBlocks(points, tasks,
+                 [&](int, int begin, int end)
+                 {
+                   for (int point = begin; point < end; ++point)
+                   {
+                     double sum = 0.0;
+                     for (std::int64_t k = pairStart[static_cast<std::size_t>(point)];
+                          k < pairStart[static_cast<std::size_t>(point) + 1]; ++k)
+                       sum +=
+                           pairValue[static_cast<std::size_t>(k)] * d[pairNode[static_cast<std::size_t>(k)]];
+                     y[point] = sum;
+                   }
+                 });
   };
 
   // The residual of the screened equations of this depth.
@@ -1385,7 +1447,8 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
   int it = 0;
   for (; it < cap && r0 > 0.0; ++it)
   {
-    tf_sameDepthProduct(p, m_tables[static_cast<std::size_t>(l * depths + l)], dir.data(), q.data(), false, tasks);
+    tf_sameDepthProduct(p, m_tables[static_cast<std::size_t>(l * depths + l)], dir.data(), q.data(), false,
+                        tasks);
     gatherAtPoints(dir.data(), pointValue.data());
     scatterToNodes(pointValue.data(), sq.data());
     for (int k = 0; k < n; ++k)
@@ -1441,13 +1504,14 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
   // With screening, its sweeps take the last tenth of the progress.
   double const share = m_settings.screening > 0.0 && m_pointEvaluator ? 0.9 : 1.0;
   std::vector<double> r, z, dir, q, delta;
-  auto relax = [&](int l) {
+  auto relax = [&](int l)
+  {
     SLevel const & p = m_levels[l];
     int const n = p.size();
     if (n == 0)
       return;
     // The depth's residual against all depths' present solution.
-      r.assign(static_cast<std::size_t>(n), 0.0);
+    r.assign(static_cast<std::size_t>(n), 0.0);
     tf_depthProduct(m_levels, m_tables, l, x, active, r.data(), tasks);
     for (int k = 0; k < n; ++k)
       r[k] = target[l][k] - r[k];
@@ -1469,7 +1533,8 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     bool converged = !(r0 > 0.0);
     while (!converged && it < cap)
     {
-      tf_sameDepthProduct(p, m_tables[static_cast<std::size_t>(l * depths + l)], dir.data(), q.data(), false, tasks);
+      tf_sameDepthProduct(p, m_tables[static_cast<std::size_t>(l * depths + l)], dir.data(), q.data(), false,
+                          tasks);
       double const pq = tf_dot(dir.data(), q.data(), n, tasks);
       if (!(pq > 0.0) || !std::isfinite(pq))
         break;
@@ -1495,8 +1560,9 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
         progress->SetPosFloat(
             std::min(1.0, share * (done + static_cast<double>(n) * std::min(1.0, it / 20.0)) / work));
     }
-    if (!converged && r0 > 0.0 && std::find(m_report.cappedDepths.begin(), m_report.cappedDepths.end(), p.depth) ==
-                                      m_report.cappedDepths.end())
+    if (!converged && r0 > 0.0 &&
+        std::find(m_report.cappedDepths.begin(), m_report.cappedDepths.end(), p.depth) ==
+            m_report.cappedDepths.end())
       m_report.cappedDepths.push_back(p.depth);
     m_report.iterationsPerDepth[l] += it;
     for (int k = 0; k < n; ++k)
@@ -1511,7 +1577,8 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     relax(l);
   // With screening, the last cycle leaves its finest depths to the screened
   // relaxations, which come right after and would redo them.
-  bool const screening = m_settings.screening > 0.0 && m_pointEvaluator && depths > 0 && !m_samplePoints.empty();
+  bool const screening =
+      m_settings.screening > 0.0 && m_pointEvaluator && depths > 0 && !m_samplePoints.empty();
   int const screenedFrom = screening ? std::max(1, depths - std::max(0, m_settings.screenedDepths)) : depths;
   for (int cycle = 0; cycle < m_settings.vCycles; ++cycle)
   {
@@ -1565,8 +1632,9 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     {
       std::ostringstream screening;
       screening << "Multilevel screening scatter, weight, level, deviation before, after: "
-                << m_report.screeningScatter << ", " << m_report.screeningWeight << ", " << m_report.screeningLevel
-                << ", " << m_report.screeningDeviationBefore << ", " << m_report.screeningDeviationAfter;
+                << m_report.screeningScatter << ", " << m_report.screeningWeight << ", "
+                << m_report.screeningLevel << ", " << m_report.screeningDeviationBefore << ", "
+                << m_report.screeningDeviationAfter;
       screening << "; steps";
       for (int it : m_report.screeningIterations)
         screening << " " << it;
