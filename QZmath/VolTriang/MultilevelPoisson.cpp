@@ -1503,18 +1503,44 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
 
   // With screening, its sweeps take the last tenth of the progress.
   double const share = m_settings.screening > 0.0 && m_pointEvaluator ? 0.9 : 1.0;
+  // Each depth's residual is kept from its last relaxation and brought up to
+  // date with what the other depths changed since, rather than formed again
+  // from all depths: within a V-cycle a depth going down has seen only its
+  // finer depths change, going up only its coarser ones, so every relaxation
+  // applies the couplings of one side, half the work of both. `sinceUp`
+  // holds a depth's change since the start of its last upward (or first)
+  // relaxation, `inCycle` its change in the present cycle.
+  enum class Pass
+  {
+    first,
+    down,
+    up
+  };
+  std::vector<std::vector<double>> residual(target.size()), sinceUp(target.size()), inCycle(target.size());
+  std::vector<char> side(static_cast<std::size_t>(depths), 0);
   std::vector<double> r, z, dir, q, delta;
-  auto relax = [&](int l)
+  auto relax = [&](int l, Pass pass)
   {
     SLevel const & p = m_levels[l];
     int const n = p.size();
     if (n == 0)
       return;
-    // The depth's residual against all depths' present solution.
     r.assign(static_cast<std::size_t>(n), 0.0);
-    tf_depthProduct(m_levels, m_tables, l, x, active, r.data(), tasks);
-    for (int k = 0; k < n; ++k)
-      r[k] = target[l][k] - r[k];
+    if (pass == Pass::first)
+    {
+      // The finer depths are still zero: the coarser ones' solution is all.
+      tf_depthProduct(m_levels, m_tables, l, x, active, r.data(), tasks);
+      for (int k = 0; k < n; ++k)
+        r[k] = target[l][k] - r[k];
+    }
+    else
+    {
+      for (int o = 0; o < depths; ++o)
+        side[o] = active[o] && (pass == Pass::down ? o > l : o < l);
+      tf_depthProduct(m_levels, m_tables, l, pass == Pass::down ? sinceUp : inCycle, side, r.data(), tasks);
+      for (int k = 0; k < n; ++k)
+        r[k] = residual[l][k] - r[k];
+    }
 
     bool const small = n <= m_settings.smallDepthNodes;
     int const cap = small ? std::max(1000, m_settings.maxIterations) : m_settings.maxIterations;
@@ -1567,6 +1593,18 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     m_report.iterationsPerDepth[l] += it;
     for (int k = 0; k < n; ++k)
       x[l][k] += delta[k];
+    // The conjugate gradients' residual is the depth's residual after the
+    // step (up to rounding).
+    residual[l].swap(r);
+    if (pass == Pass::down)
+      for (int k = 0; k < n; ++k)
+        sinceUp[l][k] += delta[k];
+    else
+      sinceUp[l] = delta;
+    if (pass == Pass::first)
+      inCycle[l].assign(static_cast<std::size_t>(n), 0.0);
+    for (int k = 0; k < n; ++k)
+      inCycle[l][k] += delta[k];
     active[l] = 1;
     done += n;
     if (progress)
@@ -1574,7 +1612,7 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
   };
 
   for (int l = 0; l < depths; ++l)
-    relax(l);
+    relax(l, Pass::first);
   // With screening, the last cycle leaves its finest depths to the screened
   // relaxations, which come right after and would redo them.
   bool const screening =
@@ -1582,11 +1620,13 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
   int const screenedFrom = screening ? std::max(1, depths - std::max(0, m_settings.screenedDepths)) : depths;
   for (int cycle = 0; cycle < m_settings.vCycles; ++cycle)
   {
+    for (std::vector<double> & d : inCycle)
+      std::fill(d.begin(), d.end(), 0.0);
     for (int l = depths - 2; l >= 0; --l)
-      relax(l);
+      relax(l, Pass::down);
     int const top = cycle + 1 == m_settings.vCycles ? screenedFrom : depths;
     for (int l = 1; l < top; ++l)
-      relax(l);
+      relax(l, Pass::up);
   }
 
   if (screening)
