@@ -562,6 +562,78 @@ void tf_forPointsNear(SLevel const & p, SPairTables const & t, int const * holde
   }
 }
 
+// values[i] += the part of X that the nodes of level p carry, with
+// coefficients c (one per node of the level), at point i: the sum of
+// c_o s^3 k(s (x - c_o,x)) k(s (y - c_o,y)) k(s (z - c_o,z)) over the nodes
+// in reach, found on the lines of the level around the point. Points close
+// together in the list share lines and cache lines.
+void tf_addLevelValues(SLevel const & p, tf_Kernel1D const & k1, double const * boxMin, double unit,
+                       double const * c, double const * points, int count, double * values, int tasks)
+{
+  if (p.size() == 0 || count <= 0)
+    return;
+  double const s = p.scale, norm = s * s * s;
+  double const nodeStep = p.spacing * unit;
+  double const reach = k1.reach() / (s * nodeStep); // in node steps
+  tf_forBlocks(
+      count, tasks,
+      [&](int, int begin, int end)
+      {
+        int const * mz = p.m[2].data();
+        for (int i = begin; i < end; ++i)
+        {
+          double const * q = points + 3 * static_cast<std::size_t>(i);
+          int lo[3], size[3];
+          double v[3][tf_maxWindow];
+          bool reached = true;
+          for (int a = 0; a < 3 && reached; ++a)
+          {
+            double const u = (q[a] - boxMin[a]) / nodeStep - static_cast<double>(p.offset) / p.spacing;
+            if (!(std::fabs(u) < 1e9))
+            {
+              reached = false;
+              break;
+            }
+            lo[a] = static_cast<int>(std::ceil(u - reach));
+            int const hi = std::min(static_cast<int>(std::floor(u + reach)), lo[a] + tf_maxWindow - 1);
+            size[a] = hi - lo[a] + 1;
+            for (int k = 0; k < size[a]; ++k)
+            {
+              double const centre =
+                  (static_cast<double>(lo[a] + k) * p.spacing + p.offset) * unit + boxMin[a];
+              v[a][k] = k1.eval(0, (q[a] - centre) * s);
+            }
+            reached = size[a] > 0;
+          }
+          if (!reached)
+            continue;
+          double sum = 0.0;
+          for (int ix = 0; ix < size[0]; ++ix)
+          {
+            int const x = lo[0] + ix - p.lo[0];
+            if (x < 0 || x >= p.n[0] || v[0][ix] == 0.0)
+              continue;
+            for (int iy = 0; iy < size[1]; ++iy)
+            {
+              int const y = lo[1] + iy - p.lo[1];
+              if (y < 0 || y >= p.n[1])
+                continue;
+              int const line = p.lineOfXY[static_cast<std::size_t>(x) * p.n[1] + y];
+              if (line < 0)
+                continue;
+              double const xy = v[0][ix] * v[1][iy];
+              int const e = p.lineStart[static_cast<std::size_t>(line) + 1];
+              int k = static_cast<int>(
+                  std::lower_bound(mz + p.lineStart[static_cast<std::size_t>(line)], mz + e, lo[2]) - mz);
+              for (; k < e && mz[k] < lo[2] + size[2]; ++k)
+                sum += c[k] * (xy * v[2][mz[k] - lo[2]]);
+            }
+          }
+          values[i] += norm * sum;
+        }
+      });
+}
+
 double tf_dot(double const * a, double const * b, int n, int tasks)
 {
   std::vector<double> partial(static_cast<std::size_t>((n + tf_blockSize - 1) / tf_blockSize), 0.0);
@@ -951,12 +1023,10 @@ void CMultilevelPoissonSolver::apply(std::vector<double> const & x, std::vector<
 }
 
 void CMultilevelPoissonSolver::setScreeningSamples(std::vector<double> const & points,
-                                                   std::vector<double> const & weights,
-                                                   IMultilevelPointEvaluator * evaluator)
+                                                   std::vector<double> const & weights)
 {
   m_samplePoints = points;
   m_sampleWeights = weights;
-  m_pointEvaluator = evaluator;
 }
 
 namespace
@@ -1224,20 +1294,20 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
     return;
   double weight = m_settings.screening;
 
-  std::vector<double> nodeOrder(m_localIndex.size());
-  auto nodeOrderValues = [&](std::vector<std::vector<double>> const & xl, std::vector<double> const & points,
-                             std::vector<double> * out)
+  // X at points, from all depths' present coefficients.
+  tf_Kernel1D const k1(m_kernel);
+  auto addValues = [&](int l, double const * c, std::vector<double> const & points, std::vector<double> * out)
   {
-    for (int q = 0; q < depths; ++q)
-    {
-      SLevel const & p = m_levels[static_cast<std::size_t>(q)];
-      for (int k = 0; k < p.size(); ++k)
-        nodeOrder[static_cast<std::size_t>(p.node[k])] = xl[static_cast<std::size_t>(q)][k];
-    }
-    m_pointEvaluator->evaluate(nodeOrder, points, out);
+    tf_addLevelValues(m_levels[static_cast<std::size_t>(l)], k1, m_octree.getBoxMin(), m_octree.getUnit(), c,
+                      points.data(), static_cast<int>(out->size()), out->data(), taskCount());
   };
-  auto values = [&](int l, std::vector<double> * out)
-  { nodeOrderValues(x, m_screen[static_cast<std::size_t>(l)].position, out); };
+  auto valuesAt = [&](std::vector<double> const & points, std::vector<double> * out)
+  {
+    out->assign(points.size() / 3, 0.0);
+    for (int l = 0; l < depths; ++l)
+      if (active[static_cast<std::size_t>(l)])
+        addValues(l, x[static_cast<std::size_t>(l)].data(), points, out);
+  };
   // The level: the weighted mean of X at the finest depth's points, before
   // the pull. Its weighted root mean square deviation measures the pull.
   std::vector<double> v;
@@ -1267,7 +1337,7 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
   {
     std::vector<double> points(spf.position);
     points.insert(points.end(), probe.begin(), probe.end());
-    nodeOrderValues(x, points, &v);
+    valuesAt(points, &v);
     probeValues.assign(v.begin() + static_cast<std::ptrdiff_t>(count), v.end());
     v.resize(count);
   }
@@ -1337,19 +1407,31 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
   double const alphaFinest = weight * std::fabs(pf.diagonal) / (diagonalSum / diagonalCount);
   int const steps = std::max(1, m_settings.screenSweeps) * static_cast<int>(screened.size());
   int step = 0;
+  // X at the points of every screened depth, kept up to date with the change
+  // of each screened relaxation: one depth's part is a fraction of the cost
+  // of all depths'.
+  std::vector<std::vector<double>> at(static_cast<std::size_t>(depths));
+  for (int l : screened)
+    if (l != finest)
+      valuesAt(m_screen[static_cast<std::size_t>(l)].position, &at[static_cast<std::size_t>(l)]);
+  at[static_cast<std::size_t>(finest)].swap(v);
+  std::vector<double> change;
   for (int sweep = 0; sweep < std::max(1, m_settings.screenSweeps); ++sweep)
     for (int l : screened)
     {
-      std::vector<double> at;
-      values(l, &at);
       double const alpha = alphaFinest * std::ldexp(1.0, l - finest);
-      screenDepth(l, x, active, target, alpha, level, at);
+      screenDepth(l, x, active, target, alpha, level, at[static_cast<std::size_t>(l)], &change);
+      bool const last = ++step == steps;
+      for (int m : screened)
+        if (!last || (m == finest && m_settings.reportResidual))
+          addValues(l, change.data(), m_screen[static_cast<std::size_t>(m)].position,
+                    &at[static_cast<std::size_t>(m)]);
       if (progress)
-        progress->SetPosFloat(std::min(1.0, 0.9 + 0.1 * (++step) / steps));
+        progress->SetPosFloat(std::min(1.0, 0.9 + 0.1 * step / steps));
     }
   if (m_settings.reportResidual)
   {
-    values(finest, &v);
+    v.swap(at[static_cast<std::size_t>(finest)]);
     m_report.screeningDeviationAfter = deviation(level);
   }
 }
@@ -1360,7 +1442,8 @@ void CMultilevelPoissonSolver::screenSweeps(std::vector<std::vector<double>> & x
 void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double>> & x,
                                            std::vector<char> const & active,
                                            std::vector<std::vector<double>> const & target, double alpha,
-                                           double level, std::vector<double> const & values)
+                                           double level, std::vector<double> const & values,
+                                           std::vector<double> * change)
 {
   SLevel const & p = m_levels[static_cast<std::size_t>(l)];
   SScreenPoints const & sp = m_screen[static_cast<std::size_t>(l)];
@@ -1475,6 +1558,7 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
   m_report.screeningIterations.push_back(it);
   for (int k = 0; k < n; ++k)
     x[static_cast<std::size_t>(l)][k] += delta[k];
+  change->swap(delta);
 }
 
 bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vector<double> * result,
@@ -1502,7 +1586,7 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
   m_report.iterationsPerDepth.assign(static_cast<std::size_t>(depths), 0);
 
   // With screening, its sweeps take the last tenth of the progress.
-  double const share = m_settings.screening > 0.0 && m_pointEvaluator ? 0.9 : 1.0;
+  double const share = m_settings.screening > 0.0 && !m_samplePoints.empty() ? 0.9 : 1.0;
   // Each depth's residual is kept from its last relaxation and brought up to
   // date with what the other depths changed since, rather than formed again
   // from all depths: within a V-cycle a depth going down has seen only its
@@ -1615,8 +1699,7 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
     relax(l, Pass::first);
   // With screening, the last cycle leaves its finest depths to the screened
   // relaxations, which come right after and would redo them.
-  bool const screening =
-      m_settings.screening > 0.0 && m_pointEvaluator && depths > 0 && !m_samplePoints.empty();
+  bool const screening = m_settings.screening > 0.0 && depths > 0 && !m_samplePoints.empty();
   int const screenedFrom = screening ? std::max(1, depths - std::max(0, m_settings.screenedDepths)) : depths;
   for (int cycle = 0; cycle < m_settings.vCycles; ++cycle)
   {

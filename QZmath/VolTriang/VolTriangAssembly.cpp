@@ -638,32 +638,6 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveEquation(tf_CLogLi
 
 // ---------------------------------------------------------------- multilevel solve
 
-namespace
-{
-// X at points for the screening, through the block evaluator (block by block,
-// on every physical thread).
-class tf_PointEvaluator : public IMultilevelPointEvaluator
-{
-public:
-  explicit tf_PointEvaluator(tf_Basis const * basis) : m_basis(basis) {}
-  void evaluate(std::vector<double> const & x, std::vector<double> const & points,
-                std::vector<double> * values) override
-  {
-    tf_LinComb comb(m_basis);
-    for (std::size_t i = 0; i < x.size(); ++i)
-      comb.setBasisCoefficient(static_cast<int>(i), x[i]);
-    COctree const & octree = m_basis->getOctreeRef();
-    COctreeFuncBlockEvaluator const fast(comb,
-                                         8.0 * octree.getCellSize(std::max(0, octree.getNodeDepthEnd() - 1)));
-    values->resize(points.size() / 3);
-    fast.evalMany(points.data(), values->size(), values->data());
-  }
-
-private:
-  tf_Basis const * m_basis;
-};
-} // namespace
-
 std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt::CMultiPhaseManager & phases,
                                                                          tf_CLogLine const & log,
                                                                          std::unique_ptr<tf_LinComb> const * field)
@@ -672,7 +646,6 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt:
   log.text("Use CMultilevelPoissonSolver");
   std::unique_ptr<CMultilevelPoissonSolver> solver;
   std::vector<double> right;
-  tf_PointEvaluator evaluator(m_basis.get());
   {
     VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "right_part");
     log("System size", n);
@@ -713,7 +686,7 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt:
         if (m_params.getVariableDensity() && static_cast<std::size_t>(i) < m_densityWeights.size())
           weights[static_cast<std::size_t>(i)] = m_densityWeights[static_cast<std::size_t>(i)];
       }
-      solver->setScreeningSamples(points, weights, &evaluator);
+      solver->setScreeningSamples(points, weights);
     }
   }
 

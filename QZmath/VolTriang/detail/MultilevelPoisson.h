@@ -68,17 +68,6 @@ struct SMultilevelSolveSettings
   bool screeningAdaptive = true;
 };
 
-/// The value of the present function at points, for the screening: the solver
-/// knows its coefficients, not how to evaluate their sum at a point.
-class IMultilevelPointEvaluator
-{
-public:
-  virtual ~IMultilevelPointEvaluator() = default;
-  /// values[i] = X(points[3 i .. 3 i + 2]) for the coefficients x (node order).
-  virtual void evaluate(std::vector<double> const & x, std::vector<double> const & points,
-                        std::vector<double> * values) = 0;
-};
-
 /// What a solve did, for the log and the tests.
 struct SMultilevelSolveReport
 {
@@ -132,9 +121,8 @@ public:
 
   /// The samples for the screening (positions, three per sample, and
   /// weights), used when the settings ask for it. They are merged per cell
-  /// of every screened depth. The evaluator must outlive the solve.
-  void setScreeningSamples(std::vector<double> const & points, std::vector<double> const & weights,
-                           IMultilevelPointEvaluator * evaluator);
+  /// of every screened depth.
+  void setScreeningSamples(std::vector<double> const & points, std::vector<double> const & weights);
 
   SMultilevelSolveReport const & report() const { return m_report; }
 
@@ -148,7 +136,7 @@ private:
                     std::vector<std::vector<double>> const & target, CProgressCounter * progress);
   void screenDepth(int l, std::vector<std::vector<double>> & x, std::vector<char> const & active,
                    std::vector<std::vector<double>> const & target, double alpha, double level,
-                   std::vector<double> const & values);
+                   std::vector<double> const & values, std::vector<double> * change);
   int taskCount() const;
   SPairTables const & tables(int fine, int coarse) const;
 
@@ -163,7 +151,6 @@ private:
   std::vector<int> m_localIndex;
   SMultilevelSolveReport m_report;
   std::vector<double> m_samplePoints, m_sampleWeights;
-  IMultilevelPointEvaluator * m_pointEvaluator = nullptr;
   std::vector<SScreenPoints> m_screen; // per level, when screened
 };
 } // namespace VolTr
