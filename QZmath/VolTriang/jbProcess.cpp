@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <sys/mman.h>
 #include <vector>
 
 namespace VolTr
@@ -241,7 +242,8 @@ jbCornerlist * jbProcess::setcorner(int i, int j, int k)
       return c;
     }
     Point3D_d const p = setpoint(i, j, k);
-    c->value = m_deferred->lattice ? m_deferred->lattice->corner(i, j, k, p, &c->flag) : (*function)(p, &c->flag);
+    c->value =
+        m_deferred->lattice ? m_deferred->lattice->corner(i, j, k, p, &c->flag) : (*function)(p, &c->flag);
     m_deferred->corners.insert(key, c);
     return c;
   }
@@ -404,7 +406,8 @@ int jbProcess::vertid(jbCornerlist * c1, jbCornerlist * c2)
     bool const forward = lexLess(c1->i, c1->j, c1->k, c2->i, c2->j, c2->k);
     jbCornerlist * first = forward ? c1 : c2;
     jbCornerlist * second = forward ? c2 : c1;
-    int const code = jbDeferred::forwardSlot(second->i - first->i, second->j - first->j, second->k - first->k);
+    int const code =
+        jbDeferred::forwardSlot(second->i - first->i, second->j - first->j, second->k - first->k);
     if (code >= 0)
     {
       slot = &jbDeferred::record(first)->edges[code];
@@ -433,6 +436,8 @@ int jbProcess::vertid(jbCornerlist * c1, jbCornerlist * c2)
   }
   else
     v.position = converge(setpoint(c1->i, c1->j, c1->k), setpoint(c2->i, c2->j, c2->k), c1->value);
+  if (m_mappedVertexBytes && vertices.count >= vertices.capacity)
+    addVertexRoom();
   int const index = vertices.add(v);
   if (slot)
     *slot = index;
@@ -561,11 +566,24 @@ void jbProcess::begin(jbFunction & f, double s, jbTriangleProcessor & sink)
     // Room for the vertices of a surface as large as the box's (a surface
     // crosses fewer cubes): only the pages written become memory, and the
     // list is never copied to a larger one while the walk fills it.
+    // The room is mapped apart from the heap: a block this size on the heap
+    // would push everything allocated after it onto fresh pages above it,
+    // while the holes the solve left below went unused.
     double const room =
         6.0 * bounds[0] * bounds[1] + 6.0 * bounds[1] * bounds[2] + 6.0 * bounds[2] * bounds[0];
     if (room >= 1024 && room <= (1 << 25))
-      if (void * p = std::malloc(static_cast<std::size_t>(room) * sizeof(jbVertex)))
+    {
+      std::size_t const bytes = static_cast<std::size_t>(room) * sizeof(jbVertex);
+      void * p =
+          mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+      if (p != MAP_FAILED)
+      {
+        // Written front to back: large pages take one fault per 2 MiB.
+        madvise(p, bytes, MADV_HUGEPAGE);
+        m_mappedVertexBytes = bytes;
         vertices = jbVertices{0, static_cast<int>(room), static_cast<jbVertex *>(p)};
+      }
+    }
     return; // the walk keeps its own tables
   }
   centers = jbAlloc<jbCenterlist *>(CENTERS_TABLE_SIZE);
@@ -746,8 +764,8 @@ int jbProcess::polygonizeDeferred(jbFunction & f, double s, int * b, Point3D_d s
     m_deferred->solver = &solver;
     m_deferred->batch = batchVertices > 0 ? batchVertices : 1;
     m_deferred->lattice = lattice;
-    m_deferred->packed = b && std::abs(b[0]) <= PACK_LIMIT && std::abs(b[1]) <= PACK_LIMIT &&
-                         std::abs(b[2]) <= PACK_LIMIT;
+    m_deferred->packed =
+        b && std::abs(b[0]) <= PACK_LIMIT && std::abs(b[1]) <= PACK_LIMIT && std::abs(b[2]) <= PACK_LIMIT;
     int const result = polygonize(f, s, b, startPoint, sink);
     // A refused triangle can leave a batch in flight: it must end before its
     // buffers go, and so must the valuing of corners offered ahead.
@@ -852,11 +870,27 @@ void jbProcess::freeprocess()
   tf_freeTable(centers, CENTERS_TABLE_SIZE);
   tf_freeTable(corners, CORNERS_TABLE_SIZE);
   tf_freeTable(edges, EDGES_TABLE_SIZE);
-  if (vertices.items)
-  {
+  if (m_mappedVertexBytes)
+    munmap(vertices.items, m_mappedVertexBytes);
+  else if (vertices.items)
     std::free(vertices.items);
-    vertices = jbVertices{0, 0, nullptr};
-  }
+  vertices = jbVertices{0, 0, nullptr};
+  m_mappedVertexBytes = 0;
+}
+
+// A mapped vertex list doubles in place or moves its pages, never copies.
+void jbProcess::addVertexRoom()
+{
+  std::size_t const bytes = 2 * m_mappedVertexBytes;
+  if (vertices.capacity > (1 << 29) || bytes / sizeof(jbVertex) > static_cast<std::size_t>(1 << 30))
+    throw std::bad_alloc();
+  void * p = mremap(vertices.items, m_mappedVertexBytes, bytes, MREMAP_MAYMOVE);
+  if (p == MAP_FAILED)
+    throw std::bad_alloc();
+  madvise(p, bytes, MADV_HUGEPAGE);
+  vertices.items = static_cast<jbVertex *>(p);
+  vertices.capacity = static_cast<int>(bytes / sizeof(jbVertex));
+  m_mappedVertexBytes = bytes;
 }
 
 void jbProcess::freeCubes()

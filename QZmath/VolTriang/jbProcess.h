@@ -240,5 +240,9 @@ private:
   std::uint32_t m_randState;
   /// The pending vertices and triangles of a deferred walk; null otherwise.
   jbDeferred * m_deferred;
+  /// The bytes mapped for the vertex list of a deferred walk, which holds it
+  /// in pages of its own rather than on the heap; 0 when on the heap.
+  std::size_t m_mappedVertexBytes = 0;
+  void addVertexRoom();
 };
 } // namespace VolTr
