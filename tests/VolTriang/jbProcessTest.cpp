@@ -42,6 +42,20 @@ struct Torus : jbFunction
   }
 };
 
+// A gyroid of the given period: one connected surface through most cubes.
+struct Gyroid : jbFunction
+{
+  double k;
+  explicit Gyroid(double period) : k(2 * M_PI / period) {}
+  double operator()(Point3D_d const & p, int * flag) override
+  {
+    if (flag)
+      *flag = 0;
+    double const x = k * p.x(), y = k * p.y(), z = k * p.z();
+    return std::sin(x) * std::cos(y) + std::sin(y) * std::cos(z) + std::sin(z) * std::cos(x);
+  }
+};
+
 struct Constant : jbFunction
 {
   double v;
@@ -309,15 +323,24 @@ TEST(jbProcess, DeferredVerticesGiveTheSameSequence)
 {
   Sphere f(0.7, 0.1, -0.2, 0.3);
   Torus t(0.6, 0.25);
-  int bounds[3] = {50, 50, 50};
-  for (jbFunction * g : {static_cast<jbFunction *>(&f), static_cast<jbFunction *>(&t)})
+  // The gyroid in a box of 8 cubes each way has more vertices than the
+  // deferred walk makes room for (6 (b0 b1 + b1 b2 + b2 b0)): the list grows.
+  Gyroid y(0.15);
+  int bounds[3] = {50, 50, 50}, small[3] = {8, 8, 8};
+  for (jbFunction * g :
+       {static_cast<jbFunction *>(&f), static_cast<jbFunction *>(&t), static_cast<jbFunction *>(&y)})
     for (int batch : {1, 7, 100000})
     {
       Collector plain, deferred;
       jbProcess p, q;
-      ASSERT_EQ(p.polygonize(*g, 0.05, bounds, Point3D_d(0.6, 0.1, 0.1), plain), 0);
+      int * b = g == &y ? small : bounds;
+      ASSERT_EQ(p.polygonize(*g, 0.05, b, Point3D_d(0.6, 0.1, 0.1), plain), 0);
       SerialSolver solver(g, 0.05);
-      ASSERT_EQ(q.polygonizeDeferred(*g, 0.05, bounds, Point3D_d(0.6, 0.1, 0.1), deferred, solver, batch), 0);
+      ASSERT_EQ(q.polygonizeDeferred(*g, 0.05, b, Point3D_d(0.6, 0.1, 0.1), deferred, solver, batch), 0);
+      if (g == &y)
+      {
+        EXPECT_GT(deferred.mesh.vertices.size(), 6u * 3 * 64);
+      }
       EXPECT_EQ(plain.mesh.triangles, deferred.mesh.triangles);
       EXPECT_EQ(plain.mesh.vertices, deferred.mesh.vertices);
       EXPECT_TRUE(deferred.announcedBeforeUse);
