@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <fstream>
 #include <limits>
 #include <sstream>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,7 +21,8 @@ namespace
 {
 std::string lower(std::string s)
 {
-  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::transform(s.begin(), s.end(), s.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return s;
 }
 
@@ -213,8 +216,10 @@ VertexLayout layoutOf(std::string const & path, Element const & vertex)
   return l;
 }
 
-void storeVertex(OrientedCloud & cloud, double const * values, VertexLayout const & l, std::string const & path,
-                 std::string const & where)
+// `where` names the vertex for an error, built only when there is one.
+template <class Where>
+void storeVertex(OrientedCloud & cloud, double const * values, VertexLayout const & l,
+                 std::string const & path, Where && where)
 {
   int const n = l.slot[3] >= 0 ? 6 : 3;
   float v[6];
@@ -222,7 +227,7 @@ void storeVertex(OrientedCloud & cloud, double const * values, VertexLayout cons
   {
     double const d = values[l.slot[k]];
     if (!std::isfinite(d) || std::fabs(d) > std::numeric_limits<float>::max())
-      fail(path, where, "non-finite or out-of-range coordinate");
+      fail(path, where(), "non-finite or out-of-range coordinate");
     v[k] = static_cast<float>(d);
   }
   cloud.points.insert(cloud.points.end(), v, v + 3);
@@ -232,8 +237,8 @@ void storeVertex(OrientedCloud & cloud, double const * values, VertexLayout cons
 
 // Binary little-endian PLY of vertices (with normals when given) and
 // triangles (none: no face element).
-void writeBinaryPly(std::string const & path, std::vector<float> const & vertices, std::vector<float> const * normals,
-                    std::vector<std::int32_t> const * triangles)
+void writeBinaryPly(std::string const & path, std::vector<float> const & vertices,
+                    std::vector<float> const * normals, std::vector<std::int32_t> const * triangles)
 {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   if (!out)
@@ -251,12 +256,24 @@ void writeBinaryPly(std::string const & path, std::vector<float> const & vertice
   }
   out << "end_header\n";
   bool const swap = !hostIsLittleEndian();
-  auto put = [&](void const * p, std::size_t n) {
+  // Records are gathered in a buffer and written a megabyte at a time: a
+  // stream write per value cost more than the values.
+  std::vector<char> buffer;
+  buffer.reserve(1 << 20);
+  auto flush = [&]
+  {
+    out.write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    buffer.clear();
+  };
+  auto put = [&](void const * p, std::size_t n)
+  {
     unsigned char b[4];
     std::memcpy(b, p, n);
     if (swap)
       std::reverse(b, b + n);
-    out.write(reinterpret_cast<char const *>(b), static_cast<std::streamsize>(n));
+    buffer.insert(buffer.end(), b, b + n);
+    if (buffer.size() >= (1 << 20) - 16)
+      flush();
   };
   for (std::size_t v = 0; v < count; ++v)
   {
@@ -271,11 +288,12 @@ void writeBinaryPly(std::string const & path, std::vector<float> const & vertice
     unsigned char const three = 3;
     for (std::size_t t = 0; t < triangles->size() / 3; ++t)
     {
-      out.write(reinterpret_cast<char const *>(&three), 1);
+      put(&three, 1);
       for (int k = 0; k < 3; ++k)
         put(&(*triangles)[3 * t + k], 4);
     }
   }
+  flush();
   out.flush();
   if (!out)
     throw std::runtime_error(path + ": write failed (disk full?)");
@@ -290,7 +308,8 @@ OrientedCloud readPly(std::string const & path)
 
   std::string line;
   long lineNo = 0;
-  auto nextHeaderLine = [&]() {
+  auto nextHeaderLine = [&]()
+  {
     if (!std::getline(in, line))
       fail(path, "line " + std::to_string(lineNo + 1), "unexpected end of the header");
     ++lineNo;
@@ -353,7 +372,8 @@ OrientedCloud readPly(std::string const & path)
         p.isList = true;
         p.countType = scalarOf(countType);
         p.type = scalarOf(itemType);
-        if (p.countType == Scalar::Invalid || p.countType == Scalar::Float32 || p.countType == Scalar::Float64)
+        if (p.countType == Scalar::Invalid || p.countType == Scalar::Float32 ||
+            p.countType == Scalar::Float64)
           fail(path, where, "bad list count type '" + countType + "'");
       }
       else
@@ -371,7 +391,8 @@ OrientedCloud readPly(std::string const & path)
   if (!haveFormat)
     fail(path, "header", "no format line");
 
-  auto vertexIt = std::find_if(elements.begin(), elements.end(), [](Element const & e) { return e.name == "vertex"; });
+  auto vertexIt =
+      std::find_if(elements.begin(), elements.end(), [](Element const & e) { return e.name == "vertex"; });
   if (vertexIt == elements.end())
     fail(path, "header", "no vertex element");
   VertexLayout const layout = layoutOf(path, *vertexIt);
@@ -387,7 +408,8 @@ OrientedCloud readPly(std::string const & path)
       {
         if (!std::getline(in, line))
           fail(path, "line " + std::to_string(lineNo + 1),
-               "unexpected end of file: " + e.name + " " + std::to_string(r) + " of " + std::to_string(e.count));
+               "unexpected end of file: " + e.name + " " + std::to_string(r) + " of " +
+                   std::to_string(e.count));
         ++lineNo;
         if (!isVertex)
           continue;
@@ -419,7 +441,7 @@ OrientedCloud readPly(std::string const & path)
           if (end == token.c_str() || *end != '\0')
             fail(path, where, "not a number: '" + token + "'");
         }
-        storeVertex(cloud, values.data(), layout, path, where);
+        storeVertex(cloud, values.data(), layout, path, [&] { return where; });
       }
     }
     return cloud;
@@ -428,7 +450,8 @@ OrientedCloud readPly(std::string const & path)
   bool const swap = (format == Format::BinaryLE) != hostIsLittleEndian();
   std::streamoff offset = in.tellg();
   unsigned char buf[8];
-  auto readBytes = [&](unsigned char * dst, std::size_t n, char const * what) {
+  auto readBytes = [&](unsigned char * dst, std::size_t n, char const * what)
+  {
     if (!in.read(reinterpret_cast<char *>(dst), static_cast<std::streamsize>(n)))
       fail(path, "byte " + std::to_string(offset), std::string("unexpected end of file in ") + what);
     offset += static_cast<std::streamoff>(n);
@@ -452,7 +475,8 @@ OrientedCloud readPly(std::string const & path)
       for (Property const & p : e.properties)
         rowSize += p.isList ? 0 : sizeOf(p.type);
       if (rowSize > 0 && fileSize > offset)
-        cloud.points.reserve(3 * std::min<std::uint64_t>(e.count, static_cast<std::uint64_t>(fileSize - offset) / rowSize));
+        cloud.points.reserve(
+            3 * std::min<std::uint64_t>(e.count, static_cast<std::uint64_t>(fileSize - offset) / rowSize));
       cloud.normals.reserve(cloud.points.capacity());
     }
     for (std::uint64_t r = 0; r < e.count; ++r)
@@ -469,7 +493,8 @@ OrientedCloud readPly(std::string const & path)
           double const n = decode(buf, prop.countType, swap);
           if (n < 0)
             fail(path, "byte " + std::to_string(offset), "negative list count");
-          std::streamoff const skip = static_cast<std::streamoff>(n) * static_cast<std::streamoff>(sizeOf(prop.type));
+          std::streamoff const skip =
+              static_cast<std::streamoff>(n) * static_cast<std::streamoff>(sizeOf(prop.type));
           in.seekg(skip, std::ios::cur);
           offset += skip;
           continue;
@@ -480,7 +505,7 @@ OrientedCloud readPly(std::string const & path)
       }
       if (isVertex)
         storeVertex(cloud, values.data(), layout, path,
-                    "vertex " + std::to_string(r) + " at byte " + std::to_string(rowStart));
+                    [&] { return "vertex " + std::to_string(r) + " at byte " + std::to_string(rowStart); });
     }
     if (isVertex)
       break; // what follows the vertices is not needed
@@ -490,51 +515,87 @@ OrientedCloud readPly(std::string const & path)
 
 OrientedCloud readText(std::string const & path)
 {
-  std::ifstream in(path);
+  std::ifstream in(path, std::ios::binary);
   if (!in)
     fail(path, "open", "cannot read the file");
+  // The whole file at once, cut into lines and words in place: a string
+  // stream and a string per word cost several times the numbers' parsing.
+  std::string text;
+  {
+    std::vector<char> chunk(1 << 16);
+    while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0)
+      text.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
+  }
   OrientedCloud cloud;
-  std::string line;
   long lineNo = 0, firstLine = 0;
   bool withNormals = true;
-  while (std::getline(in, line))
+  auto separator = [](char c) {
+    return c == ' ' || c == ',' || c == ';' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+  };
+  for (std::size_t pos = 0; pos < text.size();)
   {
+    std::size_t eol = text.find('\n', pos);
+    if (eol == std::string::npos)
+      eol = text.size();
+    char * line = &text[pos];
+    std::size_t length = eol - pos;
+    pos = eol + 1;
     ++lineNo;
-    auto const hash = line.find('#');
-    if (hash != std::string::npos)
-      line.erase(hash);
-    for (char & c : line)
-      if (c == ',' || c == ';' || c == '\t' || c == '\r')
-        c = ' ';
-    std::istringstream words(line);
-    std::vector<std::string> tokens;
-    for (std::string t; words >> t;)
-      tokens.push_back(t);
-    if (tokens.empty())
+    if (char const * hash = static_cast<char const *>(std::memchr(line, '#', length)))
+      length = static_cast<std::size_t>(hash - line);
+    // The first six words, each ended by a zero in place, and how many.
+    char * words[6];
+    std::size_t sizes[6];
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < length;)
+    {
+      if (separator(line[i]))
+      {
+        ++i;
+        continue;
+      }
+      std::size_t const begin = i;
+      while (i < length && !separator(line[i]))
+        ++i;
+      if (count < 6)
+      {
+        words[count] = line + begin;
+        sizes[count] = i - begin;
+      }
+      ++count;
+      line[i++] = '\0'; // a separator, the cut comment's mark, or the end
+    }
+    if (count == 0)
       continue;
-    std::string const where = "line " + std::to_string(lineNo);
+    auto where = [&] { return "line " + std::to_string(lineNo); };
     if (firstLine == 0)
     {
-      if (tokens.size() < 3)
-        fail(path, where, "expected x y z, or x y z nx ny nz");
+      if (count < 3)
+        fail(path, where(), "expected x y z, or x y z nx ny nz");
       firstLine = lineNo;
-      withNormals = tokens.size() >= 6;
+      withNormals = count >= 6;
     }
-    if (withNormals && tokens.size() < 6)
-      fail(path, where,
-           tokens.size() == 3 ? "no normal (expected x y z nx ny nz)" : "expected six values: x y z nx ny nz");
-    if (!withNormals && (tokens.size() < 3 || tokens.size() >= 6))
-      fail(path, where,
+    if (withNormals && count < 6)
+      fail(path, where(),
+           count == 3 ? "no normal (expected x y z nx ny nz)" : "expected six values: x y z nx ny nz");
+    if (!withNormals && (count < 3 || count >= 6))
+      fail(path, where(),
            "expected three values (x y z) as on line " + std::to_string(firstLine) + ", found " +
-               std::to_string(tokens.size()));
+               std::to_string(count));
     int const n = withNormals ? 6 : 3;
     double values[6];
     for (int k = 0; k < n; ++k)
     {
+      char const * const last = words[k] + sizes[k];
+      // Plain decimals the fast way; anything else (a sign, hex, an
+      // overflow) as strtod reads it.
+      auto const r = std::from_chars(words[k], last, values[k]);
+      if (r.ec == std::errc() && r.ptr == last)
+        continue;
       char * end = nullptr;
-      values[k] = std::strtod(tokens[k].c_str(), &end);
-      if (end == tokens[k].c_str() || *end != '\0')
-        fail(path, where, "not a number: '" + tokens[k] + "'");
+      values[k] = std::strtod(words[k], &end);
+      if (end == words[k] || end != last)
+        fail(path, where(), "not a number: '" + std::string(words[k], sizes[k]) + "'");
     }
     VertexLayout l;
     for (int k = 0; k < n; ++k)
