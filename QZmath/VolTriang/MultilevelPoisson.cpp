@@ -689,10 +689,6 @@ CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree,
   std::vector<CTreeNode> const & nodes = octree.getNodesTable();
   int const n = static_cast<int>(nodes.size());
 
-  std::vector<std::vector<int>> byDepth(static_cast<std::size_t>(depths));
-  for (int i = 0; i < n; ++i)
-    byDepth[static_cast<std::size_t>(nodes[i].depth() - m_depthBegin)].push_back(i);
-
   m_localIndex.assign(static_cast<std::size_t>(n), -1);
   for (int l = 0; l < depths; ++l)
   {
@@ -701,12 +697,11 @@ CMultilevelPoissonSolver::CMultilevelPoissonSolver(COctree const & octree,
     level.shift = leaf - level.depth;
     level.spacing = 1 << level.shift;
     level.scale = 1.0 / octree.getCellSize(level.depth);
-    std::vector<int> & list = byDepth[static_cast<std::size_t>(l)];
+    std::vector<int> const list = octree.getNodesInLatticeOrder(level.depth);
     if (list.empty())
       continue;
     int const c0 = nodes[list[0]].shift().x();
     level.offset = ((c0 % level.spacing) + level.spacing) % level.spacing;
-    std::sort(list.begin(), list.end(), [&](int a, int b) { return nodes[a].shift() < nodes[b].shift(); });
     level.node = list;
     for (int a = 0; a < 3; ++a)
       level.m[a].resize(list.size());

@@ -548,6 +548,16 @@ void COctree::buildSortedTables(std::vector<std::vector<SOctreeKeyIndex>> & dept
   }
 }
 
+std::vector<int> COctree::getNodesInLatticeOrder(int d) const
+{
+  std::vector<int> indices;
+  if (d < getNodeDepthBegin() || d >= getNodeDepthEnd())
+    return indices;
+  for (SOctreeKeyIndex const * k = nodesOfDepthBegin(d); k != nodesOfDepthEnd(d); ++k)
+    indices.push_back(k->index);
+  return indices;
+}
+
 SOctreeKeyIndex const * COctree::nodesOfDepthBegin(int d) const
 {
   return m_sortedNodes.data() + m_sortedNodesStart[static_cast<std::size_t>(d)];

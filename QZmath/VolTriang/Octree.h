@@ -188,6 +188,9 @@ public:
   CTreeNode const & getNode(int node) const { return m_nodes.at(static_cast<std::size_t>(node)); }
   /// The node table, in index order.
   std::vector<CTreeNode> const & getNodesTable() const { return m_nodes; }
+  /// The indices of the nodes of depth d in lattice order (x, then y, then
+  /// z ascending); none for a depth without nodes.
+  std::vector<int> getNodesInLatticeOrder(int d) const;
   void getNodePosition(int node, double * out3) const;
   void cellCoordsToReal(double * out3, CInt3 const & c) const;
 
