@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cfloat>
+#include <cmath>
 #include <cstdint>
 #include <functional>
-#include <cmath>
 #include <memory>
 #include <stdexcept>
 #include <vector>
@@ -98,16 +98,18 @@ private:
 
 // The right part: b[o] = sum over j of <F_o, field[j]>, the Galerkin
 // projection of the divergence of the splatted field.
-void tf_makeRightPart(std::vector<double> * right, std::unique_ptr<tf_LinComb> const * field, tf_Basis const * basis,
-                      std::unique_ptr<tf_Basis> const * gradBasis, CTransThreadPrgCntAdapter * adapter,
-                      CProgressCounter * progress, VsUt::IDebugLog * debugLog)
+void tf_makeRightPart(std::vector<double> * right, std::unique_ptr<tf_LinComb> const * field,
+                      tf_Basis const * basis, std::unique_ptr<tf_Basis> const * gradBasis,
+                      CTransThreadPrgCntAdapter * adapter, CProgressCounter * progress,
+                      VsUt::IDebugLog * debugLog)
 {
   tf_CLogLine const log(debugLog);
   int const n = basis->getFunctionsNumber();
   log("System size", n);
   right->assign(static_cast<std::size_t>(n), 0.0);
   int const parity[3] = {-1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> helper(basis, gradBasis[0].get(), eBasisNonSymmetric, 6, parity);
+  CCSFProductHelperTmpl<CProductPiecewisePolynom> helper(basis, gradBasis[0].get(), eBasisNonSymmetric, 6,
+                                                         parity);
   for (int j = 0; j < 3; ++j)
   {
     CPrgCntSubPhase axis(progress, j / 3.0, 1.0 / 3.0, 1, true);
@@ -122,7 +124,8 @@ void tf_makeRightPart(std::vector<double> * right, std::unique_ptr<tf_LinComb> c
       (*right)[static_cast<std::size_t>(o)] += helper.evalScalarProduct(f, *field[j]);
     }
   }
-  double const factor = REmath::vectorNormalizationFactor(right->data(), static_cast<long long>(right->size()));
+  double const factor =
+      REmath::vectorNormalizationFactor(right->data(), static_cast<long long>(right->size()));
   if (tf_usableFactor(factor))
   {
     double const scale = 1.0 / factor;
@@ -168,7 +171,8 @@ void tf_makeMatrix(REmath::IVertexPosLinearSystem<double> * solver, tf_IMatrixMe
     CCSFunc3Tmpl<CProductPiecewisePolynom> const f = basis->makeFunctionByIndex(r);
     CParallelepiped const box = getScaledFunctionCommonSupport(f);
     row.clear();
-    for (CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom> it(&lapBasis, box); !it.isFinished(); it.next())
+    for (CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom> it(&lapBasis, box); !it.isFinished();
+         it.next())
     {
       int const c = it.functionIndex();
       if (c < r)
@@ -207,14 +211,17 @@ void tf_makeMatrix(REmath::IVertexPosLinearSystem<double> * solver, tf_IMatrixMe
 class tf_rigthPartMaker : public IVescaInvokeProc
 {
 public:
-  tf_rigthPartMaker(std::vector<double> * result, std::unique_ptr<tf_LinComb> const * field, VsUt::IDebugLog * log,
-                    CTransThreadPrgCntAdapter * adapter, tf_Basis const * basis,
+  tf_rigthPartMaker(std::vector<double> * result, std::unique_ptr<tf_LinComb> const * field,
+                    VsUt::IDebugLog * log, CTransThreadPrgCntAdapter * adapter, tf_Basis const * basis,
                     std::unique_ptr<tf_Basis> const * gradBasis)
       : m_result(result), m_dimension(3), m_field(field), m_log(log), m_adapter(adapter), m_basis(basis),
         m_gradBasis(gradBasis)
   {
   }
-  void run() override { tf_makeRightPart(m_result, m_field, m_basis, m_gradBasis, m_adapter, nullptr, m_log); }
+  void run() override
+  {
+    tf_makeRightPart(m_result, m_field, m_basis, m_gradBasis, m_adapter, nullptr, m_log);
+  }
 
 private:
   std::vector<double> * m_result;
@@ -232,7 +239,8 @@ public:
   tf_matrixMaker(REmath::IVertexPosLinearSystem<double> * solver, CTransThreadPrgCntAdapter * adapter,
                  tf_Basis const * basis, COctree const * octree, VsUt::IDebugLog * log,
                  tf_IMatrixMemoryReservator * reservator)
-      : m_solver(solver), m_adapter(adapter), m_basis(basis), m_octree(octree), m_log(log), m_reservator(reservator)
+      : m_solver(solver), m_adapter(adapter), m_basis(basis), m_octree(octree), m_log(log),
+        m_reservator(reservator)
   {
   }
   void run() override { tf_makeMatrix(m_solver, m_reservator, m_basis, m_octree, m_adapter, nullptr, m_log); }
@@ -271,7 +279,8 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
   // so the nodes are shared out among the threads.
   std::vector<double> sums(static_cast<std::size_t>(count), 0.0);
   std::atomic<int> done{0};
-  auto localDensity = [&](int k) {
+  auto localDensity = [&](int k)
+  {
     double q[3];
     octree.getNodePosition(nodes[static_cast<std::size_t>(k)], q);
     double sum = 0.0;
@@ -309,13 +318,13 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
   double reach = 0.0;
   if (count > 0)
   {
-    CParallelepiped const support =
-        getScaledFunctionCommonSupport(m_basis->makeFunctionByIndex(nodes[0]));
+    CParallelepiped const support = getScaledFunctionCommonSupport(m_basis->makeFunctionByIndex(nodes[0]));
     double q[3];
     octree.getNodePosition(nodes[0], q);
     reach = std::max(support.getMax()[0] - q[0], q[0] - support.getMin()[0]) + 2.0 * octree.getUnit();
   }
-  auto spread = [&](int part, int begin, int end) {
+  auto spread = [&](int part, int begin, int end)
+  {
     // Samples at or beyond this x no earlier run reaches.
     if (begin >= end)
       return;
@@ -359,7 +368,8 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
   std::vector<IVescaInvokeProc *> procs;
   for (int t = 0; t < tasks; ++t)
     procs.push_back(&work[static_cast<std::size_t>(t)]);
-  auto runAll = [&]() {
+  auto runAll = [&]()
+  {
     if (tasks == 1)
       work[0].run();
     else
@@ -368,7 +378,8 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
   // The first half of the progress for the densities, the second for the
   // spreading; the caller's thread reports while it takes its share.
   for (int t = 0; t < tasks; ++t)
-    work[static_cast<std::size_t>(t)].body = [&, t]() {
+    work[static_cast<std::size_t>(t)].body = [&, t]()
+    {
       for (int k = t; k < count; k += tasks)
       {
         localDensity(k);
@@ -379,7 +390,8 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
     };
   runAll();
   for (int t = 0; t < tasks; ++t)
-    work[static_cast<std::size_t>(t)].body = [&, t]() {
+    work[static_cast<std::size_t>(t)].body = [&, t]()
+    {
       spread(t, static_cast<int>(static_cast<long long>(count) * t / tasks),
              static_cast<int>(static_cast<long long>(count) * (t + 1) / tasks));
     };
@@ -390,8 +402,8 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
   if (m_progress)
     m_progress->SetPosFloat(1.0);
 
-  float const factor =
-      REmath::vectorNormalizationFactor(m_densityWeights.data(), static_cast<long long>(m_densityWeights.size()));
+  float const factor = REmath::vectorNormalizationFactor(m_densityWeights.data(),
+                                                         static_cast<long long>(m_densityWeights.size()));
   if (tf_usableFactor(factor))
   {
     float const inverse = 1.0f / factor;
@@ -521,7 +533,8 @@ void CVolumetricTriangulatorImpl::chooseSolver(tf_CLogLine const & log)
     auto * solver = new CSparseStoreSparseLinSysSolver<double>(0);
     m_solver.reset(solver);
     log.text("Use CSparseStoreSparseLinSysSolver");
-    m_matrixReservator.reset(new tf_CSparseMatrixReservator<CSparseStoreSparseLinSysSolver<double>>(solver, n));
+    m_matrixReservator.reset(
+        new tf_CSparseMatrixReservator<CSparseStoreSparseLinSysSolver<double>>(solver, n));
     break;
   }
   case 3:
@@ -531,7 +544,8 @@ void CVolumetricTriangulatorImpl::chooseSolver(tf_CLogLine const & log)
     log.text("Use CSparseStoreBicgstabLinSysSolver<double>");
     log("Maximal allowed iterations", 3000);
     log("Tolerance", 1e-6);
-    m_matrixReservator.reset(new tf_CSparseMatrixReservator<CSparseStoreBicgstabLinSysSolver<double>>(solver, n));
+    m_matrixReservator.reset(
+        new tf_CSparseMatrixReservator<CSparseStoreBicgstabLinSysSolver<double>>(solver, n));
     m_solveDetails.reset(new tf_CIterativeSolverDetails<CSparseStoreBicgstabLinSysSolver<double>>(solver));
     break;
   }
@@ -568,8 +582,8 @@ void CVolumetricTriangulatorImpl::assembleSystem(VsPCnt::CMultiPhaseManager & ph
     }
     {
       VsPCnt::CMultiPhaseManagerSingleSubPhase phase(&phases, "matrix");
-      tf_makeMatrix(m_solver.get(), m_matrixReservator.get(), m_basis.get(), m_octree.get(), nullptr, m_progress,
-                    m_debugLog);
+      tf_makeMatrix(m_solver.get(), m_matrixReservator.get(), m_basis.get(), m_octree.get(), nullptr,
+                    m_progress, m_debugLog);
     }
   }
   else
@@ -610,7 +624,10 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveEquation(tf_CLogLi
   {
   public:
     explicit LC_SolutionReceiver(tf_LinComb * result) : m_result(result) {}
-    void SetVertexPosition(int vertex, double position) override { m_result->setBasisCoefficient(vertex, position); }
+    void SetVertexPosition(int vertex, double position) override
+    {
+      m_result->setBasisCoefficient(vertex, position);
+    }
 
   private:
     tf_LinComb * m_result;
@@ -638,9 +655,9 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveEquation(tf_CLogLi
 
 // ---------------------------------------------------------------- multilevel solve
 
-std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt::CMultiPhaseManager & phases,
-                                                                         tf_CLogLine const & log,
-                                                                         std::unique_ptr<tf_LinComb> const * field)
+std::unique_ptr<tf_LinComb>
+CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt::CMultiPhaseManager & phases, tf_CLogLine const & log,
+                                             std::unique_ptr<tf_LinComb> const * field)
 {
   int const n = m_basis->getFunctionsNumber();
   log.text("Use CMultilevelPoissonSolver");
@@ -666,7 +683,8 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt:
     solver->makeRightPart(coefficients, &right);
     // The same normalisation as the assembled path, so that X comes out on
     // the same scale.
-    double const factor = REmath::vectorNormalizationFactor(right.data(), static_cast<long long>(right.size()));
+    double const factor =
+        REmath::vectorNormalizationFactor(right.data(), static_cast<long long>(right.size()));
     if (tf_usableFactor(factor))
     {
       double const scale = 1.0 / factor;
@@ -677,7 +695,8 @@ std::unique_ptr<tf_LinComb> CVolumetricTriangulatorImpl::solveMultilevel(VsPCnt:
     if (m_params.getScreeningWeight() > 0.0 && m_samples)
     {
       int const count = m_samples->pointsNumber();
-      std::vector<double> points(static_cast<std::size_t>(count) * 3), weights(static_cast<std::size_t>(count), 1.0);
+      std::vector<double> points(static_cast<std::size_t>(count) * 3),
+          weights(static_cast<std::size_t>(count), 1.0);
       for (int i = 0; i < count; ++i)
       {
         float const * q = m_samples->getSampleCoords3(i);
