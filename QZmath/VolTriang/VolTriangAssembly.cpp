@@ -275,31 +275,64 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
   int const tasks = std::max(1, std::min(CVescaThreadingTasksHelper::getNumOfPhisicalThread(), 8));
 
   // The local density at every node: trilinear weights of the samples in the
-  // eight cells that have the node at a corner. Each node's sum is its own,
-  // so the nodes are shared out among the threads.
+  // eight cells that have the node at a corner, summed cell after cell. Each
+  // node's sum is its own, so the nodes are shared out among the threads.
+  // One walk over the samples of the eight cells' box finds them all (a walk
+  // per cell cost three times the seeking); a sample counts for a cell when
+  // its leaf cell lies in the cell's range of leaf cells, as a walk over the
+  // cell alone would have found it, and it lies in the closed cell. The terms
+  // are kept per cell and added in the order of such walks.
   std::vector<double> sums(static_cast<std::size_t>(count), 0.0);
   std::atomic<int> done{0};
-  auto localDensity = [&](int k)
+  int const lastCell = octree.getPositioningPolicy().getCellsPerAxis() - 1;
+  int const firstCell = octree.getPositioningPolicy().getMinCellCoord();
+  // The leaf cell range of a box's side, as the sample walk takes it.
+  auto leafCell = [&](int a, double v)
+  {
+    double const c = octree.latticeCoordinate(a, v), limit = 1 << 30;
+    int const m = std::isnan(c) ? 0 : static_cast<int>(std::max(-limit, std::min(limit, c)));
+    return std::max(firstCell, std::min(lastCell, m));
+  };
+  auto localDensity = [&](int k, std::vector<double> * terms)
   {
     double q[3];
     octree.getNodePosition(nodes[static_cast<std::size_t>(k)], q);
-    double sum = 0.0;
+    CParallelepiped cells[8], all;
+    int lo[8][3], hi[8][3];
     for (int corner = 0; corner < 8; ++corner)
     {
-      CParallelepiped cell;
+      terms[corner].clear();
       for (int a = 0; a < 3; ++a)
-        if ((corner >> a) & 1)
-          cell.setDimension(a, CInterval(q[a] - h, q[a]));
-        else
-          cell.setDimension(a, CInterval(q[a], q[a] + h));
-      for (CSamplePointsIteratorInBox s(*m_samples, octree, cell, -1); !s.isFinished(); s.next())
       {
-        double const * p = *s;
-        if (cell.getMin()[0] <= p[0] && p[0] <= cell.getMax()[0] && cell.getMin()[1] <= p[1] &&
-            p[1] <= cell.getMax()[1] && cell.getMin()[2] <= p[2] && p[2] <= cell.getMax()[2])
-          sum += calcTrilinearWeight(p, q, cell);
+        if ((corner >> a) & 1)
+          cells[corner].setDimension(a, CInterval(q[a] - h, q[a]));
+        else
+          cells[corner].setDimension(a, CInterval(q[a], q[a] + h));
+        lo[corner][a] = leafCell(a, cells[corner].getMin()[a]);
+        hi[corner][a] = leafCell(a, cells[corner].getMax()[a]);
       }
     }
+    for (int a = 0; a < 3; ++a)
+      all.setDimension(a, CInterval(q[a] - h, q[a] + h));
+    for (CSamplePointsIteratorInBox s(*m_samples, octree, all, -1); !s.isFinished(); s.next())
+    {
+      double const * p = *s;
+      CInt3 const c = s.currCellIntCoord();
+      for (int corner = 0; corner < 8; ++corner)
+      {
+        CParallelepiped const & cell = cells[corner];
+        if (c.x() < lo[corner][0] || c.x() > hi[corner][0] || c.y() < lo[corner][1] ||
+            c.y() > hi[corner][1] || c.z() < lo[corner][2] || c.z() > hi[corner][2])
+          continue;
+        if (cell.getMin()[0] <= p[0] && p[0] <= cell.getMax()[0] && cell.getMin()[1] <= p[1] &&
+            p[1] <= cell.getMax()[1] && cell.getMin()[2] <= p[2] && p[2] <= cell.getMax()[2])
+          terms[corner].push_back(calcTrilinearWeight(p, q, cell));
+      }
+    }
+    double sum = 0.0;
+    for (int corner = 0; corner < 8; ++corner)
+      for (double w : terms[corner])
+        sum += w;
     sums[static_cast<std::size_t>(k)] = sum;
   };
 
@@ -380,9 +413,10 @@ void CVolumetricTriangulatorImpl::calcDensityWeights(tf_CLogLine const & log)
   for (int t = 0; t < tasks; ++t)
     work[static_cast<std::size_t>(t)].body = [&, t]()
     {
+      std::vector<double> terms[8];
       for (int k = t; k < count; k += tasks)
       {
-        localDensity(k);
+        localDensity(k, terms);
         int const d = ++done;
         if (t == 0 && m_progress && (k & 63) == 0)
           m_progress->SetPosFloat(0.5 * d / count);
