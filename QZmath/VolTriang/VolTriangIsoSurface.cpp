@@ -9,8 +9,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <cfloat>
+#include <cmath>
 #include <condition_variable>
 #include <exception>
 #include <memory>
@@ -38,6 +38,14 @@ void tf_unitNormal(double * normal)
   else
     normal[0] = 1.0, normal[1] = 0.0, normal[2] = 0.0;
 }
+
+// The evaluators' blocks: sixteen polygoniser cubes along each axis, 128 kept
+// per thread. The walk leaves a region and comes back to it much later;
+// blocks of eight (256 kept) were each built about four times over, while
+// these hold as much of the surface as the walk revisits in the same memory
+// (iso-surface of the depth-9 sphere 1.0-1.17 s -> 0.79-0.84 s).
+constexpr double BLOCK_CUBES = 16.0;
+constexpr int BLOCKS_KEPT = 128;
 
 // X - isoValue at a lattice corner. Only the side matters to the walk: a
 // value clearly away from the level stands as it is, one within its rounding
@@ -224,7 +232,7 @@ public:
       w.x = t > 0 ? w.own.get() : &x;
       if (gradient)
         for (int a = 0; a < 3; ++a)
-          w.gradient[a].reset(new COctreeFuncBlockEvaluator(*gradient[a], blockSize));
+          w.gradient[a].reset(new COctreeFuncBlockEvaluator(*gradient[a], blockSize, BLOCKS_KEPT));
     }
     try
     {
@@ -521,10 +529,9 @@ int CLevelSetExtraction::polygonise(LinComb const & x, double isoValue, Basis co
   }
 
   bool const fast = evaluation == eFast;
-  // Blocks of eight polygoniser cubes along each axis.
-  double const blockSize = 8.0 * edge;
-  std::unique_ptr<COctreeFuncBlockEvaluator> corners(fast ? new COctreeFuncBlockEvaluator(x, blockSize)
-                                                          : nullptr);
+  double const blockSize = BLOCK_CUBES * edge;
+  std::unique_ptr<COctreeFuncBlockEvaluator> corners(
+      fast ? new COctreeFuncBlockEvaluator(x, blockSize, BLOCKS_KEPT) : nullptr);
   COctreeFuncEvalHelper helper(8, edge * 4.0);
   bool const closed = params.getClosed();
   tf_OctreeFunAdapter function(&x, &octree, isoValue, &helper, samples, closed ? -1.0 : edge * 4.0,
