@@ -58,8 +58,8 @@ public:
           m_adapter->increment();
       float const w = m_weights ? (*m_weights)[static_cast<std::size_t>(it.currentSampleIndex())] : 1.0f;
       m_weightsSum += w;
-      double const value = m_values ? m_values[static_cast<std::size_t>(it.currentSampleIndex())]
-                                    : m_x->eval(*it, &helper);
+      double const value =
+          m_values ? m_values[static_cast<std::size_t>(it.currentSampleIndex())] : m_x->eval(*it, &helper);
       m_weightedValuesSum += value * w;
     }
     for (; lastX < m_xEnd; ++lastX)
@@ -114,7 +114,11 @@ double CLevelSetExtraction::meanValueAtSamples(LinComb const & x, IInputSamples 
         points[static_cast<std::size_t>(i) * 3 + a] = p[a];
     }
     values.resize(static_cast<std::size_t>(n));
-    COctreeFuncBlockEvaluator const fast(x, 8.0 * octree.getCellSize(std::max(0, octree.getNodeDepthEnd() - 1)));
+    // The points go block by block, each block once: sixteen cells a side,
+    // and a cache of a few (not the hundreds a walk that comes back needs,
+    // whose memory would be written for nothing).
+    COctreeFuncBlockEvaluator const fast(
+        x, 16.0 * octree.getCellSize(std::max(0, octree.getNodeDepthEnd() - 1)), 4);
     fast.evalMany(points.data(), values.size(), values.data(), tasks);
   }
   CParallelepiped const box = octree.getCellsBoundaryBox();
