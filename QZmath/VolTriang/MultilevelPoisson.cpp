@@ -1682,10 +1682,12 @@ bool CMultilevelPoissonSolver::solve(std::vector<double> const & rhs, std::vecto
         sinceUp[l][k] += delta[k];
     else
       sinceUp[l] = delta;
-    if (pass == Pass::first)
+    // Only finer depths read a depth's change in the cycle: the finest keeps none.
+    if (pass == Pass::first && l + 1 < depths)
       inCycle[l].assign(static_cast<std::size_t>(n), 0.0);
-    for (int k = 0; k < n; ++k)
-      inCycle[l][k] += delta[k];
+    if (!inCycle[l].empty())
+      for (int k = 0; k < n; ++k)
+        inCycle[l][k] += delta[k];
     active[l] = 1;
     done += n;
     if (progress)
