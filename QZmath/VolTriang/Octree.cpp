@@ -308,8 +308,9 @@ int COctree::getNodeDepthEnd() const { return m_policy->getNodeDepthEnd(); }
 void COctree::buildOctree()
 {
   m_sampleCells.clear();
-  m_cellSamplesStart.clear();
-  m_cellSamples.clear();
+  m_sortedCellStart.clear();
+  m_sortedSamples.clear();
+  m_sortedSampleCoords.clear();
   m_sortedCells.clear();
   m_cells.clear();
   m_sortedNodes.clear();
@@ -432,21 +433,39 @@ void COctree::insertSamples(int samplesNumber)
 
   // The samples of each cell, in index order (a counting sort by cell).
   std::size_t const cellsNumber = m_cells.size();
-  m_cellSamplesStart.assign(cellsNumber + 1, 0);
+  std::vector<int> cellStart(cellsNumber + 1, 0), cellSamples(m_sampleCells.size());
   for (int cell : m_sampleCells)
-    ++m_cellSamplesStart[static_cast<std::size_t>(cell) + 1];
+    ++cellStart[static_cast<std::size_t>(cell) + 1];
   for (std::size_t c = 0; c < cellsNumber; ++c)
-    m_cellSamplesStart[c + 1] += m_cellSamplesStart[c];
-  m_cellSamples.resize(m_sampleCells.size());
-  std::vector<int> cursor(m_cellSamplesStart.begin(), m_cellSamplesStart.end() - 1);
+    cellStart[c + 1] += cellStart[c];
+  std::vector<int> cursor(cellStart.begin(), cellStart.end() - 1);
   for (std::size_t i = 0; i < m_sampleCells.size(); ++i)
-    m_cellSamples[static_cast<std::size_t>(cursor[static_cast<std::size_t>(m_sampleCells[i])]++)] =
+    cellSamples[static_cast<std::size_t>(cursor[static_cast<std::size_t>(m_sampleCells[i])]++)] =
         static_cast<int>(i);
 
   m_sortedCells.resize(cellsNumber);
   for (std::size_t c = 0; c < cellsNumber; ++c)
     m_sortedCells[c] = SOctreeKeyIndex{m_cells[c], static_cast<int>(c)};
   tf_sortByKey(m_sortedCells, 0, 0, m_depth);
+
+  // The same lists in the order of the sorted cells, with the coordinates.
+  m_sortedCellStart.assign(cellsNumber + 1, 0);
+  m_sortedSamples.resize(cellSamples.size());
+  m_sortedSampleCoords.resize(3 * cellSamples.size());
+  std::size_t at = 0;
+  for (std::size_t s = 0; s < cellsNumber; ++s)
+  {
+    std::size_t const cell = static_cast<std::size_t>(m_sortedCells[s].index);
+    for (int k = cellStart[cell]; k < cellStart[cell + 1]; ++k, ++at)
+    {
+      int const sample = cellSamples[static_cast<std::size_t>(k)];
+      m_sortedSamples[at] = sample;
+      float const * p = m_samples->getSampleCoords3(sample);
+      for (int a = 0; a < 3; ++a)
+        m_sortedSampleCoords[3 * at + static_cast<std::size_t>(a)] = p[a];
+    }
+    m_sortedCellStart[s + 1] = static_cast<int>(at);
+  }
 }
 
 // Node indices follow the first touch: samples in index order, for each the

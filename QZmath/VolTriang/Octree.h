@@ -237,10 +237,13 @@ private:
   int m_size;
   /// For each sample in index order, the index of its cell.
   std::vector<int> m_sampleCells;
-  /// The samples of each cell: those of cell c are m_cellSamples[m_cellSamplesStart[c]
-  /// .. m_cellSamplesStart[c + 1]), in index order.
-  std::vector<int> m_cellSamplesStart;
-  std::vector<int> m_cellSamples;
+  /// The samples cell by cell in the order of m_sortedCells, in index order
+  /// within a cell, with their coordinates: the cell at m_sortedCells[s] has
+  /// entries m_sortedCellStart[s] .. m_sortedCellStart[s + 1]. Walks over a
+  /// box read them front to back instead of jumping through the source.
+  std::vector<int> m_sortedCellStart;
+  std::vector<int> m_sortedSamples;
+  std::vector<float> m_sortedSampleCoords;
   /// Leaf cells sorted by coordinates, each with its index.
   std::vector<SOctreeKeyIndex> m_sortedCells;
   /// Leaf cells in the order of first use.

@@ -243,16 +243,26 @@ CSamplePointsIteratorInBox::CSamplePointsIteratorInBox(IInputSamples const & sam
 
 void CSamplePointsIteratorInBox::enterCell()
 {
-  std::size_t const cell = static_cast<std::size_t>(m_cellPos->index);
-  int const * const all = m_octree->m_cellSamples.data();
-  m_samplePos = all + m_octree->m_cellSamplesStart[cell];
-  m_sampleEnd = all + m_octree->m_cellSamplesStart[cell + 1];
+  std::size_t const s = static_cast<std::size_t>(m_cellPos - m_octree->m_sortedCells.data());
+  int const * const all = m_octree->m_sortedSamples.data();
+  m_samplePos = all + m_octree->m_sortedCellStart[s];
+  m_sampleEnd = all + m_octree->m_sortedCellStart[s + 1];
   m_countInCell = 0;
   fetchCoords();
 }
 
 void CSamplePointsIteratorInBox::fetchCoords()
 {
+  // The tree's copy when the samples are the tree's own, read in order.
+  if (m_samples == m_octree->m_samples)
+  {
+    float const * p =
+        &m_octree->m_sortedSampleCoords[3 * static_cast<std::size_t>(m_samplePos -
+                                                                     m_octree->m_sortedSamples.data())];
+    for (int a = 0; a < 3; ++a)
+      m_coords[a] = static_cast<double>(p[a]);
+    return;
+  }
   float const * p = m_samples->getSampleCoords3(*m_samplePos);
   for (int a = 0; a < 3; ++a)
     m_coords[a] = p ? static_cast<double>(p[a]) : 0.0;
