@@ -580,6 +580,11 @@ void tf_addLevelValues(SLevel const & p, tf_Kernel1D const & k1, double const * 
       [&](int, int begin, int end)
       {
         int const * mz = p.m[2].data();
+        // The lines of the last window, and where its search along z ended:
+        // the next point mostly has the same lines and a z no lower.
+        int cached[4] = {INT32_MIN, INT32_MIN, 0, 0}, lastZ = INT32_MIN;
+        int lineBegin[tf_maxWindow * tf_maxWindow], lineEnd[tf_maxWindow * tf_maxWindow],
+            from[tf_maxWindow * tf_maxWindow];
         for (int i = begin; i < end; ++i)
         {
           double const * q = points + 3 * static_cast<std::size_t>(i);
@@ -607,24 +612,47 @@ void tf_addLevelValues(SLevel const & p, tf_Kernel1D const & k1, double const * 
           }
           if (!reached)
             continue;
+          if (lo[0] != cached[0] || lo[1] != cached[1] || size[0] != cached[2] || size[1] != cached[3])
+          {
+            for (int ix = 0; ix < size[0]; ++ix)
+              for (int iy = 0; iy < size[1]; ++iy)
+              {
+                int const x = lo[0] + ix - p.lo[0], y = lo[1] + iy - p.lo[1];
+                int const line = x < 0 || x >= p.n[0] || y < 0 || y >= p.n[1]
+                                     ? -1
+                                     : p.lineOfXY[static_cast<std::size_t>(x) * p.n[1] + y];
+                int const j = ix * tf_maxWindow + iy;
+                lineBegin[j] = lineEnd[j] = from[j] = 0;
+                if (line >= 0)
+                {
+                  lineBegin[j] = from[j] = p.lineStart[static_cast<std::size_t>(line)];
+                  lineEnd[j] = p.lineStart[static_cast<std::size_t>(line) + 1];
+                }
+              }
+            cached[0] = lo[0], cached[1] = lo[1], cached[2] = size[0], cached[3] = size[1];
+            lastZ = INT32_MIN;
+          }
+          bool const forward = lo[2] >= lastZ;
+          lastZ = lo[2];
           double sum = 0.0;
           for (int ix = 0; ix < size[0]; ++ix)
           {
-            int const x = lo[0] + ix - p.lo[0];
-            if (x < 0 || x >= p.n[0] || v[0][ix] == 0.0)
+            if (v[0][ix] == 0.0)
               continue;
             for (int iy = 0; iy < size[1]; ++iy)
             {
-              int const y = lo[1] + iy - p.lo[1];
-              if (y < 0 || y >= p.n[1])
+              int const j = ix * tf_maxWindow + iy;
+              int const e = lineEnd[j];
+              if (lineBegin[j] == e)
                 continue;
-              int const line = p.lineOfXY[static_cast<std::size_t>(x) * p.n[1] + y];
-              if (line < 0)
-                continue;
+              int k = from[j];
+              if (forward)
+                while (k < e && mz[k] < lo[2])
+                  ++k;
+              else
+                k = static_cast<int>(std::lower_bound(mz + lineBegin[j], mz + e, lo[2]) - mz);
+              from[j] = k;
               double const xy = v[0][ix] * v[1][iy];
-              int const e = p.lineStart[static_cast<std::size_t>(line) + 1];
-              int k = static_cast<int>(
-                  std::lower_bound(mz + p.lineStart[static_cast<std::size_t>(line)], mz + e, lo[2]) - mz);
               for (; k < e && mz[k] < lo[2] + size[2]; ++k)
                 sum += c[k] * (xy * v[2][mz[k] - lo[2]]);
             }
