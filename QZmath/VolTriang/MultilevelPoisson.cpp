@@ -78,7 +78,21 @@ struct CMultilevelPoissonSolver::SScreenPoints
   // goes over these pairs at every step.
   std::vector<std::int64_t> pairStart; // per point and one more
   std::vector<int> pairNode;
-  std::vector<double> pairValue;
+  // Each pair's node offset from the holder (dx, dy, dz, each plus the
+  // reach, five bits apiece): F_node(point) is formed again from the point's
+  // one-variable values, in the order it was first formed, rather than kept
+  // (two bytes a pair instead of eight).
+  std::vector<std::uint16_t> pairOffset;
+  double norm = 0.0; // s^3 of the depth
+  static std::uint16_t offsetCode(int x, int y, int z)
+  {
+    return static_cast<std::uint16_t>(x | y << 5 | z << 10);
+  }
+  double pairValue(double const * v, std::uint16_t code) const
+  {
+    int const w = width();
+    return norm * v[code & 31] * v[w + (code >> 5 & 31)] * v[2 * w + (code >> 10)];
+  }
   int width() const { return 2 * reach + 1; }
   double const * valuesOf(int point) const { return &values[static_cast<std::size_t>(point) * 3 * width()]; }
 };
@@ -1092,7 +1106,8 @@ void tf_screenPairs(SLevel const & p, SPairTables const & table, CMultilevelPois
   double const s = p.scale, norm = s * s * s;
   sp.pairStart.assign(static_cast<std::size_t>(points) + 1, 0);
   sp.pairNode.resize(static_cast<std::size_t>(points) * room);
-  sp.pairValue.resize(sp.pairNode.size());
+  sp.pairOffset.resize(sp.pairNode.size());
+  sp.norm = norm;
   tf_forBlocks(points, tasks,
                [&](int, int begin, int end)
                {
@@ -1115,7 +1130,7 @@ void tf_screenPairs(SLevel const & p, SPairTables const & table, CMultilevelPois
                    walk.setNode(h);
                    double const * v = sp.valuesOf(point);
                    int * nodes = &sp.pairNode[static_cast<std::size_t>(point) * room];
-                   double * values = &sp.pairValue[static_cast<std::size_t>(point) * room];
+                   std::uint16_t * offsets = &sp.pairOffset[static_cast<std::size_t>(point) * room];
                    std::size_t count = 0;
                    for (int j = 0; j < walk.lineCount(); ++j)
                    {
@@ -1138,7 +1153,7 @@ void tf_screenPairs(SLevel const & p, SPairTables const & table, CMultilevelPois
                                       if (value != 0.0)
                                       {
                                         nodes[count] = i;
-                                        values[count] = value;
+                                        offsets[count] = sp.offsetCode(dx + reach, dy + reach, dz + reach);
                                         ++count;
                                       }
                                     }
@@ -1157,14 +1172,14 @@ void tf_screenPairs(SLevel const & p, SPairTables const & table, CMultilevelPois
       std::copy(sp.pairNode.begin() + static_cast<std::ptrdiff_t>(from),
                 sp.pairNode.begin() + static_cast<std::ptrdiff_t>(from + count),
                 sp.pairNode.begin() + static_cast<std::ptrdiff_t>(to));
-      std::copy(sp.pairValue.begin() + static_cast<std::ptrdiff_t>(from),
-                sp.pairValue.begin() + static_cast<std::ptrdiff_t>(from + count),
-                sp.pairValue.begin() + static_cast<std::ptrdiff_t>(to));
+      std::copy(sp.pairOffset.begin() + static_cast<std::ptrdiff_t>(from),
+                sp.pairOffset.begin() + static_cast<std::ptrdiff_t>(from + count),
+                sp.pairOffset.begin() + static_cast<std::ptrdiff_t>(to));
     }
     sp.pairStart[static_cast<std::size_t>(i) + 1] += sp.pairStart[static_cast<std::size_t>(i)];
   }
   sp.pairNode.resize(static_cast<std::size_t>(sp.pairStart.back()));
-  sp.pairValue.resize(sp.pairNode.size());
+  sp.pairOffset.resize(sp.pairNode.size());
 }
 } // namespace
 
@@ -1286,7 +1301,7 @@ void CMultilevelPoissonSolver::prepareScreening()
       for (std::int64_t k = sp.pairStart[static_cast<std::size_t>(point)];
            k < sp.pairStart[static_cast<std::size_t>(point) + 1]; ++k)
       {
-        double const f = sp.pairValue[static_cast<std::size_t>(k)];
+        double const f = sp.pairValue(sp.valuesOf(point), sp.pairOffset[static_cast<std::size_t>(k)]);
         sp.diagonal[static_cast<std::size_t>(sp.pairNode[static_cast<std::size_t>(k)])] +=
             sp.weight[static_cast<std::size_t>(point)] * f * f;
       }
@@ -1478,7 +1493,7 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
   int const depths = static_cast<int>(m_levels.size());
   std::vector<std::int64_t> const & pairStart = sp.pairStart;
   std::vector<int> const & pairNode = sp.pairNode;
-  std::vector<double> const & pairValue = sp.pairValue;
+  std::vector<std::uint16_t> const & pairOffset = sp.pairOffset;
 
   // out[o] = sum over points near o of weight * F_o(point) * y[point]: each
   // point gives to the nodes around it (most nodes hold no point, so this
@@ -1498,10 +1513,11 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
                   for (int point = begin; point < end; ++point)
                   {
                     double const wy = sp.weight[static_cast<std::size_t>(point)] * y[point];
+                    double const * v = sp.valuesOf(point);
                     for (std::int64_t k = pairStart[static_cast<std::size_t>(point)];
                          k < pairStart[static_cast<std::size_t>(point) + 1]; ++k)
                       buffer[static_cast<std::size_t>(pairNode[static_cast<std::size_t>(k)])] +=
-                          wy * pairValue[static_cast<std::size_t>(k)];
+                          wy * sp.pairValue(v, pairOffset[static_cast<std::size_t>(k)]);
                   }
                 });
     std::copy(buffers[0].begin(), buffers[0].end(), out);
@@ -1518,10 +1534,11 @@ void CMultilevelPoissonSolver::screenDepth(int l, std::vector<std::vector<double
                    for (int point = begin; point < end; ++point)
                    {
                      double sum = 0.0;
+                     double const * v = sp.valuesOf(point);
                      for (std::int64_t k = pairStart[static_cast<std::size_t>(point)];
                           k < pairStart[static_cast<std::size_t>(point) + 1]; ++k)
-                       sum +=
-                           pairValue[static_cast<std::size_t>(k)] * d[pairNode[static_cast<std::size_t>(k)]];
+                       sum += sp.pairValue(v, pairOffset[static_cast<std::size_t>(k)]) *
+                              d[pairNode[static_cast<std::size_t>(k)]];
                      y[point] = sum;
                    }
                  });
