@@ -40,6 +40,12 @@ struct CMultilevelPoissonSolver::SLevel
   std::vector<double> stencil;
   double diagonal = 0.0;
   int size() const { return static_cast<int>(node.size()); }
+  /// The model coordinate of lattice index m on an axis whose box starts at
+  /// boxMin, with finest lattice step `unit`.
+  double coordinate(int m, double unit, double boxMin) const
+  {
+    return (static_cast<double>(m) * spacing + offset) * unit + boxMin;
+  }
 };
 
 // One-variable integrals between a finer (or equal) depth f and a coarser
@@ -618,9 +624,7 @@ void tf_addLevelValues(SLevel const & p, tf_Kernel1D const & k1, double const * 
             size[a] = hi - lo[a] + 1;
             for (int k = 0; k < size[a]; ++k)
             {
-              double const centre =
-                  (static_cast<double>(lo[a] + k) * p.spacing + p.offset) * unit + boxMin[a];
-              v[a][k] = k1.eval(0, (q[a] - centre) * s);
+              v[a][k] = k1.eval(0, (q[a] - p.coordinate(lo[a] + k, unit, boxMin[a])) * s);
             }
             reached = size[a] > 0;
           }
@@ -1288,9 +1292,8 @@ void CMultilevelPoissonSolver::prepareScreening()
                      for (int a = 0; a < 3; ++a)
                        for (int off = -reach; off <= reach; ++off)
                        {
-                         double const centre =
-                             (static_cast<double>(m[a] + off) * p.spacing + p.offset) * unit + boxMin[a];
-                         *out++ = k1.eval(0, (position[a] - centre) * p.scale);
+                         *out++ =
+                             k1.eval(0, (position[a] - p.coordinate(m[a] + off, unit, boxMin[a])) * p.scale);
                        }
                    }
                  });
