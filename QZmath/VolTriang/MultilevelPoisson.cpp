@@ -356,6 +356,29 @@ private:
   int m_begin[maxLines], m_end[maxLines], m_ptr[maxLines], m_ix[maxLines], m_iy[maxLines];
 };
 
+// The windows along z, on level `other`, of the nodes [begin, end) of one
+// line of level `p`.
+void tf_lineWindows(SLevel const & p, int begin, int end, SLevel const & other, SPairTables const & t,
+                    std::vector<tf_AxisWindow> * windows)
+{
+  windows->resize(static_cast<std::size_t>(end - begin));
+  for (int k = begin; k < end; ++k)
+    tf_axisWindow(&(*windows)[static_cast<std::size_t>(k - begin)], p.m[2][k] * p.spacing + p.offset, other,
+                  t);
+}
+
+// The end of the stretch of a line's nodes that starts at node s0: each next
+// node's window starts at or before the end of the one before it, plus one.
+// `begin` is the line's first node, whose window is windows[0].
+int tf_stretchEnd(std::vector<tf_AxisWindow> const & windows, int begin, int s0, int end)
+{
+  int s1 = s0 + 1;
+  while (s1 < end && windows[static_cast<std::size_t>(s1 - begin)].lo <=
+                         windows[static_cast<std::size_t>(s1 - 1 - begin)].hi + 1)
+    ++s1;
+  return s1;
+}
+
 int tf_lineCount(SLevel const & p) { return p.size() == 0 ? 0 : static_cast<int>(p.lineStart.size()) - 1; }
 
 // y[k] += sum over the nodes q of Q in reach of A[k][q] x[q], for the nodes k
@@ -392,18 +415,10 @@ void tf_gatherProduct(SLevel const & p, SLevel const & q, SPairTables const & t,
                      b[j] = t.mm[sx] * t.mm[sy];
                      at[j] = walk.lineBegin(j);
                    }
-                   windows.resize(static_cast<std::size_t>(k1 - k0));
-                   for (int k = k0; k < k1; ++k)
-                     tf_axisWindow(&windows[static_cast<std::size_t>(k - k0)],
-                                   p.m[2][k] * p.spacing + p.offset, q, t);
+                   tf_lineWindows(p, k0, k1, q, t, &windows);
                    for (int s0 = k0; s0 < k1;)
                    {
-                     // A stretch: the next node's window starts at or before the end of
-                     // the present one's, plus one.
-                     int s1 = s0 + 1;
-                     while (s1 < k1 && windows[static_cast<std::size_t>(s1 - k0)].lo <=
-                                           windows[static_cast<std::size_t>(s1 - 1 - k0)].hi + 1)
-                       ++s1;
+                     int const s1 = tf_stretchEnd(windows, k0, s0, k1);
                      int const zLo = windows[static_cast<std::size_t>(s0 - k0)].lo;
                      int const zHi = windows[static_cast<std::size_t>(s1 - 1 - k0)].hi;
                      if (zHi >= zLo)
@@ -479,16 +494,10 @@ void tf_scatterProduct(SLevel const & p, SLevel const & q, SPairTables const & t
                     continue;
                   for (int j = 0; j < walk.lineCount(); ++j)
                     at[j] = walk.lineBegin(j);
-                  windows.resize(static_cast<std::size_t>(i1 - i0));
-                  for (int i = i0; i < i1; ++i)
-                    tf_axisWindow(&windows[static_cast<std::size_t>(i - i0)],
-                                  q.m[2][i] * q.spacing + q.offset, p, t);
+                  tf_lineWindows(q, i0, i1, p, t, &windows);
                   for (int s0 = i0; s0 < i1;)
                   {
-                    int s1 = s0 + 1;
-                    while (s1 < i1 && windows[static_cast<std::size_t>(s1 - i0)].lo <=
-                                          windows[static_cast<std::size_t>(s1 - 1 - i0)].hi + 1)
-                      ++s1;
+                    int const s1 = tf_stretchEnd(windows, i0, s0, i1);
                     int const zLo = windows[static_cast<std::size_t>(s0 - i0)].lo;
                     int const zHi = windows[static_cast<std::size_t>(s1 - 1 - i0)].hi;
                     bool any = false;
