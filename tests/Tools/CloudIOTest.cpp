@@ -129,43 +129,40 @@ TEST(CloudIO, AsciiPlyAndText)
 
 TEST(CloudIO, MalformedInputsNameTheFileAndPlace)
 {
-  std::string const p = tempPath("bad.xyzn");
-  writeFile(p, "0 0 0 0 0 1\n1 2 3\n");
-  EXPECT_NE(errorOf(p).find("bad.xyzn: line 2: no normal"), std::string::npos) << errorOf(p);
-  writeFile(p, "0 0 0 0 0 1\n1 2 nan 0 0 1\n");
-  EXPECT_NE(errorOf(p).find("line 2: non-finite"), std::string::npos) << errorOf(p);
-  writeFile(p, "0 0 0 0 0 1\n1 2 inf 0 0 1\n");
-  EXPECT_NE(errorOf(p).find("line 2"), std::string::npos);
-  writeFile(p, "0 0 0 0 0 x1\n");
-  EXPECT_NE(errorOf(p).find("line 1: not a number"), std::string::npos) << errorOf(p);
-  writeFile(p, "1 1 1e39 0 0 1\n"); // beyond float
-  EXPECT_NE(errorOf(p).find("line 1"), std::string::npos);
+  std::string const plyHead = "ply\nformat ascii 1.0\nelement vertex ";
+  std::string const xyzProps = "property float x\nproperty float y\nproperty float z\n";
+  std::string const normalProps = "property float nx\nproperty float ny\nproperty float nz\nend_header\n";
+  struct Case
+  {
+    char const * file;
+    std::string bytes;
+    char const * message;
+  } const cases[] = {
+      {"bad.xyzn", "0 0 0 0 0 1\n1 2 3\n", "bad.xyzn: line 2: no normal"},
+      {"bad.xyzn", "0 0 0 0 0 1\n1 2 nan 0 0 1\n", "line 2: non-finite"},
+      {"bad.xyzn", "0 0 0 0 0 1\n1 2 inf 0 0 1\n", "line 2"},
+      {"bad.xyzn", "0 0 0 0 0 x1\n", "line 1: not a number"},
+      {"bad.xyzn", "1 1 1e39 0 0 1\n", "line 1"}, // beyond float
+      {"bad.ply", plyHead + "2\n" + xyzProps + "property float nx\nend_header\n1 2 3 0\n",
+       "header: vertex property ny is missing"},
+      {"bad.ply", plyHead + "3\n" + xyzProps + normalProps + "1 2 3 0 0 1\n",
+       "line 12: unexpected end of file"},
+      {"bad.ply", plyHead + "1\n" + xyzProps + normalProps + "1 2 3 0 nan 1\n", "line 11: non-finite"},
+      {"bad.ply", "plx\n", "not a PLY"},
+      {"bad.ply", plyHead + "1\n", "unexpected end of the header"},
+      {"bad.ply", plyHead + "-4\nend_header\n", "bad element"},
+      {"bad.ply", "ply\nformat binary_middle_endian 1.0\n", "unknown format"},
+      {"bad.ply",
+       plyHead + "1\nproperty int x\nproperty float y\nproperty float z\n" + normalProps + "1 2 3 0 0 1\n",
+       "not float or double"},
+  };
+  for (Case const & c : cases)
+  {
+    writeFile(tempPath(c.file), c.bytes);
+    std::string const e = errorOf(tempPath(c.file));
+    EXPECT_NE(e.find(c.message), std::string::npos) << c.bytes << " -> " << e;
+  }
   EXPECT_NE(errorOf(tempPath("missing.ply")).find("cannot read"), std::string::npos);
-
-  std::string const q = tempPath("bad.ply");
-  writeFile(q,
-            "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\n"
-            "property float nx\nend_header\n1 2 3 0\n");
-  EXPECT_NE(errorOf(q).find("header: vertex property ny is missing"), std::string::npos) << errorOf(q);
-  writeFile(q,
-            "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\n"
-            "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 0 1\n");
-  EXPECT_NE(errorOf(q).find("line 12: unexpected end of file"), std::string::npos) << errorOf(q);
-  writeFile(q,
-            "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\nproperty float z\n"
-            "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 nan 1\n");
-  EXPECT_NE(errorOf(q).find("line 11: non-finite"), std::string::npos) << errorOf(q);
-  writeFile(q, "plx\n");
-  EXPECT_NE(errorOf(q).find("not a PLY"), std::string::npos);
-  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 1\n");
-  EXPECT_NE(errorOf(q).find("unexpected end of the header"), std::string::npos);
-  writeFile(q, "ply\nformat ascii 1.0\nelement vertex -4\nend_header\n");
-  EXPECT_NE(errorOf(q).find("bad element"), std::string::npos);
-  writeFile(q, "ply\nformat binary_middle_endian 1.0\n");
-  EXPECT_NE(errorOf(q).find("unknown format"), std::string::npos);
-  writeFile(q, "ply\nformat ascii 1.0\nelement vertex 1\nproperty int x\nproperty float y\nproperty float z\n"
-               "property float nx\nproperty float ny\nproperty float nz\nend_header\n1 2 3 0 0 1\n");
-  EXPECT_NE(errorOf(q).find("not float or double"), std::string::npos);
 }
 
 TEST(CloudIO, TruncatedBinaryFailsAtEveryCut)
