@@ -1,15 +1,17 @@
 #pragma once
-// Running a reconstruction in a test: a target that collects the mesh, and a
-// helper that runs the triangulator on a cloud with given parameters.
+// Running a reconstruction in a test: a target that collects the mesh, a
+// helper that runs the triangulator on a cloud with given parameters, and
+// the observers and scopes that the runs share.
 
 #include <array>
-#include <memory>
+#include <cmath>
 #include <string>
 #include <vector>
 
 #include "QZmath/VolTriang/VolumetricTriangulator.h"
 #include "QZsys/DebugLog.h"
 #include "QZsys/Progress.h"
+#include "QZsys/Threading.h"
 #include "tests/Common/MeshChecks.h"
 #include "tests/Common/SampleClouds.h"
 
@@ -24,8 +26,7 @@ public:
 private:
   void onAddNewVertex(int index, double const * p, double const * n) override
   {
-    if (index != static_cast<int>(mesh.vertices.size()))
-      indicesInOrder = false;
+    indicesInOrder = indicesInOrder && index == static_cast<int>(mesh.vertices.size());
     mesh.vertices.push_back({p[0], p[1], p[2]});
     mesh.normals.push_back({n[0], n[1], n[2]});
   }
@@ -37,10 +38,11 @@ private:
   void onAddNewTriangle(int a, int b, int c) override { mesh.triangles.push_back({a, b, c}); }
 };
 
-inline VolTr::CVolTriangulationParams makeParams(int depth)
+inline VolTr::CVolTriangulationParams makeParams(int depth, bool multilevel = false)
 {
   VolTr::CVolTriangulationParams p;
   p.setOctreeDepth(depth);
+  p.setMultilevelSolver(multilevel);
   return p;
 }
 
@@ -62,25 +64,19 @@ inline RunResult reconstruct(VolTr::IInputSamples const & cloud, VolTr::CVolTria
   return RunResult{target.mesh, log.lines(), target.indicesInOrder};
 }
 
-/// Largest distance of a vertex from the sphere of radius r about the origin.
-inline double sphereError(Mesh const & m, double r)
+/// The largest and the mean distance of the vertices from the torus of radii
+/// R, r about the z axis; R = 0 makes it the sphere of radius r.
+inline std::array<double, 2> surfaceError(Mesh const & m, double R, double r)
 {
-  double e = 0;
-  for (auto const & v : m.vertices)
-    e = std::max(e, std::fabs(std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]) - r));
-  return e;
-}
-
-/// Largest distance of a vertex from the torus of radii R, r about the z axis.
-inline double torusError(Mesh const & m, double R, double r)
-{
-  double e = 0;
+  double e = 0, sum = 0;
   for (auto const & v : m.vertices)
   {
     double const q = std::sqrt(v[0] * v[0] + v[1] * v[1]) - R;
-    e = std::max(e, std::fabs(std::sqrt(q * q + v[2] * v[2]) - r));
+    double const d = std::fabs(std::sqrt(q * q + v[2] * v[2]) - r);
+    e = std::max(e, d);
+    sum += d;
   }
-  return e;
+  return {e, m.vertices.empty() ? 1.0 : sum / m.vertices.size()};
 }
 
 /// The value of a log line with this label, or "" when absent.
@@ -91,4 +87,27 @@ inline std::string logValue(std::vector<std::string> const & log, std::string co
       return l.substr(label.size() + 2);
   return "";
 }
+
+/// Overrides the counted number of cores while it lives.
+struct ThreadCount
+{
+  explicit ThreadCount(int n) { CVescaThreadingTasksHelper::setNumOfPhisicalThread(n); }
+  ~ThreadCount() { CVescaThreadingTasksHelper::setNumOfPhisicalThread(0); }
+};
+
+/// Requests an interruption as soon as the counter enters a given phase.
+struct InterruptInPhase : IProgressObserver
+{
+  CProgressCounter * counter;
+  std::string phase;
+  InterruptInPhase(CProgressCounter * c, std::string p) : counter(c), phase(std::move(p))
+  {
+    counter->AddObserver(this);
+  }
+  void onProgress(double, std::string const & name) override
+  {
+    if (name == phase)
+      counter->RequestInterrupt();
+  }
+};
 } // namespace qztest
