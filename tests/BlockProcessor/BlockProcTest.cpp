@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "GridClient.h"
@@ -14,25 +16,59 @@ using namespace BlockTest;
 
 namespace
 {
-std::vector<std::string> WithoutWorkerOps(std::vector<std::string> const & events)
+/// A grid and its processor, logging to memory, with the progress counted
+/// when asked for (a run without a counter takes other paths).
+struct Rig
 {
-  std::vector<std::string> kept;
-  for (std::string const & e : events)
-    if (e.rfind("reset", 0) == 0 || e.rfind("global", 0) == 0 || e.rfind("pass", 0) == 0 ||
-        e.rfind("new-pass", 0) == 0 || e.rfind("not-extracted", 0) == 0)
-      kept.push_back(e);
-  return kept;
+  GridStructure grid;
+  GridProcessor p;
+  VsUt::CMemoryDebugLog log;
+  CProgressCounter progress;
+  Rig(int width, int height, int radius, int threads, bool modifyAndExtract, bool counted = false)
+      : grid(width, height, radius), p(grid)
+  {
+    p.SetDebugLog(&log);
+    if (counted)
+      p.SetProgressCounter(&progress);
+    p.SetImmediateBlockModify(modifyAndExtract);
+    p.SetExtractBlock(modifyAndExtract);
+    p.SetNParralelThreads(threads);
+  }
+  int Run() { return RunWithDeadline(p); }
+  /// How many log lines hold each needle.
+  std::vector<int> Lines(std::vector<std::string> const & needles) const
+  {
+    std::vector<int> counts;
+    for (std::string const & n : needles)
+      counts.push_back(Count(log.lines(), n));
+    return counts;
+  }
+};
+
+/// The processor's own hooks of a run with `passes` passes: `perBlock` adds
+/// each block's events of a pass, and without extraction the blocks are
+/// applied at its end.
+std::vector<std::string> PassEvents(int passes, int blocks, bool notExtracted,
+                                    std::function<void(std::vector<std::string> &, int)> perBlock = {})
+{
+  std::vector<std::string> events{"reset", "global-start"};
+  for (int pass = 0; pass < passes; ++pass)
+  {
+    events.push_back("pass-start " + std::to_string(pass));
+    events.push_back("new-pass-calls " + std::to_string(pass));
+    for (int b = 0; b < blocks && perBlock; ++b)
+      perBlock(events, b);
+    for (int b = 0; b < blocks && notExtracted; ++b)
+      events.push_back("not-extracted " + std::to_string(b));
+    events.push_back("pass-end " + std::to_string(pass));
+  }
+  events.push_back("global-end");
+  return events;
 }
 
 // Leaks of workers and fragments show here even without a sanitizer.
-void ExpectNothingLeft()
-{
-  EXPECT_EQ(GridWorker::s_live.load(), 0);
-  EXPECT_EQ(GridFragment::s_live.load(), 0);
-}
+void ExpectNothingLeft() { EXPECT_EQ(GridWorker::s_live.load() + GridFragment::s_live.load(), 0); }
 } // namespace
-
-// ---------------------------------------------------------------- configuration
 
 TEST(BlockProcessorSetup, ThreadCountAndParallelFlagFollowEachOther)
 {
@@ -67,8 +103,6 @@ TEST(BlockProcessorSetup, BadConfigurationsFailBeforeAnyHook)
   }
 }
 
-// ---------------------------------------------------------------- serial runs
-
 TEST(BlockProcessorSerial, HooksComeInTheirOrderAndProgressRises)
 {
   struct Recorder : IProgressObserver
@@ -80,46 +114,35 @@ TEST(BlockProcessorSerial, HooksComeInTheirOrderAndProgressRises)
   // (not extracted); with it each block is extracted and applied at once.
   for (bool immediate : {false, true})
   {
-    GridStructure grid(3, 1, 1);
-    GridProcessor p(grid);
+    Rig r(3, 1, 1, 0, immediate, true);
     Recorder recorder;
-    CProgressCounter progress;
-    progress.AddObserver(&recorder);
-    p.SetProgressCounter(&progress);
-    p.SetNPasses(2);
-    p.SetImmediateBlockModify(immediate);
-    p.SetExtractBlock(immediate);
-    p.recordWorkerOps = true;
-    EXPECT_EQ(p.Run(), 0);
+    r.progress.AddObserver(&recorder);
+    r.p.SetNPasses(2);
+    r.p.recordWorkerOps = true;
+    EXPECT_EQ(r.Run(), 0);
 
-    std::vector<std::string> expected{"reset", "global-start"};
-    for (int pass = 0; pass < 2; ++pass)
-    {
-      expected.push_back("pass-start " + std::to_string(pass));
-      expected.push_back("new-pass-calls " + std::to_string(pass));
-      for (int b = 0; b < 3; ++b)
-        for (std::string op : {"create", "init", "extract ", "block-init ", "block-init-unshared ",
-                               "process ", "finalize ", "apply "})
-          if (immediate || (op != "extract " && op != "apply "))
-            expected.push_back(op.back() == ' ' ? op + std::to_string(b) : op);
-      for (int b = 0; b < 3 && !immediate; ++b)
-        expected.push_back("not-extracted " + std::to_string(b));
-      expected.push_back("pass-end " + std::to_string(pass));
-    }
-    expected.push_back("global-end");
-    EXPECT_EQ(p.Events(), expected) << "immediate " << immediate;
-    EXPECT_EQ(grid.NewPassCalls(), 2);
-    EXPECT_EQ(p.CurrentPassNo(), 2);
-    EXPECT_EQ(p.cells, ReferenceCells(3, 1, 2, p.rounds));
+    std::vector<std::string> const expected =
+        PassEvents(2, 3, !immediate,
+                   [&](std::vector<std::string> & events, int b)
+                   {
+                     for (std::string op : {"create", "init", "extract ", "block-init ",
+                                            "block-init-unshared ", "process ", "finalize ", "apply "})
+                       if (immediate || (op != "extract " && op != "apply "))
+                         events.push_back(op.back() == ' ' ? op + std::to_string(b) : op);
+                   });
+    EXPECT_EQ(r.p.Events(), expected) << "immediate " << immediate;
+    EXPECT_EQ(r.grid.NewPassCalls(), 2);
+    EXPECT_EQ(r.p.CurrentPassNo(), 2);
+    EXPECT_EQ(r.p.cells, ReferenceCells(3, 1, 2, r.p.rounds));
     ExpectNothingLeft();
-    EXPECT_DOUBLE_EQ(progress.GetPosFloat(), 1.0);
-    EXPECT_EQ(progress.GetRangeDepth(), 0);
+    EXPECT_DOUBLE_EQ(r.progress.GetPosFloat(), 1.0);
+    EXPECT_EQ(r.progress.GetRangeDepth(), 0);
     EXPECT_TRUE(std::is_sorted(recorder.positions.begin(), recorder.positions.end()));
     // The passes share 5 % to 95 % equally, the global actions have the rest.
-    ASSERT_EQ(p.positions.size(), 3u);
-    EXPECT_NEAR(p.positions[0], 0.05, 1e-12);
-    EXPECT_NEAR(p.positions[1], 0.05 + 0.9 / 2, 1e-12);
-    EXPECT_NEAR(p.positions[2], 0.95, 1e-12);
+    double const starts[] = {0.05, 0.05 + 0.9 / 2, 0.95};
+    ASSERT_EQ(r.p.positions.size(), 3u);
+    for (int i = 0; i < 3; ++i)
+      EXPECT_NEAR(r.p.positions[i], starts[i], 1e-12);
     // The first pass's blocks lie inside its share: 5 % + 90 % * (5 % + 90 % / 2).
     EXPECT_TRUE(std::any_of(recorder.positions.begin(), recorder.positions.end(),
                             [](double v) { return v > 0.05 && v < 0.05 + 0.9 * (0.05 + 0.9 / 2); }));
@@ -128,43 +151,25 @@ TEST(BlockProcessorSerial, HooksComeInTheirOrderAndProgressRises)
 
 TEST(BlockProcessorSerial, PassesEndEarlyOrNotAtAll)
 {
-  {
-    GridStructure grid(2, 2, 1);
-    GridProcessor p(grid);
-    p.SetNPasses(0);
-    EXPECT_EQ(p.Run(), 0);
-    EXPECT_EQ(p.Events(), (std::vector<std::string>{"reset", "global-start", "global-end"}));
-    EXPECT_EQ(grid.NewPassCalls(), 0);
-  }
-  {
-    GridStructure grid(2, 2, 1);
-    GridProcessor p(grid);
-    p.SetNPasses(5);
-    p.lastPass = 1;
-    EXPECT_EQ(p.Run(), 0);
-    std::vector<std::string> expected{"reset", "global-start"};
-    for (int pass = 0; pass < 2; ++pass)
-    {
-      expected.push_back("pass-start " + std::to_string(pass));
-      expected.push_back("new-pass-calls " + std::to_string(pass));
-      for (int b = 0; b < 4; ++b)
-        expected.push_back("not-extracted " + std::to_string(b));
-      expected.push_back("pass-end " + std::to_string(pass));
-    }
-    expected.push_back("global-end");
-    EXPECT_EQ(WithoutWorkerOps(p.Events()), expected);
-    EXPECT_EQ(p.cells, ReferenceCells(2, 2, 2, p.rounds));
-    EXPECT_EQ(p.CurrentPassNo(), 5);
-  }
-  GridStructure grid(0, 0, 1);
-  GridProcessor p(grid);
-  p.wholeResult = 42;
-  EXPECT_EQ(p.Run(), 42);
-  EXPECT_EQ(p.Events(), (std::vector<std::string>{"reset", "global-start", "pass-start 0", "new-pass-calls 0",
-                                                  "pass-end 0", "global-end"}));
-}
+  Rig zero(2, 2, 1, 0, false);
+  zero.p.SetNPasses(0);
+  EXPECT_EQ(zero.Run(), 0);
+  EXPECT_EQ(zero.p.Events(), PassEvents(0, 4, true));
+  EXPECT_EQ(zero.grid.NewPassCalls(), 0);
 
-// ---------------------------------------------------------------- parallel runs
+  Rig early(2, 2, 1, 0, false);
+  early.p.SetNPasses(5);
+  early.p.lastPass = 1;
+  EXPECT_EQ(early.Run(), 0);
+  EXPECT_EQ(early.p.Events(), PassEvents(2, 4, true));
+  EXPECT_EQ(early.p.cells, ReferenceCells(2, 2, 2, early.p.rounds));
+  EXPECT_EQ(early.p.CurrentPassNo(), 5);
+
+  Rig empty(0, 0, 1, 0, false);
+  empty.p.wholeResult = 42;
+  EXPECT_EQ(empty.Run(), 42);
+  EXPECT_EQ(empty.p.Events(), PassEvents(1, 0, true));
+}
 
 struct ParallelCase
 {
@@ -181,39 +186,24 @@ class BlockProcessorParallel : public ::testing::TestWithParam<ParallelCase>
 TEST_P(BlockProcessorParallel, MatchesTheSerialReference)
 {
   ParallelCase const c = GetParam();
-  int const width = 6, height = 5, passes = 3;
-  GridStructure grid(width, height, 2);
-  GridProcessor p(grid);
-  VsUt::CMemoryDebugLog log;
-  CProgressCounter progress;
-  p.SetProgressCounter(&progress);
-  p.SetDebugLog(&log);
-  p.SetNPasses(passes);
-  p.SetImmediateBlockModify(c.modify);
-  p.SetExtractBlock(c.extract);
-  p.unshared = c.unshared;
-  p.SetNParralelThreads(c.threads);
-  ASSERT_EQ(RunWithDeadline(p), 0);
+  int const passes = 3, n = 6 * 5 * passes;
+  Rig r(6, 5, 2, c.threads, c.modify, true);
+  r.p.SetExtractBlock(c.extract);
+  r.p.SetNPasses(passes);
+  r.p.unshared = c.unshared;
+  ASSERT_EQ(r.Run(), 0);
 
-  EXPECT_EQ(p.cells, ReferenceCells(width, height, passes, p.rounds));
-  EXPECT_EQ(p.processed, std::vector<int>(static_cast<std::size_t>(grid.Count()), passes));
-  EXPECT_FALSE(p.conflictSeen.load());
-  EXPECT_FALSE(p.lockViolation.load());
-  EXPECT_EQ(p.starts.load(), grid.Count() * passes);
-  EXPECT_EQ(p.finishes.load(), grid.Count() * passes);
-  EXPECT_EQ(p.finalizes.load(), c.modify ? grid.Count() * passes : 0);
-  EXPECT_EQ(static_cast<int>(p.applied.size()), c.modify ? grid.Count() * passes : 0);
-  EXPECT_DOUBLE_EQ(progress.GetPosFloat(), 1.0);
-  std::vector<std::string> const lines = log.lines();
-  EXPECT_EQ(Count(lines, "Thread stuff finished"), passes);
-  EXPECT_EQ(Count(lines, "Initializing ..."), c.threads * passes);
-  EXPECT_EQ(Count(lines, "Work finished. Sending release signal."), c.threads * passes);
-  EXPECT_EQ(Count(lines, "worker released"), c.threads * passes);
-  EXPECT_EQ(Count(lines, "Processing block"), grid.Count() * passes);
-  EXPECT_EQ(Count(lines, "Entering write mutex"), c.unshared ? grid.Count() * passes : 0);
-  EXPECT_EQ(Count(lines, "Going to lock " + std::to_string(c.threads) + " mutexes"),
-            ((c.modify ? 1 : 0) + (c.unshared ? 1 : 0)) * grid.Count() * passes);
-  EXPECT_EQ(Count(lines, "ERROR"), 0);
+  EXPECT_EQ(r.p.cells, ReferenceCells(6, 5, passes, r.p.rounds));
+  EXPECT_EQ(r.p.processed, std::vector<int>(static_cast<std::size_t>(r.grid.Count()), passes));
+  EXPECT_FALSE(r.p.conflictSeen.load() || r.p.lockViolation.load());
+  EXPECT_EQ((std::vector<int>{r.p.starts, r.p.finishes, r.p.finalizes, static_cast<int>(r.p.applied.size())}),
+            (std::vector<int>{n, n, c.modify ? n : 0, c.modify ? n : 0}));
+  EXPECT_DOUBLE_EQ(r.progress.GetPosFloat(), 1.0);
+  EXPECT_EQ(r.Lines({"Thread stuff finished", "Initializing ...", "Work finished. Sending release signal.",
+                     "worker released", "Processing block", "Entering write mutex",
+                     "Going to lock " + std::to_string(c.threads) + " mutexes", "ERROR"}),
+            (std::vector<int>{passes, c.threads * passes, c.threads * passes, c.threads * passes, n,
+                              c.unshared ? n : 0, ((c.modify ? 1 : 0) + (c.unshared ? 1 : 0)) * n, 0}));
   ExpectNothingLeft();
 }
 
@@ -233,51 +223,37 @@ TEST(BlockProcessorParallelRun, ConflictingBlocksRunOneAtATime)
 {
   // Every block conflicts with every other: one worker works, the others
   // sleep until a block finishes and the manager wakes them.
-  GridStructure grid(5, 1, -1);
-  GridProcessor p(grid);
-  VsUt::CMemoryDebugLog log;
-  p.SetDebugLog(&log);
-  p.SetImmediateBlockModify(true);
-  p.SetExtractBlock(true);
-  p.SetNParralelThreads(3);
+  Rig r(5, 1, -1, 3, true);
   // The first block waits until both other workers went to sleep, so that
   // the sleeping and waking surely happen.
-  p.onProcess = [&](int b)
+  r.p.onProcess = [&](int b)
   {
-    if (b != 0)
-      return;
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (Count(log.lines(), "No free blocks, going to sleep...") < 2 &&
+    while (b == 0 && Count(r.log.lines(), "No free blocks, going to sleep...") < 2 &&
            std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
   };
-  ASSERT_EQ(RunWithDeadline(p), 0);
-  EXPECT_EQ(p.maxInWork.load(), 1);
-  EXPECT_FALSE(p.conflictSeen.load());
-  EXPECT_EQ(p.cells, ReferenceCells(5, 1, 1, p.rounds));
-  std::vector<std::string> const lines = log.lines();
-  EXPECT_GE(Count(lines, "No free blocks, going to sleep..."), 2);
-  EXPECT_GE(Count(lines, "Waking up idle worker ID = "), 1);
-  EXPECT_GE(Count(lines, "Waked up after sleep"), 1);
-  EXPECT_EQ(Count(lines, "Waking up idles..."), Count(lines, "Waking up idles done."));
+  ASSERT_EQ(r.Run(), 0);
+  EXPECT_EQ(r.p.maxInWork.load(), 1);
+  EXPECT_FALSE(r.p.conflictSeen.load());
+  EXPECT_EQ(r.p.cells, ReferenceCells(5, 1, 1, r.p.rounds));
+  std::vector<int> const seen =
+      r.Lines({"No free blocks, going to sleep...", "Waking up idle worker ID = ", "Waked up after sleep"});
+  EXPECT_TRUE(seen[0] >= 2 && seen[1] >= 1 && seen[2] >= 1) << seen[0] << " " << seen[1] << " " << seen[2];
+  EXPECT_EQ(Count(r.log.lines(), "Waking up idles..."), Count(r.log.lines(), "Waking up idles done."));
   ExpectNothingLeft();
 }
 
 TEST(BlockProcessorParallelRun, EmptyStructureEndsEveryWorker)
 {
-  GridStructure grid(0, 0, 1);
-  GridProcessor p(grid);
-  VsUt::CMemoryDebugLog log;
-  p.SetDebugLog(&log);
-  p.SetNParralelThreads(3);
-  p.wholeResult = 5;
-  EXPECT_EQ(RunWithDeadline(p), 5);
-  std::vector<std::string> const lines = log.lines();
-  EXPECT_EQ(Count(lines, "Blocks over"), 3);
-  for (int id = 10000; id < 10003; ++id)
-    EXPECT_EQ(Count(lines, "[DEBUG_THREADS] Worker " + std::to_string(id) + ": Blocks over"), 1);
-  EXPECT_EQ(Count(lines, "[DEBUG_THREADS] Manager: Thread stuff finished"), 1);
-  EXPECT_EQ(Count(p.Events(), "pass-end 0"), 1);
+  Rig r(0, 0, 1, 3, false);
+  r.p.wholeResult = 5;
+  EXPECT_EQ(r.Run(), 5);
+  EXPECT_EQ(r.Lines({"Blocks over", "[DEBUG_THREADS] Worker 10000: Blocks over",
+                     "[DEBUG_THREADS] Worker 10001: Blocks over", "[DEBUG_THREADS] Worker 10002: Blocks over",
+                     "[DEBUG_THREADS] Manager: Thread stuff finished"}),
+            (std::vector<int>{3, 1, 1, 1, 1}));
+  EXPECT_EQ(Count(r.p.Events(), "pass-end 0"), 1);
 }
 
 // Serially (no thread count) and on workers.
@@ -285,36 +261,22 @@ TEST(BlockProcessorRun, EmptyAndSkippedBlocksGetNoWorkButFinish)
 {
   for (int threads : {0, 2})
   {
-    GridStructure grid(4, 2, 1);
-    GridProcessor p(grid);
-    VsUt::CMemoryDebugLog log;
-    p.SetDebugLog(&log);
-    p.SetImmediateBlockModify(true);
-    p.SetExtractBlock(true);
-    p.emptyBlock = 3;
-    p.skipBlock = 6;
-    p.recordWorkerOps = threads == 0;
-    p.SetNParralelThreads(threads);
-    ASSERT_EQ(RunWithDeadline(p), 0);
-    std::vector<int> expected(8, 1);
-    expected[3] = expected[6] = 0;
-    EXPECT_EQ(p.processed, expected);
-    EXPECT_EQ(p.finishes.load(), threads ? 8 : 0); // the schedule's hooks serve the workers only
-    std::vector<std::string> const events = p.Events(), lines = log.lines();
+    Rig r(4, 2, 1, threads, true);
+    r.p.emptyBlock = 3;
+    r.p.skipBlock = 6;
+    r.p.recordWorkerOps = threads == 0;
+    ASSERT_EQ(r.Run(), 0);
+    EXPECT_EQ(r.p.processed, (std::vector<int>{1, 1, 1, 0, 1, 1, 0, 1}));
+    EXPECT_EQ(r.p.finishes.load(), threads ? 8 : 0); // the schedule's hooks serve the workers only
+    std::vector<std::string> const events = r.p.Events();
     EXPECT_EQ(Count(events, "global-end"), 1);
     if (threads == 0)
-    {
-      EXPECT_EQ(Count(events, "block-init 3"), 0);
-      EXPECT_EQ(Count(events, "block-init 6"), 1);
-      EXPECT_EQ(Count(events, "block-init-unshared 6"), 0);
-      EXPECT_EQ(Count(events, "apply"), 6);
-    }
+      EXPECT_EQ((std::vector<int>{Count(events, "block-init 3"), Count(events, "block-init 6"),
+                                  Count(events, "block-init-unshared 6"), Count(events, "apply")}),
+                (std::vector<int>{0, 1, 0, 6}));
     else
-    {
-      EXPECT_EQ(Count(lines, "Empty block "), 1);
-      EXPECT_EQ(Count(lines, "!Worker.BlockInit()"), 1);
-      EXPECT_EQ(Count(lines, "Updating huge model block"), 6);
-    }
+      EXPECT_EQ(r.Lines({"Empty block ", "!Worker.BlockInit()", "Updating huge model block"}),
+                (std::vector<int>{1, 1, 6}));
     ExpectNothingLeft();
   }
 }
@@ -342,41 +304,32 @@ TEST(BlockProcessorRun, StatusesOfFailingBlocks)
     {
       SCOPED_TRACE(std::to_string(static_cast<int>(c.fail)) + " " + std::to_string(c.code) + " threads " +
                    std::to_string(threads));
-      GridStructure grid(4, 4, 1);
-      GridProcessor p(grid);
-      VsUt::CMemoryDebugLog log;
-      CProgressCounter progress;
-      p.SetDebugLog(&log);
-      p.SetProgressCounter(&progress);
-      p.interruptTarget = &progress;
-      p.SetImmediateBlockModify(true);
-      p.SetExtractBlock(true);
-      p.SetNParralelThreads(threads);
-      p.fail = c.fail;
-      p.failCode = c.code;
-      p.failBlock = 5;
-      EXPECT_EQ(RunWithDeadline(p), threads ? c.parallel : c.serial);
-      std::vector<std::string> const lines = log.lines();
+      Rig r(4, 4, 1, threads, true, true);
+      r.p.interruptTarget = &r.progress;
+      r.p.fail = c.fail;
+      r.p.failCode = c.code;
+      r.p.failBlock = 5;
+      EXPECT_EQ(r.Run(), threads ? c.parallel : c.serial);
       if (threads == 0)
-      {
-        EXPECT_EQ(p.processed[6], 0);
-      }
+        EXPECT_EQ(r.p.processed[6], 0);
       else if (c.raised)
       {
-        EXPECT_EQ(Count(lines, "[DEBUG_THREADS] Manager: AbortEvent caught"), 1);
-        EXPECT_EQ(Count(lines, c.raised), 1);
-        EXPECT_EQ(Count(lines, "successfully aborted"), Count(lines, "Sending aborting signal to worker"));
+        EXPECT_EQ(r.Lines({"[DEBUG_THREADS] Manager: AbortEvent caught", c.raised}),
+                  (std::vector<int>{1, 1}));
+        EXPECT_EQ(Count(r.log.lines(), "successfully aborted"),
+                  Count(r.log.lines(), "Sending aborting signal to worker"));
       }
       bool const error =
           c.fail == EFail::Throw || c.fail == EFail::BadAlloc || (c.fail == EFail::Code && c.code != 10);
       if (threads && error)
       {
-        EXPECT_EQ(Count(lines, "ERROR during BlockProcessCore"), 1);
-        EXPECT_EQ(Count(lines, "Unexpected error in BlockProc::CBlockWorker::Work()"), 1);
+        EXPECT_EQ(
+            r.Lines({"ERROR during BlockProcessCore", "Unexpected error in BlockProc::CBlockWorker::Work()"}),
+            (std::vector<int>{1, 1}));
       }
-      EXPECT_EQ(p.starts.load(), p.finishes.load());
-      EXPECT_EQ(Count(p.Events(), "pass-end") + Count(p.Events(), "global-end"), 0);
-      EXPECT_EQ(Count(lines, "Thread stuff finished"), 0);
+      EXPECT_EQ(r.p.starts.load(), r.p.finishes.load());
+      EXPECT_EQ(Count(r.p.Events(), "pass-end") + Count(r.p.Events(), "global-end"), 0);
+      EXPECT_EQ(Count(r.log.lines(), "Thread stuff finished"), 0);
       ExpectNothingLeft();
     }
 }
@@ -388,49 +341,35 @@ TEST(BlockProcessorParallelRun, FailuresOfTheManagersOwnSteps)
   // the pass end as done.
   for (int c = 0; c < 3; ++c)
   {
-    GridStructure grid(3, 3, 1);
-    GridProcessor p(grid);
-    VsUt::CMemoryDebugLog log;
-    p.SetDebugLog(&log);
-    p.SetNParralelThreads(c == 0 ? 4 : 2);
-    p.failCreateAt = c == 0 ? 2 : -1;
-    p.nullCreateAt = c == 1 ? 1 : -1;
-    p.initThrows = c == 2;
-    EXPECT_EQ(RunWithDeadline(p), c == 0 ? 1 : QZ_STATUS_UNEXPECTED_ERR) << c;
-    if (c == 0)
-    {
-      EXPECT_EQ(p.creations.load(), 3);
-    }
-    if (c == 2)
-    {
-      EXPECT_GE(Count(log.lines(), "An ERROR occurred. Sending release signal."), 1);
-    }
-    EXPECT_EQ(Count(p.Events(), "pass-end"), 0);
+    Rig r(3, 3, 1, c == 0 ? 4 : 2, false);
+    r.p.failCreateAt = c == 0 ? 2 : -1;
+    r.p.nullCreateAt = c == 1 ? 1 : -1;
+    r.p.initThrows = c == 2;
+    EXPECT_EQ(r.Run(), c == 0 ? 1 : QZ_STATUS_UNEXPECTED_ERR) << c;
+    EXPECT_TRUE(c != 0 || r.p.creations.load() == 3) << "the third worker failed, no fourth was made";
+    EXPECT_TRUE(c != 2 || Count(r.log.lines(), "An ERROR occurred. Sending release signal.") >= 1);
+    EXPECT_EQ(Count(r.p.Events(), "pass-end"), 0);
     ExpectNothingLeft();
   }
 }
 
 TEST(BlockProcessorParallelRun, ARunAfterAFailureStartsClean)
 {
-  GridStructure grid(4, 3, 2);
-  GridProcessor p(grid);
-  p.SetImmediateBlockModify(true);
-  p.SetExtractBlock(true);
-  p.SetNParralelThreads(3);
-  p.fail = EFail::UserBreak;
-  p.failBlock = 4;
-  ASSERT_EQ(RunWithDeadline(p), QZ_STATUS_USER_INTR);
-  EXPECT_TRUE(p.IsUserBreak());
+  Rig r(4, 3, 2, 3, true);
+  r.p.fail = EFail::UserBreak;
+  r.p.failBlock = 4;
+  ASSERT_EQ(r.Run(), QZ_STATUS_USER_INTR);
+  EXPECT_TRUE(r.p.IsUserBreak());
 
   // A fresh model: neither the user break nor an abort left over may end the
   // second run.
-  p.cells = InitialCells(grid.Count());
-  p.fail = EFail::None;
-  p.SetAbortEvent();
-  p.SetNPasses(2);
-  std::fill(p.processed.begin(), p.processed.end(), 0);
-  ASSERT_EQ(RunWithDeadline(p), 0);
-  EXPECT_FALSE(p.IsUserBreak());
-  EXPECT_EQ(p.cells, ReferenceCells(4, 3, 2, p.rounds));
-  EXPECT_EQ(p.processed, std::vector<int>(12, 2));
+  r.p.cells = InitialCells(r.grid.Count());
+  r.p.fail = EFail::None;
+  r.p.SetAbortEvent();
+  r.p.SetNPasses(2);
+  std::fill(r.p.processed.begin(), r.p.processed.end(), 0);
+  ASSERT_EQ(r.Run(), 0);
+  EXPECT_FALSE(r.p.IsUserBreak());
+  EXPECT_EQ(r.p.cells, ReferenceCells(4, 3, 2, r.p.rounds));
+  EXPECT_EQ(r.p.processed, std::vector<int>(12, 2));
 }

@@ -22,7 +22,7 @@ struct LC_Foreign : IVescaFragmentDescriptor_Old
 
 int IndexOf(GridStructure const & grid, Block_iter it)
 {
-  return it.GetDesc() ? Grid(*it.GetDesc()).index : grid.Count();
+  return it.GetDesc() ? Index(*it.GetDesc()) : grid.Count();
 }
 } // namespace
 
@@ -102,9 +102,8 @@ TEST(BlockSchedule, RandomHandOutsMatchAPlainScheduler)
     }
     EXPECT_FALSE(p.HasPotentialJob() || p.HasCurrentJob());
     EXPECT_EQ(p.LockNextBlock(nullptr), p.BlockEnd());
-    EXPECT_EQ(p.GetFinishedBlockCount(), grid.Count());
-    EXPECT_EQ(p.starts.load(), grid.Count());
-    EXPECT_EQ(p.finishes.load(), grid.Count());
+    EXPECT_EQ((std::vector<int>{p.GetFinishedBlockCount(), p.starts, p.finishes}),
+              std::vector<int>(3, grid.Count()));
     // The next block now stands at the end, which holds no address at all.
     for (int b = 0; b < grid.Count(); ++b)
       EXPECT_TRUE(p.IsBlockProcessed(grid.Block(b))) << "block " << b;

@@ -21,12 +21,10 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
-#include <memory>
 #include <mutex>
 #include <new>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "QZmath/BlockProcessor/BlockProc.h"
@@ -38,13 +36,11 @@ using BlockProc::Block_iter;
 struct GridDesc : IVescaFragmentDescriptor_Old
 {
   int index = 0;
-  int x = 0;
-  int y = 0;
 };
 
-inline GridDesc const & Grid(IVescaFragmentDescriptor_Old const & desc)
+inline int Index(IVescaFragmentDescriptor_Old const & desc)
 {
-  return static_cast<GridDesc const &>(desc);
+  return static_cast<GridDesc const &>(desc).index;
 }
 
 /// Blocks in one array (ascending addresses along the walk); the end position
@@ -58,44 +54,29 @@ public:
         m_blocks(static_cast<std::size_t>(Count()))
   {
     for (int i = 0; i < Count(); ++i)
-    {
-      GridDesc & d = m_blocks[static_cast<std::size_t>(i)];
-      d.index = i;
-      d.x = i % width;
-      d.y = i / width;
-    }
+      Block(i).index = i;
   }
   int Width() const { return m_width; }
   int Height() const { return m_height; }
   int Count() const { return m_width * m_height; }
   GridDesc & Block(int i) const { return m_blocks[static_cast<std::size_t>(i)]; }
-  Block_iter At(int i) const { return Block_iter(&Block(i), this); }
+  Block_iter At(int i) const { return Block_iter(i < Count() ? &Block(i) : nullptr, this); }
   bool Conflict(int a, int b) const
   {
-    if (a == b || m_radius < 0)
-      return true;
-    GridDesc const & p = Block(a);
-    GridDesc const & q = Block(b);
-    return std::max(std::abs(p.x - q.x), std::abs(p.y - q.y)) <= m_radius;
+    int const dx = std::abs(a % m_width - b % m_width), dy = std::abs(a / m_width - b / m_width);
+    return a == b || m_radius < 0 || std::max(dx, dy) <= m_radius;
   }
   int NewPassCalls() const { return m_newPasses; }
 
-  void NextBlock(Block_iter & it) const override
-  {
-    int const next = Grid(*it.GetDesc()).index + 1;
-    it.SetDesc(next < Count() ? &Block(next) : nullptr);
-  }
+  void NextBlock(Block_iter & it) const override { it = At(Index(*it.GetDesc()) + 1); }
   void OnNewPass() override { ++m_newPasses; }
   bool AreBlocksIndependent(IVescaFragmentDescriptor_Old const * desc,
                             IVescaFragmentDescriptor_Old const * otherDesc) const override
   {
-    return !Conflict(Grid(*desc).index, Grid(*otherDesc).index);
+    return !Conflict(Index(*desc), Index(*otherDesc));
   }
   int BlockCount() const override { return Count(); }
-  void BlockBegin(Block_iter & it) const override
-  {
-    it = Block_iter(Count() > 0 ? &Block(0) : nullptr, this);
-  }
+  void BlockBegin(Block_iter & it) const override { it = At(0); }
   void BlockEnd(Block_iter & it) const override { it = Block_iter(nullptr, this); }
 
 private:
@@ -115,13 +96,7 @@ inline std::uint64_t Mix(std::uint64_t v)
   v *= 0xff51afd7ed558ccdULL;
   v ^= v >> 33;
   v *= 0xc4ceb9fe1a85ec53ULL;
-  v ^= v >> 33;
-  return v;
-}
-
-inline std::uint64_t InitialCell(int block, int cell)
-{
-  return Mix(static_cast<std::uint64_t>(block) * 131 + cell + 7);
+  return v ^ (v >> 33);
 }
 
 /// Calls `f(cell)` for every cell of the blocks around `b` (inside the grid
@@ -143,8 +118,7 @@ inline std::vector<std::uint64_t> Contributions(int width, int height, int b, st
   ForNeighbourCells(width, height, b,
                     [&](int cell)
                     {
-                      std::uint64_t v =
-                          seed ^ (static_cast<std::uint64_t>(pass) << 40) ^ static_cast<std::uint64_t>(cell);
+                      std::uint64_t v = seed ^ (std::uint64_t(pass) << 40) ^ std::uint64_t(cell);
                       for (int r = 0; r < rounds; ++r)
                         v = Mix(v + r);
                       add.push_back(v);
@@ -171,9 +145,8 @@ inline std::uint64_t Seed(std::vector<std::uint64_t> const & cells, int b)
 inline std::vector<std::uint64_t> InitialCells(int blocks)
 {
   std::vector<std::uint64_t> cells;
-  for (int b = 0; b < blocks; ++b)
-    for (int c = 0; c < st_CellsPerBlock; ++c)
-      cells.push_back(InitialCell(b, c));
+  for (int cell = 0; cell < blocks * st_CellsPerBlock; ++cell)
+    cells.push_back(Mix(std::uint64_t(cell / st_CellsPerBlock) * 131 + cell % st_CellsPerBlock + 7));
   return cells;
 }
 
@@ -196,9 +169,8 @@ inline std::vector<std::uint64_t> ReferenceCells(int width, int height, int pass
 struct GridFragment : IVescaFragment_Old
 {
   static std::atomic<int> s_live;
-  GridFragment(int b, std::uint64_t s) : block(b), seed(s) { ++s_live; }
+  GridFragment(std::uint64_t s) : seed(s) { ++s_live; }
   ~GridFragment() override { --s_live; }
-  int block;
   std::uint64_t seed;
   std::vector<std::uint64_t> add;
 };
@@ -217,37 +189,17 @@ enum class EFail
   Abort,     // the client calls SetAbortEvent() during the block
 };
 
-class GridProcessor;
-
-class GridWorker : public BlockProc::CBlockWorker
-{
-public:
-  static std::atomic<int> s_live;
-  GridWorker(GridProcessor * processor, bool parallel);
-  ~GridWorker() override { --s_live; }
-
-  void Init() override;
-  bool BlockInit(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old * fragment) override;
-  bool BlockInitUnshared(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old * fragment) override;
-  int ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old * fragment) override;
-  void BlockFinalize(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old * fragment) override;
-
-private:
-  GridProcessor * m_grid;
-  bool m_parallel;
-};
-inline std::atomic<int> GridWorker::s_live{0};
-
 class GridProcessor : public BlockProc::CBlockProcessor
 {
 public:
   explicit GridProcessor(GridStructure & structure) : m_structure(structure)
   {
     SetBlockStructure(&structure);
+    std::size_t const n = static_cast<std::size_t>(structure.Count());
     cells = InitialCells(structure.Count());
-    seeds.assign(static_cast<std::size_t>(structure.Count()), 0);
-    pending.resize(static_cast<std::size_t>(structure.Count()));
-    processed.assign(static_cast<std::size_t>(structure.Count()), 0);
+    seeds.assign(n, 0);
+    pending.resize(n);
+    processed.assign(n, 0);
   }
 
   // ---- configuration of a test
@@ -275,11 +227,11 @@ public:
 
   // ---- what happened
   std::vector<int> processed; // ProcessFragment calls per block, all passes
-  std::vector<int> applied;   // blocks in the order of ApplyBlockChanges (shared model state)
-  std::atomic<int> starts{0}, finishes{0}, creations{0};
-  std::atomic<int> finalizes{0};
+  std::vector<int> applied;   // blocks in the order of ApplyBlockChanges
+  std::atomic<int> starts{0}, finishes{0}, creations{0}, finalizes{0}, maxInWork{0};
   std::atomic<bool> conflictSeen{false}, lockViolation{false};
-  std::atomic<int> maxInWork{0};
+  // The progress at each pass start and at the global end, when counted.
+  std::vector<double> positions;
 
   std::vector<std::string> Events() const
   {
@@ -291,9 +243,13 @@ public:
     std::lock_guard<std::mutex> lock(m_eventsMutex);
     m_events.push_back(event);
   }
+  /// A worker's or an extraction's step, recorded only when asked for.
+  void RecordOp(std::string const & op, int b = -1)
+  {
+    if (recordWorkerOps)
+      Record(b < 0 ? op : op + " " + std::to_string(b));
+  }
   GridStructure & Structure() const { return m_structure; }
-  // The progress at each pass start and at the global end, when counted.
-  std::vector<double> positions;
   void RecordPosition()
   {
     if (GetProgressCounter())
@@ -321,20 +277,19 @@ public:
     m_active.erase(std::find(m_active.begin(), m_active.end(), b));
   }
   // Model access: readers may overlap each other, never a writer.
-  void BeginRead()
+  void Read()
   {
     ++m_readers;
     if (m_writers.load() != 0)
       lockViolation = true;
+    --m_readers;
   }
-  void EndRead() { --m_readers; }
-  void BeginWrite()
+  void Write()
   {
     if (++m_writers != 1 || m_readers.load() != 0)
       lockViolation = true;
   }
   void EndWrite() { --m_writers; }
-  bool Parallel() const { return IsUseParallelThreads(); }
 
   using CBlockProcessor::CheckWorkerResult;
 
@@ -360,49 +315,32 @@ protected:
     if (CurrentPassNo() == lastPass)
       SetThisPassLast();
   }
-  BlockProc::CBlockWorker * CreateBlockWorker(bool parallel) override
-  {
-    int const n = creations++;
-    if (recordWorkerOps)
-      Record("create");
-    if (parallel && n == failCreateAt)
-      throw std::bad_alloc();
-    if (parallel && n == nullCreateAt)
-      return nullptr;
-    return new GridWorker(this, parallel);
-  }
+  BlockProc::CBlockWorker * CreateBlockWorker(bool parallel) override;
   IVescaFragment_Old * ExtractBlock(IVescaFragmentDescriptor_Old const & desc) override
   {
-    int const b = Grid(desc).index;
-    if (recordWorkerOps)
-      Record("extract " + std::to_string(b));
-    BeginRead();
-    std::size_t const appliedSoFar = applied.size(); // read of shared model state
-    (void)appliedSoFar;
-    EndRead();
-    if (b == emptyBlock)
-      return nullptr;
-    return new GridFragment(b, seeds[static_cast<std::size_t>(b)]);
+    int const b = Index(desc);
+    RecordOp("extract", b);
+    Read();
+    return b == emptyBlock ? nullptr : new GridFragment(seeds[static_cast<std::size_t>(b)]);
   }
   void ApplyBlockChanges(IVescaFragmentDescriptor_Old const & desc, IVescaFragment_Old * fragment) override
   {
-    int const b = Grid(desc).index;
-    if (recordWorkerOps)
-      Record("apply " + std::to_string(b));
-    if (Parallel())
-      BeginWrite();
+    int const b = Index(desc);
+    RecordOp("apply", b);
+    if (IsUseParallelThreads())
+      Write();
     Enter(b);
     auto const * grid = static_cast<GridFragment const *>(fragment);
     AddContributions(cells, m_structure.Width(), m_structure.Height(), b,
                      grid ? grid->add : pending[static_cast<std::size_t>(b)]);
     applied.push_back(b);
     Leave(b);
-    if (Parallel())
+    if (IsUseParallelThreads())
       EndWrite();
   }
   void ApplyBlockChangesBlockNotExtr(IVescaFragmentDescriptor_Old const & desc) override
   {
-    int const b = Grid(desc).index;
+    int const b = Index(desc);
     Record("not-extracted " + std::to_string(b));
     AddContributions(cells, m_structure.Width(), m_structure.Height(), b,
                      pending[static_cast<std::size_t>(b)]);
@@ -421,7 +359,6 @@ protected:
   }
 
 private:
-  friend class GridWorker;
   GridStructure & m_structure;
   mutable std::mutex m_eventsMutex;
   std::vector<std::string> m_events;
@@ -430,52 +367,68 @@ private:
   std::atomic<int> m_readers{0}, m_writers{0};
 };
 
-inline GridWorker::GridWorker(GridProcessor * processor, bool parallel)
-    : CBlockWorker(processor, parallel), m_grid(processor), m_parallel(parallel)
+/// Made by the processor with its own counter exactly when the run is
+/// parallel.
+class GridWorker : public BlockProc::CBlockWorker
 {
-  ++s_live;
-}
-
-inline void GridWorker::Init()
-{
-  if (m_grid->recordWorkerOps)
-    m_grid->Record("init");
-  if (m_grid->initThrows)
-    throw std::runtime_error("worker cannot start");
-}
-
-inline bool GridWorker::BlockInit(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old *)
-{
-  int const b = Grid(desc).index;
-  if (m_grid->recordWorkerOps)
-    m_grid->Record("block-init " + std::to_string(b));
-  return b != m_grid->skipBlock;
-}
-
-inline bool GridWorker::BlockInitUnshared(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old *)
-{
-  if (m_grid->recordWorkerOps)
-    m_grid->Record("block-init-unshared " + std::to_string(Grid(desc).index));
-  // Asked for unshared, it runs with the model write-locked; otherwise it
-  // still holds the worker's read lock.
-  if (m_parallel && m_grid->unshared)
+public:
+  static std::atomic<int> s_live;
+  GridWorker(GridProcessor * processor, bool parallel) : CBlockWorker(processor, parallel), m_grid(processor)
   {
-    m_grid->BeginWrite();
-    m_grid->EndWrite();
+    ++s_live;
   }
-  else if (m_parallel)
+  ~GridWorker() override { --s_live; }
+
+  void Init() override
   {
-    m_grid->BeginRead();
-    m_grid->EndRead();
+    m_grid->RecordOp("init");
+    if (m_grid->initThrows)
+      throw std::runtime_error("worker cannot start");
   }
-  return true;
+  bool BlockInit(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old *) override
+  {
+    m_grid->RecordOp("block-init", Index(desc));
+    return Index(desc) != m_grid->skipBlock;
+  }
+  bool BlockInitUnshared(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old *) override
+  {
+    m_grid->RecordOp("block-init-unshared", Index(desc));
+    // Asked for unshared, it runs with the model write-locked; otherwise it
+    // still holds the worker's read lock.
+    if (HasOwnProgressCounter() && m_grid->unshared)
+    {
+      m_grid->Write();
+      m_grid->EndWrite();
+    }
+    else if (HasOwnProgressCounter())
+      m_grid->Read();
+    return true;
+  }
+  int ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old * fragment) override;
+  void BlockFinalize(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old *) override
+  {
+    m_grid->RecordOp("finalize", Index(desc));
+    ++m_grid->finalizes;
+  }
+
+private:
+  GridProcessor * m_grid;
+};
+inline std::atomic<int> GridWorker::s_live{0};
+
+inline BlockProc::CBlockWorker * GridProcessor::CreateBlockWorker(bool parallel)
+{
+  int const n = creations++;
+  RecordOp("create");
+  if (parallel && n == failCreateAt)
+    throw std::bad_alloc();
+  return parallel && n == nullCreateAt ? nullptr : new GridWorker(this, parallel);
 }
 
 inline int GridWorker::ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old * fragment)
 {
-  int const b = Grid(desc).index;
-  if (m_grid->recordWorkerOps)
-    m_grid->Record("process " + std::to_string(b));
+  int const b = Index(desc);
+  m_grid->RecordOp("process", b);
   if (m_grid->onProcess)
     m_grid->onProcess(b);
   m_grid->Enter(b);
@@ -513,22 +466,12 @@ inline int GridWorker::ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVes
   }
   if (GetProgressCounter())
     GetProgressCounter()->SetPosFloat(0.25);
-  std::uint64_t const seed =
-      fragment ? static_cast<GridFragment *>(fragment)->seed : m_grid->seeds[static_cast<std::size_t>(b)];
-  std::vector<std::uint64_t> add = Contributions(m_grid->Structure().Width(), m_grid->Structure().Height(), b,
-                                                 seed, m_grid->CurrentPassNo(), m_grid->rounds);
-  if (fragment)
-    static_cast<GridFragment *>(fragment)->add = std::move(add);
-  else
-    m_grid->pending[static_cast<std::size_t>(b)] = std::move(add);
+  auto * grid = static_cast<GridFragment *>(fragment);
+  (grid ? grid->add : m_grid->pending[static_cast<std::size_t>(b)]) =
+      Contributions(m_grid->Structure().Width(), m_grid->Structure().Height(), b,
+                    grid ? grid->seed : m_grid->seeds[static_cast<std::size_t>(b)], m_grid->CurrentPassNo(),
+                    m_grid->rounds);
   return 0;
-}
-
-inline void GridWorker::BlockFinalize(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old *)
-{
-  if (m_grid->recordWorkerOps)
-    m_grid->Record("finalize " + std::to_string(Grid(desc).index));
-  ++m_grid->finalizes;
 }
 
 /// The scheduling interface made public, for driving a processor by hand.
@@ -551,26 +494,9 @@ public:
 
 // ---------------------------------------------------------------- helpers
 
-/// Runs `Run()` on a thread of its own; a run that does not end within the
-/// deadline fails the test and stops the program rather than hanging it.
-inline int RunWithDeadline(BlockProc::CBlockProcessor & processor, int seconds = 60)
-{
-  std::packaged_task<int()> task([&processor] { return processor.Run(); });
-  std::future<int> result = task.get_future();
-  std::thread runner(std::move(task));
-  if (result.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready)
-  {
-    ADD_FAILURE() << "Run() did not end within " << seconds << " s";
-    std::fflush(nullptr);
-    std::_Exit(3);
-  }
-  runner.join();
-  return result.get();
-}
-
 /// Waits for `done` up to the deadline; a hang fails the test and stops the
 /// program instead of blocking the suite.
-inline void FinishWithin(std::future<void> & done, int seconds = 30)
+template <class T> T FinishWithin(std::future<T> & done, int seconds = 30)
 {
   if (done.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready)
   {
@@ -578,7 +504,14 @@ inline void FinishWithin(std::future<void> & done, int seconds = 30)
     std::fflush(nullptr);
     std::_Exit(3);
   }
-  done.get();
+  return done.get();
+}
+
+/// `Run()` on a thread of its own, under a deadline.
+inline int RunWithDeadline(BlockProc::CBlockProcessor & processor)
+{
+  std::future<int> run = std::async(std::launch::async, [&processor] { return processor.Run(); });
+  return FinishWithin(run, 60);
 }
 
 inline int Count(std::vector<std::string> const & lines, std::string const & needle)

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,19 +28,27 @@ TEST(ThreadTrace, WorkerAndManagerLines)
   // A text without an argument is not a format.
   DebugThreadMgrMessage(&log, "100% done %d");
 
+  std::string const W = "[DEBUG_THREADS] Worker ", M = "[DEBUG_THREADS] Manager: ";
+  std::vector<std::string> const expected{W + "10002: Blocks over",
+                                          W + "10003: Locking mutex number 4",
+                                          W + "-5: Processing block %p",
+                                          W + "7: Extracting block %p",
+                                          M + "Thread stuff finished",
+                                          M + "Worker ID=10001 worker released",
+                                          M + "Mutex %p",
+                                          M + "Mutex %p",
+                                          "[DEBUG_THREADS] Manager: 100% done %d"};
   std::vector<std::string> const lines = log.lines();
-  ASSERT_EQ(lines.size(), 9u);
-  std::string pointer;
-  EXPECT_EQ(lines[0], "[DEBUG_THREADS] Worker 10002: Blocks over");
-  EXPECT_EQ(lines[1], "[DEBUG_THREADS] Worker 10003: Locking mutex number 4");
-  EXPECT_TRUE(matchTrace(lines[2], R"([DEBUG_THREADS] Worker -5: Processing block %p)", &pointer))
-      << lines[2];
-  EXPECT_TRUE(matchTrace(lines[3], R"([DEBUG_THREADS] Worker 7: Extracting block %p)", &pointer)) << lines[3];
-  EXPECT_EQ(lines[4], "[DEBUG_THREADS] Manager: Thread stuff finished");
-  EXPECT_EQ(lines[5], "[DEBUG_THREADS] Manager: Worker ID=10001 worker released");
-  EXPECT_TRUE(matchTrace(lines[6], R"([DEBUG_THREADS] Manager: Mutex %p)", &pointer)) << lines[6];
-  EXPECT_EQ(lines[6], lines[7]);
-  EXPECT_EQ(lines[8], "[DEBUG_THREADS] Manager: 100% done %d");
+  ASSERT_EQ(lines.size(), expected.size());
+  std::set<std::string> pointers; // one object, printed alike from const and non-const pointers
+  for (std::size_t i = 0; i < lines.size(); ++i)
+  {
+    std::string pointer;
+    EXPECT_TRUE(matchTrace(lines[i], expected[i], &pointer)) << lines[i];
+    if (!pointer.empty())
+      pointers.insert(pointer);
+  }
+  EXPECT_EQ(pointers.size(), 1u);
 }
 
 TEST(ThreadTrace, FormattedTextsAreCutAt255Characters)
@@ -50,12 +59,10 @@ TEST(ThreadTrace, FormattedTextsAreCutAt255Characters)
   DebugThreadMgrMessage(&log, (longText + "%d").c_str(), 5);
   DebugThreadMessage(&log, 1, longText.c_str());
   DebugThreadMgrMessage(&log, longText.c_str());
-  std::vector<std::string> const lines = log.lines();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0], "[DEBUG_THREADS] Worker 1: " + std::string(255, 'x'));
-  EXPECT_EQ(lines[1], "[DEBUG_THREADS] Manager: " + std::string(255, 'x'));
-  EXPECT_EQ(lines[2], "[DEBUG_THREADS] Worker 1: " + longText);
-  EXPECT_EQ(lines[3], "[DEBUG_THREADS] Manager: " + longText);
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{"[DEBUG_THREADS] Worker 1: " + std::string(255, 'x'),
+                                                   "[DEBUG_THREADS] Manager: " + std::string(255, 'x'),
+                                                   "[DEBUG_THREADS] Worker 1: " + longText,
+                                                   "[DEBUG_THREADS] Manager: " + longText}));
 }
 
 TEST(ThreadTrace, NullLogAndNullTexts)
