@@ -2,63 +2,19 @@
 
 #include <cmath>
 #include <memory>
-#include <random>
 #include <type_traits>
 #include <vector>
 
-#include "EquationTestSupport.h"
+#include "LinSysTestSupport.h"
 #include "QZmath/LinSys/VPLSstorage.h"
 
 using namespace REmath;
+using namespace linsys_test;
 
 namespace
 {
-/// A system of n free vertices (identifiers in falling order, so free indices
-/// do not rise with them) and m fixed ones, with random equations that keep a
-/// dense reference of their free coefficients.
-template <class T> struct RandomSystem
-{
-  int n, m;
-  std::vector<int> freeIds, fixedIds;
-  std::vector<CVertexLinearCombination<T>> equations;
-  std::vector<std::vector<T>> dense; // [row][free index]
-
-  RandomSystem(int n_, int m_, unsigned seed) : n(n_), m(m_)
-  {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<double> value(-2, 2);
-    std::uniform_int_distribution<int> freeCol(0, n - 1), fixedCol(0, m > 0 ? m - 1 : 0);
-    for (int i = 0; i < n; ++i)
-      freeIds.push_back(1000 - 3 * i);
-    for (int j = 0; j < m; ++j)
-      fixedIds.push_back(5000 + j);
-    dense.assign(n, std::vector<T>(n, T(0)));
-    for (int k = 0; k < n; ++k)
-    {
-      CVertexLinearCombination<T> e;
-      for (int t = 0; t < 3; ++t)
-      {
-        int const c = freeCol(rng);
-        T const v = static_cast<T>(value(rng));
-        e.AddVertex(freeIds[c], v);
-        dense[k][c] = e.VertexCoeff(freeIds[c]);
-      }
-      if (m > 0)
-        e.AddVertex(fixedIds[fixedCol(rng)], static_cast<T>(value(rng)));
-      equations.push_back(e);
-    }
-  }
-
-  template <class S> void build(S & s) const
-  {
-    for (int id : freeIds)
-      s.DefineFreeVertex(id);
-    for (int id : fixedIds)
-      s.DefineFixedVertex(id);
-    for (auto const & e : equations)
-      s.AddEquation(e);
-  }
-};
+// Identifiers in falling order, so that free indices do not rise with them.
+int falling(int v) { return 1000 - 3 * v; }
 
 template <class S> using ElementOf = decltype(std::declval<S const &>().GetFreeVertCoeff(0, 0));
 template <class S> constexpr bool hasShiftedRows()
@@ -84,32 +40,25 @@ TYPED_TEST(VPLSstorage, RowsMatchTheDenseReference)
   using S = TypeParam;
   using T = ElementOf<S>;
   double const tol = std::is_same<T, float>::value ? 1e-5 : 1e-12;
-  for (unsigned seed : {1u, 2u, 3u})
+  for (int n : {13, 14, 15})
   {
-    RandomSystem<T> const sys(12 + static_cast<int>(seed), 4, seed);
+    CProblem const p = randomSpd(n, 4, n);
+    std::vector<T> const a = freeMatrix<T>(p);
     S s;
     EXPECT_FALSE(s.IsMatrixAllocated());
-    sys.build(s);
+    fill<T>(s, p, falling);
     ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
     EXPECT_TRUE(s.IsMatrixAllocated());
-
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<double> u(-1, 1);
-    std::vector<T> x(sys.n);
-    for (T & v : x)
-      v = static_cast<T>(u(rng));
-    for (int k = 0; k < sys.n; ++k)
+    std::vector<T> x(n);
+    for (int i = 0; i < n; ++i)
+      x[i] = static_cast<T>(std::sin(n + i));
+    std::vector<double> const ax = denseProduct(a, n, x);
+    for (int k = 0; k < n; ++k)
     {
-      double ref = 0;
-      for (int c = 0; c < sys.n; ++c)
-      {
-        ref += static_cast<double>(sys.dense[k][c]) * static_cast<double>(x[c]);
-        if (!hasShiftedRows<S>()) // shifted rows do not read single elements as the matrix's
-        {
-          EXPECT_EQ(s.GetFreeVertCoeff(k, c), sys.dense[k][c]);
-        }
-      }
-      EXPECT_NEAR(s.ScalarProductByMatrixRow(k, sys.n, x.data()), ref, tol) << "row " << k;
+      // Shifted rows do not read single elements as the matrix's.
+      for (int c = 0; c < n && !hasShiftedRows<S>(); ++c)
+        EXPECT_EQ(s.GetFreeVertCoeff(k, c), a[static_cast<size_t>(k) * n + c]);
+      EXPECT_NEAR(s.ScalarProductByMatrixRow(k, n, x.data()), ax[k], tol) << "row " << k;
     }
   }
 }
@@ -124,10 +73,10 @@ TYPED_TEST(VPLSstorage, LateFreeVerticesAndSpoiledSystemsMakeNoRows)
   S late;
   late.DefineFreeVertex(1);
   late.DefineFreeVertex(2);
-  late.AddEquation(linsys_test::eq<T>({{1, 1.0}, {2, 1.0}}));
+  late.AddEquation(eq<T>({{1, 1.0}, {2, 1.0}}));
   late.DefineFreeVertex(3);
   EXPECT_FALSE(late.IsSpoiled());
-  late.AddEquation(linsys_test::eq<T>({{3, 1.0}}));
+  late.AddEquation(eq<T>({{3, 1.0}}));
   EXPECT_TRUE(late.IsSpoiled());
 
   // A spoiled system allocates no rows, and reads of absent rows give 0.
@@ -151,10 +100,10 @@ TYPED_TEST(VPLSstorage, CopyIsDeepAndSymmetryIsOnlyAFlag)
   EXPECT_TRUE(s.isSymmetric());
   s.DefineFreeVertex(10);
   s.DefineFreeVertex(20);
-  s.AddEquation(linsys_test::eq<T>({{10, 2.0}, {20, 1.0}}));
+  s.AddEquation(eq<T>({{10, 2.0}, {20, 1.0}}));
   std::unique_ptr<S> copy(s.Copy());
   EXPECT_TRUE(copy->isSymmetric());
-  copy->AddEquation(linsys_test::eq<T>({{10, 1.0}, {20, 3.0}}));
+  copy->AddEquation(eq<T>({{10, 1.0}, {20, 3.0}}));
   EXPECT_TRUE(copy->IsCorrectlyDefinedSystem());
   EXPECT_EQ(s.GetEquationsNumber(), 1);
   T const x[2] = {T(1), T(10)};
@@ -190,7 +139,7 @@ TEST(VPLSstorageRows, ShiftedRowsTrimBothEndsAndReadSingleElementsAtTheShiftedIn
   for (int i = 0; i < 6; ++i)
     s.DefineFreeVertex(i);
   for (int k = 0; k < 6; ++k)
-    s.AddEquation(linsys_test::eq<float>({{k, k < 5 ? 1.0 : 4.0}}));
+    s.AddEquation(eq<float>({{k, k < 5 ? 1.0 : 4.0}}));
   ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
   float const x[6] = {1, 1, 1, 1, 1, 0.5f};
   EXPECT_EQ(s.ScalarProductByMatrixRow(5, 6, x), 2.0f);
