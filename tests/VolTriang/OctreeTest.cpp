@@ -8,6 +8,7 @@
 #include <cmath>
 #include <limits>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,15 +23,15 @@ using QZTest::whatOf;
 
 namespace
 {
-// ------------------------------------------------------------------ reference
+template <class T> std::vector<double> v3(T const * p) { return {double(p[0]), double(p[1]), double(p[2])}; }
 
 /// The tree built the slow way: one sample at a time, every node of every
 /// sample looked up in ordered maps.
 struct RefOctree
 {
-  bool center = false;
-  int depth = 0, size = 0, nodeDepthBegin = 0, nodeDepthEnd = 0;
-  double boxMin[3] = {0, 0, 0}, boxMax[3] = {0, 0, 0};
+  bool center;
+  int depth, size, nodeDepthBegin, nodeDepthEnd;
+  double boxMin[3], boxMax[3];
   std::vector<int> sampleCells;
   std::multimap<CInt3, int> cellSamples;
   std::map<CInt3, int> cellIndexes;
@@ -42,8 +43,7 @@ struct RefOctree
       : center(useCenter), depth(depth_), size(1 << depth_)
   {
     int const top = depth - (center ? 1 : 0);
-    int const clamped = (detalization < 0 || detalization > top) ? top : detalization;
-    nodeDepthBegin = top - clamped;
+    nodeDepthBegin = (detalization < 0 || detalization > top) ? 0 : top - detalization;
     nodeDepthEnd = center ? depth : depth + 1;
 
     int const n = cloud.pointsNumber();
@@ -91,9 +91,6 @@ struct RefOctree
     return CTreeNode(d, CInt3(out));
   }
 
-  int minNodeCoord(int d) const { return center ? -(1 << (depth - d - 1)) : 0; }
-  int maxNodeCoord(int d) const { return center ? (1 << (depth - d - 1)) + size : size; }
-
   void insertPoint(int sample, float const * p)
   {
     int c[3];
@@ -103,22 +100,17 @@ struct RefOctree
       c[a] = v >= size ? size - 1 : int(v);
     }
     CInt3 const cell(c);
-    if (!cellIndexes.count(cell))
-    {
-      cellIndexes[cell] = int(cells.size());
+    auto const known = cellIndexes.emplace(cell, int(cells.size()));
+    if (known.second)
       cells.push_back(cell);
-    }
-    sampleCells.push_back(cellIndexes[cell]);
-    cellSamples.insert(std::make_pair(cell, sample));
+    sampleCells.push_back(known.first->second);
+    cellSamples.emplace(cell, sample);
     for (int d = nodeDepthBegin; d < nodeDepthEnd; ++d)
       for (int corner = 0; corner < 8; ++corner)
       {
         CTreeNode const node = makeCellNode(d, cell, corner);
-        if (!nodeIndexes.count(node))
-        {
-          nodeIndexes[node] = int(nodes.size());
+        if (nodeIndexes.emplace(node, int(nodes.size())).second)
           nodes.push_back(node);
-        }
       }
   }
 
@@ -176,8 +168,6 @@ struct RefOctree
   }
 };
 
-// ------------------------------------------------------------------- helpers
-
 std::vector<int> walk(COctreeNodeIteratorBase it)
 {
   std::vector<int> out;
@@ -195,8 +185,7 @@ std::vector<int> walkSamples(CSampleCloud const & cloud, COctree const & tree, C
     int const s = it.currentSampleIndex();
     out.push_back(s);
     // The coordinates and the cell reported belong to the current sample.
-    for (int a = 0; a < 3; ++a)
-      EXPECT_EQ((*it)[a], double(cloud.getSampleCoords3(s)[a]));
+    EXPECT_EQ(v3(*it), v3(cloud.getSampleCoords3(s)));
     EXPECT_EQ(it.currCellIntCoord(), tree.getCellOffset(tree.getCellByCoordinates(s)));
   }
   return out;
@@ -238,13 +227,10 @@ void expectSameTree(CSampleCloud const & cloud, int depth, bool center, int deta
   RefOctree const ref(cloud, depth, center, detalization);
   COctree const tree(&cloud, depth, nullptr, center, detalization);
 
-  EXPECT_EQ(tree.getNodeDepthBegin(), ref.nodeDepthBegin);
-  EXPECT_EQ(tree.getNodeDepthEnd(), ref.nodeDepthEnd);
-  for (int a = 0; a < 3; ++a)
-  {
-    EXPECT_EQ(tree.getBoxMin()[a], ref.boxMin[a]);
-    EXPECT_EQ(tree.getBoxMax()[a], ref.boxMax[a]);
-  }
+  EXPECT_EQ(std::make_pair(tree.getNodeDepthBegin(), tree.getNodeDepthEnd()),
+            std::make_pair(ref.nodeDepthBegin, ref.nodeDepthEnd));
+  EXPECT_EQ(v3(tree.getBoxMin()), v3(ref.boxMin));
+  EXPECT_EQ(v3(tree.getBoxMax()), v3(ref.boxMax));
   ASSERT_EQ(tree.getCellsNumberOnDeepestLevel(), int(ref.cells.size()));
   for (int c = 0; c < tree.getCellsNumberOnDeepestLevel(); ++c)
     ASSERT_EQ(tree.getCellOffset(c), ref.cells[c]) << "cell " << c;
@@ -258,10 +244,9 @@ void expectSameTree(CSampleCloud const & cloud, int depth, bool center, int deta
     for (int d = ref.nodeDepthBegin; d < ref.nodeDepthEnd; ++d)
     {
       // The neighbours of a cell are its eight nodes, in sorted order.
-      std::vector<CTreeNode> around;
+      std::set<CTreeNode> around;
       for (int corner = 0; corner < 8; ++corner)
-        around.push_back(ref.makeCellNode(d, ref.cells[c], corner));
-      std::sort(around.begin(), around.end());
+        around.insert(ref.makeCellNode(d, ref.cells[c], corner));
       std::vector<int> expected;
       for (CTreeNode const & n : around)
         expected.push_back(ref.nodeIndexes.at(n));
@@ -278,27 +263,6 @@ void expectSameTree(CSampleCloud const & cloud, int depth, bool center, int deta
     for (int limit : {-1, 1, 2})
       ASSERT_EQ(walkSamples(cloud, tree, box, limit), ref.samplesInBox(box, limit)) << "limit " << limit;
   }
-}
-
-// ---------------------------------------------------------------- the clouds
-
-CSampleCloud coincidentCloud()
-{
-  CSampleCloud cloud;
-  for (int i = 0; i < 20; ++i)
-    cloud.add(0.25f, -1.5f, 3.0f);
-  cloud.add(1.0f, -1.0f, 3.5f);
-  for (int i = 0; i < 10; ++i)
-    cloud.add(0.25f, -1.5f, 3.0f);
-  return cloud;
-}
-
-CSampleCloud cubeCornersCloud()
-{
-  CSampleCloud cloud;
-  for (int corner = 0; corner < 8; ++corner)
-    cloud.add(float(corner & 1), float((corner >> 1) & 1), float((corner >> 2) & 1));
-  return cloud;
 }
 
 /// A source that counts the reads of coordinates.
@@ -320,8 +284,6 @@ private:
 };
 } // namespace
 
-// ===================================================================== tests
-
 TEST(CInt3, DefaultIsMinusOneAndCoordModIsChecked)
 {
   CInt3 a;
@@ -331,10 +293,10 @@ TEST(CInt3, DefaultIsMinusOneAndCoordModIsChecked)
   for (int bad : {3, -1})
     EXPECT_EQ(whatOf<std::exception>([&] { a.coordMod(bad); }), "CInt3::coordMod incorrect argument") << bad;
   // Lexicographic order, as the tables rely on it; depth first for nodes.
-  EXPECT_TRUE(CInt3(0, 5, 5) < CInt3(1, 0, 0));
-  EXPECT_TRUE(CInt3(1, 0, 9) < CInt3(1, 1, 0));
-  EXPECT_FALSE(CInt3(1, 1, 1) < CInt3(1, 1, 1));
-  EXPECT_TRUE(CTreeNode(0, CInt3(9, 9, 9)) < CTreeNode(1, CInt3(0, 0, 0)));
+  EXPECT_EQ((std::vector<bool>{CInt3(0, 5, 5) < CInt3(1, 0, 0), CInt3(1, 0, 9) < CInt3(1, 1, 0),
+                               CInt3(1, 1, 1) < CInt3(1, 1, 1),
+                               CTreeNode(0, CInt3(9, 9, 9)) < CTreeNode(1, CInt3(0, 0, 0))}),
+            (std::vector<bool>{true, true, false, true}));
   CInt3 b(1, 2, 3);
   b += CInt3(1, 1, 1);
   b -= CInt3(0, 2, 4);
@@ -342,57 +304,46 @@ TEST(CInt3, DefaultIsMinusOneAndCoordModIsChecked)
   EXPECT_EQ(b + CInt3(1, 1, 1), CInt3(3, 2, 1));
 }
 
-TEST(COctreeReference, RandomClouds)
+// Random clouds; detalization levels in and out of range; flat clouds (the
+// cube stays a cube, one layer of cells is used), coincident samples, one
+// sample; and deep lattices, which take the tables' general sorting path and
+// reach the largest coordinates the lattice allows.
+TEST(COctreeReference, MatchesTheSlowBuildOnEveryKindOfCloud)
 {
-  CSampleCloud const box = QZTest::makeBoxCloud(300, -2.0, 3.0, 11);
-  CSampleCloud const sphere = QZTest::makeSphereCloud(400, 1.5, 12, 0.5, -0.25, 2.0);
-  for (bool center : {false, true})
-    for (int depth : {2, 3, 5})
-    {
-      expectSameTree(box, depth, center, -1);
-      expectSameTree(sphere, depth, center, -1);
-    }
-  expectSameTree(box, 1, false, -1);
-  expectSameTree(QZTest::makeTorusCloud(300, 1.0, 0.3, 13), 4, true, -1);
-}
-
-TEST(COctreeReference, DetalizationLevels)
-{
-  CSampleCloud const sphere = QZTest::makeSphereCloud(250, 1.0, 21);
-  for (bool center : {false, true})
-    for (int level : {-5, 0, 1, 2, 3, 100})
-      expectSameTree(sphere, 4, center, level, 4);
-}
-
-TEST(COctreeReference, DegenerateClouds)
-{
-  // Flat: the cube stays a cube, only one layer of cells is used.
+  CSampleCloud single, coincident, corners;
+  single.add(1.0f, 2.0f, 3.0f);
+  for (int i = 0; i < 31; ++i) // the 21st sample apart
+    coincident.add(i == 20 ? 1.0f : 0.25f, i == 20 ? -1.0f : -1.5f, i == 20 ? 3.5f : 3.0f);
+  for (int corner = 0; corner < 8; ++corner)
+    corners.add(float(corner & 1), float((corner >> 1) & 1), float((corner >> 2) & 1));
+  CSampleCloud const box = QZTest::makeBoxCloud(300, -2.0, 3.0, 11),
+                     sphere = QZTest::makeSphereCloud(400, 1.5, 12, 0.5, -0.25, 2.0),
+                     levels = QZTest::makeSphereCloud(250, 1.0, 21),
+                     plane = QZTest::makePlaneCloud(300, 1.0, 0.5, 31),
+                     deep = QZTest::makeSphereCloud(20, 1.0, 33);
+  struct Case
+  {
+    CSampleCloud const * cloud;
+    int depth, detalization, boxes;
+  };
+  Case const cases[] = {{&box, 2, -1, 12},    {&box, 3, -1, 12},        {&box, 5, -1, 12},
+                        {&sphere, 2, -1, 12}, {&sphere, 3, -1, 12},     {&sphere, 5, -1, 12},
+                        {&levels, 4, -5, 4},  {&levels, 4, 0, 4},       {&levels, 4, 1, 4},
+                        {&levels, 4, 2, 4},   {&levels, 4, 3, 4},       {&levels, 4, 100, 4},
+                        {&plane, 4, -1, 12},  {&coincident, 3, -1, 12}, {&corners, 2, -1, 12},
+                        {&single, 3, -1, 12}, {&deep, 22, 2, 4},        {&deep, COctree::MAX_DEPTH, -1, 2}};
   for (bool center : {false, true})
   {
-    expectSameTree(QZTest::makePlaneCloud(300, 1.0, 0.5, 31), 4, center, -1);
-    expectSameTree(coincidentCloud(), 3, center, -1);
-    expectSameTree(cubeCornersCloud(), 2, center, -1);
-    CSampleCloud single;
-    single.add(1.0f, 2.0f, 3.0f);
-    expectSameTree(single, 3, center, -1);
+    for (Case const & c : cases)
+      expectSameTree(*c.cloud, c.depth, center, c.detalization, c.boxes);
     // One sample: the tiniest cube the extent allows, and it holds the sample.
     COctree const tree(&single, 3, nullptr, center, -1);
     EXPECT_EQ(tree.getBoxSize(), 1e-10 * (0.25 / 8 + 1.0));
     double const p[3] = {1.0, 2.0, 3.0};
     EXPECT_TRUE(tree.isInLeafCell(p));
   }
-}
-
-TEST(COctreeReference, DeepTrees)
-{
-  // Deep lattices take the tables' general sorting path and reach the largest
-  // coordinates the lattice allows.
-  CSampleCloud const cloud = QZTest::makeSphereCloud(20, 1.0, 33);
-  for (bool center : {false, true})
-  {
-    expectSameTree(cloud, 22, center, 2, 4);
-    expectSameTree(cloud, COctree::MAX_DEPTH, center, -1, 2);
-  }
+  expectSameTree(box, 1, false, -1);
+  expectSameTree(QZTest::makeTorusCloud(300, 1.0, 0.3, 13), 4, true, -1);
 }
 
 TEST(COctree, CentrePolicyDepthsAndBoxes)
@@ -435,9 +386,9 @@ TEST(COctree, GeometryIdentities)
         double first[3], last[3];
         tree.cellCoordsToReal(first, tree.makeCellNode(d, c, 0).shift());
         tree.cellCoordsToReal(last, tree.makeCellNode(d, c, 7).shift());
+        EXPECT_EQ(v3(nb.getMin()), v3(first));
         for (int a = 0; a < 3; ++a)
         {
-          EXPECT_EQ(nb.getMin()[a], first[a]);
           EXPECT_DOUBLE_EQ(nb.getMax()[a], last[a]);
           EXPECT_LE(nb.getMin()[a], cell.getMin()[a]);
           EXPECT_GE(nb.getMax()[a], cell.getMax()[a]);
@@ -446,19 +397,20 @@ TEST(COctree, GeometryIdentities)
     }
     for (int s = 0; s < cloud.size(); ++s)
     {
-      double p[3];
-      for (int a = 0; a < 3; ++a)
-        p[a] = cloud.getSampleCoords3(s)[a];
+      double const p[3] = {cloud.getSampleCoords3(s)[0], cloud.getSampleCoords3(s)[1],
+                           cloud.getSampleCoords3(s)[2]};
       EXPECT_TRUE(tree.isInLeafCell(p));
     }
-    double const outside[3] = {0.0, 0.0, 0.0}; // the hole of the torus holds no sample
+    // The hole of the torus holds no sample; a NaN lies in no cell.
+    double const outside[3] = {0.0, 0.0, 0.0}, nan[3] = {std::nan(""), 0.0, 0.0};
     EXPECT_FALSE(tree.isInLeafCell(outside));
-    double const nan[3] = {std::nan(""), 0.0, 0.0};
     EXPECT_FALSE(tree.isInLeafCell(nan));
   }
 }
 
-TEST(COctree, BadDepthFailsBeforeAnySampleIsRead)
+// A bad depth fails before any sample is read; a non-finite coordinate names
+// its sample; huge finite coordinates build.
+TEST(COctree, BadDepthsAndCoordinatesFailWithTheirTexts)
 {
   struct Case
   {
@@ -476,10 +428,7 @@ TEST(COctree, BadDepthFailsBeforeAnySampleIsRead)
   CCountingSamples samples;
   EXPECT_NO_THROW(COctree(&samples, 1, nullptr, false, -1));
   EXPECT_NO_THROW(COctree(&samples, 2, nullptr, true, -1));
-}
 
-TEST(COctree, NonFiniteCoordinatesAreRefusedWithTheSampleIndex)
-{
   for (float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
                     -std::numeric_limits<float>::infinity()})
   {
@@ -489,15 +438,12 @@ TEST(COctree, NonFiniteCoordinatesAreRefusedWithTheSampleIndex)
               "Sample 13 has a non-finite coordinate in VolTr::COctree constructor")
         << bad;
   }
-}
 
-TEST(COctree, HugeFiniteCoordinatesBuild)
-{
-  CSampleCloud cloud;
-  cloud.add(-FLT_MAX, 0.0f, 0.0f);
-  cloud.add(FLT_MAX, 1.0f, 1.0f);
-  cloud.add(0.0f, FLT_MAX, 0.0f);
-  COctree const tree(&cloud, 3, nullptr, true, -1);
+  CSampleCloud huge;
+  huge.add(-FLT_MAX, 0.0f, 0.0f);
+  huge.add(FLT_MAX, 1.0f, 1.0f);
+  huge.add(0.0f, FLT_MAX, 0.0f);
+  COctree const tree(&huge, 3, nullptr, true, -1);
   EXPECT_EQ(tree.getSamplesNumber(), 3);
   EXPECT_TRUE(std::isfinite(tree.getBoxSize()));
   EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(0)).x(), 0);
@@ -507,17 +453,17 @@ TEST(COctree, HugeFiniteCoordinatesBuild)
 TEST(COctree, EmptyCloudBuildsAnEmptyTree)
 {
   CSampleCloud const empty;
+  CParallelepiped const all(CInterval::all(), CInterval::all(), CInterval::all());
   for (bool center : {false, true})
   {
     COctree const tree(&empty, 4, nullptr, center, -1);
-    EXPECT_EQ(tree.getNodesNumber(), 0);
-    EXPECT_EQ(tree.getCellsNumberOnDeepestLevel(), 0);
-    EXPECT_EQ(tree.getSamplesNumber(), 0);
+    EXPECT_EQ((std::vector<int>{tree.getNodesNumber(), tree.getCellsNumberOnDeepestLevel(),
+                                tree.getSamplesNumber()}),
+              (std::vector<int>{0, 0, 0}));
     EXPECT_TRUE(std::isfinite(tree.getBoxSize()));
     double c[3];
     tree.getBoxCenter(c);
     EXPECT_EQ(c[0], 0.0);
-    CParallelepiped const all(CInterval::all(), CInterval::all(), CInterval::all());
     for (int d = 0; d < 5; ++d)
       EXPECT_TRUE(COctreeInBoxNodeIterator(&tree, all, d).isFinished());
     CSamplePointsIteratorInBox it(empty, tree, all, -1);
@@ -532,12 +478,10 @@ TEST(COctree, EmptyCloudBuildsAnEmptyTree)
 TEST(COctree, ProgressRunsToTheEndAndInterruptionPasses)
 {
   CSampleCloud const cloud = QZTest::makeSphereCloud(500, 1.0, 71);
-  CProgressCounter progress;
+  CProgressCounter progress, interrupted;
   COctree const tree(&cloud, 4, &progress, true, -1);
   EXPECT_DOUBLE_EQ(progress.GetPosFloat(), 1.0);
   EXPECT_EQ(progress.GetRangeDepth(), 0);
-
-  CProgressCounter interrupted;
   interrupted.RequestInterrupt();
   EXPECT_THROW(COctree(&cloud, 4, &interrupted, true, -1), CUserIntrException);
   EXPECT_EQ(interrupted.GetRangeDepth(), 0);
