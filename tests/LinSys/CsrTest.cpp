@@ -138,7 +138,7 @@ TYPED_TEST(Csr, SubMatrixIsTheDenseBlockWithShiftedColumnsAndTheSourceBase)
   {
     for (bool upper : {false, true})
     {
-      std::vector<T> const a = randomSparseDense<T>(n, 4, upper, 17u + base);
+      std::vector<T> const a = freeMatrix<T>(randomProblem(n, 4, upper, 17u + base));
       CCSRSquareMatrix<T> const source = fromDense(a, n, base, upper, base == 1);
       for (auto range : {std::pair<int, int>{1, 3}, {0, 9}, {4, 9}, {5, 5}, {2, 7}})
       {
@@ -174,9 +174,10 @@ TYPED_TEST(Csr, ConversionOfASystemEqualsItsDenseForm)
 {
   using T = TypeParam;
   int const n = 12;
-  std::vector<T> const a = randomSparseDense<T>(n, 3, false, 5u);
+  CProblem const p = randomProblem(n, 3, false, 5u);
+  std::vector<T> const a = freeMatrix<T>(p);
   CPlainRowStorage<T> system;
-  fill<T>(system, problemOf(a, n, false));
+  fill<T>(system, p);
   std::vector<T> upperPart = a;
   for (int i = 0; i < n; ++i)
     for (int j = 0; j < i; ++j)
@@ -211,7 +212,7 @@ TYPED_TEST(Csr, ProductsMatchTheDenseReferenceForBothBasesAndBothForms)
     {
       for (bool upper : {false, true})
       {
-        std::vector<T> const a = randomSparseDense<T>(n, 6, upper, 1000u + n + base);
+        std::vector<T> const a = freeMatrix<T>(randomProblem(n, 6, upper, 1000u + n + base));
         CCSRSquareMatrix<T> const m = fromDense(a, n, base, upper, (n + base) % 2 == 0);
         std::vector<T> x(static_cast<size_t>(n));
         for (int i = 0; i < n; ++i)
@@ -272,10 +273,11 @@ TYPED_TEST(Csr, AgreesWithTheDenseReferenceAndReachesMklWithoutACopy)
   {
     for (bool symmetric : {false, true})
     {
-      std::vector<T> const a = randomSparseDense<T>(n, 5, symmetric, 77u + base);
+      CProblem const p = randomProblem(n, 5, symmetric, 77u + base);
+      std::vector<T> const a = freeMatrix<T>(p);
       CCSRSstorage<T> csr;
       csr.setIndexBase(base);
-      fill<T>(csr, problemOf(a, n, symmetric));
+      fill<T>(csr, p);
       ASSERT_TRUE(csr.IsCorrectlyDefinedSystem());
 
       std::vector<T> x(static_cast<size_t>(n));
@@ -305,13 +307,14 @@ TYPED_TEST(Csr, BulkRowsEqualEquationRows)
 {
   using T = TypeParam;
   int const n = 25;
-  std::vector<T> const a = randomSparseDense<T>(n, 6, true, 3u);
+  CProblem const p = randomProblem(n, 6, true, 3u);
+  std::vector<T> const a = freeMatrix<T>(p);
   CCSRSstorage<T> byEquations;
-  fill<T>(byEquations, problemOf(a, n, true));
+  fill<T>(byEquations, p);
   CCSRSstorage<T> bulk;
   bulk.setSymmetric(true);
   bulk.setExpectedElementsPerLine(6);
-  for (int v = 0; v <= n; ++v)
+  for (int v = 0; v < n + 2; ++v)
     v < n ? bulk.DefineFreeVertex(v) : bulk.DefineFixedVertex(v);
   bulk.reserveMatrixMemory(n * 6);
   for (int i = 0; i < n; ++i)
@@ -322,12 +325,14 @@ TYPED_TEST(Csr, BulkRowsEqualEquationRows)
       if (a[static_cast<size_t>(i) * n + j] != T(0))
         values.push_back(a[static_cast<size_t>(i) * n + j]), columns.push_back(j);
     bulk.addEquationFreePartNoAliases(i, static_cast<int>(values.size()), values.data(), columns.data());
-    bulk.SetFixedVertCoeff(i, 0, static_cast<T>(i + 1));
+    for (auto const & term : p.rows[i])
+      if (term.first >= n)
+        bulk.SetFixedVertCoeff(i, term.first - n, static_cast<T>(term.second));
   }
   ASSERT_TRUE(bulk.IsCorrectlyDefinedSystem());
   EXPECT_EQ(storedValues<T>(bulk), storedValues<T>(byEquations));
   EXPECT_EQ(rowIndexOf(bulk), rowIndexOf(byEquations));
-  CMapInformer<T> informer({{n, T(1)}});
+  CMapInformer<T> informer({{n, T(1)}, {n + 1, T(-2)}});
   std::vector<T> r1(n), r2(n);
   bulk.SetSingleRightPart(r1.data(), informer);
   byEquations.SetSingleRightPart(r2.data(), informer);

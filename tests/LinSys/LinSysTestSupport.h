@@ -60,28 +60,6 @@ public:
   std::vector<double> values;
 };
 
-/// A dense n x n row-major matrix with a non-zero diagonal and about `perRow`
-/// non-zeros per row at random columns, symmetric when asked.
-template <class T> std::vector<T> randomSparseDense(int n, int perRow, bool symmetric, unsigned seed)
-{
-  std::mt19937 gen(seed);
-  std::uniform_int_distribution<int> column(0, n - 1);
-  std::uniform_real_distribution<double> value(-2.0, 2.0);
-  std::vector<T> a(static_cast<size_t>(n) * n, T(0));
-  for (int i = 0; i < n; ++i)
-  {
-    a[static_cast<size_t>(i) * n + i] = static_cast<T>(4.0 + value(gen));
-    for (int k = 1; k < perRow; ++k)
-    {
-      int const j = column(gen);
-      a[static_cast<size_t>(i) * n + j] = static_cast<T>(value(gen));
-      if (symmetric)
-        a[static_cast<size_t>(j) * n + i] = a[static_cast<size_t>(i) * n + j];
-    }
-  }
-  return a;
-}
-
 /// y = A x for a dense row-major matrix, summed in double.
 template <class T> std::vector<double> denseProduct(std::vector<T> const & a, int n, std::vector<T> const & x)
 {
@@ -121,34 +99,23 @@ struct CProblem
   bool positiveDefinite = false;
 };
 
-/// "Row i of `a` times the free vertices + (i + 1) times the one fixed vertex".
-template <class T> CProblem problemOf(std::vector<T> const & a, int n, bool symmetric)
-{
-  CProblem p{n, 1, std::vector<std::map<int, double>>(n), symmetric, false};
-  for (int i = 0; i < n; ++i)
-  {
-    for (int j = 0; j < n; ++j)
-      if (a[static_cast<size_t>(i) * n + j] != T(0))
-        p.rows[i][j] = a[static_cast<size_t>(i) * n + j];
-    p.rows[i][n] = i + 1;
-  }
-  return p;
-}
-
-/// Symmetric and strictly diagonally dominant, about `perRow` elements per
-/// row at random columns, two fixed vertices.
-inline CProblem randomSpd(int n, int perRow, unsigned seed)
+/// Strictly diagonally dominant, about `perRow` elements per row at random
+/// columns, symmetric (and so positive definite) when asked; two fixed
+/// vertices.
+inline CProblem randomProblem(int n, int perRow, bool symmetric, unsigned seed)
 {
   std::mt19937 gen(seed);
   std::uniform_int_distribution<int> column(0, n - 1);
   std::uniform_real_distribution<double> value(-1.0, 1.0);
-  CProblem p{n, 2, std::vector<std::map<int, double>>(n), true, true};
+  CProblem p{n, 2, std::vector<std::map<int, double>>(n), symmetric, symmetric};
   for (int i = 0; i < n; ++i)
     for (int k = 1; k < perRow; ++k)
     {
       int const j = column(gen);
       if (j != i)
-        p.rows[i][j] = p.rows[j][i] = value(gen);
+        p.rows[i][j] = value(gen);
+      if (j != i && symmetric)
+        p.rows[j][i] = p.rows[i][j];
     }
   for (int i = 0; i < n; ++i)
   {

@@ -3,12 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
 #include <typeinfo>
-#include <unistd.h>
 #include <vector>
 
 #include "LinSysTestSupport.h"
@@ -38,51 +36,61 @@ template <class T> struct CSolverKind
   bool checksDefinition; // refuses a spoiled system
 };
 
-template <class T, class S> IVertexPosLinearSystem<T> * onBase0(S * solver)
+/// Makes solvers of class S from `args`.
+template <class T, class S, class... A> std::function<IVertexPosLinearSystem<T> *(int)> make(A... args)
+{
+  return [=](int) { return static_cast<IVertexPosLinearSystem<T> *>(new S(args...)); };
+}
+
+template <class S> S * onBase0(S * solver)
 {
   solver->getStorageRefMod().setIndexBase(0);
   return solver;
 }
 
+std::vector<int> evenCuts(int n, int blocks)
+{
+  std::vector<int> cuts;
+  for (int k = 1; k < blocks; ++k)
+    cuts.push_back(k * n / blocks);
+  return cuts;
+}
+
+/// Makes decomposers into `blocks` even blocks.
+template <class T>
+std::function<IVertexPosLinearSystem<T> *(int)> decomposer(int blocks, double eps, bool base0)
+{
+  return [=](int n)
+  {
+    auto * solver = new CLinSysSolverSpaceDecomposer<T>(evenCuts(n, blocks), eps, 10000);
+    return base0 ? onBase0(solver) : solver;
+  };
+}
+
 template <class T> std::vector<CSolverKind<T>> allSolvers()
 {
   double const eps = sizeof(T) == 4 ? 1e-6 : 1e-9;
-  using Decomposer = CLinSysSolverSpaceDecomposer<T>;
   return {
-      {"dense", [](int) { return new CLinSysSolverMKL<T>(); }, false, true},
-      {"sparse rows, direct", [](int) { return new CSparseLinSysSolver<T>(); }, false, true},
-      {"compressed rows, direct", [](int) { return new CSparseStoreSparseLinSysSolver<T>(0); }, false, true},
-      {"compressed rows, iterative",
-       [eps](int) { return new CSparseStoreBicgstabLinSysSolver<T>(-1, T(eps), 3000); }, true, false},
-      {"decomposer",
-       [eps](int n) {
-         return new Decomposer({n / 4, 2 * n / 4, 3 * n / 4}, eps, 10000);
-       },
-       true, false},
+      {"dense", make<T, CLinSysSolverMKL<T>>(), false, true},
+      {"sparse rows, direct", make<T, CSparseLinSysSolver<T>>(), false, true},
+      {"compressed rows, direct", make<T, CSparseStoreSparseLinSysSolver<T>>(0), false, true},
+      {"compressed rows, iterative", make<T, CSparseStoreBicgstabLinSysSolver<T>>(-1, T(eps), 3000), true,
+       false},
+      {"decomposer", decomposer<T>(4, eps, false), true, false},
       // Index base 0: the direct core copies the system into a base-1 matrix
       // (the upper triangle of a symmetric one), the decomposer's leaves
       // take the blocks as they are.
       {"compressed rows of base 0, direct",
-       [](int)
-       { return onBase0<T>(new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseDss<T>>()); },
+       [](int) { return onBase0(new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseDss<T>>()); },
        false, true},
-      {"decomposer on base 0",
-       [eps](int n) {
-         return onBase0<T>(new Decomposer({n / 3, 2 * n / 3}, eps, 10000));
-       },
-       true, false},
+      {"decomposer on base 0", decomposer<T>(3, eps, true), true, false},
       {"compose, default iterative core",
-       [](int) { return new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseMKL<T>>(); }, true,
-       false},
+       make<T, CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverSparseMKL<T>>>(), true, false},
       {"compose, default decomposing core",
-       [](int) { return new CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverDecomposed<T>>(); }, false,
-       false},
+       make<T, CLinSysSolverCompose<T, CCSRSstorage<T>, CLinSysSolverDecomposed<T>>>(), false, false},
       {"compose, shifted rows and row-product core",
-       [](int)
-       {
-         return new CLinSysSolverCompose<T, CVPLSstorage<T, CShiftedVectorAsVPLstorageRow<T>>,
-                                         CLinSysSolverCoreBicgstab<T>>();
-       },
+       make<T, CLinSysSolverCompose<T, CVPLSstorage<T, CShiftedVectorAsVPLstorageRow<T>>,
+                                    CLinSysSolverCoreBicgstab<T>>>(),
        true, true},
   };
 }
@@ -98,22 +106,11 @@ template <class T> double tolerance(bool iterative)
 template <class T> double reachableEps() { return sizeof(T) == 4 ? 1e-5 : 1e-10; }
 
 /// What `work` wrote to file descriptor 1, C streams included.
-std::string captureStdout(std::function<void()> const & work)
+template <class F> std::string captureStdout(F work)
 {
-  std::fflush(stdout);
-  std::FILE * sink = std::tmpfile();
-  int const saved = dup(1);
-  dup2(fileno(sink), 1);
+  ::testing::internal::CaptureStdout();
   work();
-  std::fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  std::string text;
-  std::rewind(sink);
-  for (int c = std::fgetc(sink); c != EOF; c = std::fgetc(sink))
-    text.push_back(static_cast<char>(c));
-  std::fclose(sink);
-  return text;
+  return ::testing::internal::GetCapturedStdout();
 }
 
 // A dense row-major matrix behind bicgstab's product callback; counts its calls.
@@ -144,7 +141,7 @@ template <class T> struct CDense
 TYPED_TEST(Solvers, AgreeWithTheDenseReferenceForSeveralRightPartsAndRepeatedSolves)
 {
   using T = TypeParam;
-  for (auto const & problem : {randomSpd(90, 6, 11u), laplacian3D(6, 5, 4), chain(70)})
+  for (auto const & problem : {randomProblem(90, 6, true, 11u), laplacian3D(6, 5, 4), chain(70)})
     for (auto const & kind : allSolvers<T>())
     {
       SCOPED_TRACE(kind.name + ", n = " + std::to_string(problem.nFree));
@@ -293,7 +290,7 @@ TYPED_TEST(Solvers, InterruptionPassesOutAndLeavesTheSolverUsable)
 TYPED_TEST(Solvers, DecomposerAgreesWithTheDirectSolverFor2And4And8Blocks)
 {
   using T = TypeParam;
-  for (auto const & problem : {laplacian3D(8, 6, 5), chain(150), randomSpd(160, 5, 9u)})
+  for (auto const & problem : {laplacian3D(8, 6, 5), chain(150), randomProblem(160, 5, true, 9u)})
   {
     CSparseStoreSparseLinSysSolver<T> direct(0);
     fill<T>(direct, problem);
@@ -306,10 +303,7 @@ TYPED_TEST(Solvers, DecomposerAgreesWithTheDirectSolverFor2And4And8Blocks)
         SCOPED_TRACE("n " + std::to_string(problem.nFree) + ", " + std::to_string(blocks) + " blocks, " +
                      std::to_string(threads) + " threads");
         CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
-        std::vector<int> cuts;
-        for (int k = 1; k < blocks; ++k)
-          cuts.push_back(k * problem.nFree / blocks);
-        CLinSysSolverSpaceDecomposer<T> solver(cuts, reachableEps<T>(), 10000);
+        CLinSysSolverSpaceDecomposer<T> solver(evenCuts(problem.nFree, blocks), reachableEps<T>(), 10000);
         fill<T>(solver, problem);
         CRightParts<T> parts(problem, 2);
         ASSERT_TRUE(parts.solveBy(solver));

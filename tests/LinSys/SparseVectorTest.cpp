@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -27,41 +28,37 @@ template <class T> std::vector<T> randomSparseArray(int size, double density, st
   return a;
 }
 
+/// The raw bytes of some ints followed by some values.
+template <class T>
+std::vector<unsigned char> bytesOf(std::vector<int> const & ints, std::vector<T> const & values)
+{
+  std::vector<unsigned char> bytes(ints.size() * sizeof(int) + values.size() * sizeof(T));
+  std::memcpy(bytes.data(), ints.data(), ints.size() * sizeof(int));
+  if (!values.empty())
+    std::memcpy(bytes.data() + ints.size() * sizeof(int), values.data(), values.size() * sizeof(T));
+  return bytes;
+}
+
+/// What SaveToFile writes; equal bytes are equal pairs, bit for bit.
 template <class T> std::vector<unsigned char> fileBytes(CSparseVectorTmpl<T> const & v)
 {
   VsUt::CTemporaryFile tmp("QZtest_sparse_");
   EXPECT_TRUE(v.SaveToFile(tmp.get()));
-  long const size = std::ftell(tmp.get());
+  std::vector<unsigned char> bytes(static_cast<std::size_t>(std::ftell(tmp.get())));
   std::rewind(tmp.get());
-  std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
   EXPECT_EQ(std::fread(bytes.data(), 1, bytes.size(), tmp.get()), bytes.size());
   return bytes;
 }
 
-/// Loads from a fresh file holding exactly `bytes`.
-template <class T> bool loadBytes(CSparseVectorTmpl<T> & v, unsigned char const * bytes, std::size_t n)
+/// Loads from a fresh file holding the first `n` of `bytes` (all by default).
+template <class T>
+bool loadBytes(CSparseVectorTmpl<T> & v, std::vector<unsigned char> const & bytes, std::size_t n = ~0ul)
 {
+  n = std::min(n, bytes.size());
   VsUt::CTemporaryFile tmp("QZtest_sparse_");
-  if (n)
-  {
-    EXPECT_EQ(std::fwrite(bytes, 1, n, tmp.get()), n);
-  }
+  EXPECT_EQ(std::fwrite(bytes.data(), 1, n, tmp.get()), n);
   std::rewind(tmp.get());
   return v.LoadFromFile(tmp.get());
-}
-
-template <class T> void expectSamePairs(CSparseVectorTmpl<T> const & a, CSparseVectorTmpl<T> const & b)
-{
-  ASSERT_EQ(a.GetNOfNonZeroElements(), b.GetNOfNonZeroElements());
-  for (int k = 0; k < a.GetNOfNonZeroElements(); ++k)
-  {
-    T va, vb;
-    int pa, pb;
-    a.GetNonZeroElementAndPos(k, va, pa);
-    b.GetNonZeroElementAndPos(k, vb, pb);
-    EXPECT_EQ(pa, pb);
-    EXPECT_EQ(std::memcmp(&va, &vb, sizeof(T)), 0); // bit for bit, NaN included
-  }
 }
 } // namespace
 
@@ -82,18 +79,25 @@ TYPED_TEST(SparseVector, AssignByVectorMatchesTheDenseArray)
     if (size > 2)
       a[1] = -0.0, a[2] = std::numeric_limits<T>::quiet_NaN(); // -0 is zero, NaN is not
     CSparseVectorTmpl<T> const s(size, a.data());
-    int stored = 0;
+    std::vector<int> positions;
     for (int i = -1; i <= size; ++i)
     {
       T const expect = i >= 0 && i < size ? a[i] : T(0);
       EXPECT_TRUE(s[i] == expect || (std::isnan(s[i]) && std::isnan(expect))) << i;
-      stored += expect != T(0);
+      if (expect != T(0))
+        positions.push_back(i);
     }
-    EXPECT_EQ(s.GetNOfNonZeroElements(), stored);
-    for (int k = 1; k < stored; ++k)
-      EXPECT_LT(s.GetNonZeroPos(k - 1), s.GetNonZeroPos(k));
-    EXPECT_EQ(s.GetMinNonZeroIdx(), stored ? s.GetNonZeroPos(0) : 0x7FFFFFFF);
-    EXPECT_EQ(s.GetMaxNonZeroIdx(), stored ? s.GetNonZeroPos(stored - 1) : -1);
+    ASSERT_EQ(s.GetNOfNonZeroElements(), static_cast<int>(positions.size()));
+    for (int k = 0; k < s.GetNOfNonZeroElements(); ++k)
+    {
+      T value;
+      int position;
+      s.GetNonZeroElementAndPos(k, value, position);
+      EXPECT_EQ(position, positions[k]);
+      EXPECT_EQ(std::memcmp(&value, &a[position], sizeof(T)), 0);
+    }
+    EXPECT_EQ(s.GetMinNonZeroIdx(), positions.empty() ? 0x7FFFFFFF : positions.front());
+    EXPECT_EQ(s.GetMaxNonZeroIdx(), positions.empty() ? -1 : positions.back());
   }
   EXPECT_EQ(CSparseVectorTmpl<T>(4, nullptr).GetNOfNonZeroElements(), 0); // no array: empty
   CSparseVectorTmpl<T> one;
@@ -101,20 +105,23 @@ TYPED_TEST(SparseVector, AssignByVectorMatchesTheDenseArray)
   EXPECT_EQ(one[7] + one[6] + one[8], T(3));
 }
 
-TYPED_TEST(SparseVector, FileLayoutIsCountPositionsValues)
+TYPED_TEST(SparseVector, FileIsCountPositionsValuesAndEveryTruncationFailsCleanly)
 {
   using T = TypeParam;
-  CSparseVectorTmpl<T> v;
-  v.SetElementNoIdxSearch(2, T(1.5));
-  v.SetElementNoIdxSearch(9, T(-4));
+  T const a[9] = {0, 1.5, 0, 0, 0, 0, 0, 0, -4};
+  CSparseVectorTmpl<T> const v(9, a);
   std::vector<unsigned char> const bytes = fileBytes(v);
-  ASSERT_EQ(bytes.size(), 4 + 2 * 4 + 2 * sizeof(T));
-  int const ints[3] = {2, 2, 9};
-  T const values[2] = {T(1.5), T(-4)};
-  EXPECT_EQ(std::memcmp(bytes.data(), ints, sizeof ints), 0);
-  EXPECT_EQ(std::memcmp(bytes.data() + sizeof ints, values, sizeof values), 0);
-
-  EXPECT_EQ(fileBytes(CSparseVectorTmpl<T>()).size(), 4u); // an empty vector: the count alone
+  EXPECT_EQ(bytes, bytesOf<T>({2, 1, 8}, {T(1.5), T(-4)}));
+  EXPECT_EQ(fileBytes(CSparseVectorTmpl<T>()), bytesOf<T>({0}, {})); // an empty vector: the count alone
+  for (std::size_t cut = 0; cut < bytes.size(); ++cut)
+  {
+    CSparseVectorTmpl<T> back(9, a);
+    EXPECT_FALSE(loadBytes(back, bytes, cut)) << "cut at " << cut;
+    EXPECT_EQ(back.GetNOfNonZeroElements(), 0) << "cut at " << cut;
+  }
+  CSparseVectorTmpl<T> back;
+  EXPECT_TRUE(loadBytes(back, bytes));
+  EXPECT_EQ(fileBytes(back), bytes);
 }
 
 TYPED_TEST(SparseVector, SaveLoadRoundTripsBackToBack)
@@ -136,60 +143,29 @@ TYPED_TEST(SparseVector, SaveLoadRoundTripsBackToBack)
     CSparseVectorTmpl<T> back;
     back.SetElementNoIdxSearch(1, T(1)); // loading replaces what was there
     ASSERT_TRUE(back.LoadFromFile(tmp.get()));
-    expectSamePairs(back, v);
+    EXPECT_EQ(fileBytes(back), fileBytes(v));
   }
   CSparseVectorTmpl<T> past;
   EXPECT_FALSE(past.LoadFromFile(tmp.get())); // at the end: no count to read
 }
 
-TYPED_TEST(SparseVector, EveryTruncationFailsCleanly)
-{
-  using T = TypeParam;
-  T const a[9] = {0, 1, 0, 2, 3, 0, 0, 4, 5};
-  CSparseVectorTmpl<T> const v(9, a);
-  std::vector<unsigned char> const bytes = fileBytes(v);
-  for (std::size_t cut = 0; cut < bytes.size(); ++cut)
-  {
-    CSparseVectorTmpl<T> back(9, a);
-    EXPECT_FALSE(loadBytes(back, bytes.data(), cut)) << "cut at " << cut;
-    EXPECT_EQ(back.GetNOfNonZeroElements(), 0) << "cut at " << cut;
-  }
-  CSparseVectorTmpl<T> back;
-  EXPECT_TRUE(loadBytes(back, bytes.data(), bytes.size()));
-  expectSamePairs(back, v);
-}
-
 TYPED_TEST(SparseVector, ForgedCountsInTheFile)
 {
   using T = TypeParam;
-  // A count below 1 reads as an empty vector; what follows is not read.
-  for (int count : {0, -1, -2147483647 - 1})
+  // A count below 1 reads as an empty vector; what follows is not read. A
+  // huge count over a few bytes of data fails.
+  for (int count : {0, -1, -2147483647 - 1, 2147483647, 1 << 24, 3})
   {
-    unsigned char bytes[12] = {};
-    std::memcpy(bytes, &count, 4);
     CSparseVectorTmpl<T> v;
     v.SetElementNoIdxSearch(0, T(1));
-    EXPECT_TRUE(loadBytes(v, bytes, sizeof bytes));
-    EXPECT_EQ(v.GetNOfNonZeroElements(), 0);
-  }
-  // A huge count over a few bytes of data.
-  for (int count : {2147483647, 1 << 24, 3})
-  {
-    unsigned char bytes[4 + 2 * 4 + 2 * sizeof(T)] = {};
-    std::memcpy(bytes, &count, 4);
-    CSparseVectorTmpl<T> v;
-    EXPECT_FALSE(loadBytes(v, bytes, sizeof bytes)) << count;
-    EXPECT_EQ(v.GetNOfNonZeroElements(), 0);
+    EXPECT_EQ(loadBytes(v, bytesOf<T>({count, 1, 2}, {T(1), T(2)})), count < 1) << count;
+    EXPECT_EQ(v.GetNOfNonZeroElements(), 0) << count;
   }
   // Positions out of order are loaded as they are; searching them stays
   // inside what was loaded.
-  int const ints[4] = {3, 9, 1, 5};
   T const values[3] = {1, 2, 3};
-  unsigned char bytes[sizeof ints + sizeof values];
-  std::memcpy(bytes, ints, sizeof ints);
-  std::memcpy(bytes + sizeof ints, values, sizeof values);
   CSparseVectorTmpl<T> v;
-  ASSERT_TRUE(loadBytes(v, bytes, sizeof bytes));
+  ASSERT_TRUE(loadBytes(v, bytesOf<T>({3, 9, 1, 5}, {values, values + 3})));
   EXPECT_TRUE(v.GetNOfNonZeroElements() == 3 && v.GetNonZeroPos(0) == 9 && v.GetNonZeroPos(2) == 5);
   for (int p = -2; p < 12; ++p)
     EXPECT_TRUE(v[p] == T(0) || v[p] == values[0] || v[p] == values[1] || v[p] == values[2]);

@@ -42,7 +42,7 @@ TYPED_TEST(VPLSstorage, RowsMatchTheDenseReference)
   double const tol = std::is_same<T, float>::value ? 1e-5 : 1e-12;
   for (int n : {13, 14, 15})
   {
-    CProblem const p = randomSpd(n, 4, n);
+    CProblem const p = randomProblem(n, 4, n % 2 == 0, n);
     std::vector<T> const a = freeMatrix<T>(p);
     S s;
     EXPECT_FALSE(s.IsMatrixAllocated());
