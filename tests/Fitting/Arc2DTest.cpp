@@ -1,8 +1,14 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
 #include "QZmath/Fitting/Arc2D.h"
+
+using testing::Each;
+using testing::FloatNear;
+using testing::Pointwise;
 
 namespace
 {
@@ -19,13 +25,13 @@ CArc2D circle(float cx, float cy, float r)
   a.m_center[0] = cx, a.m_center[1] = cy, a.m_radius = r;
   return a;
 }
-float dist(float const * a, float const * b) { return std::hypot(a[0] - b[0], a[1] - b[1]); }
-/// Distance of p from the line of a segment.
-float lineDist(CArc2D const & s, float const * p)
+/// Every field: centre, radius, start, end, straight.
+std::vector<float> fields(CArc2D const & a)
 {
-  float const d[2] = {s.m_end[0] - s.m_start[0], s.m_end[1] - s.m_start[1]};
-  return std::fabs(d[0] * (p[1] - s.m_start[1]) - d[1] * (p[0] - s.m_start[0])) / std::hypot(d[0], d[1]);
+  return {a.m_center[0], a.m_center[1], a.m_radius, a.m_start[0], a.m_start[1],
+          a.m_end[0],    a.m_end[1],    static_cast<float>(a.m_straight)};
 }
+float dist(float const * a, float const * b) { return std::hypot(a[0] - b[0], a[1] - b[1]); }
 } // namespace
 
 TEST(Arc2D, Intersections)
@@ -57,79 +63,59 @@ TEST(Arc2D, Intersections)
   }
 }
 
-TEST(Arc2D, FilletOfTwoSegments)
+TEST(Arc2D, FilletsTouchBothElementsThroughThePoint)
 {
   // The corner of the negative x axis and the positive y axis; the fillet
   // through (-1, 1) has centre (-r, r) with r = 2 + sqrt(2) (the larger root:
-  // the point is the arc's middle, nearest the corner).
+  // the point is the arc's middle, nearest the corner). m_straight is kept.
   CArc2D const corner[2] = {segment(-10, 0, 0, 0), segment(0, 0, 0, 10)};
   CArc2D f{};
   f.m_straight = 7;
-  float const p[2] = {-1, 1};
+  float const p[2] = {-1, 1}, r = 2.0f + std::sqrt(2.0f);
   ASSERT_TRUE(f.Make2ArcsFillet(corner, p));
-  float const r = 2.0f + std::sqrt(2.0f);
-  EXPECT_NEAR(f.m_radius, r, 1e-5f);
-  EXPECT_NEAR(f.m_center[0], -r, 1e-5f);
-  EXPECT_NEAR(f.m_center[1], r, 1e-5f);
-  EXPECT_NEAR(f.m_start[0], -r, 1e-5f);
-  EXPECT_NEAR(f.m_start[1], 0.0f, 1e-5f);
-  EXPECT_NEAR(f.m_end[0], 0.0f, 1e-5f);
-  EXPECT_NEAR(f.m_end[1], r, 1e-5f);
-  EXPECT_EQ(f.m_straight, 7);
+  EXPECT_THAT(fields(f), Pointwise(FloatNear(1e-5f), std::vector<float>{-r, r, r, -r, 0, 0, r, 7}));
   // A point outside the corner is on the wrong side of the second segment;
   // parallel segments have no centre.
-  float const outside[2] = {1, 1};
+  float const outside[2] = {1, 1}, between[2] = {2, 1};
   EXPECT_FALSE(f.Make2ArcsFillet(corner, outside));
   CArc2D const parallel[2] = {segment(0, 0, 1, 0), segment(5, 2, 4, 2)};
-  float const between[2] = {2, 1};
   EXPECT_FALSE(f.Make2ArcsFillet(parallel, between));
-}
 
-TEST(Arc2D, FilletsWithCirclesTouchBoth)
-{
-  // The line y = 0 and the circle about (5, 5) of radius 3, point between.
+  // The line y = 0 and the circle about (5, 5) of radius 3, point between:
+  // tangent to both, through the point, ends on the two elements.
   CArc2D const lc[2] = {segment(-10, 0, 0, 0), circle(5, 5, 3)};
-  float const p[2] = {1, 1};
-  CArc2D f{};
-  ASSERT_TRUE(f.Make2ArcsFillet(lc, p));
-  EXPECT_NEAR(f.m_center[1], f.m_radius, 1e-4f);
-  EXPECT_NEAR(dist(f.m_center, lc[1].m_center), 3 + f.m_radius, 1e-4f);
-  EXPECT_NEAR(dist(f.m_center, p), f.m_radius, 1e-4f);
-  EXPECT_NEAR(lineDist(lc[0], f.m_start), 0.0f, 1e-5f);
-  EXPECT_NEAR(dist(f.m_end, lc[1].m_center), 3.0f, 1e-4f);
-  EXPECT_NEAR(dist(f.m_end, f.m_center), f.m_radius, 1e-4f);
+  float const q[2] = {1, 1};
+  ASSERT_TRUE(f.Make2ArcsFillet(lc, q));
+  EXPECT_THAT((std::vector<float>{f.m_center[1] - f.m_radius, dist(f.m_center, lc[1].m_center) - 3 - f.m_radius,
+                                  dist(f.m_center, q) - f.m_radius, f.m_start[1], dist(f.m_end, lc[1].m_center) - 3,
+                                  dist(f.m_end, f.m_center) - f.m_radius}),
+              Each(FloatNear(0.0f, 1e-4f)));
 
-  // Two circles apart, the fillet outside both.
+  // Two circles apart, the fillet outside both; a point inside a circle
+  // contradicts a fillet from outside.
   CArc2D const cc[2] = {circle(0, 0, 2), circle(6, 0, 2)};
-  float const q[2] = {3, 1};
-  ASSERT_TRUE(f.Make2ArcsFillet(cc, q));
-  EXPECT_NEAR(dist(f.m_center, cc[0].m_center), 2 + f.m_radius, 1e-4f);
-  EXPECT_NEAR(dist(f.m_center, cc[1].m_center), 2 + f.m_radius, 1e-4f);
-  EXPECT_NEAR(dist(f.m_center, q), f.m_radius, 1e-4f);
-  EXPECT_NEAR(dist(f.m_start, cc[0].m_center), 2.0f, 1e-4f);
-  EXPECT_NEAR(dist(f.m_end, cc[1].m_center), 2.0f, 1e-4f);
-  // A point inside a circle contradicts a fillet from outside.
-  float const inside[2] = {0.5f, 0};
+  float const s[2] = {3, 1}, inside[2] = {0.5f, 0};
+  ASSERT_TRUE(f.Make2ArcsFillet(cc, s));
+  EXPECT_THAT((std::vector<float>{dist(f.m_center, cc[0].m_center) - 2 - f.m_radius,
+                                  dist(f.m_center, cc[1].m_center) - 2 - f.m_radius, dist(f.m_center, s) - f.m_radius,
+                                  dist(f.m_start, cc[0].m_center) - 2, dist(f.m_end, cc[1].m_center) - 2}),
+              Each(FloatNear(0.0f, 1e-4f)));
   EXPECT_FALSE(f.Make2ArcsFillet(cc, inside));
 }
 
 TEST(Arc2D, ThreePointsAndFourPointError)
 {
-  float const xs[3] = {0, 1, 2}, ys[3] = {0, 1, 0};
+  // Straight unless arcs are switched on, and straight through collinear
+  // points; a straight element leaves its centre and radius alone.
+  float const xs[3] = {0, 1, 2}, ys[3] = {0, 1, 0}, cy[3] = {0, 2, 4};
   CArc2D a = circle(9, 9, 9);
   CArc2D::m_bArcApprox = false;
   a.MakeBy3Points(xs, ys);
-  EXPECT_EQ(a.m_straight, 1);
-  EXPECT_EQ(a.m_end[0], 2.0f);
-  EXPECT_EQ(a.m_radius, 9.0f); // untouched
+  EXPECT_EQ(fields(a), (std::vector<float>{9, 9, 9, 0, 0, 2, 0, 1}));
   CArc2D::m_bArcApprox = true;
   a.MakeBy3Points(xs, ys);
-  EXPECT_EQ(a.m_straight, 0);
-  EXPECT_NEAR(a.m_center[0], 1.0f, 1e-6f);
-  EXPECT_NEAR(a.m_center[1], 0.0f, 1e-6f);
-  EXPECT_NEAR(a.m_radius, 1.0f, 1e-6f);
-  float const cx[3] = {0, 1, 2}, cy[3] = {0, 2, 4};
-  a.MakeBy3Points(cx, cy);
+  EXPECT_THAT(fields(a), Pointwise(FloatNear(1e-6f), std::vector<float>{1, 0, 1, 0, 0, 2, 0, 0}));
+  a.MakeBy3Points(xs, cy);
   EXPECT_EQ(a.m_straight, 1);
   EXPECT_EQ(a.m_end[1], 4.0f);
   CArc2D::m_bArcApprox = false;
@@ -140,8 +126,7 @@ TEST(Arc2D, ThreePointsAndFourPointError)
   EXPECT_NEAR(Arc4pointsError(px, py), 0.0f, 1e-5f);
   px[2] = 1 + 3.5f * std::cos(1.4f), py[2] = 2 + 3.5f * std::sin(1.4f);
   EXPECT_NEAR(Arc4pointsError(px, py), 0.5f, 1e-5f);
-  float const lx[4] = {0, 1, 1.5f, 3}, ly[4] = {0, 0, -2, 0};
+  float const lx[4] = {0, 1, 1.5f, 3}, ly[4] = {0, 0, -2, 0}, same[4] = {1, 1, 1, 1}, up[4] = {0, 0, 3, 0};
   EXPECT_NEAR(Arc4pointsError(lx, ly), 2.0f, 1e-6f);
-  float const same[4] = {1, 1, 1, 1}, up[4] = {0, 0, 3, 0};
   EXPECT_NEAR(Arc4pointsError(same, up), 3.0f, 1e-6f);
 }

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -13,8 +14,7 @@ namespace
 double inPlaneDistance(Point3D_d const & p, Point3D_d const & c, Point3D_d const & n)
 {
   Point3D_d const d = p - c;
-  Point3D_d const across = d - n * dot(d, n);
-  return std::sqrt(dot(across, across));
+  return (d - n * dot(d, n)).length();
 }
 
 Point3D_d const C0(1.0, -2.0, 3.0);
@@ -119,8 +119,8 @@ TEST(FitCircle, FixedPointsAreMetExactly)
   EXPECT_NEAR(inPlaneDistance(P, c, n), r, 1e-9);
   EXPECT_LT(dist(c, C0), 0.05);
   ASSERT_TRUE(FitCircleToPointSetWithFixedPointsRobust(pts, {P, Q}, c, n, r));
-  EXPECT_NEAR(inPlaneDistance(P, c, n), r, 1e-9);
-  EXPECT_NEAR(inPlaneDistance(Q, c, n), r, 1e-9);
+  EXPECT_THAT((std::vector<double>{inPlaneDistance(P, c, n), inPlaneDistance(Q, c, n)}),
+              testing::Each(testing::DoubleNear(r, 1e-9)));
   EXPECT_NEAR(r, R0, 0.05);
   // Three fixed points decide alone, whatever the samples (here none).
   ASSERT_TRUE(FitCircleToPointSetWithFixedPointsRobust({}, {P, Q, T}, c, n, r));
@@ -159,10 +159,8 @@ TEST(FitCircle, MinpackAdapterCodes)
   CExpFunctor f;
   double x[2] = {1.0, 0.1}, fvec[6];
   int const code = REmath::lmder1_adapter(f, 6, 2, x, fvec, 1e-12);
-  EXPECT_GE(code, 1);
-  EXPECT_LE(code, 4);
-  EXPECT_NEAR(x[0], 2.0, 1e-9);
-  EXPECT_NEAR(x[1], 0.5, 1e-9);
+  EXPECT_TRUE(code >= 1 && code <= 4) << code;
+  EXPECT_THAT(x, testing::Pointwise(testing::DoubleNear(1e-9), {2.0, 0.5}));
   EXPECT_EQ(REmath::lmder1_adapter(f, 1, 2, x, fvec, 1e-12), 0); // m < n
   f.m_stopAt = -3;
   EXPECT_LT(REmath::lmder1_adapter(f, 6, 2, x, fvec, 1e-12), 0);

@@ -39,6 +39,13 @@ CMinMaxTask makeTask(std::vector<CLambdaCriterion> const & fs, Point3D_d start, 
   return task;
 }
 
+Point3D_d run(CMinMaxTask const & task, CMinMaxParams const & params = CMinMaxParams())
+{
+  Point3D_d r;
+  CMinMaxOptimizer(task, params).Run(r);
+  return r;
+}
+
 bool inBox(Point3D_d const & p, double lo, double hi)
 {
   for (int k = 0; k < 3; ++k)
@@ -53,10 +60,7 @@ TEST(MinMaxOptimizer, StopsAtTheCrossingOfARisingAndAFallingCriterion)
   std::vector<CLambdaCriterion> fs = {CLambdaCriterion([](Point3D_d const & p) { return p.x(); }),
                                       CLambdaCriterion([](Point3D_d const & p) { return 2.0 - p.x(); }),
                                       CLambdaCriterion([](Point3D_d const & p) { return 5.0 - p.y(); })};
-  CMinMaxTask const task = makeTask(fs, Point3D_d(0.0, 1.0, 1.0));
-  CMinMaxParams const params;
-  Point3D_d r;
-  CMinMaxOptimizer(task, params).Run(r);
+  Point3D_d const r = run(makeTask(fs, Point3D_d(0.0, 1.0, 1.0)));
   EXPECT_NEAR(r.x(), 1.0, 1e-9);
   EXPECT_NEAR(r.y(), 1.0, 1e-9);
 }
@@ -92,8 +96,7 @@ TEST(MinMaxOptimizer, NeverLeavesTheBoxAndHonoursTheProjector)
   CMinMaxTask task = makeTask(fs, Point3D_d(0.5, 0.5, 0.5), 0.0, 1.0);
   CMinMaxParams params;
   params.SetMaxIter(50);
-  Point3D_d r;
-  CMinMaxOptimizer(task, params).Run(r);
+  Point3D_d const r = run(task, params);
   EXPECT_TRUE(inBox(r, 0.0, 1.0));
   EXPECT_GT(up(r), up(Point3D_d(0.5, 0.5, 0.5)));
 
@@ -102,8 +105,7 @@ TEST(MinMaxOptimizer, NeverLeavesTheBoxAndHonoursTheProjector)
     void Project(Point3D_d & p) const override { p.z() = std::min(p.z(), 0.6); }
   } const flatten;
   task.SetProjector(&flatten);
-  CMinMaxOptimizer(task, params).Run(r);
-  EXPECT_LE(r.z(), 0.6);
+  EXPECT_LE(run(task, params).z(), 0.6);
 }
 
 TEST(MinMaxOptimizer, DegenerateStartsStayAndNaNRegionsAreAvoided)
@@ -111,35 +113,25 @@ TEST(MinMaxOptimizer, DegenerateStartsStayAndNaNRegionsAreAvoided)
   CLambdaCriterion flat([](Point3D_d const &) { return 1.0; });
   CLambdaCriterion rising([](Point3D_d const & p) { return p.x(); });
   CLambdaCriterion nan([](Point3D_d const &) { return std::nan(""); });
-  Point3D_d const start(1.0, 2.0, 0.5);
-  Point3D_d r;
-  CMinMaxParams params;
-
-  CMinMaxOptimizer(makeTask({flat}, start), params).Run(r);
-  EXPECT_EQ(r.x(), start.x());
-
-  // On the face x = max with the gradient pointing out: no room.
-  CMinMaxOptimizer(makeTask({rising}, Point3D_d(3.0, 1.0, 1.0)), params).Run(r);
-  EXPECT_EQ(r.x(), 3.0);
-
-  CMinMaxOptimizer(makeTask({rising}, start, 1.0, 1.0), params).Run(r); // a point box
-  EXPECT_EQ(r.x(), start.x());
-
-  CMinMaxOptimizer(makeTask({nan, nan}, start), params).Run(r);
-  EXPECT_EQ(r.y(), start.y());
-  // NaN beyond x = 2 never lets a move end there.
   CLambdaCriterion holey([](Point3D_d const & p) { return p.x() > 2.0 ? std::nan("") : 10.0; });
-  CMinMaxOptimizer(makeTask({rising, holey}, Point3D_d(0.5, 0.5, 0.5)), params).Run(r);
+  Point3D_d const start(1.0, 2.0, 0.5);
+  // A flat criterion, the face x = max with the gradient pointing out, a
+  // point box, NaN everywhere: no room to move.
+  EXPECT_EQ(run(makeTask({flat}, start)).x(), start.x());
+  EXPECT_EQ(run(makeTask({rising}, Point3D_d(3.0, 1.0, 1.0))).x(), 3.0);
+  EXPECT_EQ(run(makeTask({rising}, start, 1.0, 1.0)).x(), start.x());
+  EXPECT_EQ(run(makeTask({nan, nan}, start)).y(), start.y());
+  // NaN beyond x = 2 never lets a move end there.
+  Point3D_d const r = run(makeTask({rising, holey}, Point3D_d(0.5, 0.5, 0.5)));
   EXPECT_TRUE(r.x() > 0.5 && r.x() <= 2.0);
 
   std::vector<CLambdaCriterion> counted = {rising, flat};
+  CMinMaxParams params;
   params.SetMaxIter(0);
-  CMinMaxOptimizer(makeTask(counted, start), params).Run(r);
-  EXPECT_EQ(r.x(), start.x());
+  EXPECT_EQ(run(makeTask(counted, start), params).x(), start.x());
   EXPECT_EQ(counted[0].m_calls + counted[1].m_calls, 2);
 
   CMinMaxTask empty;
   empty.SetInitApprox(start);
-  CMinMaxOptimizer(empty, params).Run(r);
-  EXPECT_EQ(r.z(), start.z());
+  EXPECT_EQ(run(empty, params).z(), start.z());
 }

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -12,16 +13,16 @@ using REmath::CPlaneEquation;
 using REmath::CPtVecAdapder;
 using REmath::IPlaneAppoximator;
 using REmath::Point3D;
+using testing::DoubleNear;
+using testing::Pointwise;
 
 namespace
 {
 Point3D_d const C0(2.0, -1.0, 4.0);
 Point3D_d const N0 = unit(Point3D_d(0.2, 0.5, 1.0));
 
-Point3D_d normalOf(double const * coefficients)
-{
-  return Point3D_d(coefficients[0], coefficients[1], coefficients[2]);
-}
+Point3D_d normalOf(double const * coefficients) { return Point3D_d(coefficients); }
+std::vector<double> four(double const * coefficients) { return {coefficients, coefficients + 4}; }
 
 struct CRecognition
 {
@@ -98,8 +99,7 @@ TEST(PlaneEq, ApproximatorIsOrderFreeAndRemovesExactly)
   ab->getPlane(p1);
   ba->getPlane(p2);
   ASSERT_TRUE(p1.IsValid());
-  for (int k = 0; k < 4; ++k)
-    EXPECT_NEAR(p1.Coefficients()[k], p2.Coefficients()[k], 1e-12);
+  EXPECT_THAT(four(p1.Coefficients()), Pointwise(DoubleNear(1e-12), four(p2.Coefficients())));
   EXPECT_GT(dot(normalOf(p1.NormalDir()), N0), 0.99); // oriented by the normals
 
   // Removing b leaves the plane of a alone, as a fresh fit gives it.
@@ -107,15 +107,13 @@ TEST(PlaneEq, ApproximatorIsOrderFreeAndRemovesExactly)
   ab->getPlane(p1);
   double coeff[4], centroid[3];
   ASSERT_TRUE(FitPlaneToPointSet(a, coeff, centroid));
-  double const sign = dot(normalOf(p1.NormalDir()), normalOf(coeff)) < 0.0 ? -1.0 : 1.0;
-  for (int k = 0; k < 3; ++k)
-    EXPECT_NEAR(p1.NormalDir()[k], sign * coeff[k], 1e-9);
-  EXPECT_NEAR(p1.FreeTerm(), -sign * coeff[3], 1e-9);
+  double const sg = dot(normalOf(p1.NormalDir()), normalOf(coeff)) < 0.0 ? -1.0 : 1.0;
+  EXPECT_THAT(four(p1.Coefficients()),
+              Pointwise(DoubleNear(1e-9), {sg * coeff[0], sg * coeff[1], sg * coeff[2], -sg * coeff[3]}));
 
   ab->removePoints(&ra, nullptr);
   ab->getPlane(p1);
-  EXPECT_FALSE(p1.IsValid());
-  EXPECT_EQ(p1.FreeTerm(), 0.0);
+  EXPECT_TRUE(!p1.IsValid() && p1.FreeTerm() == 0.0);
   ab->addPoints(&rb, nullptr);
   ab->removePoints(&ra, nullptr); // more than held: empties it
   ab->getPlane(p1);
@@ -187,9 +185,7 @@ TEST(PlaneEq, SelectionConstraints)
   EXPECT_FALSE(r.run({pts[0], pts[1]}, REmath::PlaneFitFree));
   EXPECT_FALSE(r.run({}, REmath::PlaneFitNormal));
   ASSERT_TRUE(r.run({}, REmath::PlaneFitThroughPoint, 0.0, false, 0.0, through));
-  EXPECT_EQ(r.limitsU[0], -1.0);
-  EXPECT_EQ(r.limitsU[1], 1.0);
-  EXPECT_EQ(r.maxError, 0.0);
+  EXPECT_TRUE(r.limitsU[0] == -1.0 && r.limitsU[1] == 1.0 && r.maxError == 0.0);
 }
 
 TEST(PlaneEq, BoundingBasisFollowsTheRectangle)
@@ -220,8 +216,10 @@ TEST(PlaneEq, BoundingBasisFollowsTheRectangle)
   limits.DefineAuto(refs, plane);
   double u[3], v[3];
   BuildUCSbyVector(n, u, v);
-  for (int k = 0; k < 3; ++k)
-    EXPECT_TRUE(limits.GetBasisVector(0)[k] == e1[k] && limits.GetBasisVector(1)[k] == v[k]);
+  EXPECT_EQ(std::vector<double>(limits.GetBasisVector(0), limits.GetBasisVector(0) + 3),
+            std::vector<double>(e1, e1 + 3));
+  EXPECT_EQ(std::vector<double>(limits.GetBasisVector(1), limits.GetBasisVector(1) + 3),
+            std::vector<double>(v, v + 3));
   double const width = limits.GetLimitsInDir(0)[1] - limits.GetLimitsInDir(0)[0];
   EXPECT_TRUE(std::fabs(width - 4.0) < 1e-6 || std::fabs(width - 1.0) < 1e-6) << width;
   EXPECT_EQ(limits.GetLimitsInDir(7), limits.GetLimitsInDir(1));

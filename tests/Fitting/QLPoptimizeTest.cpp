@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +9,9 @@
 #include <vector>
 
 #include "QZmath/Fitting/QLPoptimize.h"
+
+using testing::DoubleNear;
+using testing::Pointwise;
 
 namespace
 {
@@ -72,29 +76,26 @@ TEST(QLPoptimize, KnownOptimaWithTheirMultipliers)
     p.d = {-2, -4};
     p.row(0, c.a, c.b);
     p.xu[0] = c.xu0;
+    SCOPED_TRACE(c.nact);
     ASSERT_EQ(p.solve(), 0);
-    for (int i = 0; i < 2; ++i)
-      EXPECT_NEAR(p.x[i], c.x[i], 1e-12) << c.nact;
-    for (int j = 0; j < 5; ++j)
-      EXPECT_NEAR(p.u[j], c.u[j], 1e-12) << c.nact;
+    EXPECT_THAT(p.x, Pointwise(DoubleNear(1e-12), c.x));
+    EXPECT_THAT(p.u, Pointwise(DoubleNear(1e-12), c.u));
     EXPECT_NEAR(p.f, c.f, 1e-12);
-    EXPECT_EQ(p.nact, c.nact);
-    EXPECT_EQ(p.icstat[0], c.nact > 0 ? 1 : 0);
-    EXPECT_EQ(p.ixstat[0], c.nact > 1 ? 1 : 0);
+    EXPECT_EQ((std::vector<int>{p.nact, p.icstat[0], p.ixstat[0]}),
+              (std::vector<int>{c.nact, c.nact > 0, c.nact > 1}));
     EXPECT_EQ(p.eps, std::ldexp(1.0, -52));
   }
 }
 
-TEST(QLPoptimize, EqualitiesOfEitherSignDependentOnesAndInconsistentSets)
+TEST(QLPoptimize, EqualitiesDependentOnesInconsistentSetsAndSemidefiniteObjectives)
 {
   QP p(2, 2, 2);
   p.c = {2, 0, 0, 2};
   p.row(0, {1, 1}, -2.0);
   p.row(1, {2, 2}, -4.0); // the same plane again
   ASSERT_EQ(p.solve(), 0);
-  EXPECT_NEAR(p.x[0], -1.0, 1e-12);
-  EXPECT_NEAR(p.x[1], -1.0, 1e-12);
-  EXPECT_NEAR(p.u[0], -2.0, 1e-12);
+  EXPECT_THAT((std::vector<double>{p.x[0], p.x[1], p.u[0]}),
+              Pointwise(DoubleNear(1e-12), {-1.0, -1.0, -2.0}));
   EXPECT_EQ(p.ndep, 1);
 
   p.row(1, {2, 2}, 5.0); // now parallel but apart
@@ -109,19 +110,16 @@ TEST(QLPoptimize, EqualitiesOfEitherSignDependentOnesAndInconsistentSets)
   q.xl = {3};
   q.xu = {1};
   EXPECT_EQ(q.solve(), 2);
-}
 
-TEST(QLPoptimize, SemidefiniteObjectiveIsShiftedAndStillFindsTheVertex)
-{
-  QP p(2, 0, 0); // a linear program in a box
-  p.d = {1, -1};
-  p.xl = {0, 0};
-  p.xu = {1, 1};
-  ASSERT_EQ(p.solve(), 0);
-  EXPECT_NEAR(p.x[0], 0.0, 1e-7);
-  EXPECT_NEAR(p.x[1], 1.0, 1e-7);
-  EXPECT_GT(p.diag, 0.0);
-  EXPECT_GE(p.nshift, 1);
+  // A linear program in a box: the zero objective is shifted, and the vertex
+  // is still found.
+  QP lp(2, 0, 0);
+  lp.d = {1, -1};
+  lp.xl = {0, 0};
+  lp.xu = {1, 1};
+  ASSERT_EQ(lp.solve(), 0);
+  EXPECT_THAT(lp.x, Pointwise(DoubleNear(1e-7), {0.0, 1.0}));
+  EXPECT_TRUE(lp.diag > 0.0 && lp.nshift >= 1);
 }
 
 TEST(QLPoptimize, RandomProblemsMeetTheOptimalityConditions)
@@ -130,6 +128,7 @@ TEST(QLPoptimize, RandomProblemsMeetTheOptimalityConditions)
   std::uniform_real_distribution<double> uni(-1.0, 1.0);
   for (int trial = 0; trial < 40; ++trial)
   {
+    SCOPED_TRACE(trial);
     int const n = 2 + trial % 4, m = 1 + trial % 5, me = trial % 2;
     QP p(n, m, me);
     // C = B B' + I/2, or of rank n/2 (semidefinite) in every third problem.
@@ -151,32 +150,27 @@ TEST(QLPoptimize, RandomProblemsMeetTheOptimalityConditions)
       p.xu[i] = 1.0 + std::fabs(uni(rng));
     }
     // Feasible by construction: every constraint holds at a point of the box.
-    std::vector<double> inside(n);
+    std::vector<double> inside(n), coef(n);
     for (double & v : inside)
       v = 0.9 * uni(rng);
     for (int j = 0; j < m; ++j)
     {
-      std::vector<double> coef(n);
       double at = 0.0;
       for (int k = 0; k < n; ++k)
         at += (coef[k] = uni(rng)) * inside[k];
       p.row(j, coef, j < me ? at : at - 0.3 * std::fabs(uni(rng)));
     }
-    ASSERT_EQ(p.solve(), 0) << trial;
+    ASSERT_EQ(p.solve(), 0);
     EXPECT_EQ(p.nviol, 0);
     // C x + d = sum u_j n_j, with u >= 0 on inequalities and zero off them.
-    std::vector<double> res(n);
     for (int i = 0; i < n; ++i)
     {
-      res[i] = p.d[i] + p.diag * p.x[i] - p.u[m + i] + p.u[m + n + i]; // with the shift
+      double res = p.d[i] + p.diag * p.x[i] - p.u[m + i] + p.u[m + n + i]; // with the shift
       for (int k = 0; k < n; ++k)
-        res[i] += p.c[i + k * n] * p.x[k];
+        res += p.c[i + k * n] * p.x[k];
       for (int j = 0; j < m; ++j)
-        res[i] -= p.u[j] * p.a[j + i * m];
-    }
-    for (int i = 0; i < n; ++i)
-    {
-      EXPECT_NEAR(res[i], 0.0, 1e-10) << trial;
+        res -= p.u[j] * p.a[j + i * m];
+      EXPECT_NEAR(res, 0.0, 1e-10);
       EXPECT_LT(std::fabs(p.u[m + i] * (p.x[i] - p.xl[i])) + std::fabs(p.u[m + n + i] * (p.xu[i] - p.x[i])),
                 1e-10);
       EXPECT_TRUE(p.u[m + i] >= 0.0 && p.u[m + n + i] >= 0.0);
@@ -187,7 +181,7 @@ TEST(QLPoptimize, RandomProblemsMeetTheOptimalityConditions)
       for (int k = 0; k < n; ++k)
         s += p.a[j + k * m] * p.x[k];
       EXPECT_GE(p.u[j], 0.0);
-      EXPECT_LT(std::fabs(s * p.u[j]), 1e-10) << trial;
+      EXPECT_LT(std::fabs(s * p.u[j]), 1e-10);
     }
   }
 }

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +14,8 @@
 using REmath::Matrix;
 using REmath::Point3D;
 using namespace SurfTest;
+using testing::DoubleNear;
+using testing::Pointwise;
 
 namespace
 {
@@ -31,6 +34,8 @@ std::vector<double> eigenvalues(const Matrix<double> & t)
   return out;
 }
 
+std::vector<float> asFloat(double const * v) { return {float(v[0]), float(v[1]), float(v[2])}; }
+
 struct Fit2
 {
   bool ok;
@@ -40,16 +45,6 @@ struct Fit2
   CQuadraticForm form;
 };
 
-// 30 points from `next` (called with the generator), the first at the origin.
-template <class F> std::vector<Point3D> cloud(unsigned seed, F next)
-{
-  std::mt19937 rng(seed);
-  std::vector<Point3D> pts(1, Point3D(0.0f, 0.0f, 0.0f));
-  while (pts.size() < 30)
-    next(rng, pts);
-  return pts;
-}
-
 Fit2 fit2(const std::vector<Point3D> & pts, const CGetNormal2Prms * prm = nullptr)
 {
   Fit2 f{};
@@ -58,28 +53,34 @@ Fit2 fit2(const std::vector<Point3D> & pts, const CGetNormal2Prms * prm = nullpt
       GetNormal2(static_cast<int>(pts.size()), pts.data(), prm, &f.form, f.normal, f.dist.data(), &f.scale);
   return f;
 }
+
+// 30 points from `next`, the first at the origin, fitted.
+template <class F> Fit2 fitCloud(unsigned seed, F next)
+{
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  std::vector<Point3D> pts(1, Point3D(0.0f, 0.0f, 0.0f));
+  while (pts.size() < 30)
+    next([&] { return u(rng); }, pts);
+  return fit2(pts);
+}
 } // namespace
 
 TEST(GetNormal, FirstOrderOnPlanesAndCurvedCaps)
 {
-  double m[3][3], normal[3];
+  double m[3][3], normal[3], en[3];
   double * rows[3] = {m[0], m[1], m[2]};
+  float fn[3], an = -1.0f;
   for (unsigned seed = 1; seed <= 5; ++seed)
     for (auto const & nb : {sampleSurface(plane(), 30, 1.0, seed), sampleSurface(sphere(5.0), 30, 0.5, seed),
                             sampleSurface(saddle(0.3), 30, 0.5, seed, 0.0, 100.0)})
     {
       ASSERT_EQ(GetNormal(30, nb.points.data(), rows, normal), 1);
       EXPECT_LT(lineAngleDeg(normal, nb.normal), 2.0);
-      float fn[3];
-      double en[3];
       ASSERT_EQ(GetNormal(30, nb.points.data(), rows, fn), 1);
       ASSERT_TRUE(EstimateNormal(nb.points, en));
-      for (int k = 0; k < 3; ++k)
-      {
-        EXPECT_EQ(fn[k], static_cast<float>(normal[k]));
-        EXPECT_EQ(en[k], normal[k]);
-      }
-      float an = -1.0f;
+      EXPECT_EQ(std::vector<float>(fn, fn + 3), asFloat(normal));
+      EXPECT_EQ(std::vector<double>(en, en + 3), std::vector<double>(normal, normal + 3));
       ASSERT_EQ(GetAnisotropy(30, nb.points.data(), rows, an), 1);
       EXPECT_LT(an, 0.01f);
     }
@@ -89,12 +90,11 @@ TEST(GetNormal, DegenerateInputs)
 {
   double m[3][3], normal[3];
   double * rows[3] = {m[0], m[1], m[2]};
-  float an = 0.0f, dist[10];
+  float an = 0.0f, dist[10], k0 = 0.0f, k1 = 0.0f;
   // Coincident points: all eigenvalues 0, the tie goes to the first column.
   std::vector<Point3D> same(6, Point3D(1.0f, 2.0f, 3.0f));
   ASSERT_EQ(GetNormal(6, same.data(), rows, normal), 1);
-  for (int k = 0; k < 3; ++k)
-    EXPECT_EQ(normal[k], m[k][0]);
+  EXPECT_EQ(std::vector<double>(normal, normal + 3), (std::vector<double>{m[0][0], m[1][0], m[2][0]}));
   ASSERT_EQ(GetAnisotropy(6, same.data(), rows, an), 1);
   EXPECT_EQ(an, 0.33333334f);
   EXPECT_FALSE(GetNormal2(6, same.data(), nullptr, nullptr, normal, dist, nullptr));
@@ -108,7 +108,6 @@ TEST(GetNormal, DegenerateInputs)
   EXPECT_FALSE(GetNormal2(2, bad.data(), nullptr, nullptr, normal, dist, nullptr));
   Matrix<double> tensor;
   EXPECT_FALSE(EstimateCurvature(bad, true, normal, tensor));
-  float k0 = 0.0f, k1 = 0.0f;
   EXPECT_FALSE(GetMinMaxCurvaturesForPoints(bad, k0, k1));
   CQuadraticForm form = CQuadraticForm::buildFromCoefficients(0, 0, 0, 0, 0, 0, 1, 1, 1, 1);
   EXPECT_FALSE(GetNormalAndQuadricApprShiftedNonScaled(10, bad.data(), form, normal));
@@ -131,10 +130,7 @@ TEST(GetNormal2, FlatnessLimitChoosesPlaneOrQuadric)
   Fit2 const f = fit2(pl.points);
   ASSERT_TRUE(f.ok);
   EXPECT_LT(lineAngleDeg(f.normal, pl.normal), 1e-3);
-  CQuadFormRaw10<double> raw;
-  f.form.ConvertToRawFormat(raw);
-  for (int i = 0; i < 10; ++i)
-    EXPECT_EQ(raw[i], i >= 6 && i < 9 ? f.normal[i - 6] : 0.0);
+  EXPECT_EQ(raw10(f.form), (std::vector<double>{0, 0, 0, 0, 0, 0, f.normal[0], f.normal[1], f.normal[2], 0}));
   // The scale is the root mean square distance from the first point.
   double sum = 0.0;
   for (std::size_t i = 1; i < pl.points.size(); ++i)
@@ -153,12 +149,9 @@ TEST(GetNormal2, FlatnessLimitChoosesPlaneOrQuadric)
   // A cylinder whose cap rises 0.05 (in units of the spread) over the plane.
   CNeighbourhood const nb = sampleSurface(cylinder(4.0), 30, 1.0, 5);
   prm.Appr2MinDist() = 1.0f; // everything is flat
-  Fit2 const flat = fit2(nb.points, &prm);
-  ASSERT_TRUE(flat.ok);
+  Fit2 const flat = fit2(nb.points, &prm), quad = fit2(nb.points);
+  ASSERT_TRUE(flat.ok && quad.ok);
   EXPECT_EQ(flat.form.getKYY() + flat.form.getKZZ(), 0.0);
-
-  Fit2 const quad = fit2(nb.points);
-  ASSERT_TRUE(quad.ok);
   EXPECT_NE(quad.form.getKYY() + quad.form.getKXX() + quad.form.getKZZ(), 0.0);
   // The quadric's normal is exact where the plane's leans.
   EXPECT_LT(lineAngleDeg(quad.normal, nb.normal), 1e-3);
@@ -176,11 +169,9 @@ TEST(GetNormal2, FlatnessLimitChoosesPlaneOrQuadric)
     EXPECT_LT(std::fabs(quad.dist[i]), 1e-4f);
   }
   // The float overload converts the same normal.
-  float fn[3];
-  std::vector<float> dist(30);
-  ASSERT_TRUE(GetNormal2(30, nb.points.data(), nullptr, nullptr, fn, dist.data(), nullptr));
-  for (int k = 0; k < 3; ++k)
-    EXPECT_EQ(fn[k], static_cast<float>(quad.normal[k]));
+  float fn[3], dist[30];
+  ASSERT_TRUE(GetNormal2(30, nb.points.data(), nullptr, nullptr, fn, dist, nullptr));
+  EXPECT_EQ(std::vector<float>(fn, fn + 3), asFloat(quad.normal));
 }
 
 TEST(GetNormal2, CurvatureLimitAndNoiseTurnQuadricsDown)
@@ -190,13 +181,12 @@ TEST(GetNormal2, CurvatureLimitAndNoiseTurnQuadricsDown)
   for (double r : {0.2, 0.25, 0.35, 0.5})
     for (unsigned seed = 0; seed < 4; ++seed)
     {
-      Fit2 const f = fit2(cloud(seed,
-                                [r](std::mt19937 & rng, std::vector<Point3D> & pts)
-                                {
-                                  std::uniform_real_distribution<double> u(-1.0, 1.0);
-                                  double const x = u(rng), a = 0.5 * u(rng);
-                                  pts.emplace_back(x, r * std::sin(a), r - r * std::cos(a));
-                                }));
+      Fit2 const f = fitCloud(seed,
+                              [r](auto u, std::vector<Point3D> & pts)
+                              {
+                                double const x = u(), a = 0.5 * u();
+                                pts.emplace_back(x, r * std::sin(a), r - r * std::cos(a));
+                              });
       double const k = f.scale / r;
       if (std::fabs(k - 2.0) < 0.05)
         continue;
@@ -208,14 +198,13 @@ TEST(GetNormal2, CurvatureLimitAndNoiseTurnQuadricsDown)
   // refused; a bound over the finite eigenvalues alone would take them all.
   int fitted = 0;
   for (unsigned seed = 0; seed < 20; ++seed)
-    fitted += fit2(cloud(seed,
-                         [](std::mt19937 & rng, std::vector<Point3D> & pts)
-                         {
-                           std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-                           float const x = u(rng), y = u(rng), z = u(rng);
-                           if (x * x + y * y + z * z < 1.0f)
-                             pts.emplace_back(x, y, z);
-                         }))
+    fitted += fitCloud(seed,
+                       [](auto u, std::vector<Point3D> & pts)
+                       {
+                         float const x = u(), y = u(), z = u();
+                         if (x * x + y * y + z * z < 1.0f)
+                           pts.emplace_back(x, y, z);
+                       })
                   .ok;
   EXPECT_LT(fitted, 17);
 }
@@ -250,16 +239,12 @@ TEST(GetNormal2, CurvaturesOnKnownSurfaces)
       EXPECT_LT(lineAngleDeg(f.normal, nb.normal), 0.05);
 
       // The caller's normal (towards the concave side) fixes the sign.
-      double normal[3] = {nb.normal[0], nb.normal[1], nb.normal[2]};
-      Matrix<double> tensor;
+      double normal[3] = {nb.normal[0], nb.normal[1], nb.normal[2]}, est[3];
+      Matrix<double> tensor, t2;
       ASSERT_TRUE(EstimateCurvature(nb.points, false, normal, tensor));
-      std::vector<double> const ev = eigenvalues(tensor);
-      for (int k = 0; k < 3; ++k)
-        EXPECT_NEAR(ev[k], c.tensor[k], 0.01 * c.kmax + 1e-6);
+      EXPECT_THAT(eigenvalues(tensor), Pointwise(DoubleNear(0.01 * c.kmax + 1e-6), c.tensor));
       // Estimated, the normal comes back with a sign of its own and the
       // tensor follows it.
-      double est[3];
-      Matrix<double> t2;
       ASSERT_TRUE(EstimateCurvature(nb.points, true, est, t2));
       EXPECT_LT(lineAngleDeg(est, nb.normal), 0.05);
       double const same = est[0] * nb.normal[0] + est[1] * nb.normal[1] + est[2] * nb.normal[2] > 0 ? 1 : -1;
@@ -295,16 +280,15 @@ TEST(GetNormal2, FoldTestRejectsTwoSheets)
     std::uniform_real_distribution<double> u(-0.4, 0.4);
     for (int i = 1; i < 40; ++i)
     {
-      double const y = u(rng), z = u(rng);
-      double const x = 0.3 * std::sqrt(1.0 - y * y - z * z / 1.44);
+      double const y = u(rng), z = u(rng), x = 0.3 * std::sqrt(1.0 - y * y - z * z / 1.44);
       pts.emplace_back(both && i % 2 ? -x : x, y, z);
     }
     return pts;
   };
   EXPECT_FALSE(fit2(caps(true)).ok);
   Fit2 const cap = fit2(caps(false));
-  ASSERT_TRUE(cap.ok);
   double const x[3] = {1.0, 0.0, 0.0};
+  ASSERT_TRUE(cap.ok);
   EXPECT_LT(lineAngleDeg(cap.normal, x), 0.05);
 }
 
@@ -322,15 +306,16 @@ TEST(GetNormal2, ReducedEigenProblemAgreesWithTheGeneralSolver)
     double const dot = reduced.normal[0] * general.normal[0] + reduced.normal[1] * general.normal[1] +
                        reduced.normal[2] * general.normal[2];
     double const sign = dot > 0 ? 1.0 : -1.0;
-    CQuadFormRaw10<double> g, r;
-    general.form.ConvertToRawFormat(g);
-    reduced.form.ConvertToRawFormat(r);
-    for (int i = 0; i < 10; ++i)
-      EXPECT_NEAR(r[i], sign * g[i], 1e-7);
+    std::vector<double> g = raw10(general.form);
+    for (double & v : g)
+      v *= sign;
+    EXPECT_THAT(raw10(reduced.form), Pointwise(DoubleNear(1e-7), g));
     // With a free term the distances depend on the form's sign: K enters the
     // linear coefficient of the line's equation and not the free one.
-    for (std::size_t i = 0; i < pts.size() && (prm.ZeroFremTerm() || sign > 0); ++i)
-      EXPECT_NEAR(reduced.dist[i], general.dist[i], 1e-6);
+    if (prm.ZeroFremTerm() || sign > 0)
+    {
+      EXPECT_THAT(reduced.dist, Pointwise(testing::FloatNear(1e-6f), general.dist));
+    }
   };
   CGetNormal2Prms prm;
   for (unsigned seed = 1; seed <= 4; ++seed)
@@ -358,13 +343,10 @@ TEST(Curvatures, ClosedFormsOfRawQuadrics)
   double const r = 4.0;
   CQuadFormRaw9<double> const cyl = {1.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, -2.0 * r};
   GetCurvatures(cyl, c, &tensor, n);
-  EXPECT_NEAR(std::min(c[0], c[1]), 0.0, 1e-12);
-  EXPECT_NEAR(std::max(c[0], c[1]), 1.0 / r, 1e-12);
-  EXPECT_NEAR(n[2], -1.0, 1e-12);
+  EXPECT_THAT((std::vector<double>{std::min(c[0], c[1]), std::max(c[0], c[1]), n[2], MaxCurvature(cyl)}),
+              Pointwise(DoubleNear(1e-12), {0.0, 1.0 / r, -1.0, 1.0 / r}));
   std::vector<double> const ev = eigenvalues(tensor);
-  EXPECT_NEAR(std::fabs(ev[0]) + std::fabs(ev[1]), 0.0, 1e-12);
-  EXPECT_NEAR(ev[2], 1.0 / r, 1e-12);
-  EXPECT_NEAR(MaxCurvature(cyl), 1.0 / r, 1e-12);
+  EXPECT_THAT(ev, Pointwise(DoubleNear(1e-12), {0.0, 0.0, 1.0 / r}));
   // A multiple is the same surface, also through the form.
   double tripled[9];
   for (int i = 0; i < 9; ++i)
@@ -373,10 +355,11 @@ TEST(Curvatures, ClosedFormsOfRawQuadrics)
 
   // Umbilic (a sphere) and a vanishing gradient: unknown, 20.0.
   CQuadFormRaw9<double> const sph = {1.0, 0.0, 0.0, 1.0, 0.0, 1.0, 0.0, 0.0, -2.0};
-  GetCurvatures(sph, c, nullptr, nullptr);
-  EXPECT_TRUE(c[0] == 20.0 && c[1] == 20.0 && MaxCurvature(sph) == 20.0);
   CQuadFormRaw9<double> const noGradient = {1.0, 0.0, 0.0, 2.0, 0.0, 0.0, 0.0, 0.0, 0.0};
-  EXPECT_TRUE(MaxCurvature(noGradient) == 20.0 && MaxCurvature(CQuadraticForm()) == 20.0);
+  GetCurvatures(sph, c, nullptr, nullptr);
+  EXPECT_EQ((std::vector<double>{c[0], c[1], MaxCurvature(sph), MaxCurvature(noGradient),
+                                 MaxCurvature(CQuadraticForm())}),
+            std::vector<double>(5, 20.0));
 }
 
 TEST(DetectContourNormal, FollowsTheDirection)
@@ -384,7 +367,7 @@ TEST(DetectContourNormal, FollowsTheDirection)
   std::vector<Point3D> square = {Point3D(0, 0, 5), Point3D(2, 0, 5), Point3D(2, 2, 5), Point3D(0, 2, 5)};
   float n[3];
   ASSERT_TRUE(DetectContourNormal(square, n));
-  EXPECT_TRUE(n[0] == 0.0f && n[1] == 0.0f && n[2] == 1.0f);
+  EXPECT_EQ(std::vector<float>(n, n + 3), (std::vector<float>{0.0f, 0.0f, 1.0f}));
   std::reverse(square.begin(), square.end());
   ASSERT_TRUE(DetectContourNormal(square, n));
   EXPECT_EQ(n[2], -1.0f);

@@ -15,70 +15,71 @@ using namespace REmath;
 
 namespace
 {
-// A cloud with the true unit normal of every point.
-struct Truth
+using QZTest::CSampleCloud;
+
+// The clouds carry the true unit normal of every point; their coordinates
+// lie in one array.
+float const * xyz(CSampleCloud const & c) { return c.getSampleCoords3(0); }
+
+/// Appends the points of `from` for which `keep` holds, normals turned round by `flip`.
+void append(CSampleCloud & to, CSampleCloud const & from, bool flip = false,
+            std::function<bool(float const *)> const & keep = nullptr)
 {
-  std::vector<float> coords, normals;
-  int size() const { return static_cast<int>(coords.size() / 3); }
-  void add(double x, double y, double z, double nx, double ny, double nz)
+  float const s = flip ? -1.0f : 1.0f;
+  for (int i = 0; i < from.size(); ++i)
   {
-    for (double v : {x, y, z})
-      coords.push_back(static_cast<float>(v));
-    for (double v : {nx, ny, nz})
-      normals.push_back(static_cast<float>(v));
+    float const *p = from.getSampleCoords3(i), *n = from.getSampleNormal3(i);
+    if (!keep || keep(p))
+      to.add(p[0], p[1], p[2], s * n[0], s * n[1], s * n[2]);
   }
-  void append(QZTest::CSampleCloud const & c, bool flip = false)
+}
+
+// Gaussian position noise of the given deviation per coordinate.
+void jitter(CSampleCloud & c, double sigma, std::uint64_t seed)
+{
+  QZTest::CCloudRandom rnd(seed);
+  for (float *v = c.coordsMod(0), *end = v + 3 * static_cast<std::size_t>(c.size()); v != end; ++v)
   {
-    for (int i = 0; i < c.size(); ++i)
-    {
-      float const * p = c.getSampleCoords3(i);
-      float const * n = c.getSampleNormal3(i);
-      double const s = flip ? -1.0 : 1.0;
-      add(p[0], p[1], p[2], s * n[0], s * n[1], s * n[2]);
-    }
+    double const u = 1.0 - rnd.uniform(), w = rnd.uniform();
+    *v += static_cast<float>(sigma * std::sqrt(-2.0 * std::log(u)) * std::cos(6.283185307179586 * w));
   }
-  // Gaussian position noise of the given deviation per coordinate.
-  void jitter(double sigma, std::uint64_t seed)
-  {
-    QZTest::CCloudRandom rnd(seed);
-    for (float & v : coords)
-    {
-      double const u = 1.0 - rnd.uniform(), w = rnd.uniform();
-      v += static_cast<float>(sigma * std::sqrt(-2.0 * std::log(u)) * std::cos(6.283185307179586 * w));
-    }
-  }
-};
+}
+
+std::vector<float> normalOf(CEstimatedNormals const & r, int i)
+{
+  return {r.getNormal(i), r.getNormal(i) + 3};
+}
 
 // The fraction of points whose normal has the sign of the true one.
-double agreeing(Truth const & t, CEstimatedNormals const & r)
+double agreeing(CSampleCloud const & t, CEstimatedNormals const & r)
 {
   int good = 0;
   for (int i = 0; i < t.size(); ++i)
   {
-    float const * a = r.getNormal(i);
-    float const * b = &t.normals[3 * static_cast<std::size_t>(i)];
+    float const *a = r.getNormal(i), *b = t.getSampleNormal3(i);
     good += a[0] * b[0] + a[1] * b[1] + a[2] * b[2] > 0.0f ? 1 : 0;
   }
   return static_cast<double>(good) / t.size();
 }
 
-CEstimatedNormals estimate(Truth const & t, CNormalEstimationParams const & p = CNormalEstimationParams())
+CEstimatedNormals estimate(CSampleCloud const & t,
+                           CNormalEstimationParams const & p = CNormalEstimationParams())
 {
   CEstimatedNormals r;
-  CNormalEstimator(p).run(t.coords.data(), t.size(), r);
+  CNormalEstimator(p).run(xyz(t), t.size(), r);
   return r;
 }
 
 // A closed box of half sizes (a, a, h) sampled uniformly by area.
-Truth box(int n, double a, double h, std::uint64_t seed)
+CSampleCloud box(int n, double a, double h, std::uint64_t seed)
 {
   QZTest::CCloudRandom rnd(seed);
   double const areas[3] = {4 * a * a, 4 * a * h, 4 * a * h}; // faces normal to z, x, y (each of two)
-  double const total = areas[0] + areas[1] + areas[2];
-  Truth t;
+  CSampleCloud t;
   for (int i = 0; i < n; ++i)
   {
-    double const pick = rnd.uniform() * total, s = rnd.uniform() < 0.5 ? -1.0 : 1.0;
+    double const pick = rnd.uniform() * (areas[0] + areas[1] + areas[2]),
+                 s = rnd.uniform() < 0.5 ? -1.0 : 1.0;
     double const u = rnd.uniform(-1, 1), v = rnd.uniform(-1, 1);
     if (pick < areas[0])
       t.add(a * u, a * v, s * h, 0, 0, s);
@@ -100,50 +101,50 @@ protected:
 TEST(NormalEstimation, NeighboursMatchBruteForce)
 {
   // Random points, with a few exact copies so that ties at distance 0 occur.
-  Truth t;
+  CSampleCloud t;
   QZTest::CCloudRandom rnd(7);
   for (int i = 0; i < 400; ++i)
     t.add(rnd.uniform(), rnd.uniform(), rnd.uniform(), 0, 0, 1);
   for (int i = 0; i < 20; ++i)
   {
     int const j = rnd.below(400);
-    t.add(t.coords[3 * j], t.coords[3 * j + 1], t.coords[3 * j + 2], 0, 0, 1);
+    t.add(xyz(t)[3 * j], xyz(t)[3 * j + 1], xyz(t)[3 * j + 2], 0, 0, 1);
   }
   int const n = t.size();
+  float const * x = xyz(t);
   for (int k : {1, 6, 25})
     for (double radius : {0.0, 0.08})
     {
+      SCOPED_TRACE("k " + std::to_string(k) + " r " + std::to_string(radius));
       CNormalEstimationParams p;
       p.setNeighbours(k);
       p.setMaxRadius(radius);
       CNeighbourGraph g;
-      CNormalEstimator(p).findNeighbours(t.coords.data(), n, g);
+      CNormalEstimator(p).findNeighbours(x, n, g);
       ASSERT_EQ(g.size(), n);
       int duplicates = 0;
       for (int i = 0; i < n; ++i)
       {
         std::vector<std::pair<double, int>> all;
         for (int j = 0; j < n; ++j)
-          if (j != i)
+        {
+          double d2 = 0;
+          for (int c = 0; c < 3; ++c)
           {
-            double d2 = 0;
-            for (int c = 0; c < 3; ++c)
-            {
-              double const d = t.coords[3 * i + c] - t.coords[3 * j + c];
-              d2 += d * d;
-            }
-            if (radius == 0.0 || d2 <= radius * radius)
-              all.emplace_back(d2, j);
+            double const d = x[3 * i + c] - x[3 * j + c];
+            d2 += d * d;
           }
+          if (j != i && (radius == 0.0 || d2 <= radius * radius))
+            all.emplace_back(d2, j);
+        }
         std::sort(all.begin(), all.end());
         all.resize(std::min<std::size_t>(all.size(), k));
-        ASSERT_EQ(g.getNeighbourCount(i), static_cast<int>(all.size())) << "point " << i << " k " << k;
-        for (std::size_t a = 0; a < all.size(); ++a)
-          ASSERT_EQ(g.getNeighbours(i)[a], all[a].second) << "point " << i << " k " << k << " r " << radius;
-        if (!all.empty())
-        {
-          EXPECT_EQ(g.getReach2(i), all.back().first);
-        }
+        std::vector<int> want;
+        for (auto const & a : all)
+          want.push_back(a.second);
+        ASSERT_EQ(std::vector<int>(g.getNeighbours(i), g.getNeighbours(i) + g.getNeighbourCount(i)), want)
+            << i;
+        EXPECT_EQ(g.getReach2(i), all.empty() ? g.getReach2(i) : all.back().first);
         duplicates += !all.empty() && all[0].first == 0.0;
       }
       EXPECT_EQ(g.getDuplicateCount(), duplicates);
@@ -157,76 +158,67 @@ TEST(NormalEstimation, NormalsOfKnownSurfaces)
   struct Case
   {
     char const * name;
-    Truth cloud;
+    CSampleCloud cloud;
     double curvature; // of every point, in 1 / length
-  };
-  Truth sphere, plane, cylinder;
-  sphere.append(QZTest::makeSphereCloud(4000, 2.0, 11));
-  plane.append(QZTest::makePlaneCloud(3000, 1.0, 0.5, 12));
+  } cases[3] = {{"sphere", QZTest::makeSphereCloud(4000, 2.0, 11), 0.5},
+                {"plane", QZTest::makePlaneCloud(3000, 1.0, 0.5, 12), 0.0},
+                {"cylinder", {}, 1.0}};
   QZTest::CCloudRandom rnd(13);
   for (int i = 0; i < 4000; ++i)
   {
     double const phi = rnd.uniform(0, 6.283185307179586), z = rnd.uniform(-2, 2);
-    cylinder.add(0.5 * std::cos(phi), 0.5 * std::sin(phi), z, std::cos(phi), std::sin(phi), 0);
+    cases[2].cloud.add(0.5 * std::cos(phi), 0.5 * std::sin(phi), z, std::cos(phi), std::sin(phi), 0);
   }
-  // A trace of noise, as every scan has: the quadric fit needs it.
-  for (Truth * t : {&sphere, &plane, &cylinder})
-    t->jitter(1e-4, 14);
-  for (Case const & c : {Case{"sphere", sphere, 0.5}, Case{"plane", plane, 0.0}, Case{"cylinder", cylinder, 1.0}})
+  for (Case & c : cases)
+  {
+    jitter(c.cloud, 1e-4, 14); // a trace of noise, as every scan has: the quadric fit needs it
     for (bool second : {false, true})
     {
+      SCOPED_TRACE(std::string(c.name) + (second ? " second order" : ""));
       CNormalEstimationParams p;
       p.setSecondOrder(second);
       CNeighbourGraph g;
       CEstimatedNormals r;
       CNormalEstimator e(p);
-      e.findNeighbours(c.cloud.coords.data(), c.cloud.size(), g);
-      e.estimateNormals(c.cloud.coords.data(), c.cloud.size(), g, r);
+      e.findNeighbours(xyz(c.cloud), c.cloud.size(), g);
+      e.estimateNormals(xyz(c.cloud), c.cloud.size(), g, r);
       ASSERT_EQ(r.size(), c.cloud.size());
-      EXPECT_EQ(r.getDegenerateCount(), 0) << c.name;
+      EXPECT_EQ(r.getDegenerateCount(), 0);
       EXPECT_FALSE(r.isOriented());
       double worst = 1.0, curvatureError = 0.0;
       int known = 0;
       for (int i = 0; i < r.size(); ++i)
       {
-        float const * a = r.getNormal(i);
-        float const * b = &c.cloud.normals[3 * static_cast<std::size_t>(i)];
+        float const *a = r.getNormal(i), *b = c.cloud.getSampleNormal3(i);
         EXPECT_NEAR(a[0] * a[0] + a[1] * a[1] + a[2] * a[2], 1.0, 1e-6);
         worst = std::min(worst, std::fabs(static_cast<double>(a[0] * b[0] + a[1] * b[1] + a[2] * b[2])));
         if (second && r.getCurvatures()[i] >= 0.0f)
-        {
-          ++known;
-          curvatureError += std::fabs(r.getCurvatures()[i] - c.curvature);
-        }
+          ++known, curvatureError += std::fabs(r.getCurvatures()[i] - c.curvature);
       }
       // The plane of a neighbourhood tilts where the point is off its centre;
       // the quadric passes through the point.
-      EXPECT_GT(worst, second ? 0.9995 : 0.99) << c.name << (second ? " second order" : "");
+      EXPECT_GT(worst, second ? 0.9995 : 0.99);
+      ASSERT_EQ(r.getCurvatures().size(), second ? static_cast<std::size_t>(r.size()) : 0u);
       if (second)
       {
-        ASSERT_EQ(r.getCurvatures().size(), static_cast<std::size_t>(r.size()));
-        EXPECT_GT(known, r.size() * 9 / 10) << c.name;
-        EXPECT_LT(curvatureError / known, 0.02 + 0.02 * c.curvature) << c.name;
+        EXPECT_GT(known, r.size() * 9 / 10);
+        EXPECT_LT(curvatureError / known, 0.02 + 0.02 * c.curvature);
       }
-      else
-        EXPECT_TRUE(r.getCurvatures().empty());
     }
+  }
 }
 
 TEST(NormalEstimation, ClosedSurfacesWithNoiseFaceOutward)
 {
   // Half a percent of the size as position noise on each coordinate.
-  Truth sphere, torus, nested;
-  sphere.append(QZTest::makeSphereCloud(30000, 1.0, 21));
-  torus.append(QZTest::makeTorusCloud(30000, 1.0, 0.35, 22));
-  nested.append(QZTest::makeSphereCloud(24000, 1.0, 23));
-  nested.append(QZTest::makeSphereCloud(6000, 0.5, 24), true); // the cavity: inward
-  for (Truth * t : {&sphere, &torus, &nested})
-    t->jitter(0.005, 25);
+  CSampleCloud sphere = QZTest::makeSphereCloud(30000, 1.0, 21),
+               torus = QZTest::makeTorusCloud(30000, 1.0, 0.35, 22),
+               nested = QZTest::makeSphereCloud(24000, 1.0, 23);
+  append(nested, QZTest::makeSphereCloud(6000, 0.5, 24), true); // the cavity: inward
+  for (CSampleCloud * t : {&sphere, &torus, &nested})
+    jitter(*t, 0.005, 25);
   CEstimatedNormals const s = estimate(sphere), to = estimate(torus), ne = estimate(nested);
-  EXPECT_GE(agreeing(sphere, s), 0.999);
-  EXPECT_GE(agreeing(torus, to), 0.999);
-  EXPECT_GE(agreeing(nested, ne), 0.999);
+  EXPECT_GE(std::min({agreeing(sphere, s), agreeing(torus, to), agreeing(nested, ne)}), 0.999);
   EXPECT_EQ(s.getComponentCount(), 1);
   EXPECT_EQ(ne.getComponentCount(), 2);
   EXPECT_EQ(ne.getInwardComponentCount(), 1);
@@ -234,9 +226,8 @@ TEST(NormalEstimation, ClosedSurfacesWithNoiseFaceOutward)
   // Noise as large as the spacing of the points (0.025): many neighbourhoods
   // of k = 20 tell their plane poorly, a few leave their normal nearly in the
   // tangent plane, where no propagation can give it the right sign.
-  Truth rough;
-  rough.append(QZTest::makeSphereCloud(20000, 1.0, 26));
-  rough.jitter(0.025, 27);
+  CSampleCloud rough = QZTest::makeSphereCloud(20000, 1.0, 26);
+  jitter(rough, 0.025, 27);
   CEstimatedNormals const ro = estimate(rough);
   EXPECT_GE(agreeing(rough, ro), 0.999);
   EXPECT_GT(ro.getWidenedCount(), rough.size() / 2);
@@ -247,18 +238,14 @@ TEST(NormalEstimation, ClosedSurfacesWithNoiseFaceOutward)
   CEstimatedNormals const flat = estimate(nested, p);
   EXPECT_EQ(flat.getInwardComponentCount(), 0);
   EXPECT_NEAR(agreeing(nested, flat), 0.8, 0.01);
-}
 
-TEST(NormalEstimation, ThinPlatesKeepTheirSides)
-{
   // Closed plates whose two large faces come closer than a neighbourhood's
   // reach: neighbours of a face point include points of the other face, and
   // the propagation must still not cross over.
   for (double h : {0.05, 0.02})
   {
-    Truth t = box(40000, 1.0, h, 31);
-    CEstimatedNormals const r = estimate(t);
-    EXPECT_GE(agreeing(t, r), 0.995) << "half thickness " << h;
+    CSampleCloud t = box(40000, 1.0, h, 31);
+    EXPECT_GE(agreeing(t, estimate(t)), 0.995) << "half thickness " << h;
   }
 }
 
@@ -266,17 +253,16 @@ TEST(NormalEstimation, ViewpointOrientsAScan)
 {
   // A wavy height field seen from above, as one scan: every normal must face
   // the scanner side (+z of the surface), also at the steep flanks.
-  Truth t;
+  CSampleCloud t;
   QZTest::CCloudRandom rnd(41);
   for (int i = 0; i < 20000; ++i)
   {
     double const x = rnd.uniform(-1, 1), y = rnd.uniform(-1, 1);
-    double const z = 0.25 * std::sin(4 * x) * std::cos(3 * y);
     double const zx = std::cos(4 * x) * std::cos(3 * y), zy = -0.75 * std::sin(4 * x) * std::sin(3 * y);
     double const l = std::sqrt(zx * zx + zy * zy + 1);
-    t.add(x, y, z, -zx / l, -zy / l, 1 / l);
+    t.add(x, y, 0.25 * std::sin(4 * x) * std::cos(3 * y), -zx / l, -zy / l, 1 / l);
   }
-  t.jitter(0.002, 42);
+  jitter(t, 0.002, 42);
   CNormalEstimationParams p;
   p.setViewpoint(Point3D_d(0.4, -0.3, 2.5));
   CEstimatedNormals const r = estimate(t, p);
@@ -288,19 +274,14 @@ TEST(NormalEstimation, ViewpointOrientsAScan)
   CEstimatedNormals const direct = estimate(t, p);
   for (int i = 0; i < t.size(); ++i)
   {
-    float const * q = &t.coords[3 * static_cast<std::size_t>(i)];
-    float const * n = direct.getNormal(i);
+    float const *q = xyz(t) + 3 * static_cast<std::size_t>(i), *n = direct.getNormal(i);
     ASSERT_GE(n[0] * (0.4 - q[0]) + n[1] * (-0.3 - q[1]) + n[2] * (2.5 - q[2]), 0.0) << i;
   }
 
   // The visible half of a sphere seen from outside faces outward.
-  Truth half;
-  Truth all;
-  all.append(QZTest::makeSphereCloud(20000, 1.0, 43));
-  for (int i = 0; i < all.size(); ++i)
-    if (all.coords[3 * i] + all.coords[3 * i + 1] > 0.2)
-      half.add(all.coords[3 * i], all.coords[3 * i + 1], all.coords[3 * i + 2], all.normals[3 * i],
-               all.normals[3 * i + 1], all.normals[3 * i + 2]);
+  CSampleCloud half;
+  append(half, QZTest::makeSphereCloud(20000, 1.0, 43), false,
+         [](float const * q) { return q[0] + q[1] > 0.2f; });
   p.setViewpoint(Point3D_d(3.0, 3.0, 0.5));
   p.setViewpointMinCosine(0.2);
   EXPECT_GE(agreeing(half, estimate(half, p)), 0.999);
@@ -308,9 +289,8 @@ TEST(NormalEstimation, ViewpointOrientsAScan)
 
 TEST_F(NormalEstimationThreads, ResultsDoNotDependOnTheThreadCount)
 {
-  Truth t;
-  t.append(QZTest::makeTorusCloud(12000, 1.0, 0.3, 51));
-  t.jitter(0.003, 52);
+  CSampleCloud t = QZTest::makeTorusCloud(12000, 1.0, 0.3, 51);
+  jitter(t, 0.003, 52);
   for (bool second : {false, true})
   {
     CNormalEstimationParams p;
@@ -321,7 +301,7 @@ TEST_F(NormalEstimationThreads, ResultsDoNotDependOnTheThreadCount)
     {
       CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
       graphs.emplace_back();
-      CNormalEstimator(p).findNeighbours(t.coords.data(), t.size(), graphs.back());
+      CNormalEstimator(p).findNeighbours(xyz(t), t.size(), graphs.back());
       results.push_back(estimate(t, p));
     }
     for (std::size_t r = 1; r < results.size(); ++r)
@@ -351,8 +331,7 @@ TEST_F(NormalEstimationThreads, InterruptionStopsEachStepAndClearsTheResult)
     CProgressCounter & m_counter;
     double m_at;
   };
-  Truth t;
-  t.append(QZTest::makeSphereCloud(60000, 1.0, 61));
+  CSampleCloud const t = QZTest::makeSphereCloud(60000, 1.0, 61);
   for (int threads : {1, 2})
     for (double at : {0.0, 0.1, 0.6, 0.9})
     {
@@ -361,7 +340,7 @@ TEST_F(NormalEstimationThreads, InterruptionStopsEachStepAndClearsTheResult)
       Interrupter stop(progress, at);
       progress.AddObserver(&stop);
       CEstimatedNormals r;
-      EXPECT_THROW(CNormalEstimator().run(t.coords.data(), t.size(), r, &progress), CUserIntrException)
+      EXPECT_THROW(CNormalEstimator().run(xyz(t), t.size(), r, &progress), CUserIntrException)
           << threads << " threads, at " << at;
       EXPECT_EQ(r.size(), 0);
       EXPECT_EQ(progress.GetRangeDepth(), 0);
@@ -370,50 +349,9 @@ TEST_F(NormalEstimationThreads, InterruptionStopsEachStepAndClearsTheResult)
 
 TEST(NormalEstimation, BadInputIsRefusedWithItsCause)
 {
-  Truth good;
-  good.append(QZTest::makeSphereCloud(200, 1.0, 71));
-  auto failure = [](Truth const & t, CNormalEstimationParams const & p, int count = -2) {
-    CEstimatedNormals r;
-    try
-    {
-      CNormalEstimator(p).run(t.coords.empty() ? nullptr : t.coords.data(), count == -2 ? t.size() : count, r);
-    }
-    catch (CNormalEstimationError const & e)
-    {
-      EXPECT_EQ(r.size(), 0);
-      return std::make_pair(static_cast<int>(e.getReason()), std::string(e.what()));
-    }
-    return std::make_pair(0, std::string());
-  };
-  CNormalEstimationParams p;
-  using R = std::pair<int, std::string>;
-  p.setNeighbours(0);
-  EXPECT_EQ(failure(good, p), R(eNEBadNeighbourCount, "Normal estimation: the neighbour count k must be positive, got 0"));
-  p.setNeighbours(-3);
-  EXPECT_EQ(failure(good, p).first, eNEBadNeighbourCount);
-  p = CNormalEstimationParams();
-  p.setMaxRadius(-1.0);
-  EXPECT_EQ(failure(good, p), R(eNEBadRadius, "Normal estimation: the radius limit must be 0 (none) or positive, got -1"));
-  p.setMaxRadius(std::numeric_limits<double>::quiet_NaN());
-  EXPECT_EQ(failure(good, p).first, eNEBadRadius);
-  p = CNormalEstimationParams();
-  p.setViewpoint(Point3D_d(0.0, std::numeric_limits<double>::infinity(), 0.0));
-  EXPECT_EQ(failure(good, p), R(eNEBadViewpoint, "Normal estimation: the viewpoint has a non-finite coordinate"));
-  p = CNormalEstimationParams();
-  p.setNoiseRatio(-0.5);
-  EXPECT_EQ(failure(good, p),
-            R(eNEBadNoiseRatio, "Normal estimation: the noise ratio must be 0 or more, got -0.5"));
-  p.setNoiseRatio(std::numeric_limits<double>::quiet_NaN());
-  EXPECT_EQ(failure(good, p).first, eNEBadNoiseRatio);
-  p = CNormalEstimationParams();
-  EXPECT_EQ(failure(Truth(), p, 5), R(eNENoPoints, "Normal estimation: no point coordinates were given"));
-  EXPECT_EQ(failure(good, p, 20), R(eNETooFewPoints, "Normal estimation: 20 points, fewer than k + 1 = 21"));
-  EXPECT_EQ(failure(Truth(), p, 0).first, eNETooFewPoints);
-
-  Truth nan = good;
-  nan.coords[3 * 17 + 1] = std::numeric_limits<float>::quiet_NaN();
-  EXPECT_EQ(failure(nan, p), R(eNENonFinitePoint, "Normal estimation: point 17 has a non-finite coordinate"));
-  Truth same, line;
+  CSampleCloud const good = QZTest::makeSphereCloud(200, 1.0, 71);
+  CSampleCloud nan = good, same, line;
+  nan.coordsMod(17)[1] = std::numeric_limits<float>::quiet_NaN();
   QZTest::CCloudRandom rnd(72);
   for (int i = 0; i < 50; ++i)
   {
@@ -421,17 +359,62 @@ TEST(NormalEstimation, BadInputIsRefusedWithItsCause)
     double const s = rnd.uniform(-10, 10); // along a slanted line: float rounding puts points off it
     line.add(1 + 0.3 * s, 2 - 0.7 * s, 0.1 * s, 0, 0, 1);
   }
-  EXPECT_EQ(failure(same, p), R(eNEAllCoincident, "Normal estimation: all 50 points coincide"));
-  EXPECT_EQ(failure(line, p), R(eNEAllCollinear, "Normal estimation: all 50 points lie on one line"));
+  double const qnan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+  using Set = std::function<void(CNormalEstimationParams &)>;
+  struct Case
+  {
+    Set set;
+    CSampleCloud const * cloud;
+    int count; // -1: the cloud's size
+    ENormalEstimationFailure reason;
+    char const * what; // nullptr: not checked
+  } const cases[] = {
+      {[](auto & p) { p.setNeighbours(0); }, &good, -1, eNEBadNeighbourCount,
+       "Normal estimation: the neighbour count k must be positive, got 0"},
+      {[](auto & p) { p.setNeighbours(-3); }, &good, -1, eNEBadNeighbourCount, nullptr},
+      {[](auto & p) { p.setMaxRadius(-1.0); }, &good, -1, eNEBadRadius,
+       "Normal estimation: the radius limit must be 0 (none) or positive, got -1"},
+      {[=](auto & p) { p.setMaxRadius(qnan); }, &good, -1, eNEBadRadius, nullptr},
+      {[=](auto & p) { p.setViewpoint(Point3D_d(0.0, inf, 0.0)); }, &good, -1, eNEBadViewpoint,
+       "Normal estimation: the viewpoint has a non-finite coordinate"},
+      {[](auto & p) { p.setNoiseRatio(-0.5); }, &good, -1, eNEBadNoiseRatio,
+       "Normal estimation: the noise ratio must be 0 or more, got -0.5"},
+      {[=](auto & p) { p.setNoiseRatio(qnan); }, &good, -1, eNEBadNoiseRatio, nullptr},
+      {Set(), nullptr, 5, eNENoPoints, "Normal estimation: no point coordinates were given"},
+      {Set(), &good, 20, eNETooFewPoints, "Normal estimation: 20 points, fewer than k + 1 = 21"},
+      {Set(), nullptr, 0, eNETooFewPoints, nullptr},
+      {Set(), &nan, -1, eNENonFinitePoint, "Normal estimation: point 17 has a non-finite coordinate"},
+      {Set(), &same, -1, eNEAllCoincident, "Normal estimation: all 50 points coincide"},
+      {Set(), &line, -1, eNEAllCollinear, "Normal estimation: all 50 points lie on one line"},
+  };
+  for (Case const & c : cases)
+  {
+    CNormalEstimationParams p;
+    if (c.set)
+      c.set(p);
+    CEstimatedNormals r;
+    float const * coords = c.cloud ? xyz(*c.cloud) : nullptr;
+    try
+    {
+      CNormalEstimator(p).run(coords, c.count < 0 ? c.cloud->size() : c.count, r);
+      ADD_FAILURE() << "accepted: reason " << c.reason;
+    }
+    catch (CNormalEstimationError const & e)
+    {
+      EXPECT_EQ(e.getReason(), c.reason);
+      EXPECT_EQ(r.size(), 0);
+      EXPECT_STREQ(e.what(), c.what ? c.what : e.what());
+    }
+  }
 
   // Steps given each other's results for another cloud.
   CNeighbourGraph g;
   CEstimatedNormals r;
   CNormalEstimator e;
-  e.findNeighbours(good.coords.data(), 100, g);
+  e.findNeighbours(xyz(good), 100, g);
   try
   {
-    e.estimateNormals(good.coords.data(), good.size(), g, r);
+    e.estimateNormals(xyz(good), good.size(), g, r);
     ADD_FAILURE() << "a graph of 100 points was taken for 200";
   }
   catch (CNormalEstimationError const & err)
@@ -445,8 +428,7 @@ TEST(NormalEstimation, DegenerateNeighbourhoodsTakeTheFallback)
 {
   // A plane, a wire standing out of it, and a lump of 25 copies of one
   // point: the wire's far points and the lump have no plane of their own.
-  Truth t;
-  t.append(QZTest::makePlaneCloud(2000, 1.0, 0.0, 81));
+  CSampleCloud t = QZTest::makePlaneCloud(2000, 1.0, 0.0, 81);
   for (int i = 1; i <= 60; ++i)
     t.add(0.0, 0.0, 0.02 * i, 0, 0, 1);
   int const lump = t.size();
@@ -457,39 +439,34 @@ TEST(NormalEstimation, DegenerateNeighbourhoodsTakeTheFallback)
   CNormalEstimator e(p);
   CNeighbourGraph g;
   CEstimatedNormals r;
-  e.findNeighbours(t.coords.data(), t.size(), g);
-  e.estimateNormals(t.coords.data(), t.size(), g, r);
+  e.findNeighbours(xyz(t), t.size(), g);
+  e.estimateNormals(xyz(t), t.size(), g, r);
   EXPECT_EQ(g.getDuplicateCount(), 25);
-  int wire = 0;
-  for (int i = 2000; i < lump; ++i)
-    wire += r.isDegenerate(i) ? 1 : 0;
-  EXPECT_GE(wire, 50); // the top of the wire sees only the wire
-  for (int i = lump; i < t.size(); ++i)
-  {
-    ASSERT_TRUE(r.isDegenerate(i));
-    EXPECT_EQ(std::vector<float>(r.getNormal(i), r.getNormal(i) + 3), std::vector<float>({0.0f, 0.0f, 1.0f}));
-  }
-  int degenerate = 0;
+  int wire = 0, degenerate = 0;
   for (int i = 0; i < t.size(); ++i)
-    if (r.isDegenerate(i))
+  {
+    if (!r.isDegenerate(i))
     {
-      ++degenerate;
-      // The fallback is the normal of the nearest sound neighbour, if any.
-      int const * nb = g.getNeighbours(i);
-      int const * sound = std::find_if(nb, nb + g.getNeighbourCount(i), [&](int j) { return !r.isDegenerate(j); });
-      if (sound != nb + g.getNeighbourCount(i))
-      {
-        EXPECT_EQ(std::vector<float>(r.getNormal(i), r.getNormal(i) + 3),
-                  std::vector<float>(r.getNormal(*sound), r.getNormal(*sound) + 3));
-      }
+      ASSERT_LT(i, lump);
+      continue;
     }
+    ++degenerate;
+    wire += i >= 2000 && i < lump;
+    // The fallback is the normal of the nearest sound neighbour, if any;
+    // else (the lump) +z.
+    int const *nb = g.getNeighbours(i), *end = nb + g.getNeighbourCount(i);
+    int const * sound = std::find_if(nb, end, [&](int j) { return !r.isDegenerate(j); });
+    EXPECT_EQ(normalOf(r, i), sound != end ? normalOf(r, *sound) : std::vector<float>({0.0f, 0.0f, 1.0f}));
+    EXPECT_TRUE(i < lump || sound == end);
+  }
+  EXPECT_GE(wire, 50); // the top of the wire sees only the wire
   EXPECT_EQ(r.getDegenerateCount(), degenerate);
-  e.orientNormals(t.coords.data(), t.size(), g, r);
+  e.orientNormals(xyz(t), t.size(), g, r);
   EXPECT_EQ(r.getDegenerateCount(), degenerate);
   EXPECT_EQ(r.getComponentCount(), 2); // the lump is apart
+  // Away from the wire the plane faces up.
   for (int i = 0; i < 2000; ++i)
-    if (std::fabs(t.coords[3 * i]) > 0.2 || std::fabs(t.coords[3 * i + 1]) > 0.2) // away from the wire
-    {
-      ASSERT_GT(r.getNormal(i)[2], 0.99f) << i;
-    }
+    ASSERT_TRUE((std::fabs(xyz(t)[3 * i]) <= 0.2 && std::fabs(xyz(t)[3 * i + 1]) <= 0.2) ||
+                r.getNormal(i)[2] > 0.99f)
+        << i;
 }

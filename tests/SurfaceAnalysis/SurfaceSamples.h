@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "QZmath/Foundation/Point3D.h"
+#include "QZmath/SurfaceAnalysis/QuadraticForm.h"
 
 namespace SurfTest
 {
@@ -77,6 +78,14 @@ inline std::function<double(double, double)> cylinder(double r)
 inline std::function<double(double, double)> saddle(double k)
 {
   return [k](double x, double y) { return 0.5 * k * (x * x - y * y); };
+}
+
+/// The ten coefficients of a form in the raw order.
+inline std::vector<double> raw10(CQuadraticForm const & f)
+{
+  CQuadFormRaw10<double> r;
+  f.ConvertToRawFormat(r);
+  return {r, r + 10};
 }
 
 /// The angle between two lines (the sign of the vectors ignored), in degrees.
