@@ -139,12 +139,13 @@ __int64 save(IVescaBinaryStream & s, std::string mark, int version, std::string 
       .Save();
 }
 
-std::uint64_t readLE(std::string const & b, std::size_t at, int n)
+/// `n` bytes of `v`, least significant first.
+std::string le(std::uint64_t v, int n)
 {
-  std::uint64_t v = 0;
+  std::string bytes;
   for (int i = 0; i < n; ++i)
-    v |= std::uint64_t(static_cast<unsigned char>(b[at + i])) << (8 * i);
-  return v;
+    bytes += static_cast<char>(v >> (8 * i));
+  return bytes;
 }
 
 } // namespace
@@ -155,17 +156,12 @@ TEST(ComponentHeader, SaveWritesTheExactLayoutAndPatchesTheSize)
   CInnerHeaderWrapper w(new PayloadFilter(t.stream, "Points", 0x7A000003, "twelve bytes"), nullptr, L"");
   EXPECT_EQ(w.Save(), 140);
   EXPECT_EQ(t.stream.getPosition(), 140); // at the end of the data
-  std::string const b = t.contents();
-  ASSERT_EQ(b.size(), 140u);
-  EXPECT_EQ(b.compare(0, 10, std::string("VsCmpWrp\0\0", 10)), 0);
-  EXPECT_EQ(readLE(b, 10, 8), 12u);
-  EXPECT_EQ(readLE(b, 18, 4), 0x7A000003u);                            // all four bytes of the version
-  EXPECT_EQ(b.compare(22, 106, "Points" + std::string(100, '\0')), 0); // mark, then zeros
-  EXPECT_EQ(b.substr(128), "twelve bytes");
+  // Mark, data size, all four bytes of the version, the block mark padded
+  // with zeros, the data.
+  EXPECT_EQ(t.contents(), std::string("VsCmpWrp\0\0", 10) + le(12, 8) + le(0x7A000003, 4) + "Points" +
+                              std::string(100, '\0') + "twelve bytes");
   EXPECT_EQ(CInnerHeaderWrapper::getWrapHeaderSize(), 128);
-  EXPECT_EQ(w.GetBlockMark(), "Wrap");
-  EXPECT_EQ(w.GetVersion(), 1);
-  EXPECT_EQ(w.GetComponentName(), L"payload");
+  EXPECT_TRUE(w.GetBlockMark() == "Wrap" && w.GetVersion() == 1 && w.GetComponentName() == L"payload");
 }
 
 TEST(ComponentHeader, UnknownVersionsAndMarksAreSkippedWithAWarning)
@@ -292,7 +288,7 @@ TEST(ComponentHeader, TruncatedAndCorruptedFilesFailCleanly)
   EXPECT_EQ(points + tail, "0123456789abtail!");
   ASSERT_EQ(log.lines.size(), 1u);
   EXPECT_EQ(log.lines[0].first, L"normals skipped");
-  EXPECT_EQ(readLE(good, 10, 8), 140u + 135u); // the outer size covers the inner headers
+  EXPECT_EQ(good.substr(10, 8), le(140 + 135, 8)); // the outer size covers the inner headers
 
   for (std::size_t cut = 0; cut < good.size(); ++cut)
     EXPECT_THROW(load(good.substr(0, cut)), CVescaException) << "cut at " << cut;
@@ -364,9 +360,8 @@ TEST(ComponentFilters, PlaceholdersLoggersErrorsAndSelectors)
   EXPECT_TRUE(skip.Save() == 0 && skip.GetVersion() == 0 && skip.GetBlockMark() == "SkipTillEnd");
 
   CComponentFilterStub stub(L"stub name", t.stream);
-  EXPECT_TRUE(stub.Save() == 0 && stub.Load(logger) == 0 && stub.GetVersion() == 0);
-  EXPECT_EQ(stub.GetBlockMark(), "STUB");
-  EXPECT_EQ(stub.GetComponentName(), L"stub name");
+  EXPECT_TRUE(stub.Save() == 0 && stub.Load(logger) == 0 && stub.GetVersion() == 0 &&
+              stub.GetBlockMark() == "STUB" && stub.GetComponentName() == L"stub name");
 
   logger.FinalizeLoading();
   logger.FinalizeLoading();

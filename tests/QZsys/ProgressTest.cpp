@@ -23,7 +23,17 @@ struct Recorder : IProgressObserver
   }
 };
 
-bool nonDecreasing(std::vector<double> const & v) { return std::is_sorted(v.begin(), v.end()); }
+bool nonDecreasing(Recorder const & r) { return std::is_sorted(r.positions.begin(), r.positions.end()); }
+
+class CancelAfter : public CProgressCounter
+{
+public:
+  explicit CancelAfter(int calls) : m_calls(calls) {}
+
+private:
+  bool OnCheckInterrupt() const override { return --m_calls < 0; }
+  mutable int m_calls;
+};
 } // namespace
 
 TEST(ProgressCounter, NestedRangesMapToGlobalPosition)
@@ -61,7 +71,7 @@ TEST(ProgressCounter, ClampsOutOfRangeAndBackwardValues)
   c.SetPosFloat(std::nan(""));
   c.SetPosFloat(-3);
   EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
-  EXPECT_TRUE(nonDecreasing(rec.positions));
+  EXPECT_TRUE(nonDecreasing(rec));
   EXPECT_EQ(rec.positions.back(), 1.0);
 
   CProgressCounter d;
@@ -69,19 +79,6 @@ TEST(ProgressCounter, ClampsOutOfRangeAndBackwardValues)
   d.SetPosFloat(1.0);
   EXPECT_DOUBLE_EQ(d.GetPosFloat(), 1.0);
 }
-
-namespace
-{
-class CancelAfter : public CProgressCounter
-{
-public:
-  explicit CancelAfter(int calls) : m_calls(calls) {}
-
-private:
-  bool OnCheckInterrupt() const override { return --m_calls < 0; }
-  mutable int m_calls;
-};
-} // namespace
 
 // A request, from any thread, a source or the overridable check, stays until
 // cleared (a reset keeps it) and throws at the next position or sub-phase.
@@ -189,7 +186,7 @@ TEST(MultiPhaseManager, WeightsInRegistrationOrder)
   m.FinishCurrentPhase();
   m.FinishCurrentPhase();
   EXPECT_FALSE(m.HasOpenPhase());
-  EXPECT_TRUE(nonDecreasing(rec.positions));
+  EXPECT_TRUE(nonDecreasing(rec));
   EXPECT_EQ(rec.names.back(), "solve");
 }
 
@@ -234,15 +231,13 @@ TEST(MultiPhaseManager, InterruptionDuringPhase)
 TEST(LongJobPosition, RisesPastTheEstimate)
 {
   using VsPCnt::prgCntLongJobPosition;
-  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(0, 100, 0.3), 0.0);
-  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(50, 100, 0.3), 0.35);
-  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(100, 100, 0.3), 0.7);
-  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(200, 100, 0.3), 0.85);
-  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(1000, 100, 0.3), 0.97);
+  // (current, expected, position) with a = 0.3; with nothing expected, any work is all of it.
+  double const cases[][3] = {{0, 100, 0.0},     {50, 100, 0.35}, {100, 100, 0.7}, {200, 100, 0.85},
+                             {1000, 100, 0.97}, {5, 0, 1.0},     {0, 0, 0.0}};
+  for (auto const & c : cases)
+    EXPECT_DOUBLE_EQ(prgCntLongJobPosition(int(c[0]), int(c[1]), 0.3), c[2]) << c[0] << " of " << c[1];
   // continuous at the estimate and strictly rising beyond it
   EXPECT_LT(prgCntLongJobPosition(101, 100, 0.3), prgCntLongJobPosition(102, 100, 0.3));
-  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(5, 0, 0.3), 1.0);
-  EXPECT_DOUBLE_EQ(prgCntLongJobPosition(0, 0, 0.3), 0.0);
 }
 
 TEST(PrgCntBlocksTreaded, JoinsWorkerProgressByBlocks)
@@ -307,10 +302,12 @@ TEST(PrgCntBlocksTreaded, WorkersOnThreads)
 
 TEST(ConsoleProgressBar, FormatsBarPercentAndPhase)
 {
-  EXPECT_EQ(CConsoleProgressBar::formatLine(0.0, "", 10), "[          ]   0.0%");
-  EXPECT_EQ(CConsoleProgressBar::formatLine(0.5, "solve", 10), "[#####     ]  50.0%  solve");
-  EXPECT_EQ(CConsoleProgressBar::formatLine(1.0, "x", 4), "[####] 100.0%  x");
-  EXPECT_EQ(CConsoleProgressBar::formatLine(3.0, "", 2), "[##] 100.0%");
+  EXPECT_EQ((std::vector<std::string>{CConsoleProgressBar::formatLine(0.0, "", 10),
+                                      CConsoleProgressBar::formatLine(0.5, "solve", 10),
+                                      CConsoleProgressBar::formatLine(1.0, "x", 4),
+                                      CConsoleProgressBar::formatLine(3.0, "", 2)}),
+            (std::vector<std::string>{"[          ]   0.0%", "[#####     ]  50.0%  solve", "[####] 100.0%  x",
+                                      "[##] 100.0%"}));
 }
 
 TEST(ConsoleProgressBar, DrawsOnAStreamAsAnObserver)
@@ -332,10 +329,9 @@ TEST(ConsoleProgressBar, DrawsOnAStreamAsAnObserver)
     bar.finish();
     c.RemoveObserver(&bar);
   }
+  std::string text(static_cast<std::size_t>(std::ftell(f)), '\0');
   std::rewind(f);
-  std::string text;
-  for (int ch; (ch = std::fgetc(f)) != EOF;)
-    text += static_cast<char>(ch);
+  text.resize(std::fread(&text[0], 1, text.size(), f));
   std::fclose(f);
   EXPECT_NE(text.find("[##        ]  25.0%  one"), std::string::npos) << text;
   EXPECT_NE(text.find("[##########] 100.0%  two\n"), std::string::npos) << text;

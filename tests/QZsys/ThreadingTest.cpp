@@ -3,10 +3,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <functional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -65,13 +65,8 @@ TEST(PerformInParallel, RunsTasksConcurrently)
   int const n = 4;
   Rendezvous r;
   std::atomic<int> met{0};
-  std::vector<std::unique_ptr<FnTask>> owned;
-  std::vector<IVescaInvokeProc *> tasks;
-  for (int i = 0; i < n; ++i)
-  {
-    owned.emplace_back(new FnTask([&] { met += r.meet(n) ? 1 : 0; }));
-    tasks.push_back(owned.back().get());
-  }
+  FnTask meet([&] { met += r.meet(n) ? 1 : 0; });
+  std::vector<IVescaInvokeProc *> tasks(n, &meet); // one object run on every thread
   CVescaThreadingTasksHelper::performInParallel(tasks.data(), n, nullptr);
   EXPECT_EQ(met.load(), n);
   // Nothing to run: no task array, a null task, no count.
@@ -91,35 +86,29 @@ TEST(PerformInParallel, PumpsTheObserverOnTheCallingThread)
   EXPECT_EQ(obs.seenOn, std::this_thread::get_id());
 }
 
-TEST(PerformInParallel, RethrowsTaskExceptionAfterAllJoined)
+// A task's exception and the observer's both wait until every task ended.
+TEST(PerformInParallel, ExceptionsComeAfterAllTasksJoined)
 {
-  std::atomic<bool> slowFinished{false};
+  std::atomic<int> finished{0};
+  FnTask slow(
+      [&]
+      {
+        std::this_thread::sleep_for(100ms);
+        ++finished;
+      });
   FnTask bad([] { throw std::out_of_range("task failed"); });
-  FnTask slow([&] {
-    std::this_thread::sleep_for(100ms);
-    slowFinished = true;
-  });
   IVescaInvokeProc * tasks[] = {&bad, &slow};
   CountingObserver obs;
   EXPECT_EQ(QZTest::whatOf<std::out_of_range>(
                 [&] { CVescaThreadingTasksHelper::performInParallel(tasks, 2, &obs); }),
             "task failed");
-  EXPECT_TRUE(slowFinished.load());
-}
+  EXPECT_EQ(finished.load(), 1);
 
-TEST(PerformInParallel, ObserverExceptionWaitsForTasks)
-{
-  std::atomic<bool> finished{false};
-  FnTask slow([&] {
-    std::this_thread::sleep_for(100ms);
-    finished = true;
-  });
-  IVescaInvokeProc * tasks[] = {&slow};
-  CountingObserver obs;
-  obs.throwAfter = 2;
-  EXPECT_THROW(CVescaThreadingTasksHelper::performInParallel(tasks, 1, &obs), std::runtime_error);
-  EXPECT_TRUE(finished.load());
-  EXPECT_EQ(obs.events.load(), 2); // pumping stopped at the exception
+  CountingObserver failing;
+  failing.throwAfter = 2;
+  EXPECT_THROW(CVescaThreadingTasksHelper::performInParallel(tasks + 1, 1, &failing), std::runtime_error);
+  EXPECT_EQ(finished.load(), 2);
+  EXPECT_EQ(failing.events.load(), 2); // pumping stopped at the exception
 }
 
 TEST(PhysicalThreads, CountedAtLeastOneAndSettable)
@@ -148,10 +137,12 @@ TEST(ThreadingFactory, AutoResetEventWithTimeouts)
   auto const t0 = std::chrono::steady_clock::now();
   EXPECT_FALSE(e->wait(30));
   EXPECT_GE(std::chrono::steady_clock::now() - t0, 25ms);
-  std::thread setter([&] {
-    std::this_thread::sleep_for(20ms);
-    e->set();
-  });
+  std::thread setter(
+      [&]
+      {
+        std::this_thread::sleep_for(20ms);
+        e->set();
+      });
   EXPECT_TRUE(e->wait(5000));
   setter.join();
   std::thread setter2([&] { e->set(); });
@@ -167,10 +158,12 @@ TEST(ThreadingFactory, RecursiveMutexAndLock)
   std::optional<CVescaMutexLock> outer, inner;
   outer.emplace(m);
   inner.emplace(m.get()); // recursive on the same thread
-  std::thread other([&] {
-    CVescaMutexLock l(m);
-    counter = 2;
-  });
+  std::thread other(
+      [&]
+      {
+        CVescaMutexLock l(m);
+        counter = 2;
+      });
   std::this_thread::sleep_for(30ms);
   EXPECT_EQ(counter.load(), 0); // blocked while we hold it
   counter = 1;
@@ -187,11 +180,13 @@ TEST(ThreadingFactory, ThreadRunsWaitsAndSwallows)
 {
   auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
   std::atomic<bool> go{false}, ran{false};
-  FnTask task([&] {
-    while (!go.load())
-      std::this_thread::sleep_for(1ms);
-    ran = true;
-  });
+  FnTask task(
+      [&]
+      {
+        while (!go.load())
+          std::this_thread::sleep_for(1ms);
+        ran = true;
+      });
   std::unique_ptr<IVescaThread> t(f.createThread());
   EXPECT_TRUE(t->wait(0)); // never started
   t->setProc(&task);
@@ -211,10 +206,12 @@ TEST(ThreadingFactory, ThreadRunsWaitsAndSwallows)
 
   // deleting a running thread waits for its end
   std::atomic<bool> done{false};
-  FnTask slow([&] {
-    std::this_thread::sleep_for(30ms);
-    done = true;
-  });
+  FnTask slow(
+      [&]
+      {
+        std::this_thread::sleep_for(30ms);
+        done = true;
+      });
   std::unique_ptr<IVescaThread> t3(f.createThread());
   t3->setProc(&slow);
   t3->start();
