@@ -98,9 +98,9 @@ TEST(ContourCorners, SquareHasFourCornersAndSplitsIntoSharedPieces)
   ASSERT_TRUE(GetContourCornerMarks(square, 2.0 * 2.0, true, marks));
   EXPECT_EQ(marked(marks), (std::vector<int>{0, 10, 20, 30}));
   // The float form computes the same in double.
-  std::vector<int> marksF;
-  ASSERT_TRUE(GetContourCornerMarks(toFloat(square), 2.0 * 2.0, true, marksF));
-  EXPECT_EQ(marksF, marks);
+  std::vector<int> const marksD = marks;
+  ASSERT_TRUE(GetContourCornerMarks(toFloat(square), 2.0 * 2.0, true, marks));
+  EXPECT_EQ(marks, marksD);
 
   std::vector<std::vector<Point3D_d>> pieces(1); // appended to, not replaced
   int count = -1;
@@ -147,9 +147,8 @@ TEST(ContourCorners, NoisyPolygonCornersAndNoneOnACircle)
 TEST(ContourCorners, OpenContourEnds)
 {
   // A straight line: its two ends, one piece.
-  std::vector<Point3D_d> line;
-  for (int i = 0; i < 50; ++i)
-    line.emplace_back(0.1 * i, 0.2 * i, 0.0);
+  std::vector<Point3D_d> line = polygon({0, 0, 5, 10}, 50, nullptr, 0.0);
+  line.resize(50);
   std::vector<std::vector<Point3D_d>> pieces;
   int count = 0;
   ASSERT_TRUE(SplitContourByCorners(&pieces, line, 0.25, false, &count));
@@ -159,11 +158,8 @@ TEST(ContourCorners, OpenContourEnds)
 
   // An L with its corner 3 points before the end: the corner wins over the
   // end's mark, and the points past it are in no piece.
-  std::vector<Point3D_d> ell;
-  for (int i = 0; i <= 20; ++i)
-    ell.emplace_back(i, 0.0, 0.0);
-  for (int i = 1; i <= 3; ++i)
-    ell.emplace_back(20.0, i, 0.0);
+  std::vector<Point3D_d> ell = polygon({0, 0, 20, 0, 20, 20}, 20, nullptr, 0.0);
+  ell.resize(24);
   std::vector<int> marks;
   ASSERT_TRUE(GetContourCornerMarks(ell, 0.5, false, marks));
   EXPECT_EQ(marked(marks), (std::vector<int>{0, 20}));

@@ -40,8 +40,7 @@ TEST(NetProjection, NodesNormalsAndBlends)
   float const p[3] = {4.2f, 5.0f, 1.0f};
   int c = -1, r = -1;
   EXPECT_FLOAT_EQ(static_cast<float>(GetNearestNetKnot(p, net, c, r)), 0.04f + 1.0f + 1.0f);
-  EXPECT_EQ(c, 2);
-  EXPECT_EQ(r, 2);
+  EXPECT_TRUE(c == 2 && r == 2) << c << " " << r;
   // Columns along x, rows along y: the normal is +z, at the last row and
   // column too; `sign` false turns it round.
   Point3D n;
@@ -57,14 +56,11 @@ TEST(NetProjection, NodesNormalsAndBlends)
   {
     float const q[3] = {static_cast<float>(2.0 * uv.first), static_cast<float>(3.0 * uv.second), 7.0f};
     double u = -1, v = -1;
-    ProjectPointToNet(q, net, u, v);
-    EXPECT_NEAR(u, uv.first, 1e-6);
-    EXPECT_NEAR(v, uv.second, 1e-6);
     float back[3];
+    ProjectPointToNet(q, net, u, v);
+    EXPECT_TRUE(std::fabs(u - uv.first) < 1e-6 && std::fabs(v - uv.second) < 1e-6) << u << " " << v;
     getPointOnNet(static_cast<float>(u), static_cast<float>(v), net, back);
-    EXPECT_NEAR(back[0], q[0], 1e-5);
-    EXPECT_NEAR(back[1], q[1], 1e-5);
-    EXPECT_EQ(back[2], 0.0f);
+    EXPECT_TRUE(std::fabs(back[0] - q[0]) < 1e-5 && std::fabs(back[1] - q[1]) < 1e-5 && back[2] == 0.0f);
   }
   // A bilinear blend on a bent net, and the last row and column read safely.
   Matrix<Point3D> const bent = makeNet(0.1);
@@ -81,22 +77,21 @@ TEST(Contour2D, SelfIntersectionsAndInside)
 {
   std::vector<double> const square = {0, 0, 4, 0, 4, 4, 0, 4, 0, 0};
   std::vector<double> const pentagon = {0, 0, 4, 0, 5, 3, 2, 5, -1, 3, 0, 0};
-  EXPECT_TRUE(Check2dContourSelfIntersections(square));
-  EXPECT_TRUE(Check2dContourSelfIntersections(pentagon));
   // A bow tie crosses itself; three segments are too few to test; the
   // contour that runs back along itself overlaps collinearly.
-  EXPECT_FALSE(Check2dContourSelfIntersections({0, 0, 4, 0, 0, 4, 4, 4, 0, 0}));
-  EXPECT_TRUE(Check2dContourSelfIntersections({0, 0, 4, 0, 0, 4, 0, 0}));
-  EXPECT_FALSE(Check2dContourSelfIntersections({0, 0, 4, 0, 4, 2, 4, 1, 4, 3, 0, 3, 0, 0}));
-
-  EXPECT_TRUE(isPointInContour(1.0, 1.0, square));
-  EXPECT_FALSE(isPointInContour(5.0, 1.0, square));
-  EXPECT_FALSE(isPointInContour(1.0, -1.0, square));
-  EXPECT_FALSE(isPointInContour(2.0, 5.5, pentagon)); // straight over the vertex (2, 5)
-  EXPECT_TRUE(isPointInContour(2.0, 4.5, pentagon));
-  EXPECT_TRUE(isPointInContour(4.0, 1.0, pentagon)); // straight above the vertex (4, 0)
-  EXPECT_FALSE(isPointInContour(1.0, 1.0, {}));
-  EXPECT_FALSE(isPointInContour(1.0, 1.0, {1.0, 1.0}));
+  EXPECT_EQ(
+      (std::vector<bool>{Check2dContourSelfIntersections(square), Check2dContourSelfIntersections(pentagon),
+                         Check2dContourSelfIntersections({0, 0, 4, 0, 0, 4, 4, 4, 0, 0}),
+                         Check2dContourSelfIntersections({0, 0, 4, 0, 0, 4, 0, 0}),
+                         Check2dContourSelfIntersections({0, 0, 4, 0, 4, 2, 4, 1, 4, 3, 0, 3, 0, 0})}),
+      (std::vector<bool>{true, true, false, true, false}));
+  // Straight over the vertex (2, 5) of the pentagon is outside, straight
+  // above its vertex (4, 0) inside.
+  EXPECT_EQ((std::vector<bool>{isPointInContour(1.0, 1.0, square), isPointInContour(5.0, 1.0, square),
+                               isPointInContour(1.0, -1.0, square), isPointInContour(2.0, 5.5, pentagon),
+                               isPointInContour(2.0, 4.5, pentagon), isPointInContour(4.0, 1.0, pentagon),
+                               isPointInContour(1.0, 1.0, {}), isPointInContour(1.0, 1.0, {1.0, 1.0})}),
+            (std::vector<bool>{true, false, false, false, true, true, false, false}));
 }
 
 TEST(Projectors, PolylineProjection)

@@ -1,11 +1,14 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <random>
 
 #include "QZmath/SurfaceAnalysis/QuadraticForm.h"
+#include "SurfaceSamples.h"
 
 using REmath::Point3D_d;
+using SurfTest::raw10;
 
 namespace
 {
@@ -28,30 +31,21 @@ TEST(QuadraticForm, CoefficientArraysAndAccessors)
   EXPECT_EQ(f.getKXY(), C[1]);
   EXPECT_EQ(f.getKXZ(), C[2]);
   EXPECT_EQ(f.getKYZ(), C[4]);
-  CQuadFormRaw10<double> raw10;
-  f.ConvertToRawFormat(raw10);
+  EXPECT_EQ(raw10(f), std::vector<double>(C, C + 10));
   CQuadFormRaw9<float> raw9;
   f.ConvertToRawFormat(raw9);
-  for (int i = 0; i < 10; ++i)
-    EXPECT_EQ(raw10[i], C[i]);
-  for (int i = 0; i < 9; ++i)
-    EXPECT_EQ(raw9[i], static_cast<float>(C[i]));
+  EXPECT_EQ(std::vector<float>(raw9, raw9 + 9), std::vector<float>(C, C + 9));
   // buildFromCoefficients takes the three squares first.
-  CQuadraticForm const g =
-      CQuadraticForm::buildFromCoefficients(C[0], C[3], C[5], C[1], C[2], C[4], C[6], C[7], C[8], C[9]);
-  CQuadFormRaw10<double> rawG;
-  g.ConvertToRawFormat(rawG);
-  for (int i = 0; i < 10; ++i)
-    EXPECT_EQ(rawG[i], C[i]);
+  EXPECT_EQ(raw10(CQuadraticForm::buildFromCoefficients(C[0], C[3], C[5], C[1], C[2], C[4], C[6], C[7], C[8],
+                                                        C[9])),
+            std::vector<double>(C, C + 10));
 
   // Short arrays leave the later coefficients 0.
   float const cf[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-  CQuadraticForm const nine = CQuadraticForm::buildFromCoeffArray(9, cf);
-  EXPECT_EQ(nine.getKZ(), 9.0);
-  EXPECT_EQ(nine.getK(), 0.0);
-  CQuadraticForm const six = CQuadraticForm::buildFromCoeffArray(6, cf);
-  EXPECT_EQ(six.getKZZ(), 6.0);
-  EXPECT_EQ(six.GetLinearTerm().length() + six.getK(), 0.0);
+  EXPECT_EQ(raw10(CQuadraticForm::buildFromCoeffArray(9, cf)),
+            (std::vector<double>{1, 2, 3, 4, 5, 6, 7, 8, 9, 0}));
+  EXPECT_EQ(raw10(CQuadraticForm::buildFromCoeffArray(6, cf)),
+            (std::vector<double>{1, 2, 3, 4, 5, 6, 0, 0, 0, 0}));
   // The default form is the identity with no linear or free term.
   CQuadraticForm const d;
   EXPECT_EQ(d.eval(Point3D_d(1.0, 2.0, 2.0)), 9.0);
@@ -83,8 +77,7 @@ TEST(QuadraticForm, SolvingForZ)
   CQuadraticForm const s = CQuadraticForm::buildFromCoefficients(1, 1, 1, 0, 0, 0, 0, 0, -6, 8);
   double z1 = -7, z2 = -7;
   ASSERT_EQ(s.calculateZByXY(0.0, 0.0, z1, z2), CQuadraticForm::CalcZTwo);
-  EXPECT_DOUBLE_EQ(z1, 2.0); // the root nearer to z = 0 first
-  EXPECT_DOUBLE_EQ(z2, 4.0);
+  EXPECT_TRUE(z1 == 2.0 && z2 == 4.0) << z1 << " " << z2; // the root nearer to z = 0 first
   // Sorted by the gradient: z1 where the gradient points along dir.
   s.calculateZByXYSortedByGrad(0.0, 0.0, z1, z2, Point3D_d(0.0, 0.0, 5.0));
   EXPECT_DOUBLE_EQ(z1, 4.0);
@@ -140,10 +133,6 @@ TEST(QuadraticForm, TransformToBasisKeepsTheSurface)
   h.GetQuadaricTerm().m[0][2] += 1.0;
   h.GetQuadaricTerm().m[2][0] -= 1.0;
   CQuadraticForm const id = h.getTransformedToBasis(COrthoNormBasis());
-  CQuadFormRaw10<double> a, b;
-  f.ConvertToRawFormat(a);
-  id.ConvertToRawFormat(b);
-  for (int i = 0; i < 10; ++i)
-    EXPECT_NEAR(a[i], b[i], 1e-14);
+  EXPECT_THAT(raw10(id), testing::Pointwise(testing::DoubleNear(1e-14), raw10(f)));
   EXPECT_EQ(id.GetQuadaricTerm().m[0][2], id.GetQuadaricTerm().m[2][0]);
 }
