@@ -12,7 +12,8 @@ std::atomic<long> g_count{0};
 std::atomic<bool> g_failed{false};
 std::atomic<long> g_live{0};
 
-void * allocate(std::size_t size, bool nothrow)
+// `align` 0 is the default alignment (plain malloc).
+void * allocate(std::size_t size, bool nothrow, std::size_t align = 0)
 {
   g_count.fetch_add(1, std::memory_order_relaxed);
   if (g_budget.load(std::memory_order_relaxed) >= 0 && g_budget.fetch_sub(1, std::memory_order_relaxed) <= 0)
@@ -23,7 +24,8 @@ void * allocate(std::size_t size, bool nothrow)
       return nullptr;
     throw std::bad_alloc();
   }
-  void * p = std::malloc(size ? size : 1);
+  size = size ? size : 1;
+  void * p = align ? std::aligned_alloc(align, (size + align - 1) / align * align) : std::malloc(size);
   if (!p && !nothrow)
     throw std::bad_alloc();
   if (p)
@@ -37,21 +39,6 @@ void release(void * p) noexcept
     return;
   g_live.fetch_sub(1, std::memory_order_relaxed);
   std::free(p);
-}
-
-void * allocateAligned(std::size_t size, std::align_val_t align, bool nothrow)
-{
-  void * p = allocate(0, nothrow); // counted and failed like any other, then freed
-  if (!p)
-    return nullptr;
-  release(p);
-  std::size_t const a = static_cast<std::size_t>(align);
-  p = std::aligned_alloc(a, (size + a - 1) / a * a);
-  if (!p && !nothrow)
-    throw std::bad_alloc();
-  if (p)
-    g_live.fetch_add(1, std::memory_order_relaxed);
-  return p;
 }
 } // namespace
 
@@ -74,15 +61,15 @@ void * operator new(std::size_t size) { return allocate(size, false); }
 void * operator new[](std::size_t size) { return allocate(size, false); }
 void * operator new(std::size_t size, std::nothrow_t const &) noexcept { return allocate(size, true); }
 void * operator new[](std::size_t size, std::nothrow_t const &) noexcept { return allocate(size, true); }
-void * operator new(std::size_t size, std::align_val_t a) { return allocateAligned(size, a, false); }
-void * operator new[](std::size_t size, std::align_val_t a) { return allocateAligned(size, a, false); }
+void * operator new(std::size_t size, std::align_val_t a) { return allocate(size, false, std::size_t(a)); }
+void * operator new[](std::size_t size, std::align_val_t a) { return allocate(size, false, std::size_t(a)); }
 void * operator new(std::size_t size, std::align_val_t a, std::nothrow_t const &) noexcept
 {
-  return allocateAligned(size, a, true);
+  return allocate(size, true, std::size_t(a));
 }
 void * operator new[](std::size_t size, std::align_val_t a, std::nothrow_t const &) noexcept
 {
-  return allocateAligned(size, a, true);
+  return allocate(size, true, std::size_t(a));
 }
 void operator delete(void * p) noexcept { release(p); }
 void operator delete[](void * p) noexcept { release(p); }

@@ -22,13 +22,20 @@ void expectValidHeap(CfpHeap const & heap)
     }
   }
 }
+
+std::vector<CfpHeapMem *> entries(CfpHeap & heap)
+{
+  std::vector<CfpHeapMem *> all;
+  for (std::size_t i = 0; i < heap.size(); ++i)
+    all.push_back(heap.at(i));
+  return all;
+}
 } // namespace
 
 TEST(CfpHeap, EdgeCasesOfPlacesAndKeys)
 {
   CfpHeap heap;
-  EXPECT_EQ(heap.extract(), nullptr);
-  EXPECT_EQ(heap.front(), nullptr);
+  EXPECT_TRUE(heap.extract() == nullptr && heap.front() == nullptr);
   EXPECT_EQ(CfpHeap(3).size(), 3u);
 
   std::vector<CfpHeapMem> items(15);
@@ -52,14 +59,12 @@ TEST(CfpHeap, EdgeCasesOfPlacesAndKeys)
   EXPECT_EQ(heap.size(), 15u);
 
   // Removing the last entry moves nothing else.
-  std::vector<CfpHeapMem *> before;
-  for (std::size_t i = 0; i < 14; ++i)
-    before.push_back(heap.at(i));
-  CfpHeapMem * last = heap.at(14);
+  std::vector<CfpHeapMem *> before = entries(heap);
+  CfpHeapMem * last = before.back();
+  before.pop_back();
   EXPECT_EQ(heap.remove(last), last);
   EXPECT_FALSE(last->inHeap());
-  for (std::size_t i = 0; i < 14; ++i)
-    EXPECT_EQ(heap.at(i), before[i]);
+  EXPECT_EQ(entries(heap), before);
 }
 
 TEST(CfpHeap, SortGivesFallingKeysNaNsAndNullEntriesLast)
