@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
 #include <random>
 #include <vector>
 
@@ -13,30 +12,9 @@ using namespace VolTr;
 
 namespace
 {
-// The bases of the sphere tree in the general form, which has no derivative
-// operations: the analytic derivatives, narrowed like the kernel.
-struct GeneralBases
-{
-  CPiecewisePolynom kernel, dx[3], lap;
-  std::unique_ptr<COctreeFuncBasisTmpl<CPiecewisePolynom>> basis, grad[3], lapBasis;
-  explicit GeneralBases(COctree const * tree)
-      : kernel(makeApproxGaussian<CPiecewisePolynom>()), lap(makeApproxGaussianLaplacian<CPiecewisePolynom>())
-  {
-    double const s = 1.0 / 0.95, scale[3] = {s, s, s};
-    kernel.scaleArgument(scale);
-    basis.reset(new COctreeFuncBasisTmpl<CPiecewisePolynom>(kernel, tree, 0));
-    for (int a = 0; a < 3; ++a)
-    {
-      dx[a] = DgaussianDx<CPiecewisePolynom>(a);
-      dx[a].scaleArgument(scale);
-      dx[a] *= s;
-      grad[a].reset(new COctreeFuncBasisTmpl<CPiecewisePolynom>(dx[a], tree, 1));
-    }
-    lap.scaleArgument(scale);
-    lap *= s * s;
-    lapBasis.reset(new COctreeFuncBasisTmpl<CPiecewisePolynom>(lap, tree, 2));
-  }
-};
+using Helper = CCSFProductHelperTmpl<CProductPiecewisePolynom>;
+using GeneralHelper = CCSFProductHelperTmpl<CPiecewisePolynom>;
+int const even[3] = {1, 1, 1}, odd[3] = {-1, 1, 1};
 
 // The trees of these tests: 300 samples unless said.
 qztest::SphereBases sphereBases(bool center, int depth, int points = 300)
@@ -61,6 +39,16 @@ template <class K> double direct(CCSFunc3Tmpl<K> const & f, CCSFunc3Tmpl<K> cons
   return integrateOnSupport(makeProduct(f, g));
 }
 
+// The helper's product of the functions of nodes a and b of two bases,
+// against a reference value within a relative tolerance.
+template <class H, class B, class R>
+void expectProduct(H & helper, B const & left, int a, B const & right, int b, R reference, double tol)
+{
+  auto const f = left.makeFunctionByIndex(a), g = right.makeFunctionByIndex(b);
+  double const v = reference(f, g);
+  EXPECT_NEAR(helper.evalScalarProduct(f, g), v, tol * (1 + std::fabs(v))) << a << " " << b;
+}
+
 // Random node pairs whose supports meet: a node and another from a random depth near it.
 std::vector<std::pair<int, int>> nearPairs(COctree const & t, int count, unsigned seed)
 {
@@ -82,79 +70,71 @@ std::vector<std::pair<int, int>> nearPairs(COctree const & t, int count, unsigne
 }
 } // namespace
 
-TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsAtAllDepths)
+// Mass, stiffness and divergence products on every depth pair, twice (the
+// second round is answered from the tables, which are allocated in full at
+// the start). The divergence factor is odd: at offset 0 the integral of an
+// even times an odd function vanishes, and after a swap of the variables the
+// same tables serve the other derivative axes.
+TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsOnEveryDepthAndAxis)
 {
+  auto const ref = [](auto const & f, auto const & g) { return direct(f, g); };
   for (bool center : {true, false})
   {
     qztest::SphereBases const b = sphereBases(center, 5);
-    int const even[3] = {1, 1, 1}, odd[3] = {-1, 1, 1};
-    CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7,
-                                                         even);
-    CCSFProductHelperTmpl<CProductPiecewisePolynom> stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7,
-                                                          even);
-    CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6,
-                                                        odd);
+    Helper mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7, even);
+    Helper stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7, even);
+    Helper div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6, odd);
     int const massSize = mass.cashSize();
-    for (int round = 0; round < 2; ++round) // the second round is answered from the tables
-      for (auto const & pr : nearPairs(*b.tree, 150, center ? 1 : 2))
+    std::vector<std::pair<int, int>> const pairs = nearPairs(*b.tree, 150, center ? 1 : 2);
+    for (int round = 0; round < 2; ++round)
+      for (auto const & pr : pairs)
       {
-        auto const f = b.basis->makeFunctionByIndex(pr.first);
-        auto const g = b.basis->makeFunctionByIndex(pr.second);
-        auto const gl = b.lapBasis->makeFunctionByIndex(pr.second);
-        auto const gx = b.grad[0]->makeFunctionByIndex(pr.second);
-        double const vm = direct(f, g), vs = direct(f, gl), vd = direct(f, gx);
-        EXPECT_NEAR(mass.evalScalarProduct(f, g), vm, 1e-9 * (1 + std::fabs(vm)));
-        EXPECT_NEAR(stiff.evalScalarProduct(f, gl), vs, 1e-9 * (1 + std::fabs(vs)));
-        EXPECT_NEAR(div.evalScalarProduct(f, gx), vd, 1e-9 * (1 + std::fabs(vd)));
+        expectProduct(mass, *b.basis, pr.first, *b.basis, pr.second, ref, 1e-9);
+        expectProduct(stiff, *b.basis, pr.first, *b.lapBasis, pr.second, ref, 1e-9);
+        expectProduct(div, *b.basis, pr.first, *b.grad[0], pr.second, ref, 1e-9);
       }
-    EXPECT_EQ(mass.cashSize(), massSize); // the tables are allocated in full at the start
+    EXPECT_EQ(mass.cashSize(), massSize);
+    EXPECT_NEAR(div.evalScalarProduct(b.basis->makeFunctionByIndex(5), b.grad[0]->makeFunctionByIndex(5)),
+                0.0, 1e-12);
+    for (int axis = 1; axis < 3; ++axis)
+    {
+      div.initWithVariablesSwap(axis - 1, axis, b.basis.get(), b.grad[axis].get());
+      EXPECT_EQ(&div.rightBasisRef(), b.grad[axis].get());
+      for (auto const & pr : pairs)
+        expectProduct(div, *b.basis, pr.first, *b.grad[axis], pr.second, ref, 1e-9);
+    }
   }
 }
 
 TEST(CSFProductHelper, AgreesWithIndependentQuadrature)
 {
   qztest::SphereBases const b = sphereBases(true, 4);
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7,
-                                                       nullptr);
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7,
-                                                        nullptr);
+  Helper mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7, nullptr);
+  Helper stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7, nullptr);
+  auto const ref = [](auto const & f, auto const & g) { return quadrature(f, g); };
   for (auto const & pr : nearPairs(*b.tree, 12, 5))
   {
-    auto const f = b.basis->makeFunctionByIndex(pr.first);
-    auto const g = b.basis->makeFunctionByIndex(pr.second);
-    auto const gl = b.lapBasis->makeFunctionByIndex(pr.second);
-    double const q = quadrature(f, g), ql = quadrature(f, gl);
-    EXPECT_NEAR(mass.evalScalarProduct(f, g), q, 1e-9 * (1 + std::fabs(q)));
-    EXPECT_NEAR(stiff.evalScalarProduct(f, gl), ql, 1e-8 * (1 + std::fabs(ql)));
+    expectProduct(mass, *b.basis, pr.first, *b.basis, pr.second, ref, 1e-9);
+    expectProduct(stiff, *b.basis, pr.first, *b.lapBasis, pr.second, ref, 1e-8);
   }
 }
 
 TEST(CSFProductHelper, DepthScalingAndZeroTest)
 {
   qztest::SphereBases const b = sphereBases(false, 5);
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7,
-                                                       nullptr);
+  Helper mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7, nullptr);
   // A node with itself at the deepest depth, then one depth up: level-0
   // functions scale by 8 per level.
   COctree const & tree = *b.tree;
-  int deep = -1, up = -1;
-  for (int n = 0; n < tree.getNodesNumber() && (deep < 0 || up < 0); ++n)
-  {
-    if (tree.getNodeDepth(n) == tree.getNodeDepthEnd() - 1 && deep < 0)
-      deep = n;
-    if (tree.getNodeDepth(n) == tree.getNodeDepthEnd() - 2 && up < 0)
-      up = n;
-  }
-  ASSERT_GE(deep, 0);
-  ASSERT_GE(up, 0);
-  double const vDeep =
-      mass.evalScalarProduct(b.basis->makeFunctionByIndex(deep), b.basis->makeFunctionByIndex(deep));
-  double const vUp =
-      mass.evalScalarProduct(b.basis->makeFunctionByIndex(up), b.basis->makeFunctionByIndex(up));
-  EXPECT_NEAR(vDeep / vUp, 8.0, 1e-12);
+  int node[2] = {-1, -1}; // the first of the deepest depth and of the one above
+  for (int n = tree.getNodesNumber() - 1; n >= 0; --n)
+    if (tree.getNodeDepth(n) >= tree.getNodeDepthEnd() - 2)
+      node[tree.getNodeDepthEnd() - 1 - tree.getNodeDepth(n)] = n;
+  ASSERT_GE(std::min(node[0], node[1]), 0);
+  auto const f = b.basis->makeFunctionByIndex(node[0]), up = b.basis->makeFunctionByIndex(node[1]);
+  EXPECT_NEAR(mass.evalScalarProduct(f, f) / mass.evalScalarProduct(up, up), 8.0, 1e-12);
   // Two functions whose supports only touch give exactly 0 without a table.
   int const sizeBefore = mass.cashSize();
-  auto f = b.basis->makeFunctionByIndex(deep);
   auto g = f;
   double const reach = 2 * 1.425; // in deepest cells
   int const step = 1 << (tree.getLeafCellDepth() - f.getNodeDepth());
@@ -164,39 +144,10 @@ TEST(CSFProductHelper, DepthScalingAndZeroTest)
   EXPECT_EQ(mass.cashSize(), sizeBefore);
 }
 
-TEST(CSFProductHelper, OddFactorHasParityAndSwapServesTheOtherAxes)
-{
-  qztest::SphereBases const b = sphereBases(true, 5);
-  int const odd[3] = {-1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6,
-                                                      odd);
-  // At offset 0 the integral of an even times an odd function vanishes.
-  int const n0 = 5;
-  EXPECT_NEAR(div.evalScalarProduct(b.basis->makeFunctionByIndex(n0), b.grad[0]->makeFunctionByIndex(n0)),
-              0.0, 1e-12);
-  std::vector<std::pair<int, int>> const pairs = nearPairs(*b.tree, 80, 9);
-  for (auto const & pr : pairs) // fill the tables for the x derivative
-    div.evalScalarProduct(b.basis->makeFunctionByIndex(pr.first), b.grad[0]->makeFunctionByIndex(pr.second));
-  for (int axis = 1; axis < 3; ++axis)
-  {
-    div.initWithVariablesSwap(axis - 1, axis, b.basis.get(), b.grad[axis].get());
-    EXPECT_EQ(&div.rightBasisRef(), b.grad[axis].get());
-    for (auto const & pr : pairs)
-    {
-      auto const f = b.basis->makeFunctionByIndex(pr.first);
-      auto const g = b.grad[axis]->makeFunctionByIndex(pr.second);
-      double const v = direct(f, g);
-      EXPECT_NEAR(div.evalScalarProduct(f, g), v, 1e-9 * (1 + std::fabs(v))) << "axis " << axis;
-    }
-  }
-}
-
 TEST(CSFProductHelper, ProductWithACombinationIsTheSumOverNodes)
 {
   qztest::SphereBases const b = sphereBases(true, 4);
-  int const odd[3] = {-1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6,
-                                                      odd);
+  Helper div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6, odd);
   COctreeFuncLinCombTmpl<CProductPiecewisePolynom> field(b.grad[0].get());
   for (int n = 0; n < b.basis->getFunctionsNumber(); ++n)
     field.setBasisCoefficient(n, n % 3 == 0 ? 0.0 : std::cos(0.7 * n));
@@ -210,34 +161,31 @@ TEST(CSFProductHelper, ProductWithACombinationIsTheSumOverNodes)
   }
 }
 
+// The general form keeps its products in a map that grows by at most one
+// entry per miss, and serves the other derivative axes after a swap too.
 TEST(CSFProductHelper, GeneralFormAgreesWithTheSeparableForm)
 {
   qztest::SphereBases const bp = sphereBases(true, 4, 150);
-  GeneralBases const bg(bp.tree.get());
-  int const even[3] = {1, 1, 1}, odd[3] = {-1, 1, 1};
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> sp(bp.basis.get(), bp.lapBasis.get(), eBasisSymmetric, 7,
-                                                     even);
-  CCSFProductHelperTmpl<CPiecewisePolynom> sg(bg.basis.get(), bg.lapBasis.get(), eBasisSymmetric, 7, even);
-  CCSFProductHelperTmpl<CProductPiecewisePolynom> dp(bp.basis.get(), bp.grad[0].get(), eBasisNonSymmetric, 6,
-                                                     odd);
-  CCSFProductHelperTmpl<CPiecewisePolynom> dg(bg.basis.get(), bg.grad[0].get(), eBasisNonSymmetric, 6, odd);
+  qztest::GeneralBases const bg(bp.tree.get());
+  Helper sp(bp.basis.get(), bp.lapBasis.get(), eBasisSymmetric, 7, even);
+  Helper dp(bp.basis.get(), bp.grad[0].get(), eBasisNonSymmetric, 6, odd);
+  GeneralHelper sg(bg.basis.get(), bg.lapBasis.get(), eBasisSymmetric, 7, even);
+  GeneralHelper dg(bg.basis.get(), bg.grad[0].get(), eBasisNonSymmetric, 6, odd);
   std::vector<std::pair<int, int>> const pairs = nearPairs(*bp.tree, 25, 4);
   int misses = 0;
   for (auto const & pr : pairs)
   {
     int const before = sg.cashSize();
-    double const vp = sp.evalScalarProduct(bp.basis->makeFunctionByIndex(pr.first),
-                                           bp.lapBasis->makeFunctionByIndex(pr.second));
-    double const vg = sg.evalScalarProduct(bg.basis->makeFunctionByIndex(pr.first),
-                                           bg.lapBasis->makeFunctionByIndex(pr.second));
-    EXPECT_NEAR(vg, vp, 1e-8 * (1 + std::fabs(vp)));
-    EXPECT_LE(sg.cashSize() - before, 1); // the map grows by at most one per miss
+    auto const separable = [&](Helper & h, qztest::SphereBases::Basis const & right)
+    {
+      double const v =
+          h.evalScalarProduct(bp.basis->makeFunctionByIndex(pr.first), right.makeFunctionByIndex(pr.second));
+      return [v](auto const &, auto const &) { return v; };
+    };
+    expectProduct(sg, *bg.basis, pr.first, *bg.lapBasis, pr.second, separable(sp, *bp.lapBasis), 1e-8);
+    EXPECT_LE(sg.cashSize() - before, 1);
     misses += sg.cashSize() - before;
-    double const wp = dp.evalScalarProduct(bp.basis->makeFunctionByIndex(pr.first),
-                                           bp.grad[0]->makeFunctionByIndex(pr.second));
-    double const wg = dg.evalScalarProduct(bg.basis->makeFunctionByIndex(pr.first),
-                                           bg.grad[0]->makeFunctionByIndex(pr.second));
-    EXPECT_NEAR(wg, wp, 1e-8 * (1 + std::fabs(wp)));
+    expectProduct(dg, *bg.basis, pr.first, *bg.grad[0], pr.second, separable(dp, *bp.grad[0]), 1e-8);
   }
   EXPECT_GT(misses, 0);
   // The same pairs again: all hits.
@@ -246,13 +194,8 @@ TEST(CSFProductHelper, GeneralFormAgreesWithTheSeparableForm)
     sg.evalScalarProduct(bg.basis->makeFunctionByIndex(pr.first),
                          bg.lapBasis->makeFunctionByIndex(pr.second));
   EXPECT_EQ(sg.cashSize(), size);
-  // The general helper serves the other derivative axes after a swap too.
   dg.initWithVariablesSwap(0, 1, bg.basis.get(), bg.grad[1].get());
+  auto const ref = [](auto const & f, auto const & g) { return direct(f, g); };
   for (auto const & pr : pairs)
-  {
-    auto const f = bg.basis->makeFunctionByIndex(pr.first);
-    auto const g = bg.grad[1]->makeFunctionByIndex(pr.second);
-    double const v = direct(f, g);
-    EXPECT_NEAR(dg.evalScalarProduct(f, g), v, 1e-8 * (1 + std::fabs(v)));
-  }
+    expectProduct(dg, *bg.basis, pr.first, *bg.grad[1], pr.second, ref, 1e-8);
 }

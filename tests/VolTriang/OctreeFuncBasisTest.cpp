@@ -12,13 +12,9 @@ using namespace VolTr;
 
 namespace
 {
-struct Fixture : qztest::SphereBases
-{
-  Fixture(bool useCenter, int depth, int detail = -1, int points = 400)
-      : SphereBases(depth, useCenter, points, 7, detail)
-  {
-  }
-};
+using Fixture = qztest::SphereBases;
+using Basis = COctreeFuncBasisTmpl<CProductPiecewisePolynom>;
+using LinComb = COctreeFuncLinCombTmpl<CProductPiecewisePolynom>;
 
 // The reference value of a combination: every node, no cache.
 template <class K> double bruteForce(COctreeFuncLinCombTmpl<K> const & lc, double const * p)
@@ -29,6 +25,8 @@ template <class K> double bruteForce(COctreeFuncLinCombTmpl<K> const & lc, doubl
     sum += lc.getBasisCoefficient(n) * b.evalBasisValue(n, p);
   return sum;
 }
+
+template <class T> std::vector<double> v3(T const * p) { return {double(p[0]), double(p[1]), double(p[2])}; }
 
 bool overlaps(CParallelepiped const & a, CParallelepiped const & b)
 {
@@ -43,11 +41,11 @@ TEST(OctreeFuncBasis, ScalesNormalisationsAndSupportsPerDepth)
 {
   for (bool center : {true, false})
   {
-    Fixture fx(center, 5, 2);
+    Fixture fx(5, center, 400, 7, 2);
     COctree const & t = *fx.tree;
     for (int level = 0; level <= 2; ++level)
     {
-      COctreeFuncBasisTmpl<CProductPiecewisePolynom> const basis(fx.kernel, &t, level);
+      Basis const basis(fx.kernel, &t, level);
       EXPECT_EQ(basis.getFunctionsNumber(), t.getNodesNumber());
       EXPECT_NEAR(basis.getSupportSizeInCells(), 1.5 * 0.95, 1e-15);
       for (int d = 0; d < t.getNodeDepthEnd(); ++d)
@@ -70,8 +68,8 @@ TEST(OctreeFuncBasis, ScalesNormalisationsAndSupportsPerDepth)
 
 TEST(OctreeFuncBasis, FunctionsIntegrateToOneAndMatchTheDirectValue)
 {
-  Fixture fx(true, 5);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
+  Fixture fx(5, true, 400, 7);
+  Basis const & basis = *fx.basis;
   std::mt19937 rng(1);
   std::uniform_int_distribution<int> pick(0, basis.getFunctionsNumber() - 1);
   std::uniform_real_distribution<double> u(-1.0, 1.0);
@@ -84,11 +82,8 @@ TEST(OctreeFuncBasis, FunctionsIntegrateToOneAndMatchTheDirectValue)
     fx.tree->getNodePosition(node, pos);
     int ijk[3];
     fx.tree->getNodeOffset(node, ijk);
-    for (int a = 0; a < 3; ++a)
-    {
-      EXPECT_EQ(f.getArgumentShift()[a], pos[a]);
-      EXPECT_EQ(f.getArgumentShiftInt()[a], ijk[a]);
-    }
+    EXPECT_EQ(v3(f.getArgumentShift()), v3(pos));
+    EXPECT_EQ(v3(f.getArgumentShiftInt()), v3(ijk));
     // The kernel was narrowed by 0.95, so a level-0 function integrates to 0.95^3.
     EXPECT_NEAR(integrateOnSupport(polynomByShiftedKernel(f)), 0.95 * 0.95 * 0.95, 1e-12);
     double const h = fx.tree->getCellSize(f.getNodeDepth());
@@ -107,9 +102,9 @@ TEST(OctreeFuncLinComb, CachedAndUncachedEvaluationEqualThePlainSum)
 {
   for (bool center : {true, false})
   {
-    Fixture fx(center, 5, -1, 600);
-    COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
-    COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
+    Fixture fx(5, center, 600, 7);
+    Basis const & basis = *fx.basis;
+    LinComb lc(&basis);
     std::mt19937 rng(center ? 3 : 4);
     std::uniform_real_distribution<double> coef(-1.0, 1.0);
     for (int n = 0; n < basis.getFunctionsNumber(); ++n)
@@ -184,9 +179,9 @@ TEST(OctreeFuncEvalHelper, RegionsAreChosenReplacedAndCounted)
 
 TEST(OctreeFuncLinComb, ZeroCombinationRecordsAnEmptyRegion)
 {
-  Fixture fx(true, 4);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
-  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
+  Fixture fx(4, true, 400, 7);
+  Basis const & basis = *fx.basis;
+  LinComb lc(&basis);
   COctreeFuncEvalHelper helper(1, 0.3);
   double const p[3] = {1, 0, 0};
   EXPECT_EQ(lc.eval(p, &helper), 0.0);
@@ -200,8 +195,8 @@ TEST(InterlacedSupportIterator, FindsEveryFunctionWhoseSupportMeetsTheBox)
 {
   for (bool center : {true, false})
   {
-    Fixture fx(center, 5, 3, 300);
-    COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
+    Fixture fx(5, center, 300, 7, 3);
+    Basis const & basis = *fx.basis;
     std::mt19937 rng(9);
     std::uniform_real_distribution<double> u(-1.3, 1.3), w(0.0, 0.4);
     for (int q = 0; q < 40; ++q)
@@ -219,17 +214,13 @@ TEST(InterlacedSupportIterator, FindsEveryFunctionWhoseSupportMeetsTheBox)
         EXPECT_EQ((*it).getNodeDepth(), ref.getNodeDepth());
         EXPECT_LE((*it).getNodeDepth(), lastDepth); // deepest first
         lastDepth = (*it).getNodeDepth();
-        for (int a = 0; a < 3; ++a)
-        {
-          EXPECT_EQ((*it).getArgumentShift()[a], ref.getArgumentShift()[a]);
-          EXPECT_EQ((*it).getArgumentShiftInt()[a], ref.getArgumentShiftInt()[a]);
-        }
+        EXPECT_EQ(v3((*it).getArgumentShift()), v3(ref.getArgumentShift()));
+        EXPECT_EQ(v3((*it).getArgumentShiftInt()), v3(ref.getArgumentShiftInt()));
       }
       for (int n = 0; n < basis.getFunctionsNumber(); ++n)
-        if (overlaps(getScaledFunctionCommonSupport(basis.makeFunctionByIndex(n)), box))
-        {
-          EXPECT_TRUE(seen.count(n)) << "node " << n << " missed";
-        }
+        EXPECT_TRUE(seen.count(n) ||
+                    !overlaps(getScaledFunctionCommonSupport(basis.makeFunctionByIndex(n)), box))
+            << "node " << n << " missed";
     }
     CParallelepiped const far(50, 51, 50, 51, 50, 51);
     EXPECT_TRUE((CInterlacedSupportIteratorTmpl<CProductPiecewisePolynom>(&basis, far).isFinished()));
@@ -238,14 +229,11 @@ TEST(InterlacedSupportIterator, FindsEveryFunctionWhoseSupportMeetsTheBox)
 
 TEST(OctreeFuncBasis, GeneralFormGivesTheSameValues)
 {
-  Fixture fx(true, 4, -1, 200);
-  CPiecewisePolynom kg = makeApproxGaussian<CPiecewisePolynom>(); // narrowed like the fixture's kernel
-  double const s = 1.0 / 0.95;
-  double const scale[3] = {s, s, s};
-  kg.scaleArgument(scale);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & bp = *fx.basis;
-  COctreeFuncBasisTmpl<CPiecewisePolynom> const bg(kg, fx.tree.get(), 0);
-  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lp(&bp);
+  Fixture fx(4, true, 200, 7);
+  qztest::GeneralBases const general(fx.tree.get());
+  Basis const & bp = *fx.basis;
+  COctreeFuncBasisTmpl<CPiecewisePolynom> const & bg = *general.basis;
+  LinComb lp(&bp);
   COctreeFuncLinCombTmpl<CPiecewisePolynom> lg(&bg);
   for (int n = 0; n < bp.getFunctionsNumber(); ++n)
   {
@@ -266,9 +254,9 @@ TEST(OctreeFuncBasis, GeneralFormGivesTheSameValues)
 
 TEST(OctreeFuncLinComb, CountsNonZeroCoefficientsPerDepth)
 {
-  Fixture fx(true, 4);
-  COctreeFuncBasisTmpl<CProductPiecewisePolynom> const & basis = *fx.basis;
-  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> lc(&basis);
+  Fixture fx(4, true, 400, 7);
+  Basis const & basis = *fx.basis;
+  LinComb lc(&basis);
   COctree const & t = *fx.tree;
   std::vector<int> expected(static_cast<std::size_t>(t.getNodeDepthEnd()), 0);
   std::mt19937 rng(12);
@@ -283,14 +271,15 @@ TEST(OctreeFuncLinComb, CountsNonZeroCoefficientsPerDepth)
     lc.setBasisCoefficient(node, v);
   }
   // Copies and assignments are deep and keep the counts.
-  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> const copy(lc);
-  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> assigned(&basis);
+  LinComb const copy(lc);
+  LinComb assigned(&basis);
   assigned = lc;
-  for (int d = 0; d < t.getNodeDepthEnd(); ++d)
+  for (LinComb const * c : std::initializer_list<LinComb const *>{&lc, &copy, &assigned})
   {
-    EXPECT_EQ(lc.getNonZeroCoefficientsAtDepth(d), expected[static_cast<std::size_t>(d)]) << d;
-    EXPECT_EQ(copy.getNonZeroCoefficientsAtDepth(d), expected[static_cast<std::size_t>(d)]) << d;
-    EXPECT_EQ(assigned.getNonZeroCoefficientsAtDepth(d), expected[static_cast<std::size_t>(d)]) << d;
+    std::vector<int> counts;
+    for (int d = 0; d < t.getNodeDepthEnd(); ++d)
+      counts.push_back(c->getNonZeroCoefficientsAtDepth(d));
+    EXPECT_EQ(counts, expected);
   }
   lc.setBasisCoefficient(1, 11.0);
   EXPECT_NE(copy.getBasisCoefficient(1), 11.0);

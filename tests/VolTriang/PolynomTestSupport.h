@@ -52,20 +52,15 @@ struct GaussRule
   }
 };
 
-inline GaussRule const & rule8()
+/// The n-point rule, n being 4 or 8.
+inline GaussRule const & rule(int n)
 {
-  static GaussRule const r(8);
-  return r;
-}
-
-inline GaussRule const & rule4()
-{
-  static GaussRule const r(4);
-  return r;
+  static GaussRule const r4(4), r8(8);
+  return n == 4 ? r4 : r8;
 }
 
 /// The integral of f over [a, b], one rule per cell between sorted breakpoints.
-template <class F> double integrate1D(F f, std::vector<double> breaks, GaussRule const & g = rule8())
+template <class F> double integrate1D(F f, std::vector<double> breaks, GaussRule const & g = rule(8))
 {
   std::sort(breaks.begin(), breaks.end());
   double sum = 0.0;
@@ -83,7 +78,7 @@ template <class F> double integrate1D(F f, std::vector<double> breaks, GaussRule
 /// 4-point rule (exact up to degree 7 per axis).
 template <class F> double integrate3D(F f, std::vector<double> const (&breaks)[3])
 {
-  GaussRule const & g = rule4();
+  GaussRule const & g = rule(4);
   return integrate1D(
       [&](double x)
       {
@@ -163,27 +158,24 @@ inline std::vector<double> breaksOf(VolTr::CSingleVarLimitedPolynom const & f)
   return b;
 }
 
-/// A random one-variable factor whose support holds the origin.
-inline VolTr::CSingleVarLimitedPolynom randomFactorAroundOrigin(std::mt19937 & rng, int pieces, int maxDegree)
-{
-  for (;;)
-  {
-    VolTr::CSingleVarLimitedPolynom f = randomLimited(rng, pieces, maxDegree);
-    if (f.getLeftBound() < 0.0 && f.getRightBound() > 0.0)
-      return f;
-  }
-}
-
 /// A sum of `summands` random products whose boxes hold the origin, so that
 /// the sum satisfies its invariants.
 inline VolTr::CProductPiecewisePolynom randomSeparable(std::mt19937 & rng, int summands, int maxDegree)
 {
   VolTr::CProductPiecewisePolynom f;
   std::uniform_int_distribution<int> pieces(1, 3);
+  auto factor = [&]
+  {
+    int const n = pieces(rng);
+    for (;;)
+    {
+      VolTr::CSingleVarLimitedPolynom h = randomLimited(rng, n, maxDegree);
+      if (h.getLeftBound() < 0.0 && h.getRightBound() > 0.0)
+        return h;
+    }
+  };
   for (int i = 0; i < summands; ++i)
-    f.addSummand(VolTr::CProductPolynom(randomFactorAroundOrigin(rng, pieces(rng), maxDegree),
-                                        randomFactorAroundOrigin(rng, pieces(rng), maxDegree),
-                                        randomFactorAroundOrigin(rng, pieces(rng), maxDegree)));
+    f.addSummand(VolTr::CProductPolynom(factor(), factor(), factor()));
   return f;
 }
 
