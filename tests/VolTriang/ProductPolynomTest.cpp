@@ -73,38 +73,6 @@ TEST(ProductPiecewisePolynom, SumsKeepTheOriginInTheirSupport)
   EXPECT_THROW(f.getSummand(1), std::out_of_range);
 }
 
-// The kernel's own derivatives are checked against finite differences with
-// the kernels; here those of a placed kernel K(s (p - c)) must follow the chain
-// rule from them.
-TEST(ProductPiecewisePolynom, DerivativesOfAPlacedKernelFollowTheChainRule)
-{
-  double const c[3] = {0.3, -0.7, 1.1}, s = 2.0;
-  CProductPiecewisePolynom const K = kernel(), F = placedKernel(s, c);
-  EXPECT_NEAR(F.integrateOnSupport(), 1.0 / 8.0, 1e-15);
-  CProductPiecewisePolynom d[3], dK[3], lap, lapK;
-  for (int a = 0; a < 3; ++a)
-  {
-    F.makePartialDerivative(&d[a], a);
-    K.makePartialDerivative(&dK[a], a);
-    EXPECT_EQ(d[a].summandsNumber(), 1);
-    EXPECT_NEAR(d[a].integrateOnSupport(), 0.0, 1e-13);
-  }
-  F.makeLaplacian(&lap);
-  K.makeLaplacian(&lapK);
-  EXPECT_EQ(lap.summandsNumber(), 3);
-  EXPECT_NEAR(lap.integrateOnSupport(), 0.0, 1e-12);
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<double> u(-1.0, 2.0);
-  for (int i = 0; i < 200; ++i)
-  {
-    double const p[3] = {u(rng), u(rng), u(rng)};
-    double const q[3] = {s * (p[0] - c[0]), s * (p[1] - c[1]), s * (p[2] - c[2])};
-    for (int a = 0; a < 3; ++a)
-      EXPECT_NEAR(d[a].eval(p), s * dK[a].eval(q), 1e-12);
-    EXPECT_NEAR(lap.eval(p), s * s * lapK.eval(q), 1e-11);
-  }
-}
-
 TEST(ProductPiecewisePolynom, ProductsAndAffineSequencesAgreeWithValuesAndQuadrature)
 {
   std::mt19937 rng(17);

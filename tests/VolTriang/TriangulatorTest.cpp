@@ -7,14 +7,11 @@
 #include <algorithm>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "QZmath/VolTriang/VolumetricTriangulator.h"
-#include "QZsys/DebugLog.h"
-#include "QZsys/Progress.h"
-#include "QZsys/Threading.h"
 #include "tests/Common/Checks.h"
-#include "tests/Common/SampleClouds.h"
+#include "tests/Reconstruction/ReconstructionSupport.h"
 
 using namespace VolTr;
 using QZTest::CSampleCloud;
@@ -35,18 +32,6 @@ private:
   void onAddNewTriangle(int, int, int) override { ++triangles; }
 };
 
-struct CPhaseRecorder : IProgressObserver
-{
-  double last = 0.0;
-  std::vector<std::string> names;
-  void onProgress(double pos, std::string const & name) override
-  {
-    last = pos;
-    if (!name.empty() && (names.empty() || names.back() != name))
-      names.push_back(name);
-  }
-};
-
 CSampleCloud cubeCorners()
 {
   CSampleCloud cloud;
@@ -54,30 +39,18 @@ CSampleCloud cubeCorners()
     cloud.add(float(corner & 1), float((corner >> 1) & 1), float((corner >> 2) & 1));
   return cloud;
 }
-
-/// Restores the counted number of cores after a test that overrode it.
-struct CThreadCountScope
-{
-  explicit CThreadCountScope(int n) { CVescaThreadingTasksHelper::setNumOfPhisicalThread(n); }
-  ~CThreadCountScope() { CVescaThreadingTasksHelper::setNumOfPhisicalThread(0); }
-};
 } // namespace
 
 TEST(CVolTriangulationParams, DefaultsAndAccessors)
 {
   CVolTriangulationParams p;
-  EXPECT_EQ(p.getOctreeDepth(), -1);
-  EXPECT_EQ(p.getReconstructFactor(), 1.0f);
-  EXPECT_TRUE(p.getClosed());
-  EXPECT_FALSE(p.getEstimateResultNormals());
-  EXPECT_FALSE(p.getPhaseNameShown());
-  EXPECT_TRUE(p.getUseCenter());
-  EXPECT_EQ(p.getKernelScaleFactor(), 0.95f);
-  EXPECT_EQ(p.getDebugLog(), nullptr);
-  EXPECT_TRUE(p.getVariableDensity());
-  EXPECT_EQ(p.getDensityEstimationDepthDelta(), 2);
-  EXPECT_EQ(p.getDetalizationLevel(), -1);
-  EXPECT_EQ(p.getPrefferedSolver(), 0);
+  EXPECT_EQ(std::make_tuple(p.getOctreeDepth(), p.getReconstructFactor(), p.getClosed(),
+                            p.getEstimateResultNormals(), p.getPhaseNameShown(), p.getUseCenter(),
+                            p.getKernelScaleFactor(), p.getDebugLog(), p.getVariableDensity(),
+                            p.getDensityEstimationDepthDelta(), p.getDetalizationLevel(),
+                            p.getPrefferedSolver()),
+            std::make_tuple(-1, 1.0f, true, false, false, true, 0.95f,
+                            static_cast<VsUt::IDebugLog *>(nullptr), true, 2, -1, 0));
 
   p.octreeDepth() = 3;
   p.setReconstructFactor(2.0f);
@@ -103,10 +76,9 @@ TEST(ITriangulationTarget, ForwardersCountVertices)
   t.addNewVertex(0, d, d);
   t.addNewVertex(1, f, f);
   t.addNewTriangle(0, 1, 0);
-  EXPECT_EQ(t.debugCurrentVertexNumber(), 2);
+  EXPECT_EQ(std::make_pair(t.debugCurrentVertexNumber(), t.triangles), std::make_pair(2, 1));
   EXPECT_EQ(t.lastDouble, (std::vector<double>{1, 2, 3}));
   EXPECT_EQ(t.lastFloat, (std::vector<float>{4, 5, 6}));
-  EXPECT_EQ(t.triangles, 1);
 }
 
 TEST(CVolumetricTriangulator, LogsParametersAndTreeExactly)
@@ -257,16 +229,18 @@ TEST(CVolumetricTriangulator, PhaseWeightsDecideTheTreeShare)
   for (Case c : {Case{1, 4, true, 237}, Case{2, 4, true, 237}, Case{1, 4, false, 207}, Case{2, 8, true, 237},
                  Case{2, 9, true, 407}, Case{1, 9, false, 377}})
   {
-    CThreadCountScope threads(c.threads);
+    qztest::ThreadCount const threads(c.threads);
     CProgressCounter progress;
-    // Stops the run as soon as the tree is done.
-    struct CStopAfterTree : CPhaseRecorder
+    // Records the phases and stops the run as soon as the tree is done.
+    struct CStopAfterTree : IProgressObserver
     {
       CProgressCounter * counter = nullptr;
       double treeEnd = -1.0;
+      std::vector<std::string> names;
       void onProgress(double pos, std::string const & name) override
       {
-        CPhaseRecorder::onProgress(pos, name);
+        if (!name.empty() && (names.empty() || names.back() != name))
+          names.push_back(name);
         if (name == "grad_basis" && treeEnd < 0)
         {
           treeEnd = pos;
