@@ -234,7 +234,7 @@ TEST(BlockProcessorParallelRun, ConflictingBlocksRunOneAtATime)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
   };
   ASSERT_EQ(r.Run(), 0);
-  EXPECT_EQ(r.p.maxInWork.load(), 1);
+  EXPECT_EQ(r.p.maxInWork, 1);
   EXPECT_FALSE(r.p.conflictSeen.load());
   EXPECT_EQ(r.p.cells, ReferenceCells(5, 1, 1, r.p.rounds));
   std::vector<int> const seen =

@@ -228,7 +228,8 @@ public:
   // ---- what happened
   std::vector<int> processed; // ProcessFragment calls per block, all passes
   std::vector<int> applied;   // blocks in the order of ApplyBlockChanges
-  std::atomic<int> starts{0}, finishes{0}, creations{0}, finalizes{0}, maxInWork{0};
+  std::atomic<int> starts{0}, finishes{0}, creations{0}, finalizes{0};
+  int maxInWork = 0; // under the lock of the blocks in work
   std::atomic<bool> conflictSeen{false}, lockViolation{false};
   // The progress at each pass start and at the global end, when counted.
   std::vector<double> positions;
@@ -265,11 +266,7 @@ public:
       if (m_structure.Conflict(a, b))
         conflictSeen = true;
     m_active.push_back(b);
-    int const n = static_cast<int>(m_active.size());
-    int seen = maxInWork.load();
-    while (n > seen && !maxInWork.compare_exchange_weak(seen, n))
-    {
-    }
+    maxInWork = std::max(maxInWork, static_cast<int>(m_active.size()));
   }
   void Leave(int b)
   {
