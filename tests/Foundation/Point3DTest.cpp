@@ -77,8 +77,8 @@ TEST(Point3D_d, UnitLengthToleranceAndAngle)
 {
   EXPECT_EQ(Point3D_d(3, 4, 12).length(), 13.0);
   EXPECT_TRUE(Point3D_d(3, 4, 12).unitLength().isUnitLength());
-  EXPECT_TRUE(Point3D_d(1 + 2.220446049250313e-16, 0, 0).isUnitLength());
-  EXPECT_FALSE(Point3D_d(1 + 8 * 2.220446049250313e-16, 0, 0).isUnitLength());
+  EXPECT_TRUE(Point3D_d(1 + 2.220446049250313e-16, 0, 0).isUnitLength() &&
+              !Point3D_d(1 + 8 * 2.220446049250313e-16, 0, 0).isUnitLength());
   Point3D_d x(2, 0, 0);
   EXPECT_DOUBLE_EQ(x.angleCos(Point3D_d(-1, 0, 0)), -1.0);
   EXPECT_DOUBLE_EQ(x.angleCos(Point3D_d(1, 1, 0)), std::sqrt(0.5));
@@ -100,28 +100,23 @@ TEST(HPoint3D, OrderComparesNorm2SquaredInFloatAndSummedInDouble)
     EXPECT_EQ(p.norm2(), static_cast<double>(xx) + static_cast<double>(yy) + static_cast<double>(zz));
   }
   // From a point w is 1; projected, the first three, no division by w.
-  HPoint3D_d h(Point3D_d(1, 2, 3));
-  EXPECT_EQ(h, HPoint3D_d(1, 2, 3, 1));
-  h.w() = 2;
-  EXPECT_EQ(h.projectW().y(), 2.0);
+  EXPECT_EQ(HPoint3D_d(Point3D_d(1, 2, 3)), HPoint3D_d(1, 2, 3, 1));
+  EXPECT_EQ(HPoint3D_d(1, 2, 3, 2).projectW().y(), 2.0);
 }
 
 TEST(NormalizeVector, GuardsZeroAndScalesInDouble)
 {
   float z[3] = {0, 0, 0};
   EXPECT_EQ(NormalizeVector(z), 0.0);
-  EXPECT_EQ(z[0], 0.f);
-  EXPECT_EQ(z[2], 0.f);
+  EXPECT_TRUE(z[0] == 0.f && z[2] == 0.f);
   double zd[3] = {0, 0, 0};
-  NormalizeVectorNoZeroCheck(zd);
-  EXPECT_EQ(zd[1], 0.0);
   float zf[3] = {0, -0.0f, 0};
+  NormalizeVectorNoZeroCheck(zd);
   NormalizeVectorNoZeroCheck(zf);
-  EXPECT_FALSE(std::isnan(zf[0]));
+  EXPECT_TRUE(zd[1] == 0.0 && !std::isnan(zf[0]));
 
   float v[3] = {3, 4, 12};
-  EXPECT_EQ(NormalizeVector(v), 13.0);
-  EXPECT_EQ(v[0], static_cast<float>(3.0 / 13.0));
+  EXPECT_TRUE(NormalizeVector(v) == 13.0 && v[0] == static_cast<float>(3.0 / 13.0));
   double w[3] = {1e-100, 0, 0};
   NormalizeVector(w);
   EXPECT_EQ(w[0], 1.0);
@@ -137,8 +132,7 @@ TEST(NoValueMark, BitsOfTheMagicNumber)
   std::uint32_t bits;
   std::memcpy(&bits, &m, sizeof bits);
   EXPECT_EQ(bits, 0x606710AFu);
-  EXPECT_TRUE(isNoValueMark(6.66e19));
-  EXPECT_FALSE(isNoValueMark(6.6e19));
+  EXPECT_TRUE(isNoValueMark(6.66e19) && !isNoValueMark(6.6e19));
 }
 
 namespace

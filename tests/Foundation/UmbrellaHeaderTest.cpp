@@ -4,26 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "QZmath/QZmath.h"
 
-#ifndef QZ_PUBLIC_HEADERS
-#define QZ_PUBLIC_HEADERS ""
-#endif
-#ifndef QZ_UMBRELLA_PATH
-#define QZ_UMBRELLA_PATH ""
-#endif
-
 TEST(UmbrellaHeader, IncludesEveryPublicHeader)
 {
   std::ifstream in(QZ_UMBRELLA_PATH);
   ASSERT_TRUE(in) << QZ_UMBRELLA_PATH;
-  std::stringstream text;
-  text << in.rdbuf();
-  std::string const umbrella = text.str();
+  std::string const umbrella((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   std::istringstream list(QZ_PUBLIC_HEADERS);
   int count = 0;
   for (std::string header; std::getline(list, header, ';');)
