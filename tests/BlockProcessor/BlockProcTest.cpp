@@ -305,7 +305,6 @@ TEST(BlockProcessorRun, StatusesOfFailingBlocks)
       SCOPED_TRACE(std::to_string(static_cast<int>(c.fail)) + " " + std::to_string(c.code) + " threads " +
                    std::to_string(threads));
       Rig r(4, 4, 1, threads, true, true);
-      r.p.interruptTarget = &r.progress;
       r.p.fail = c.fail;
       r.p.failCode = c.code;
       r.p.failBlock = 5;

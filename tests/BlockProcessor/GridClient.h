@@ -184,7 +184,7 @@ enum class EFail
   Code,      // ProcessFragment returns `failCode`
   Throw,     // ProcessFragment throws std::runtime_error
   BadAlloc,  // ProcessFragment throws std::bad_alloc
-  Interrupt, // the user interrupts the processor's counter during the block
+  Interrupt, // the user interrupts the processor's counter during the block (there must be one)
   UserBreak, // the client calls SetUserBreak(true) during the block
   Abort,     // the client calls SetAbortEvent() during the block
 };
@@ -216,7 +216,6 @@ public:
   bool recordWorkerOps = false;
   int wholeResult = 0;
   int lastPass = -1; // SetThisPassLast() in this pass
-  CProgressCounter * interruptTarget = nullptr;
   // Called by ProcessFragment before the work (with the block index).
   std::function<void(int)> onProcess;
 
@@ -449,7 +448,7 @@ inline int GridWorker::ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVes
     case EFail::BadAlloc:
       throw std::bad_alloc();
     case EFail::Interrupt:
-      m_grid->interruptTarget->RequestInterrupt();
+      m_grid->GetProgressCounter()->RequestInterrupt();
       if (GetProgressCounter())
         GetProgressCounter()->SetPosFloat(0.5); // throws CUserIntrException
       break;

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -189,15 +188,14 @@ TEST(ComponentHeader, UnknownVersionsAndMarksAreSkippedWithAWarning)
     std::rewind(t.file.get());
     SCOPED_TRACE(std::string(r.mark) + " v" + std::to_string(r.version));
     RecordingLog log;
-    auto doc = new NestingFilter(t.stream); // only to hold the two readers
-    PayloadFilter * p = doc->add(r.mark, r.version, "___", r.withLog ? &log : nullptr, r.text);
-    PayloadFilter * tail = doc->add("Tail", 1, "__");
-    EXPECT_EQ(doc->Load(logger), 131 + 130);
+    NestingFilter doc(t.stream); // only to hold the two readers
+    PayloadFilter * p = doc.add(r.mark, r.version, "___", r.withLog ? &log : nullptr, r.text);
+    PayloadFilter * tail = doc.add("Tail", 1, "__");
+    EXPECT_EQ(doc.Load(logger), 131 + 130);
     EXPECT_EQ(p->loaded, r.loads ? "abc" : "");
     EXPECT_EQ(tail->loaded, "xy"); // the next component right behind
     ASSERT_EQ(log.lines.size(), r.logged);
     EXPECT_TRUE(!r.logged || (log.lines[0].first == L"skipped" && log.lines[0].second == 2));
-    delete doc;
   }
   std::rewind(t.file.get());
 
