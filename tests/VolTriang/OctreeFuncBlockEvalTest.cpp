@@ -73,7 +73,9 @@ void expectSameValues(Fixture & fx, int points, unsigned seed)
 }
 } // namespace
 
-TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationOnEveryDepthAndPositioning)
+// Coefficients on every depth and on each depth alone, with both node
+// placements, and of the gradient kernels.
+TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationOnEveryDepthPositioningAndKernel)
 {
   for (bool center : {true, false})
   {
@@ -85,10 +87,6 @@ TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationOnEveryDepthAndPositioning)
       expectSameValues(one, 400, 10u + d);
     }
   }
-}
-
-TEST(OctreeFuncBlockEvaluator, EqualsTheCombinationForGradientKernels)
-{
   for (int axis = 0; axis < 3; ++axis)
   {
     Fixture fx(true, 5, -1, axis);
@@ -132,58 +130,46 @@ TEST(OctreeFuncBlockEvaluator, LatticeCornersAndBisectionsFollowTheExactValues)
     float const * s = fx.cloud.getSampleCoords3(pick(rng));
     int from[3], to[3];
     for (int a = 0; a < 3; ++a)
+    {
       from[a] = static_cast<int>(std::floor((start[a] - s[a]) / size + 0.5));
-    for (int a = 0; a < 3; ++a)
       to[a] = from[a] + directions[e % 7][a];
-    double p1[3], p2[3];
+    }
+    double p1[3], p2[3], q[3], bound = -1.0;
     point(from, p1);
     point(to, p2);
-    double bound = -1.0;
-    double const corner = fast.evalLatticeWithBound(from, &bound);
-    EXPECT_LE(std::fabs(corner - exact(p1)), bound);
+    EXPECT_LE(std::fabs(fast.evalLatticeWithBound(from, &bound) - exact(p1)), bound);
     // The level: the exact value at a random point of the edge.
-    double q[3];
     double const t = u(rng);
     for (int a = 0; a < 3; ++a)
       q[a] = p1[a] + t * (p2[a] - p1[a]);
     double const level = exact(q);
     double const value1 = exact(p1) - level;
-    double pos[3], neg[3], ref[3];
-    for (int a = 0; a < 3; ++a)
+    // Ten bisection steps on the exact values, then the middle.
+    std::vector<double> pos(p1, p1 + 3), neg(p2, p2 + 3), mid(3), got(3);
+    if (value1 < 0)
+      std::swap(pos, neg);
+    for (int n = 0; n <= 10; ++n)
     {
-      pos[a] = value1 >= 0 ? p1[a] : p2[a];
-      neg[a] = value1 >= 0 ? p2[a] : p1[a];
-    }
-    for (int n = 1;; ++n)
-    {
-      double mid[3];
       for (int a = 0; a < 3; ++a)
         mid[a] = (pos[a] + neg[a]) * 0.5;
-      if (n == 11)
-      {
-        std::copy(mid, mid + 3, ref);
-        break;
-      }
-      double * moved = exact(mid) - level > 0 ? pos : neg;
-      std::copy(mid, mid + 3, moved);
+      if (n < 10)
+        (exact(mid.data()) - level > 0 ? pos : neg) = mid;
     }
-    double got[3];
-    (e % 2 ? worker : fast).convergeOnLatticeEdge(from, to, value1, level, got);
-    for (int a = 0; a < 3; ++a)
-      EXPECT_EQ(got[a], ref[a]) << "edge " << e << " axis " << a;
+    (e % 2 ? worker : fast).convergeOnLatticeEdge(from, to, value1, level, got.data());
+    EXPECT_EQ(got, mid) << "edge " << e;
     differentFromStart +=
-        std::fabs(ref[0] - p1[0]) + std::fabs(ref[1] - p1[1]) + std::fabs(ref[2] - p1[2]) > 0.01 * size;
+        std::fabs(mid[0] - p1[0]) + std::fabs(mid[1] - p1[1]) + std::fabs(mid[2] - p1[2]) > 0.01 * size;
 
     // The interpolated crossing: the zero of the cubic through the exact
     // values at the thirds of the edge, in its first part that changes side,
     // found here by plain bisection on the cubic.
-    double g[4];
-    for (int k = 0; k < 4; ++k)
+    double g[4] = {value1, 0, 0, 0};
+    for (int k = 1; k < 4; ++k)
     {
       double r[3];
       for (int a = 0; a < 3; ++a)
         r[a] = p1[a] + (p2[a] - p1[a]) * k / 3;
-      g[k] = k == 0 ? value1 : exact(r) - level;
+      g[k] = exact(r) - level;
     }
     if ((g[3] >= 0) == (value1 >= 0))
       continue; // both ends on one side: the level's point is not a lone crossing
@@ -221,9 +207,7 @@ TEST(OctreeFuncBlockEvaluator, LatticeCornersAndBisectionsFollowTheExactValues)
 
 TEST(OctreeFuncBlockEvaluator, ZeroAndNonFinitePointsFollowTheCombination)
 {
-  Fixture fx(true, 4);
-  for (int n = 0; n < fx.basis->getFunctionsNumber(); ++n)
-    fx.x->setBasisCoefficient(n, 0.0);
+  Fixture fx(true, 4, 99); // no node at depth 99: all coefficients 0
   COctreeFuncBlockEvaluator zero(*fx.x);
   double const p[3] = {0.1, 0.2, 0.3};
   EXPECT_EQ(zero.eval(p), 0.0);

@@ -94,29 +94,28 @@ TEST(CVolumetricTriangulator, LogsParametersAndTreeExactly)
   // Centre nodes at depth 2: the samples fill the corner cells 0 and 3 on each
   // axis, giving 4^3 nodes at depth 1 and 3^3 at depth 0. The cube has edge
   // 1 + 1/16 around the centre 0.5. The lines of the later stages follow.
-  std::vector<std::string> const expected = {
-      "Volumetric triangulation core started",
-      "Octree depth: 2",
-      "Kernel scale: 0.95",
-      "Subdivision factor: 1",
-      "Closed: 1",
-      "Normals by gradient: 0",
-      "Center scheme: 1",
-      "Samples #: 8",
-      "Variable density: 1",
-      "Density estimation level delta: 2",
-      "Octree depth: 2",
-      "Leaf cells: 8",
-      "Nodes number : 91",
-      "Node depth bounds: 0, 1",
-      "Leaf cell size: 0.53125",
-      "Cells box min: -0.03125, -0.03125, -0.03125",
-      "Cells box max: 1.03125, 1.03125, 1.03125",
-      "Node min: -0.5625, -0.5625, -0.5625",
-      "Node max: 1.5625, 1.5625, 1.5625",
-      "Kernel support size in cells: 1.425", // 1.5 narrowed by the kernel scale 0.95
-      "Density estimation level: 0",
-  };
+  // The kernel support, 1.5 cells, is narrowed by the kernel scale 0.95.
+  std::vector<std::string> const expected = {"Volumetric triangulation core started",
+                                             "Octree depth: 2",
+                                             "Kernel scale: 0.95",
+                                             "Subdivision factor: 1",
+                                             "Closed: 1",
+                                             "Normals by gradient: 0",
+                                             "Center scheme: 1",
+                                             "Samples #: 8",
+                                             "Variable density: 1",
+                                             "Density estimation level delta: 2",
+                                             "Octree depth: 2",
+                                             "Leaf cells: 8",
+                                             "Nodes number : 91",
+                                             "Node depth bounds: 0, 1",
+                                             "Leaf cell size: 0.53125",
+                                             "Cells box min: -0.03125, -0.03125, -0.03125",
+                                             "Cells box max: 1.03125, 1.03125, 1.03125",
+                                             "Node min: -0.5625, -0.5625, -0.5625",
+                                             "Node max: 1.5625, 1.5625, 1.5625",
+                                             "Kernel support size in cells: 1.425",
+                                             "Density estimation level: 0"};
   std::vector<std::string> const lines = log.lines();
   ASSERT_GT(lines.size(), expected.size());
   EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + expected.size()), expected);
