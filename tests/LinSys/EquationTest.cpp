@@ -118,8 +118,8 @@ TYPED_TEST(VariableManager, EveryMisuseSpoilsAndLeavesNoTrace)
   s = twoByTwo<TypeParam>();
   s->AddEquation(eq<T>({{0, 1}, {2, 4}, {5, 1}, {7, 6}}));
   EXPECT_TRUE(s->IsSpoiled() && s->GetEquationsNumber() == 0);
-  EXPECT_EQ(s->GetFixedVertCoeff(0, 0), T(4));
-  EXPECT_EQ(s->GetFixedVertCoeff(0, 1), T(0));
+  EXPECT_EQ(std::make_pair(s->GetFixedVertCoeff(0, 0), s->GetFixedVertCoeff(0, 1)),
+            std::make_pair(T(4), T(0)));
 
   s = twoByTwo<TypeParam>();
   s->AddEquation(eq<T>({{0, 0}, {2, 1}})); // a zero free coefficient is a free term
@@ -157,17 +157,16 @@ TYPED_TEST(VariableManager, SpoiledIsStickyUntilAssignedFromACleanSystem)
   s.DefineFreeVertex(0);
   s.Spoil();
   s.AddEquation(eq<T>({{0, 1}}));
-  EXPECT_EQ(s.GetEquationsNumber(), 0) << "a spoiled system takes no equation";
-  s.DefineFreeVertex(1); // definitions still change the maps
-  EXPECT_EQ(s.GetFreeVariablesIndex(1), 1);
+  s.DefineFreeVertex(1);
+  // A spoiled system takes no equation, but definitions still change the maps.
+  EXPECT_EQ(std::make_pair(s.GetEquationsNumber(), s.GetFreeVariablesIndex(1)), std::make_pair(0, 1));
   s.setSymmetric(true);
   s.setPositiveDefinite(true);
   EXPECT_FALSE(s.IsCorrectlyDefinedSystem());
   std::unique_ptr<ILinearSystemStorage<T>> copy(s.Copy());
   EXPECT_TRUE(copy->IsSpoiled() && copy->isPositiveDefinite());
   s = clean;
-  EXPECT_FALSE(s.IsSpoiled());
-  EXPECT_EQ(s.GetFreeVariablesNumber(), 1);
+  EXPECT_TRUE(!s.IsSpoiled() && s.GetFreeVariablesNumber() == 1);
 }
 
 TYPED_TEST(VariableManager, RightPartsAreTheNegatedFixedProductAndSolutionsGoOutByFreeIndex)
@@ -192,9 +191,8 @@ TYPED_TEST(VariableManager, RightPartsAreTheNegatedFixedProductAndSolutionsGoOut
   T right[3];
   s.SetSingleRightPart(right, informer);
   EXPECT_EQ(informer.asked(), (std::vector<int>{50, 40})) << "once each, in fixed-index order";
-  EXPECT_TRUE(std::isnan(right[0]));
-  EXPECT_EQ(right[1], T(-2)); // 0 - 0.5 * 4
-  EXPECT_EQ(right[2], T(0)) << "a zero coefficient never meets the NaN position";
+  // Row 1 is 0 - 0.5 * 4; in row 2 a zero coefficient never meets the NaN position.
+  EXPECT_TRUE(std::isnan(right[0]) && right[1] == T(-2) && right[2] == T(0));
   s.SetSingleRightPart(right, linsys_test::CMapInformer<T>({{50, T(1)}, {40, T(-1)}}));
   EXPECT_EQ(right[0], T(5)); // -(-3 * 1) - (2 * -1)
 
