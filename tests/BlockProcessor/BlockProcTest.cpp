@@ -105,17 +105,12 @@ TEST(BlockProcessorSetup, BadConfigurationsFailBeforeAnyHook)
 
 TEST(BlockProcessorSerial, HooksComeInTheirOrderAndProgressRises)
 {
-  struct Recorder : IProgressObserver
-  {
-    std::vector<double> positions;
-    void onProgress(double pos, std::string const &) override { positions.push_back(pos); }
-  };
   // Without immediate modification the blocks are applied after the pass
   // (not extracted); with it each block is extracted and applied at once.
   for (bool immediate : {false, true})
   {
     Rig r(3, 1, 1, 0, immediate, true);
-    Recorder recorder;
+    ProgressRecorder recorder;
     r.progress.AddObserver(&recorder);
     r.p.SetNPasses(2);
     r.p.recordWorkerOps = true;
@@ -137,7 +132,7 @@ TEST(BlockProcessorSerial, HooksComeInTheirOrderAndProgressRises)
     ExpectNothingLeft();
     EXPECT_DOUBLE_EQ(r.progress.GetPosFloat(), 1.0);
     EXPECT_EQ(r.progress.GetRangeDepth(), 0);
-    EXPECT_TRUE(std::is_sorted(recorder.positions.begin(), recorder.positions.end()));
+    EXPECT_TRUE(recorder.Rising());
     // The passes share 5 % to 95 % equally, the global actions have the rest.
     double const starts[] = {0.05, 0.05 + 0.9 / 2, 0.95};
     ASSERT_EQ(r.p.positions.size(), 3u);

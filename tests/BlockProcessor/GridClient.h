@@ -25,6 +25,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "QZmath/BlockProcessor/BlockProc.h"
@@ -489,6 +490,21 @@ public:
 };
 
 // ---------------------------------------------------------------- helpers
+
+/// The positions a progress counter reported, and whether any came from
+/// another thread than the one that made the recorder.
+struct ProgressRecorder : IProgressObserver
+{
+  std::vector<double> positions;
+  std::thread::id const thread = std::this_thread::get_id();
+  bool otherThread = false;
+  void onProgress(double pos, std::string const &) override
+  {
+    otherThread = otherThread || std::this_thread::get_id() != thread;
+    positions.push_back(pos);
+  }
+  bool Rising() const { return std::is_sorted(positions.begin(), positions.end()); }
+};
 
 /// Waits for `done` up to the deadline; a hang fails the test and stops the
 /// program instead of blocking the suite.

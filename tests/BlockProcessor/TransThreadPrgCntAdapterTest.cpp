@@ -1,27 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <thread>
 #include <vector>
 
+#include "GridClient.h"
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"
+
+using BlockTest::ProgressRecorder;
 
 namespace
 {
-struct Recorder : IProgressObserver
-{
-  std::vector<double> positions;
-  std::thread::id thread;
-  bool otherThread = false;
-  void onProgress(double pos, std::string const &) override
-  {
-    if (std::this_thread::get_id() != thread)
-      otherThread = true;
-    positions.push_back(pos);
-  }
-};
-
 /// Counts `steps` steps on the adapter, pausing every `sleepEvery` steps.
 struct Counting : IVescaInvokeProc
 {
@@ -66,8 +55,7 @@ TEST(TransThreadPrgCntAdapter, OwningThreadPassesStepsAtOnceAndStopsAtTheTotal)
 TEST(TransThreadPrgCntAdapter, WorkersCountAndTheTimerMovesTheCounter)
 {
   CProgressCounter c;
-  Recorder rec;
-  rec.thread = std::this_thread::get_id();
+  ProgressRecorder rec;
   c.AddObserver(&rec);
   CTransThreadPrgCntAdapter a;
   a.refresh(&c, 1000);
@@ -79,7 +67,7 @@ TEST(TransThreadPrgCntAdapter, WorkersCountAndTheTimerMovesTheCounter)
   static_cast<IVescaThreadOnTimerObserver &>(a).processTimerEvent();
   EXPECT_EQ(a.getCurrent(), 1000);
   EXPECT_DOUBLE_EQ(c.GetPosFloat(), 1.0);
-  EXPECT_TRUE(std::is_sorted(rec.positions.begin(), rec.positions.end()));
+  EXPECT_TRUE(rec.Rising());
 }
 
 TEST(TransThreadPrgCntAdapter, InterruptionReachesTheCallerThroughTheTimer)
