@@ -150,28 +150,6 @@ TEST(CCSFunc3, PlacedKernelAndItsPolynomialAgree)
   EXPECT_NEAR(integrateOnSupport(pg), 1.0, 1e-12);
 }
 
-TEST(CCSFunc3, ProductOfPlacedKernelsMatchesPointwise)
-{
-  CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
-  CPiecewisePolynom const kg = makeApproxGaussian<CPiecewisePolynom>();
-  double const c1[3] = {0, 0, 0}, c2[3] = {0.5, -0.25, 0.25};
-  int const i1[3] = {0, 0, 0}, i2[3] = {2, -1, 1};
-  CCSFunc3Tmpl<CProductPiecewisePolynom> const f(&kp, c1, i1, 2.0, 8.0, 1), g(&kp, c2, i2, 4.0, 64.0, 2);
-  CCSFunc3Tmpl<CPiecewisePolynom> const fg(&kg, c1, i1, 2.0, 8.0, 1), gg(&kg, c2, i2, 4.0, 64.0, 2);
-  CProductPiecewisePolynom const prod = makeProduct(f, g);
-  CPiecewisePolynom const prodG = makeProduct(fg, gg);
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<double> u(-0.8, 0.8);
-  for (int i = 0; i < 500; ++i)
-  {
-    double const p[3] = {u(rng), u(rng), u(rng)};
-    double const ref = f.eval(p) * g.eval(p);
-    EXPECT_NEAR(prod.eval(p), ref, 1e-9 * (1 + std::fabs(ref)));
-    EXPECT_NEAR(prodG.eval(p), ref, 1e-9 * (1 + std::fabs(ref)));
-  }
-  EXPECT_NEAR(integrateOnSupport(prod), integrateOnSupport(prodG), 1e-10);
-}
-
 TEST(CCSFunc3, ScaledSupport)
 {
   CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();

@@ -50,17 +50,13 @@ TEST(OctreeFuncBasis, ScalesNormalisationsAndSupportsPerDepth)
       EXPECT_NEAR(basis.getSupportSizeInCells(), 1.5 * 0.95, 1e-15);
       for (int d = 0; d < t.getNodeDepthEnd(); ++d)
       {
-        if (d < t.getNodeDepthBegin())
-        {
-          EXPECT_EQ(basis.getArgumentScale(d), 0.0);
-          EXPECT_EQ(basis.getNormalization(d), 0.0);
-          EXPECT_EQ(basis.getScaledKernelSupportRef(d).getMax()[0], 0.0);
-          continue;
-        }
-        double const s = 1.0 / t.getCellSize(d);
+        // Depths without nodes have no scale, normalisation or support.
+        bool const used = d >= t.getNodeDepthBegin();
+        double const s = used ? 1.0 / t.getCellSize(d) : 0.0, reach = used ? 1.425 * t.getCellSize(d) : 0.0;
         EXPECT_EQ(basis.getArgumentScale(d), s);
         EXPECT_NEAR(basis.getNormalization(d), std::pow(s, 3 + level), 1e-12 * std::pow(s, 3 + level));
-        EXPECT_NEAR(basis.getScaledKernelSupportRef(d).getMax()[1], 1.425 * t.getCellSize(d), 1e-12);
+        for (int a : {0, 1})
+          EXPECT_NEAR(basis.getScaledKernelSupportRef(d).getMax()[a], reach, used ? 1e-12 : 0.0);
       }
     }
   }
@@ -160,21 +156,19 @@ TEST(OctreeFuncEvalHelper, RegionsAreChosenReplacedAndCounted)
   EXPECT_EQ(one.getRegionHits(0), 0);
   EXPECT_EQ(one.getBasisIndexesBegin(0), one.getBasisIndexesEnd(0));
 
+  // The calls in order (a braced list is evaluated left to right): a is hit
+  // twice and b once, so c replaces b, the least hit; then c is hit twice too,
+  // and on equal counts the first region goes.
   COctreeFuncEvalHelper two(2, 1.0);
   double const a[3] = {0, 0, 0}, b[3] = {10, 0, 0}, c[3] = {20, 0, 0};
-  EXPECT_EQ(two.recordNewRegion(a), 0);
-  EXPECT_EQ(two.recordNewRegion(b), 1);
-  two.getCashedRegionindex(a);
-  two.getCashedRegionindex(a);
-  two.getCashedRegionindex(b);
-  EXPECT_EQ(two.recordNewRegion(c), 1); // the least hit goes
-  two.getCashedRegionindex(c);
-  two.getCashedRegionindex(c);
-  EXPECT_EQ(two.recordNewRegion(b), 0); // equal counts: the first goes
+  EXPECT_EQ(
+      (std::vector<int>{two.recordNewRegion(a), two.recordNewRegion(b), two.getCashedRegionindex(a),
+                        two.getCashedRegionindex(a), two.getCashedRegionindex(b), two.recordNewRegion(c),
+                        two.getCashedRegionindex(c), two.getCashedRegionindex(c), two.recordNewRegion(b)}),
+      (std::vector<int>{0, 1, 0, 0, 1, 1, 1, 1, 0}));
   CParallelepiped box(0, 1, 0, 1, 0, 1);
   two.enlargeRegion(&box);
-  EXPECT_EQ(box.getMin()[0], -1.0);
-  EXPECT_EQ(box.getMax()[2], 2.0);
+  EXPECT_EQ(std::make_pair(box.getMin()[0], box.getMax()[2]), std::make_pair(-1.0, 2.0));
 }
 
 TEST(OctreeFuncLinComb, ZeroCombinationRecordsAnEmptyRegion)

@@ -4,7 +4,6 @@
 #include <random>
 
 #include "QZmath/VolTriang/PiecewisePolynom.h"
-#include "QZmath/VolTriang/ProductPolynom.h"
 #include "tests/VolTriang/PolynomTestSupport.h"
 
 using namespace VolTr;
@@ -20,35 +19,6 @@ CParallelepiped slab(int axis, double lo, double hi)
   CParallelepiped b(CInterval::all(), CInterval::all(), CInterval::all());
   b.setDimension(axis, CInterval(lo, hi));
   return b;
-}
-
-// f(x_axis) in the general form: one term per piece, about f's shift.
-CPiecewisePolynom onAxis(CSingleVarLimitedPolynom const & f, int axis)
-{
-  double shift[3] = {0.0, 0.0, 0.0};
-  shift[axis] = f.getArgShift();
-  CPiecewisePolynom r;
-  for (int i = 0; i < f.getPiecesNumber(); ++i)
-  {
-    CPolynom p;
-    for (int k = 0; k < f.getPiece(i).getCoeffsNumber(); ++k)
-      p.insertWeightedMonom(CWeightedMonom(f.getPiece(i).getCoeff(k), CMonom::x_i_pow_d(axis, k)));
-    r.addTerm(
-        CLimitedPolynom(p, slab(axis, f.getKnot(i) + shift[axis], f.getKnot(i + 1) + shift[axis]), shift));
-  }
-  return r;
-}
-
-// A separable function in the general form, as products of its axes.
-CPiecewisePolynom toGeneral(CProductPiecewisePolynom const & f)
-{
-  CPiecewisePolynom r;
-  for (int i = 0; i < f.summandsNumber(); ++i)
-  {
-    CProductPolynom const & s = f.getSummand(i);
-    r += onAxis(s.getMultiplier(0), 0) * onAxis(s.getMultiplier(1), 1) * onAxis(s.getMultiplier(2), 2);
-  }
-  return r;
 }
 
 CPiecewisePolynom randomPiecewise(std::mt19937 & rng, int terms)
@@ -134,37 +104,5 @@ TEST(PiecewisePolynom, ProductsAndAffineSequencesAgreeWithValuesAndQuadrature)
     boxBreaks(g, breaks);
     expectProductAgrees(f, g, breaks, rng, 1.2);
     expectAffineSequence(f, fBreaks, rng, 10, 1.0);
-  }
-}
-
-TEST(PolynomForms, GeneralAndSeparableFormsAgree)
-{
-  std::mt19937 rng(53);
-  std::uniform_real_distribution<double> u(-0.6, 0.6), us(0.7, 1.5);
-  for (int round = 0; round < 4; ++round)
-  {
-    CProductPiecewisePolynom f = randomSeparable(rng, 1 + round % 2, 2), g = randomSeparable(rng, 1, 3);
-    double const c[3] = {u(rng), u(rng), u(rng)}, s[3] = {us(rng), us(rng), us(rng)};
-    f.substituteArgPlusConst(c);
-    g.scaleArgument(s);
-    CPiecewisePolynom const F = toGeneral(f);
-    CPiecewisePolynom const G = toGeneral(g);
-    EXPECT_TRUE(F.checkClassInvariants());
-    CProductPiecewisePolynom const fg = f * g;
-    CPiecewisePolynom const FG = F * G;
-    EXPECT_TRUE(near(F.integrateOnSupport(), f.integrateOnSupport(), 1e-11, 1e-12));
-    EXPECT_TRUE(near(FG.integrateOnSupport(), fg.integrateOnSupport(), 1e-10, 1e-12));
-
-    std::vector<double> breaks[3];
-    breaksOf(f, breaks);
-    breaksOf(g, breaks);
-    for (int i = 0; i < 60; ++i)
-    {
-      double const p[3] = {4 * u(rng), 4 * u(rng), 4 * u(rng)};
-      if (!awayFrom3(p, breaks))
-        continue;
-      EXPECT_TRUE(near(F.eval(p), f.eval(p), 1e-11, 1e-12));
-      EXPECT_TRUE(near(FG.eval(p), fg.eval(p), 1e-10, 1e-11));
-    }
   }
 }

@@ -98,15 +98,6 @@ template <class F> double integrate3D(F f, std::vector<double> const (&breaks)[3
       breaks[0], g);
 }
 
-/// sum c[k] x^k by powers, not by Horner.
-inline double naiveEval(std::vector<double> const & c, double x)
-{
-  double s = 0.0;
-  for (size_t k = 0; k < c.size(); ++k)
-    s += c[k] * std::pow(x, static_cast<double>(k));
-  return s;
-}
-
 inline VolTr::CSingleVarPolynom randomPolynom(std::mt19937 & rng, int degree)
 {
   std::uniform_real_distribution<double> u(-2.0, 2.0);
@@ -270,8 +261,7 @@ void expectAffineSequence(F const & f0, std::vector<double> const (&breaks)[3], 
       break;
     case 1:
       f.changeShift(v);
-      for (int a = 0; a < 3; ++a)
-        EXPECT_EQ(f.getCommonShift()[a], v[a]);
+      EXPECT_TRUE(std::equal(v, v + 3, f.getCommonShift()));
       break;
     case 2:
       for (double & x : v)
@@ -296,10 +286,7 @@ void expectAffineSequence(F const & f0, std::vector<double> const (&breaks)[3], 
     {
       double const p[3] = {spread * u(rng), spread * u(rng), spread * u(rng)};
       double const q[3] = {m[0] * p[0] + b[0], m[1] * p[1] + b[1], m[2] * p[2] + b[2]};
-      if (awayFrom3(q, breaks))
-      {
-        EXPECT_TRUE(near(f.eval(p), k * f0.eval(q), 1e-9, 1e-10));
-      }
+      EXPECT_TRUE(!awayFrom3(q, breaks) || near(f.eval(p), k * f0.eval(q), 1e-9, 1e-10));
     }
   }
 }
