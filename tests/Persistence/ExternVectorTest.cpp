@@ -101,7 +101,8 @@ TEST(ExternVector, FileLivesFromFirstGrowthToClearOrDestruction)
   EXPECT_TRUE(vectorFiles().empty());
 }
 
-TEST(ExternVector, GrowthDoublesAndTheFileHoldsRawElements)
+// What the file holds is checked byte for byte by the random run below.
+TEST(ExternVector, GrowthDoublesTheCapacity)
 {
   VecPtr v = makeVector(4);
   std::size_t const expected[] = {1, 2, 4, 4, 8};
@@ -110,14 +111,6 @@ TEST(ExternVector, GrowthDoublesAndTheFileHoldsRawElements)
     v->resize(n, nullptr);
     EXPECT_EQ(v->capacity(), expected[n - 1]);
   }
-  std::int32_t const fill = 0x11223344;
-  v->resize(7, &fill);
-  writeInt(*v, 2, 0x0A0B0C0D);
-  std::vector<unsigned char> want(28, 0); // grown without fill: zeros
-  std::memcpy(&want[8], "\x0D\x0C\x0B\x0A", 4);
-  std::memcpy(&want[20], &fill, 4);
-  std::memcpy(&want[24], &fill, 4);
-  EXPECT_EQ(fileBytes(0, 28), want);
 }
 
 TEST(ExternVector, HoldersShareOneCopyWrittenBackByTheLastRelease)
