@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <string>
+#include <type_traits>
 
 #include "QZmath/Foundation/Point3D.h"
 #include "QZmath/Foundation/RotationMatrix.h"
@@ -61,21 +62,8 @@ inline void expectNear(CRotationMatrix const & a, CRotationMatrix const & b, dou
       EXPECT_NEAR(a.m[i][j], b.m[i][j], tol) << i << "," << j;
 }
 
-/// The word a call throws as `char const *`, or a marker when it throws none.
-template <class F> std::string thrownWord(F f)
-{
-  try
-  {
-    f();
-  }
-  catch (char const * word)
-  {
-    return word;
-  }
-  return "<nothing thrown>";
-}
-
-/// The what() of the E that a call throws, or a marker when it throws none.
+/// The what() of the E that a call throws (the word itself where E is a
+/// `char const *`), or a marker when it throws none.
 template <class E, class F> std::string whatOf(F && f)
 {
   try
@@ -84,8 +72,14 @@ template <class E, class F> std::string whatOf(F && f)
   }
   catch (E const & e)
   {
-    return e.what();
+    if constexpr (std::is_pointer<E>::value)
+      return e;
+    else
+      return e.what();
   }
   return "<nothing thrown>";
 }
+
+/// The word a call throws as `char const *`, or a marker when it throws none.
+template <class F> std::string thrownWord(F && f) { return whatOf<char const *>(f); }
 } // namespace QZTest

@@ -39,16 +39,15 @@ private:
 class CSampleCloud : public VolTr::IInputSamples
 {
 public:
-  void add(float x, float y, float z, float nx = 0.0f, float ny = 0.0f, float nz = 1.0f,
+  /// Coordinates and normal are rounded to float here, once.
+  void add(double x, double y, double z, double nx = 0.0, double ny = 0.0, double nz = 1.0,
            bool boundary = false)
   {
     // push_back, not insert of a list: g++ 12 warns falsely about the latter.
-    m_coords.push_back(x);
-    m_coords.push_back(y);
-    m_coords.push_back(z);
-    m_normals.push_back(nx);
-    m_normals.push_back(ny);
-    m_normals.push_back(nz);
+    for (double c : {x, y, z})
+      m_coords.push_back(static_cast<float>(c));
+    for (double c : {nx, ny, nz})
+      m_normals.push_back(static_cast<float>(c));
     m_boundary.push_back(boundary ? 1 : 0);
   }
   void reserve(std::size_t n)
@@ -90,9 +89,7 @@ inline CSampleCloud makeSphereCloud(int n, double radius = 1.0, std::uint64_t se
     double const phi = rnd.uniform(0.0, 6.283185307179586);
     double const r = std::sqrt(1.0 - z * z);
     double const nx = r * std::cos(phi), ny = r * std::sin(phi);
-    cloud.add(static_cast<float>(cx + radius * nx), static_cast<float>(cy + radius * ny),
-              static_cast<float>(cz + radius * z), static_cast<float>(nx), static_cast<float>(ny),
-              static_cast<float>(z));
+    cloud.add(cx + radius * nx, cy + radius * ny, cz + radius * z, nx, ny, z);
   }
   return cloud;
 }
@@ -108,9 +105,7 @@ inline CSampleCloud makeTorusCloud(int n, double R = 1.0, double r = 0.3, std::u
     double const u = rnd.uniform(0.0, 6.283185307179586);
     double const v = rnd.uniform(0.0, 6.283185307179586);
     double const nx = std::cos(v) * std::cos(u), ny = std::cos(v) * std::sin(u), nz = std::sin(v);
-    cloud.add(static_cast<float>((R + r * std::cos(v)) * std::cos(u)),
-              static_cast<float>((R + r * std::cos(v)) * std::sin(u)), static_cast<float>(r * nz),
-              static_cast<float>(nx), static_cast<float>(ny), static_cast<float>(nz));
+    cloud.add((R + r * std::cos(v)) * std::cos(u), (R + r * std::cos(v)) * std::sin(u), r * nz, nx, ny, nz);
   }
   return cloud;
 }
@@ -127,8 +122,7 @@ inline CSampleCloud makePlaneCloud(int n, double halfSize = 1.0, double z = 0.0,
   {
     double const x = rnd.uniform(-halfSize, halfSize), y = rnd.uniform(-halfSize, halfSize);
     bool const boundary = halfSize - std::fabs(x) < edge || halfSize - std::fabs(y) < edge;
-    cloud.add(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z), 0.0f, 0.0f, 1.0f,
-              boundary);
+    cloud.add(x, y, z, 0.0, 0.0, 1.0, boundary);
   }
   return cloud;
 }
@@ -144,9 +138,7 @@ inline CSampleCloud makeBoxCloud(int n, double lo, double hi, std::uint64_t seed
     double const x = rnd.uniform(lo, hi), y = rnd.uniform(lo, hi), z = rnd.uniform(lo, hi);
     double const nz = rnd.uniform(-1.0, 1.0), phi = rnd.uniform(0.0, 6.283185307179586);
     double const r = std::sqrt(1.0 - nz * nz);
-    cloud.add(static_cast<float>(x), static_cast<float>(y), static_cast<float>(z),
-              static_cast<float>(r * std::cos(phi)), static_cast<float>(r * std::sin(phi)),
-              static_cast<float>(nz));
+    cloud.add(x, y, z, r * std::cos(phi), r * std::sin(phi), nz);
   }
   return cloud;
 }
