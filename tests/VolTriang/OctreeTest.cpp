@@ -75,18 +75,13 @@ struct RefOctree
 
   CTreeNode makeCellNode(int d, CInt3 const & c, int corner) const
   {
-    int const bit[3] = {corner & 1, (corner >> 1) & 1, (corner >> 2) & 1};
     int out[3];
     int const s = depth - d;
     for (int a = 0; a < 3; ++a)
     {
-      if (!center)
-        out[a] = ((c.coord(a) >> s) + bit[a]) << s;
-      else
-      {
-        int const h = 1 << (s - 1);
-        out[a] = (((c.coord(a) - h) >> s) + bit[a]) * (1 << s) + h;
-      }
+      // Centre nodes sit half a cell of their depth off the corner lattice.
+      int const h = center ? 1 << (s - 1) : 0;
+      out[a] = (((c.coord(a) - h) >> s) + ((corner >> a) & 1)) * (1 << s) + h;
     }
     return CTreeNode(d, CInt3(out));
   }
@@ -154,15 +149,10 @@ struct RefOctree
         inside = inside && e.first.coord(a) >= lo[a] && e.first.coord(a) <= hi[a];
       if (!inside)
         continue;
-      if (!(e.first == cell))
-      {
-        cell = e.first;
-        count = 0;
-      }
-      if (limit > 0 && count >= limit)
-        continue;
-      ++count;
-      out.push_back(e.second);
+      count = e.first == cell ? count + 1 : 1;
+      cell = e.first;
+      if (limit <= 0 || count <= limit)
+        out.push_back(e.second);
     }
     return out;
   }
@@ -412,17 +402,14 @@ TEST(COctree, GeometryIdentities)
 // its sample; huge finite coordinates build.
 TEST(COctree, BadDepthsAndCoordinatesFailWithTheirTexts)
 {
-  struct Case
-  {
-    int depth;
-    bool center;
-  };
-  for (Case c : {Case{-1, true}, Case{1, true}, Case{0, false}, Case{-1, false}, Case{30, false}})
+  // Centre nodes need a depth of 2 at least, corner nodes of 1.
+  for (auto c : {std::make_pair(-1, true), std::make_pair(1, true), std::make_pair(0, false),
+                 std::make_pair(-1, false), std::make_pair(30, false)})
   {
     CCountingSamples samples;
-    EXPECT_EQ(whatOf<std::exception>([&] { COctree(&samples, c.depth, nullptr, c.center, -1); }),
+    EXPECT_EQ(whatOf<std::exception>([&] { COctree(&samples, c.first, nullptr, c.second, -1); }),
               "Incorrect tree depth detected in VolTr::COctree constructor")
-        << c.depth;
+        << c.first;
     EXPECT_EQ(samples.reads, 0);
   }
   CCountingSamples samples;
@@ -444,10 +431,10 @@ TEST(COctree, BadDepthsAndCoordinatesFailWithTheirTexts)
   huge.add(FLT_MAX, 1.0f, 1.0f);
   huge.add(0.0f, FLT_MAX, 0.0f);
   COctree const tree(&huge, 3, nullptr, true, -1);
-  EXPECT_EQ(tree.getSamplesNumber(), 3);
   EXPECT_TRUE(std::isfinite(tree.getBoxSize()));
-  EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(0)).x(), 0);
-  EXPECT_EQ(tree.getCellOffset(tree.getCellByCoordinates(1)).x(), 7);
+  EXPECT_EQ((std::vector<int>{tree.getSamplesNumber(), tree.getCellOffset(tree.getCellByCoordinates(0)).x(),
+                              tree.getCellOffset(tree.getCellByCoordinates(1)).x()}),
+            (std::vector<int>{3, 0, 7}));
 }
 
 TEST(COctree, EmptyCloudBuildsAnEmptyTree)
@@ -468,8 +455,7 @@ TEST(COctree, EmptyCloudBuildsAnEmptyTree)
       EXPECT_TRUE(COctreeInBoxNodeIterator(&tree, all, d).isFinished());
     CSamplePointsIteratorInBox it(empty, tree, all, -1);
     EXPECT_TRUE(it.isFinished());
-    EXPECT_EQ(it.currentSampleIndex(), -1);
-    EXPECT_EQ(it.currCellIntCoord(), CInt3());
+    EXPECT_EQ(std::make_pair(it.currentSampleIndex(), it.currCellIntCoord()), std::make_pair(-1, CInt3()));
     EXPECT_THROW(COctreeNeighborNodeIterator(&tree, 0, 3), std::exception);
   }
   EXPECT_EQ(COctree(nullptr, 3, nullptr, false, -1).getNodesNumber(), 0);

@@ -39,6 +39,16 @@ CSampleCloud cubeCorners()
     cloud.add(float(corner & 1), float((corner >> 1) & 1), float((corner >> 2) & 1));
   return cloud;
 }
+
+/// The log of a run with these parameters.
+std::vector<std::string> runLogged(CSampleCloud const & cloud, CVolTriangulationParams p,
+                                   ITriangulationTarget * target = nullptr)
+{
+  VsUt::CMemoryDebugLog log;
+  p.setDebugLog(&log);
+  CVolumetricTriangulator(target, &cloud, &p, nullptr).run();
+  return log.lines();
+}
 } // namespace
 
 TEST(CVolTriangulationParams, DefaultsAndAccessors)
@@ -83,13 +93,8 @@ TEST(ITriangulationTarget, ForwardersCountVertices)
 
 TEST(CVolumetricTriangulator, LogsParametersAndTreeExactly)
 {
-  CSampleCloud const cloud = cubeCorners();
-  VsUt::CMemoryDebugLog log;
-  CVolTriangulationParams params;
-  params.setOctreeDepth(2);
-  params.setDebugLog(&log);
   CRecordingTarget target;
-  CVolumetricTriangulator(&target, &cloud, &params, nullptr).run();
+  std::vector<std::string> const lines = runLogged(cubeCorners(), qztest::makeParams(2), &target);
 
   // Centre nodes at depth 2: the samples fill the corner cells 0 and 3 on each
   // axis, giving 4^3 nodes at depth 1 and 3^3 at depth 0. The cube has edge
@@ -116,17 +121,13 @@ TEST(CVolumetricTriangulator, LogsParametersAndTreeExactly)
                                              "Node max: 1.5625, 1.5625, 1.5625",
                                              "Kernel support size in cells: 1.425",
                                              "Density estimation level: 0"};
-  std::vector<std::string> const lines = log.lines();
   ASSERT_GT(lines.size(), expected.size());
   EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + expected.size()), expected);
 }
 
 TEST(CVolumetricTriangulator, ParameterLinesFollowTheFlags)
 {
-  CSampleCloud const cloud = QZTest::makeSphereCloud(200, 1.0, 5);
-  VsUt::CMemoryDebugLog log;
-  CVolTriangulationParams params;
-  params.setOctreeDepth(5);
+  CVolTriangulationParams params = qztest::makeParams(5);
   params.setUseCenter(false);
   params.setVariableDensity(false);
   params.setClosed(false);
@@ -134,9 +135,7 @@ TEST(CVolumetricTriangulator, ParameterLinesFollowTheFlags)
   params.setKernelScaleFactor(1.5f);
   params.setReconstructFactor(0.5f);
   params.setDetalizationLevel(1);
-  params.setDebugLog(&log);
-  CVolumetricTriangulator(nullptr, &cloud, &params, nullptr).run();
-  std::vector<std::string> const lines = log.lines();
+  std::vector<std::string> const lines = runLogged(QZTest::makeSphereCloud(200, 1.0, 5), params);
   ASSERT_GE(lines.size(), 13u);
   EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 10),
             (std::vector<std::string>{"Volumetric triangulation core started", "Octree depth: 5",
@@ -154,15 +153,11 @@ TEST(CVolumetricTriangulator, DensityLevelIsClampedToTheNodeDepths)
   CSampleCloud const cloud = QZTest::makeSphereCloud(100, 1.0, 6);
   for (int delta : {0, 2, 10})
   {
-    VsUt::CMemoryDebugLog log;
-    CVolTriangulationParams params;
-    params.setOctreeDepth(5);
+    CVolTriangulationParams params = qztest::makeParams(5);
     params.setDetalizationLevel(2);
     params.setDensityEstimationDepthDelta(delta);
-    params.setDebugLog(&log);
-    CVolumetricTriangulator(nullptr, &cloud, &params, nullptr).run();
     // Centre nodes: depths 2 to 4.
-    std::vector<std::string> const lines = log.lines();
+    std::vector<std::string> const lines = runLogged(cloud, params);
     std::string const expected = "Density estimation level: " + std::to_string(std::max(4 - delta, 2));
     EXPECT_NE(std::find(lines.begin(), lines.end(), expected), lines.end()) << expected;
   }
@@ -249,8 +244,7 @@ TEST(CVolumetricTriangulator, PhaseWeightsDecideTheTreeShare)
     } recorder;
     recorder.counter = &progress;
     progress.AddObserver(&recorder);
-    CVolTriangulationParams p;
-    p.setOctreeDepth(c.depth);
+    CVolTriangulationParams p = qztest::makeParams(c.depth);
     p.setVariableDensity(c.density);
     p.setPhaseNameShown(true);
     EXPECT_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, &progress).run(), CUserIntrException);

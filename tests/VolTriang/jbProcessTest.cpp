@@ -51,11 +51,6 @@ Field torus(double R, double r)
       });
 }
 
-Field constant(double v)
-{
-  return Field([v](Point3D_d const &) { return v; });
-}
-
 // Collects the mesh the way a target does: each vertex when it first appears.
 struct Collector : jbTriangleProcessor
 {
@@ -166,7 +161,8 @@ TEST(jbProcess, BoundsFlagsAndZeroCornersGiveBorderedSurfaces)
 // an exception from it leaves through, both freeing everything.
 TEST(jbProcess, NoStartRefusalAndExceptionsFreeEverything)
 {
-  Field positive = constant(1.0), zero = constant(0.0), f = sphere(1.0);
+  Field positive([](Point3D_d const &) { return 1.0; }), zero([](Point3D_d const &) { return 0.0; });
+  Field f = sphere(1.0);
   int bounds[3] = {10, 10, 10};
   Collector none;
   jbProcess p;
@@ -226,12 +222,10 @@ namespace
 struct SerialSolver : jbVertexSolver
 {
   jbFunction * function;
-  int batches = 0;
-  int failAt = -1;
-  explicit SerialSolver(jbFunction * f) : function(f) {}
+  int batches = 0, failAt = -1, count = 0;
   jbEdgeJob const * pending = nullptr;
   jbVertex * out = nullptr;
-  int count = 0;
+  explicit SerialSolver(jbFunction * f) : function(f) {}
   void submit(jbEdgeJob const * jobs, jbVertex * results, int n) override
   {
     EXPECT_EQ(count, 0); // one batch at a time
@@ -293,6 +287,6 @@ TEST(jbProcess, DeferredVerticesGiveTheSameSequence)
   EXPECT_EQ(p.corners, nullptr);
   EXPECT_EQ(p.cubes, nullptr);
   // No start: the same answer as the plain walk.
-  Field positive = constant(1.0);
+  Field positive([](Point3D_d const &) { return 1.0; });
   EXPECT_EQ(p.polygonizeDeferred(positive, 0.05, bounds100, Point3D_d(0, 0, 0), sink, failing, 10), 1);
 }
