@@ -314,7 +314,7 @@ TYPED_TEST(Solvers, DecomposerAgreesWithTheDirectSolverFor2And4And8Blocks)
   }
 }
 
-TYPED_TEST(Solvers, DecomposerCompletesBoundariesAndSolvesOneBlockDirectly)
+TYPED_TEST(Solvers, DecomposerBoundariesBreakdownAndSystemsWithoutAMatrix)
 {
   using T = TypeParam;
   CProblem const problem = laplacian3D(5, 4, 4);
@@ -345,11 +345,7 @@ TYPED_TEST(Solvers, DecomposerCompletesBoundariesAndSolvesOneBlockDirectly)
     EXPECT_FALSE(core.solveSystem(storage, 1, parts.in.data(), parts.out.data(), nullptr));
     EXPECT_EQ(parts.delivered(0), 0);
   }
-}
 
-TYPED_TEST(Solvers, DecomposerBreakdownAtTheRootAndSystemsWithoutAMatrix)
-{
-  using T = TypeParam;
   // A diagonal system of powers of two: the leaves solve their halves
   // exactly, so the root's residual is exactly 0, which the iteration takes
   // for a breakdown. Nothing is delivered.
@@ -364,13 +360,13 @@ TYPED_TEST(Solvers, DecomposerBreakdownAtTheRootAndSystemsWithoutAMatrix)
 
   // A system that is no compressed-row matrix: nothing is solved, zeros are
   // delivered, and the solve succeeds.
-  CProblem const problem = chain(20);
+  CProblem const chained = chain(20);
   CVPLSstorage<T, CSparseVectorAsVPLSstorageRow<T>> rows;
-  fill<T>(rows, problem);
+  fill<T>(rows, chained);
   CLinSysSolverDecomposed<T> core({10}, 1e-6, -1);
-  CRightParts<T> zeros(problem, 1);
+  CRightParts<T> zeros(chained, 1);
   ASSERT_TRUE(core.solveSystem(rows, 1, zeros.in.data(), zeros.out.data(), nullptr));
-  EXPECT_EQ(zeros.solution(0), std::vector<double>(problem.nFree, 0.0));
+  EXPECT_EQ(zeros.solution(0), std::vector<double>(chained.nFree, 0.0));
 }
 
 TYPED_TEST(Solvers, DirectSparseFailuresGiveFalseAndMklPrintsNothing)
@@ -427,7 +423,7 @@ TYPED_TEST(Solvers, DirectSparseFailuresGiveFalseAndMklPrintsNothing)
   EXPECT_FALSE(dss.solveForExplicitMatrix(x.data(), CCSRSquareMatrix<T>(), false, b.data(), nullptr));
 }
 
-TYPED_TEST(Solvers, BicgstabReturnContract)
+TYPED_TEST(Solvers, BicgstabReturnContractAndSafetyLimit)
 {
   using T = TypeParam;
   // Identity from zero: alpha is 1, x becomes b, and the loop ends after one step.
@@ -463,11 +459,7 @@ TYPED_TEST(Solvers, BicgstabReturnContract)
   CDense<T> one{1, {T(1)}};
   std::vector<T> tiny = {T(1e-8)}, t(1, T(0));
   EXPECT_EQ(one.solve(tiny, t, -1), sizeof(T) == 4 ? -1 : 1);
-}
 
-TYPED_TEST(Solvers, BicgstabThatNeverConvergesEndsAtTheSafetyLimit)
-{
-  using T = TypeParam;
   // A constant product (no linear map) keeps the residual at its part
   // orthogonal to the constant for ever, and never breaks down.
   struct LC_Constant
@@ -479,9 +471,10 @@ TYPED_TEST(Solvers, BicgstabThatNeverConvergesEndsAtTheSafetyLimit)
       out[0] = T(1), out[1] = T(0), out[2] = T(0);
     }
   } constant;
-  std::vector<T> b = {T(0.5), T(1), T(0)}, x(3, T(0)), y(3, T(0));
-  EXPECT_EQ(bicgstab(3, &LC_Constant::multiply, &constant, b.data(), x.data(), T(1e-6), 0), -1);
+  std::vector<T> const bc = {T(0.5), T(1), T(0)};
+  std::vector<T> xc(3, T(0)), yc(3, T(0));
+  EXPECT_EQ(bicgstab(3, &LC_Constant::multiply, &constant, bc.data(), xc.data(), T(1e-6), 0), -1);
   EXPECT_EQ(constant.calls, 2 * (10 * 3 + 1000) + 1);
   // A limit of the caller's is obeyed as given.
-  EXPECT_EQ(bicgstab(3, &LC_Constant::multiply, &constant, b.data(), y.data(), T(1e-6), 5000), 5000);
+  EXPECT_EQ(bicgstab(3, &LC_Constant::multiply, &constant, bc.data(), yc.data(), T(1e-6), 5000), 5000);
 }

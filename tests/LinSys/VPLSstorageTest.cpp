@@ -114,7 +114,7 @@ TYPED_TEST(VPLSstorage, CopyIsDeepAndSymmetryIsOnlyAFlag)
   EXPECT_EQ(s.ScalarProductByMatrixRow(1, 2, x), T(0)); // not added to the original
 }
 
-TEST(VPLSstorageRows, ShiftedRowsTrimBothEndsAndReadSingleElementsAtTheShiftedIndex)
+TEST(VPLSstorageRows, ShiftedRowsTrimBothEndsAndNoRowIsReadPastItsEnd)
 {
   using A = CShiftedVectorAsVPLstorageRow<double>;
   A::RowType row;
@@ -145,20 +145,17 @@ TEST(VPLSstorageRows, ShiftedRowsTrimBothEndsAndReadSingleElementsAtTheShiftedIn
   EXPECT_EQ(s.ScalarProductByMatrixRow(5, 6, x), 2.0f);
   EXPECT_EQ(s.GetFreeVertCoeff(5, 5), 0.0f);
   EXPECT_EQ(s.GetFreeVertCoeff(5, -5), 4.0f);
-}
 
-TEST(VPLSstorageRows, DenseAndSparseRowsIgnoreWhatLiesPastSize)
-{
   using D = CStdVectorAsVPLSstorageRow<float>;
   using Sp = CSparseVectorAsVPLSstorageRow<float>;
   float const a[4] = {1, 0, 2, 3};
-  float const v[4] = {1, 1, 1, 1};
-  D::RowType d;
-  D::assignRowByArray(&d, 4, a);
-  Sp::RowType s;
-  Sp::assignRowByArray(&s, 4, a);
-  EXPECT_EQ(s.GetNOfNonZeroElements(), 3);
-  EXPECT_EQ(D::scalarProduct(d, 3, v) + Sp::scalarProduct(s, 3, v), 6.0f);
-  EXPECT_EQ(D::scalarProduct(d, 10, v), 6.0f); // the row is only 4 long
-  EXPECT_EQ(Sp::scalarProduct(s, 0, v), 0.0f);
+  float const ones[4] = {1, 1, 1, 1};
+  D::RowType dense;
+  D::assignRowByArray(&dense, 4, a);
+  Sp::RowType sparse;
+  Sp::assignRowByArray(&sparse, 4, a);
+  EXPECT_EQ(sparse.GetNOfNonZeroElements(), 3);
+  EXPECT_EQ(D::scalarProduct(dense, 3, ones) + Sp::scalarProduct(sparse, 3, ones), 6.0f);
+  EXPECT_EQ(D::scalarProduct(dense, 10, ones), 6.0f); // the row is only 4 long
+  EXPECT_EQ(Sp::scalarProduct(sparse, 0, ones), 0.0f);
 }
