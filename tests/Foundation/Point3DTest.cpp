@@ -46,9 +46,9 @@ TEST(Point3D, DoubleOperandsRoundOnce)
     p *= 1.0 / 3.0;
     q /= 3.0;
     r /= 3.0f;
-    EXPECT_EQ(p.x(), static_cast<float>(static_cast<double>(v) * (1.0 / 3.0)));
-    EXPECT_EQ(q.y(), static_cast<float>(static_cast<double>(v) / 3.0));
-    EXPECT_EQ(r.z(), v / 3.0f);
+    EXPECT_TRUE(p.x() == static_cast<float>(static_cast<double>(v) * (1.0 / 3.0)) &&
+                q.y() == static_cast<float>(static_cast<double>(v) / 3.0) && r.z() == v / 3.0f)
+        << v;
   }
   HPoint3D t(1.0f);
   t /= 3.0;
