@@ -33,12 +33,11 @@ TEST(ApproxGaussian, ValuesOfBothFormsMatchTheSplineProduct)
 {
   CProductPiecewisePolynom const kp = makeApproxGaussian<CProductPiecewisePolynom>();
   CPiecewisePolynom const kg = makeApproxGaussian<CPiecewisePolynom>();
-  EXPECT_EQ(evalAt(kp, 0, 0, 0), 0.421875);
-  EXPECT_EQ(evalAt(kg, 0, 0, 0), 0.421875);
-  EXPECT_EQ(evalAt(kp, 1.5, 0, 0), 0.0);
-  EXPECT_EQ(evalAt(kp, -1.5, 0, 0), 0.0); // the left end belongs to the piece, whose value is 0
-  EXPECT_EQ(kg.getTermsNumber(), 27);
-  EXPECT_EQ(kp.summandsNumber(), 1);
+  // The left end belongs to the piece, whose value is 0 there.
+  EXPECT_EQ((std::vector<double>{evalAt(kp, 0, 0, 0), evalAt(kg, 0, 0, 0), evalAt(kp, 1.5, 0, 0),
+                                 evalAt(kp, -1.5, 0, 0)}),
+            (std::vector<double>{0.421875, 0.421875, 0.0, 0.0}));
+  EXPECT_EQ(std::make_pair(kg.getTermsNumber(), kp.summandsNumber()), std::make_pair(27, 1));
   std::mt19937 rng(5);
   std::uniform_real_distribution<double> u(-1.7, 1.7);
   for (int i = 0; i < 2000; ++i)
@@ -54,8 +53,7 @@ TEST(ApproxGaussian, ValuesOfBothFormsMatchTheSplineProduct)
   EXPECT_EQ(k.getPiece(0).getCoeffs(), (std::vector<double>{1.125, 1.5, 0.5}));
   EXPECT_EQ(k.getPiece(1).getCoeffs(), (std::vector<double>{0.75, 0.0, -1.0}));
   EXPECT_EQ(k.getPiece(2).getCoeffs(), (std::vector<double>{1.125, -1.5, 0.5}));
-  EXPECT_EQ(k.getKnot(0), -1.5);
-  EXPECT_EQ(k.getKnot(3), 1.5);
+  EXPECT_EQ(std::make_pair(k.getKnot(0), k.getKnot(3)), std::make_pair(-1.5, 1.5));
 }
 
 // The analytic derivatives of both forms, and those the separable form makes
@@ -157,28 +155,22 @@ TEST(CCSFunc3, ScaledSupport)
   int const ci[3] = {0, 0, 0};
   CParallelepiped const box =
       getScaledFunctionCommonSupport(CCSFunc3Tmpl<CProductPiecewisePolynom>(&kp, c, ci, 4.0, 1.0, 0));
-  EXPECT_EQ(box.getMin()[0], 0.625);
-  EXPECT_EQ(box.getMax()[0], 1.375);
-  EXPECT_EQ(box.getMin()[1], -0.375);
-  EXPECT_EQ(box.getMax()[2], 0.375);
+  EXPECT_EQ((std::vector<double>{box.getMin()[0], box.getMax()[0], box.getMin()[1], box.getMax()[2]}),
+            (std::vector<double>{0.625, 1.375, -0.375, 0.375}));
 }
 
 TEST(TrilinearWeight, CornersCentresAndFlatAxes)
 {
   CParallelepiped const cell(0, 2, 0, 2, 0, 2);
-  double const corner[3] = {0, 0, 0};
-  double const centre[3] = {1, 1, 1};
+  CParallelepiped const flat(0, 2, 5, 5, 0, 2), point(1, 1, 1, 1, 1, 1);
+  double const corner[3] = {0, 0, 0}, centre[3] = {1, 1, 1}, far[3] = {3, 0, 0}, p[3] = {1, 7, 1};
   float const centreF[3] = {1, 1, 1};
-  EXPECT_EQ(calcTrilinearWeight(centre, corner, cell), 0.125);
-  EXPECT_EQ(calcTrilinearWeight(centreF, corner, cell), 0.125);
-  EXPECT_EQ(calcTrilinearWeight(corner, corner, cell), 1.0);
-  double const far[3] = {3, 0, 0};
-  EXPECT_EQ(calcTrilinearWeight(far, corner, cell), -0.5); // nothing clamps
-  CParallelepiped const flat(0, 2, 5, 5, 0, 2);
-  double const p[3] = {1, 7, 1};
-  EXPECT_EQ(calcTrilinearWeight(p, corner, flat), 0.25); // the flat axis gives no factor
-  CParallelepiped const point(1, 1, 1, 1, 1, 1);
-  EXPECT_EQ(calcTrilinearWeight(p, corner, point), 1.0);
+  // Nothing clamps a point outside; a flat axis gives no factor.
+  EXPECT_EQ((std::vector<double>{
+                calcTrilinearWeight(centre, corner, cell), calcTrilinearWeight(centreF, corner, cell),
+                calcTrilinearWeight(corner, corner, cell), calcTrilinearWeight(far, corner, cell),
+                calcTrilinearWeight(p, corner, flat), calcTrilinearWeight(p, corner, point)}),
+            (std::vector<double>{0.125, 0.125, 1.0, -0.5, 0.25, 1.0}));
   // The eight corner weights of a point inside sum to 1.
   double const q[3] = {0.3, 1.7, 0.9};
   double sum = 0;

@@ -52,6 +52,7 @@ struct Fixture : qztest::SphereBases
 {
   std::unique_ptr<Extraction::LinComb> x;
   CVolTriangulationParams params;
+  Extraction::Basis const * gradients[3];
 
   explicit Fixture(int depth, int points = 3000) : SphereBases(depth, true, points, 17)
   {
@@ -67,13 +68,8 @@ struct Fixture : qztest::SphereBases
       x->setBasisCoefficient(i, h * h * h * (r - 1.0 + 0.05 * std::sin(5.0 * c[0]) + noise(rng)));
     }
     params.setOctreeDepth(depth);
-  }
-
-  Extraction::Basis const * const * gradients(Extraction::Basis const ** out) const
-  {
     for (int a = 0; a < 3; ++a)
-      out[a] = grad[a].get();
-    return out;
+      gradients[a] = grad[a].get();
   }
 };
 
@@ -114,16 +110,18 @@ TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
 {
   Fixture fx(6);
   double const iso = Extraction::meanValueAtSamples(*fx.x, &fx.cloud, nullptr, nullptr);
-  Extraction::Basis const * g[3];
   for (bool closed : {true, false})
     for (bool normals : {false, true})
     {
       fx.params.setClosed(closed);
+      auto const run = [&](Recorder * target, Extraction::EEvaluation mode, int * vertices = nullptr)
+      {
+        return Extraction::polygonise(*fx.x, iso, normals ? fx.gradients : nullptr, &fx.cloud, fx.params,
+                                      target, nullptr, nullptr, mode, vertices);
+      };
       Recorder specified;
       int specifiedVertices = 0;
-      int const triangles =
-          Extraction::polygonise(*fx.x, iso, normals ? fx.gradients(g) : nullptr, &fx.cloud, fx.params,
-                                 &specified, nullptr, nullptr, Extraction::eSpecified, &specifiedVertices);
+      int const triangles = run(&specified, Extraction::eSpecified, &specifiedVertices);
       EXPECT_EQ(std::make_pair(triangles, specifiedVertices),
                 std::make_pair(int(specified.triangles.size()), int(specified.vertices.size())));
       // The golden counts of this function: a change of the walk shows here.
@@ -132,10 +130,8 @@ TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
         EXPECT_EQ(std::make_pair(specified.vertices.size(), specified.triangles.size()),
                   std::make_pair(std::size_t(14398), std::size_t(28792)));
         qztest::Mesh mesh;
-        for (auto const & v : specified.vertices)
-          mesh.vertices.push_back({v[1], v[2], v[3]});
-        for (auto const & t : specified.triangles)
-          mesh.triangles.push_back(t);
+        mesh.vertices.resize(specified.vertices.size()); // the topology needs only their number
+        mesh.triangles = specified.triangles;
         EXPECT_TRUE(qztest::analyse(mesh).closedManifold());
       }
       Recorder movedOneThread;
@@ -143,9 +139,7 @@ TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
       {
         ThreadCount const count(threads);
         Recorder fast;
-        EXPECT_EQ(Extraction::polygonise(*fx.x, iso, normals ? fx.gradients(g) : nullptr, &fx.cloud,
-                                         fx.params, &fast, nullptr, nullptr, Extraction::eFast),
-                  triangles);
+        EXPECT_EQ(run(&fast, Extraction::eFast), triangles);
         EXPECT_TRUE(fast.vertices == specified.vertices) << closed << normals << threads;
         EXPECT_TRUE(fast.triangles == specified.triangles) << closed << normals << threads;
 
@@ -153,8 +147,7 @@ TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
         // edge by about the bisection's last step at most.
         fx.params.setVertexInterpolation(3);
         Recorder moved;
-        Extraction::polygonise(*fx.x, iso, normals ? fx.gradients(g) : nullptr, &fx.cloud, fx.params, &moved,
-                               nullptr, nullptr, Extraction::eFast);
+        run(&moved, Extraction::eFast);
         fx.params.setVertexInterpolation(0);
         EXPECT_TRUE(moved.triangles == specified.triangles);
         ASSERT_EQ(moved.vertices.size(), specified.vertices.size());

@@ -59,20 +59,19 @@ TEST(PiecewisePolynom, BoundaryToleranceFavoursTheUpperPiece)
     double const p[3] = {x, 0.0, 0.0};
     return f.eval(p);
   };
-  EXPECT_EQ(at(-0.5), 2.0);
-  EXPECT_EQ(at(-1.0), 1.0);
-  EXPECT_EQ(at(-1.5 - 0.5e-10), 1.0); // within the tolerance below a minimum
-  EXPECT_EQ(at(-1.5 - 2e-10), 0.0);
-  EXPECT_EQ(at(0.5 - 1e-9), 2.0);
-  EXPECT_EQ(at(0.5), 0.0); // the tolerance pushes the top bound out
+  // A point within the tolerance below a minimum belongs to the box; the
+  // tolerance pushes the top bound out.
+  EXPECT_EQ((std::vector<double>{at(-0.5), at(-1.0), at(-1.5 - 0.5e-10), at(-1.5 - 2e-10), at(0.5 - 1e-9),
+                                 at(0.5)}),
+            (std::vector<double>{2.0, 1.0, 1.0, 0.0, 2.0, 0.0}));
   EXPECT_TRUE(f.checkClassInvariants());
 
   CPiecewisePolynom const empty;
   double const zero[3] = {0.0, 0.0, 0.0};
-  EXPECT_EQ(empty.eval(zero), 0.0);
-  EXPECT_EQ(empty.integrateOnSupport(), 0.0);
-  EXPECT_EQ(empty.getCommonSupportRef().getMin()[1], DBL_MAX);
-  EXPECT_EQ(empty.getCommonSupportRef().getMax()[1], -DBL_MAX);
+  EXPECT_EQ(
+      (std::vector<double>{empty.eval(zero), empty.integrateOnSupport(),
+                           empty.getCommonSupportRef().getMin()[1], empty.getCommonSupportRef().getMax()[1]}),
+      (std::vector<double>{0.0, 0.0, DBL_MAX, -DBL_MAX}));
   EXPECT_TRUE(empty.checkClassInvariants());
   EXPECT_EQ((empty * f).getTermsNumber(), 0);
 }
@@ -82,12 +81,10 @@ TEST(PiecewisePolynom, TouchingBoxesMultiplyToNothing)
   CPiecewisePolynom const a(CLimitedPolynom(constant(1.0), CParallelepiped(0, 1, 0, 1, 0, 1), nullptr));
   double const shift[3] = {1.0, 0.0, 0.0};
   CPiecewisePolynom const b(CLimitedPolynom(constant(3.0), CParallelepiped(1, 2, 0, 1, 0, 1), shift));
-  CPiecewisePolynom const ab = a * b;
-  EXPECT_EQ(ab.getTermsNumber(), 0);
-  EXPECT_EQ(ab.integrateOnSupport(), 0.0);
-  CPiecewisePolynom const sum = a + b;
-  EXPECT_EQ(sum.getTermsNumber(), 2);
-  EXPECT_EQ(sum.getCommonSupportRef().getMax()[0], 2.0);
+  CPiecewisePolynom const ab = a * b, sum = a + b;
+  EXPECT_EQ((std::vector<double>{double(ab.getTermsNumber()), ab.integrateOnSupport(),
+                                 double(sum.getTermsNumber()), sum.getCommonSupportRef().getMax()[0]}),
+            (std::vector<double>{0.0, 0.0, 2.0, 2.0}));
   EXPECT_NEAR(sum.integrateOnSupport(), 4.0, 1e-15);
   EXPECT_TRUE(sum.checkClassInvariants());
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <random>
 #include <set>
 #include <vector>
@@ -78,24 +79,18 @@ template <class F> double integrate1D(F f, std::vector<double> breaks, GaussRule
 /// 4-point rule (exact up to degree 7 per axis).
 template <class F> double integrate3D(F f, std::vector<double> const (&breaks)[3])
 {
-  GaussRule const & g = rule(4);
-  return integrate1D(
-      [&](double x)
-      {
-        return integrate1D(
-            [&](double y)
-            {
-              return integrate1D(
-                  [&](double z)
-                  {
-                    double const p[3] = {x, y, z};
-                    return f(p);
-                  },
-                  breaks[2], g);
-            },
-            breaks[1], g);
-      },
-      breaks[0], g);
+  double p[3];
+  std::function<double(int)> const over = [&](int a)
+  {
+    return integrate1D(
+        [&](double t)
+        {
+          p[a] = t;
+          return a == 2 ? f(static_cast<double const *>(p)) : over(a + 1);
+        },
+        breaks[a], rule(4));
+  };
+  return over(0);
 }
 
 inline VolTr::CSingleVarPolynom randomPolynom(std::mt19937 & rng, int degree)

@@ -43,9 +43,9 @@ TEST(ProductPolynom, FactorSpreadOverAxesAndStrictOverlap)
   CProductPolynom const t(k, touching, k);
   CProductPolynom out(k, k, k);
   s.multiply(&out, t);
-  EXPECT_TRUE(out.empty());
-  for (int a = 0; a < 3; ++a)
-    EXPECT_TRUE(out.getMultiplier(a).empty());
+  EXPECT_EQ((std::vector<bool>{out.empty(), out.getMultiplier(0).empty(), out.getMultiplier(1).empty(),
+                               out.getMultiplier(2).empty()}),
+            std::vector<bool>(4, true));
   EXPECT_EQ(out.integrateOnSupportWithBuffer(nullptr), 0.0);
   s *= 0.0;
   EXPECT_EQ(s.getMultiplier(0).maxPower(), -1);
@@ -58,14 +58,13 @@ TEST(ProductPiecewisePolynom, SumsKeepTheOriginInTheirSupport)
   k.substituteArgPlusConst(-3.0); // [1.5, 4.5]
   CProductPiecewisePolynom f;
   f.addSummand(CProductPolynom(k, k, k));
+  // The box reaches back to 0, and the stored copy is re-expressed about the
+  // common shift 0.
   for (int a = 0; a < 3; ++a)
-  {
-    EXPECT_EQ(f.getCommonSupportRef().getMin()[a], 0.0);
-    EXPECT_EQ(f.getCommonSupportRef().getMax()[a], 4.5);
-    EXPECT_EQ(f.getCommonShift()[a], 0.0);
-    // The stored copy is re-expressed about the common shift 0.
-    EXPECT_EQ(f.getSummand(0).getMultiplier(a).getArgShift(), 0.0);
-  }
+    EXPECT_EQ((std::vector<double>{f.getCommonSupportRef().getMin()[a], f.getCommonSupportRef().getMax()[a],
+                                   f.getCommonShift()[a], f.getSummand(0).getMultiplier(a).getArgShift()}),
+              (std::vector<double>{0.0, 4.5, 0.0, 0.0}))
+        << a;
   EXPECT_FALSE(f.checkClassInvariants());
   double const p[3] = {3.0, 3.2, 2.9};
   EXPECT_NEAR(f.eval(p), k.eval(3.0) * k.eval(3.2) * k.eval(2.9), 1e-15);
