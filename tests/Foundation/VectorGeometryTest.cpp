@@ -92,7 +92,7 @@ TEST(VectorGeometry, RotateVectorKeepsTheSystemForm)
   V const z = {0, 0, 1};
   V out;
   RotateVector(out.data(), z.data(), V{1, 0, 1}.data(), M_PI);
-  expectNear(out.data(), {-1, 0, -1}, 1e-15); // the axial part scales by cos + sin
+  expectNear(out.data(), {-1, 0, -1}, 1e-15);
 
   // Against the closed form, for an axis of any length: the part across the
   // axis turns, the axial part is scaled by cos + sin.
@@ -221,18 +221,15 @@ TEST(VectorGeometry, CircumscribeCircleOverloads)
   // their outputs alone.
   double const l0[3] = {0, 0, 0}, l1[3] = {1, 1, 1}, l2[3] = {3, 3, 3};
   centre[0] = r2 = 42;
-  EXPECT_FALSE(CircumscribeCircle(l0, l1, l2, centre, r2));
-  EXPECT_TRUE(centre[0] == 42.0 && r2 == 42.0);
+  EXPECT_TRUE(!CircumscribeCircle(l0, l1, l2, centre, r2) && centre[0] == 42.0 && r2 == 42.0);
   Point3D_d const dl[3] = {Point3D_d(l0), Point3D_d(l1), Point3D_d(l2)};
   Point3D_d dc;
-  EXPECT_FALSE(CircumscribeCircle(dl, dc, r2));
-  EXPECT_EQ(r2, static_cast<double>(NO_VALUE_MARK));
+  EXPECT_TRUE(!CircumscribeCircle(dl, dc, r2) && r2 == static_cast<double>(NO_VALUE_MARK));
   // A flat triangle of height 0.01 passes 1e-9 but not the float forms' 0.001.
   float const f0[3] = {0, 0, 0}, f1[3] = {1, 0.01f, 0}, f2[3] = {2, 0, 0};
   EXPECT_TRUE(CircumscribeCircle(f0, f1, f2, centre, r2));
   fr2 = 5;
-  EXPECT_FALSE(CircumscribeCircle(f0, f1, f2, fcentre, fr2));
-  EXPECT_EQ(fr2, 5.0f);
+  EXPECT_TRUE(!CircumscribeCircle(f0, f1, f2, fcentre, fr2) && fr2 == 5.0f);
 }
 
 TEST(VectorGeometry, PlaneFrameCoordinatesAndBulge)
