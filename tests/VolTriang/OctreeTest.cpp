@@ -336,29 +336,24 @@ TEST(COctreeReference, MatchesTheSlowBuildOnEveryKindOfCloud)
   expectSameTree(QZTest::makeTorusCloud(300, 1.0, 0.3, 13), 4, true, -1);
 }
 
-TEST(COctree, CentrePolicyDepthsAndBoxes)
-{
-  CSampleCloud const cloud = QZTest::makeSphereCloud(200, 1.0, 41);
-  COctree const tree(&cloud, 4, nullptr, true, -1);
-  EXPECT_FALSE(tree.isUniform());
-  // The nodes' box reaches half a coarsest cell beyond the cube.
-  CParallelepiped const nodes = tree.getNodesBoundaryBox();
-  double const half = tree.getCellSize(tree.getNodeDepthBegin()) * 0.5;
-  for (int a = 0; a < 3; ++a)
-  {
-    EXPECT_DOUBLE_EQ(nodes.getMin()[a], tree.getBoxMin()[a] - half);
-    EXPECT_DOUBLE_EQ(nodes.getMax()[a], tree.getBoxMax()[a] + half);
-  }
-  EXPECT_TRUE(COctree(&cloud, 4, nullptr, true, 0).isUniform());
-  EXPECT_TRUE(COctree(&cloud, 4, nullptr, false, 0).isUniform());
-}
-
+// Cells, neighbour boxes and the nodes' box; a tree is uniform when its
+// nodes lie on one depth.
 TEST(COctree, GeometryIdentities)
 {
   CSampleCloud const cloud = QZTest::makeTorusCloud(300, 1.0, 0.4, 51);
   for (bool center : {false, true})
   {
     COctree const tree(&cloud, 5, nullptr, center, -1);
+    EXPECT_FALSE(tree.isUniform());
+    EXPECT_TRUE(COctree(&cloud, 5, nullptr, center, 0).isUniform());
+    // Centre nodes reach half a coarsest cell beyond the cube.
+    CParallelepiped const nodes = tree.getNodesBoundaryBox();
+    double const half = center ? tree.getCellSize(tree.getNodeDepthBegin()) * 0.5 : 0.0;
+    for (int a = 0; a < 3; ++a)
+    {
+      EXPECT_DOUBLE_EQ(nodes.getMin()[a], tree.getBoxMin()[a] - half);
+      EXPECT_DOUBLE_EQ(nodes.getMax()[a], tree.getBoxMax()[a] + half);
+    }
     double const unit = tree.getUnit();
     EXPECT_EQ(unit, tree.getBoxSize() / 32);
     EXPECT_EQ(tree.getCellSize(tree.getLeafCellDepth()), unit);
