@@ -117,8 +117,7 @@ TEST(jbProcess, ClosedSurfacesHaveTheirGenusVolumeAndOrientation)
       }
     int const bisections = 10 * static_cast<int>(sink.mesh.vertices.size());
     EXPECT_LT(c.f->evaluations - bisections, 8 * static_cast<int>(sink.mesh.triangles.size()));
-    EXPECT_EQ(p.centers, nullptr); // everything freed at the end
-    EXPECT_EQ(p.vertices.items, nullptr);
+    EXPECT_TRUE(p.centers == nullptr && p.vertices.items == nullptr); // everything freed at the end
   }
 }
 
@@ -175,12 +174,10 @@ TEST(jbProcess, NoStartRefusalAndExceptionsFreeEverything)
   refusing.refuseAfter = 5;
   EXPECT_EQ(p.polygonize(f, 0.1, bounds100, Point3D_d(1, 0, 0), refusing), 2);
   EXPECT_EQ(refusing.mesh.triangles.size(), 5u);
-  EXPECT_EQ(p.cubes, nullptr);
-  EXPECT_EQ(p.edges, nullptr);
+  EXPECT_TRUE(p.cubes == nullptr && p.edges == nullptr);
   throwing.throwAfter = 40;
   EXPECT_THROW(p.polygonize(f, 0.1, bounds100, Point3D_d(1, 0, 0), throwing), std::runtime_error);
-  EXPECT_EQ(p.cubes, nullptr);
-  EXPECT_EQ(p.corners, nullptr); // the sanitizer run proves nothing leaked
+  EXPECT_TRUE(p.cubes == nullptr && p.corners == nullptr); // the sanitizer run proves nothing leaked
 }
 
 TEST(jbProcess, MarchingCubesCoversEveryComponent)
@@ -284,8 +281,7 @@ TEST(jbProcess, DeferredVerticesGiveTheSameSequence)
   EXPECT_EQ(refused.mesh.triangles.size(), 123u);
   failing.failAt = 3;
   EXPECT_THROW(p.polygonizeDeferred(f, 0.05, bounds100, start, sink, failing, 10), std::runtime_error);
-  EXPECT_EQ(p.corners, nullptr);
-  EXPECT_EQ(p.cubes, nullptr);
+  EXPECT_TRUE(p.cubes == nullptr && p.corners == nullptr);
   // No start: the same answer as the plain walk.
   Field positive([](Point3D_d const &) { return 1.0; });
   EXPECT_EQ(p.polygonizeDeferred(positive, 0.05, bounds100, Point3D_d(0, 0, 0), sink, failing, 10), 1);
