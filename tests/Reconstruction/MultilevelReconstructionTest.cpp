@@ -108,7 +108,7 @@ TEST(MultilevelReconstruction, FailuresAndInterruptionAsOnTheAssembledPath)
 
   QZTest::CSampleCloud const cloud = QZTest::makeSphereCloud(3000, 1.0, 8);
   CProgressCounter progress;
-  InterruptInPhase const interrupt(&progress, "solve");
+  PhaseObserver interrupt(&progress, "solve");
   CVolTriangulationParams p = makeParams(5, true);
   p.setPhaseNameShown(true);
   CMeshTarget target;

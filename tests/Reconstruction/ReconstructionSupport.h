@@ -95,19 +95,29 @@ struct ThreadCount
   ~ThreadCount() { CVescaThreadingTasksHelper::setNumOfPhisicalThread(0); }
 };
 
-/// Requests an interruption as soon as the counter enters a given phase.
-struct InterruptInPhase : IProgressObserver
+/// Records the positions a counter reports and the phases it passes, and
+/// requests an interruption as soon as it enters a given phase ("" for none).
+struct PhaseObserver : IProgressObserver
 {
   CProgressCounter * counter;
   std::string phase;
-  InterruptInPhase(CProgressCounter * c, std::string p) : counter(c), phase(std::move(p))
+  double interruptedAt = -1.0;
+  std::vector<double> positions;
+  std::vector<std::string> names;
+  explicit PhaseObserver(CProgressCounter * c, std::string p = "") : counter(c), phase(std::move(p))
   {
     counter->AddObserver(this);
   }
-  void onProgress(double, std::string const & name) override
+  void onProgress(double pos, std::string const & name) override
   {
-    if (name == phase)
+    positions.push_back(pos);
+    if (!name.empty() && (names.empty() || names.back() != name))
+      names.push_back(name);
+    if (!phase.empty() && name == phase && interruptedAt < 0)
+    {
+      interruptedAt = pos;
       counter->RequestInterrupt();
+    }
   }
 };
 } // namespace qztest

@@ -223,25 +223,13 @@ TEST(Reconstruction, BadInputFailsWithItsText)
 // requested in any of them leaves run, before the surface with no triangle.
 TEST(Reconstruction, ProgressRisesThroughThePhasesAndInterruptionLeavesEachOfThem)
 {
-  struct Recorder : IProgressObserver
-  {
-    std::vector<double> positions;
-    std::vector<std::string> names;
-    void onProgress(double pos, std::string const & name) override
-    {
-      positions.push_back(pos);
-      if (names.empty() || names.back() != name)
-        names.push_back(name);
-    }
-  };
   CVolTriangulationParams p = makeParams(5);
   p.setPhaseNameShown(true);
   for (int threads : {1, 2})
   {
     ThreadCount const count(threads);
-    Recorder rec;
     CProgressCounter progress;
-    progress.AddObserver(&rec);
+    PhaseObserver rec(&progress);
     reconstruct(sphere(), p, &progress);
     EXPECT_DOUBLE_EQ(progress.GetPosFloat(), 1.0);
     EXPECT_TRUE(std::is_sorted(rec.positions.begin(), rec.positions.end()));
@@ -254,7 +242,7 @@ TEST(Reconstruction, ProgressRisesThroughThePhasesAndInterruptionLeavesEachOfThe
     for (std::string const & phase : phases)
     {
       CProgressCounter interrupted;
-      InterruptInPhase const interrupt(&interrupted, phase);
+      PhaseObserver interrupt(&interrupted, phase);
       CMeshTarget target;
       CVolumetricTriangulator t(&target, &sphere(), &p, &interrupted);
       EXPECT_THROW(t.run(), CUserIntrException) << phase;

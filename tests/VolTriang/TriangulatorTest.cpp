@@ -225,30 +225,13 @@ TEST(CVolumetricTriangulator, PhaseWeightsDecideTheTreeShare)
   {
     qztest::ThreadCount const threads(c.threads);
     CProgressCounter progress;
-    // Records the phases and stops the run as soon as the tree is done.
-    struct CStopAfterTree : IProgressObserver
-    {
-      CProgressCounter * counter = nullptr;
-      double treeEnd = -1.0;
-      std::vector<std::string> names;
-      void onProgress(double pos, std::string const & name) override
-      {
-        if (!name.empty() && (names.empty() || names.back() != name))
-          names.push_back(name);
-        if (name == "grad_basis" && treeEnd < 0)
-        {
-          treeEnd = pos;
-          counter->RequestInterrupt();
-        }
-      }
-    } recorder;
-    recorder.counter = &progress;
-    progress.AddObserver(&recorder);
+    qztest::PhaseObserver recorder(&progress, "grad_basis"); // stops the run after the tree
     CVolTriangulationParams p = qztest::makeParams(c.depth);
     p.setVariableDensity(c.density);
     p.setPhaseNameShown(true);
     EXPECT_THROW(CVolumetricTriangulator(nullptr, &cloud, &p, &progress).run(), CUserIntrException);
-    EXPECT_DOUBLE_EQ(recorder.treeEnd, 10.0 / c.total) << c.threads << " " << c.depth << " " << c.density;
+    EXPECT_DOUBLE_EQ(recorder.interruptedAt, 10.0 / c.total)
+        << c.threads << " " << c.depth << " " << c.density;
     EXPECT_EQ(recorder.names, (std::vector<std::string>{"tree", "grad_basis"}));
   }
 }
