@@ -144,23 +144,6 @@ TEST(CSFProductHelper, DepthScalingAndZeroTest)
   EXPECT_EQ(mass.cashSize(), sizeBefore);
 }
 
-TEST(CSFProductHelper, ProductWithACombinationIsTheSumOverNodes)
-{
-  qztest::SphereBases const b = sphereBases(true, 4);
-  Helper div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6, odd);
-  COctreeFuncLinCombTmpl<CProductPiecewisePolynom> field(b.grad[0].get());
-  for (int n = 0; n < b.basis->getFunctionsNumber(); ++n)
-    field.setBasisCoefficient(n, n % 3 == 0 ? 0.0 : std::cos(0.7 * n));
-  for (int o = 0; o < b.basis->getFunctionsNumber(); o += 7)
-  {
-    auto const f = b.basis->makeFunctionByIndex(o);
-    double ref = 0;
-    for (int n = 0; n < b.basis->getFunctionsNumber(); ++n)
-      ref += field.getBasisCoefficient(n) * direct(f, b.grad[0]->makeFunctionByIndex(n));
-    EXPECT_NEAR(div.evalScalarProduct(f, field), ref, 1e-9 * (1 + std::fabs(ref)));
-  }
-}
-
 // The general form keeps its products in a map that grows by at most one
 // entry per miss, and serves the other derivative axes after a swap too.
 TEST(CSFProductHelper, GeneralFormAgreesWithTheSeparableForm)

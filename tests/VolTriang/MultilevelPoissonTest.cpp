@@ -96,7 +96,8 @@ TEST(MultilevelPoisson, EntriesEqualTheAssembledScalarProducts)
 }
 
 // The right part equals the Galerkin projection of the divergence that the
-// assembly computes through the cache, for a sparse field (as the splat
+// assembly computes through the cache (its product with a combination, for
+// each axis after a swap of the variables), for a sparse field (as the splat
 // leaves it) on every depth.
 TEST(MultilevelPoisson, RightPartEqualsTheProjectedDivergence)
 {
