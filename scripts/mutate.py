@@ -269,6 +269,14 @@ def cmd_generate(args):
     commit = subprocess.run(["git", "-C", src, "rev-parse", "HEAD"], capture_output=True,
                             text=True).stdout.strip()
     suites = args.suites.split(",") if args.suites else list(SUITES)
+    # The list names its commit, so it must be made from that commit's files:
+    # a copy where a run has a mutant in place would yield mutants that undo
+    # it (and offsets of a changed text).
+    files = [path for suite in suites for path in SUITES[suite]["files"]]
+    changed = subprocess.run(["git", "-C", src, "status", "--porcelain", "--"] + files,
+                             capture_output=True, text=True).stdout.strip()
+    if changed:
+        sys.exit("the copy has changes in files to mutate (a run in progress?):\n" + changed)
     mutants = []
     for suite in suites:
         for path in SUITES[suite]["files"]:
