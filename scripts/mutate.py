@@ -53,30 +53,45 @@ def library_suite(files, exe):
 SUITES = {
     "Foundation": library_suite(
         ["QZmath/Foundation/Matrix.cpp", "QZmath/Foundation/NumericRoutines.cpp",
-         "QZmath/Foundation/VectorGeometry.cpp", "QZmath/Foundation/RotationMatrix.cpp"],
+         "QZmath/Foundation/VectorGeometry.cpp", "QZmath/Foundation/RotationMatrix.cpp",
+         "QZmath/Foundation/LinearTransform.cpp", "QZmath/Foundation/OrthoNormBasis.cpp",
+         "QZmath/Foundation/Quaternion.cpp", "QZmath/Foundation/Vector.cpp"],
         "tests/Foundation/test_foundation"),
     "LinSys": library_suite(
         ["QZmath/LinSys/CSRSquareMatrix.cpp", "QZmath/LinSys/LinSysSolverDecomposed.cpp",
-         "QZmath/LinSys/SparseVector.cpp", "QZmath/LinSys/LinSysVariableManager.cpp"],
+         "QZmath/LinSys/SparseVector.cpp", "QZmath/LinSys/LinSysVariableManager.cpp",
+         "QZmath/LinSys/CSRSstorage.cpp", "QZmath/LinSys/LinSysSolverCore.cpp",
+         "QZmath/LinSys/LinSysSolverSparseDss.cpp", "QZmath/LinSys/LinSysSolverCompose.cpp",
+         "QZmath/LinSys/VPLSstorage.cpp", "QZmath/LinSys/VertexLinearCombination.cpp",
+         "QZmath/LinSys/bicgstab.cpp"],
         "tests/LinSys/test_linsys"),
     "Persistence": library_suite(
         ["QZmath/Persistence/ExternVector.cpp", "QZmath/Persistence/ComponentFilters.cpp",
-         "QZmath/Persistence/Heap.cpp"],
+         "QZmath/Persistence/Heap.cpp", "QZmath/Persistence/BinaryStream.cpp",
+         "QZmath/Persistence/Colours.cpp", "QZmath/Persistence/GraphObject.cpp",
+         "QZmath/Persistence/ModelSizer.cpp"],
         "tests/Persistence/test_persistence"),
     "QZsys": dict(
-        files=["QZsys/Progress.cpp", "QZsys/Threading.cpp", "QZsys/DebugLog.cpp"],
+        files=["QZsys/Progress.cpp", "QZsys/Threading.cpp", "QZsys/DebugLog.cpp",
+               "QZsys/ConsoleProgressBar.cpp", "QZsys/TempFile.cpp"],
         targets=["QZsys"], exe="tests/QZsys/test_qzsys", lib="QZsys/libQZsys.so.0"),
     "BlockProcessor": library_suite(
         ["QZmath/BlockProcessor/BlockProc.cpp", "QZmath/BlockProcessor/BlockWorker.cpp",
-         "QZmath/BlockProcessor/ThreadTrace.cpp"],
+         "QZmath/BlockProcessor/ThreadTrace.cpp", "QZmath/BlockProcessor/TransThreadPrgCntAdapter.cpp",
+         "QZmath/BlockProcessor/detail/MutexLockers.cpp"],
         "tests/BlockProcessor/test_blockprocessor"),
     "Fitting": library_suite(
         ["QZmath/Fitting/FitCircle.cpp", "QZmath/Fitting/PlaneEq.cpp",
-         "QZmath/Fitting/PolylineFitCurve.cpp", "QZmath/Fitting/QLPoptimize.cpp"],
+         "QZmath/Fitting/PolylineFitCurve.cpp", "QZmath/Fitting/QLPoptimize.cpp",
+         "QZmath/Fitting/Arc2D.cpp", "QZmath/Fitting/ContourCorners.cpp", "QZmath/Fitting/FitLine.cpp",
+         "QZmath/Fitting/MinMaxOptimizer.cpp", "QZmath/Fitting/PolylineSmoothing.cpp",
+         "QZmath/Fitting/RobustRegression.cpp"],
         "tests/Fitting/test_fitting"),
     "SurfaceAnalysis": library_suite(
         ["QZmath/SurfaceAnalysis/GetNormal.cpp", "QZmath/SurfaceAnalysis/Distances.cpp",
-         "QZmath/SurfaceAnalysis/NormalEstimation.cpp", "QZmath/SurfaceAnalysis/QuadraticForm.cpp"],
+         "QZmath/SurfaceAnalysis/NormalEstimation.cpp", "QZmath/SurfaceAnalysis/QuadraticForm.cpp",
+         "QZmath/SurfaceAnalysis/Contour2D.cpp", "QZmath/SurfaceAnalysis/NetProjection.cpp",
+         "QZmath/SurfaceAnalysis/ProjectorTriangle.cpp", "QZmath/SurfaceAnalysis/Projectors.cpp"],
         "tests/SurfaceAnalysis/test_surfaceanalysis"),
     # The polygoniser's driver belongs here: the fast and the specified
     # extraction are compared, normals included, in this suite.
@@ -86,7 +101,8 @@ SUITES = {
          "QZmath/VolTriang/ProductPolynom.cpp", "QZmath/VolTriang/CSFProductHelper.cpp",
          "QZmath/VolTriang/OctreeFuncBasis.cpp", "QZmath/VolTriang/OctreeFuncBlockEval.cpp",
          "QZmath/VolTriang/MultilevelPoisson.cpp", "QZmath/VolTriang/Kernels.cpp",
-         "QZmath/VolTriang/jbProcess.cpp", "QZmath/VolTriang/VolTriangIsoSurface.cpp"],
+         "QZmath/VolTriang/jbProcess.cpp", "QZmath/VolTriang/VolTriangIsoSurface.cpp",
+         "QZmath/VolTriang/OctreeFuncLatticeEval.cpp", "QZmath/VolTriang/OctreeIterators.cpp"],
         "tests/VolTriang/test_voltriang"),
     # The quick end-to-end suite only: the deep cases are a program of their own.
     "Reconstruction": library_suite(
@@ -94,7 +110,7 @@ SUITES = {
          "QZmath/VolTriang/VolumetricTriangulator.cpp"],
         "tests/Reconstruction/test_reconstruction"),
     "Tools": dict(
-        files=["tools/qzrecon/CloudIO.cpp", "tools/qzrecon/ShapeCloud.cpp"],
+        files=["tools/qzrecon/CloudIO.cpp", "tools/qzrecon/ShapeCloud.cpp", "tools/qzrecon/CloudNormals.cpp"],
         targets=["test_tools", "qzrecon", "qznormals", "qzsample"], exe="tests/Tools/test_tools",
         lib=None),
 }
