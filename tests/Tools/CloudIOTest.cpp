@@ -1,6 +1,8 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -10,8 +12,10 @@
 #include <unistd.h>
 
 #include "CloudIO.h"
+#include "tests/Common/Checks.h"
 
 using namespace qzrecon;
+using testing::HasSubstr;
 
 namespace
 {
@@ -25,6 +29,12 @@ void writeFile(std::string const & path, std::string const & bytes)
 {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string readFile(std::string const & path)
+{
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 template <class T> void appendValue(std::string & s, T v, bool bigEndian)
@@ -72,14 +82,17 @@ std::string binaryPly(bool bigEndian, bool asDouble, std::vector<std::array<doub
 std::vector<std::array<double, 6>> const kRows = {
     {0.5, -1.25, 2.0, 0, 0, 1}, {1e3, 2e-3, -7.5, 0.6, 0.8, 0}, {-0.125, 0.25, 3.5, 1, 0, 0}};
 
-void expectRows(OrientedCloud const & c)
+/// The rows of kRows, with their normals or (`normals` false) without any.
+void expectRows(OrientedCloud const & c, bool normals = true)
 {
   ASSERT_EQ(c.size(), kRows.size());
+  EXPECT_EQ(c.hasNormals(), normals);
+  EXPECT_EQ(c.normals.size(), normals ? c.points.size() : 0u);
   for (std::size_t i = 0; i < kRows.size(); ++i)
     for (int k = 0; k < 3; ++k)
     {
       EXPECT_EQ(c.points[3 * i + k], static_cast<float>(kRows[i][k]));
-      EXPECT_EQ(c.normals[3 * i + k], static_cast<float>(kRows[i][k + 3]));
+      EXPECT_TRUE(!normals || c.normals[3 * i + k] == static_cast<float>(kRows[i][k + 3]));
     }
 }
 
@@ -159,10 +172,9 @@ TEST(CloudIO, MalformedInputsNameTheFileAndPlace)
   for (Case const & c : cases)
   {
     writeFile(tempPath(c.file), c.bytes);
-    std::string const e = errorOf(tempPath(c.file));
-    EXPECT_NE(e.find(c.message), std::string::npos) << c.bytes << " -> " << e;
+    EXPECT_THAT(errorOf(tempPath(c.file)), HasSubstr(c.message)) << c.bytes;
   }
-  EXPECT_NE(errorOf(tempPath("missing.ply")).find("cannot read"), std::string::npos);
+  EXPECT_THAT(errorOf(tempPath("missing.ply")), HasSubstr("cannot read"));
 }
 
 TEST(CloudIO, TruncatedBinaryFailsAtEveryCut)
@@ -173,12 +185,8 @@ TEST(CloudIO, TruncatedBinaryFailsAtEveryCut)
   for (std::size_t cut = 0; cut < full.size(); ++cut)
   {
     writeFile(p, full.substr(0, cut));
-    std::string const e = errorOf(p);
-    EXPECT_FALSE(e.empty()) << "cut at " << cut;
-    if (cut > headerEnd)
-    {
-      EXPECT_NE(e.find("byte "), std::string::npos) << e;
-    }
+    EXPECT_THAT(errorOf(p), HasSubstr(cut > headerEnd ? "byte " : "")) << "cut at " << cut;
+    EXPECT_FALSE(errorOf(p).empty()) << "cut at " << cut;
   }
 }
 
@@ -186,8 +194,7 @@ TEST(CloudIO, HugeDeclaredCountFailsCleanly)
 {
   std::string const p = tempPath("huge.ply");
   writeFile(p, binaryPly(false, true, kRows, 4000000000L));
-  std::string const e = errorOf(p);
-  EXPECT_NE(e.find("unexpected end of file in vertex"), std::string::npos) << e;
+  EXPECT_THAT(errorOf(p), HasSubstr("unexpected end of file in vertex"));
 
   // An element without properties takes no bytes, whatever its count: the
   // vertices behind it are read at once (this used to count to 2^63).
@@ -205,8 +212,7 @@ TEST(CloudIO, WrittenPlyReadsBackAsMesh)
   m.triangles = {0, 1, 2, 0, 2, 3};
   std::string const p = tempPath("mesh.ply");
   writePly(p, m, true);
-  std::ifstream in(p, std::ios::binary);
-  std::string const bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string const bytes = readFile(p);
   std::string const header =
       "ply\nformat binary_little_endian 1.0\ncomment made by qzrecon\nelement vertex 4\n"
       "property float x\nproperty float y\nproperty float z\n"
@@ -226,9 +232,7 @@ TEST(CloudIO, WrittenPlyReadsBackAsMesh)
   EXPECT_EQ(idx, 3);
 
   writePly(p, m, false);
-  std::ifstream in2(p, std::ios::binary);
-  std::string const bytes2((std::istreambuf_iterator<char>(in2)), std::istreambuf_iterator<char>());
-  EXPECT_EQ(bytes2.find("property float nx"), std::string::npos);
+  EXPECT_EQ(readFile(p).find("property float nx"), std::string::npos);
   EXPECT_THROW(writePly("/nonexistent-dir/mesh.ply", m, false), std::runtime_error);
 }
 
@@ -237,19 +241,12 @@ TEST(CloudIO, CloudsWithoutNormals)
   // Text: the first line decides; three to five values are a point alone.
   std::string const p = tempPath("plain.xyz");
   writeFile(p, "# scan\n0.5 -1.25 2\n1000 0.002 -7.5 17\n-0.125,0.25,3.5,1,2\n");
-  OrientedCloud const c = readCloud(p);
-  ASSERT_EQ(c.size(), 3u);
-  EXPECT_FALSE(c.hasNormals());
-  EXPECT_TRUE(c.normals.empty());
-  for (std::size_t i = 0; i < 3; ++i)
-    for (int k = 0; k < 3; ++k)
-      EXPECT_EQ(c.points[3 * i + k], static_cast<float>(kRows[i][k]));
+  expectRows(readCloud(p), false);
   writeFile(p, "0 0 0\n1 2 3 0 0 1\n");
-  EXPECT_NE(errorOf(p).find("plain.xyz: line 2: expected three values (x y z) as on line 1, found 6"),
-            std::string::npos)
-      << errorOf(p);
+  EXPECT_THAT(errorOf(p),
+              HasSubstr("plain.xyz: line 2: expected three values (x y z) as on line 1, found 6"));
   writeFile(p, "0 0\n");
-  EXPECT_NE(errorOf(p).find("line 1: expected x y z, or x y z nx ny nz"), std::string::npos) << errorOf(p);
+  EXPECT_THAT(errorOf(p), HasSubstr("line 1: expected x y z, or x y z nx ny nz"));
 
   // PLY with x y z only; written back as a cloud and read again.
   std::string const q = tempPath("plain.ply");
@@ -267,8 +264,7 @@ TEST(CloudIO, CloudsWithoutNormals)
     OrientedCloud const e = readCloud(q);
     EXPECT_EQ(e.points, d.points);
     EXPECT_EQ(e.normals, d.normals);
-    std::ifstream in(q, std::ios::binary);
-    std::string const bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string const bytes = readFile(q);
     EXPECT_EQ(bytes.find("element face"), std::string::npos);
     EXPECT_EQ(bytes.find("property float nx") != std::string::npos, normals);
   }
@@ -283,18 +279,8 @@ TEST(CloudIO, WritabilityIsCheckedWithoutHarm)
   std::string const kept = tempPath("kept.txt");
   writeFile(kept, "keep me");
   EXPECT_NO_THROW(checkWritable(kept));
-  std::ifstream in(kept);
-  std::string text;
-  std::getline(in, text);
-  EXPECT_EQ(text, "keep me");
-  try
-  {
-    checkWritable("/nonexistent-dir/out.ply");
-    ADD_FAILURE() << "no error for a missing folder";
-  }
-  catch (std::runtime_error const & e)
-  {
-    EXPECT_STREQ(e.what(), "/nonexistent-dir/out.ply: cannot write the file (No such file or directory)");
-  }
+  EXPECT_EQ(readFile(kept), "keep me");
+  EXPECT_EQ(QZTest::whatOf<std::runtime_error>([] { checkWritable("/nonexistent-dir/out.ply"); }),
+            "/nonexistent-dir/out.ply: cannot write the file (No such file or directory)");
   EXPECT_THROW(checkWritable(testing::TempDir()), std::runtime_error);
 }
