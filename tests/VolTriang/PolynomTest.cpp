@@ -1,25 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
 
 #include "QZmath/VolTriang/Polynom.h"
 #include "tests/VolTriang/PolynomTestSupport.h"
 
 using namespace qztest::poly;
-
-namespace VolTr
-{
-// Reaches the private term list and the repair operation of CPolynom.
-class CPolynomTestAccess
-{
-public:
-  static std::vector<CWeightedMonom> & terms(CPolynom & p) { return p.m_terms; }
-  static void collect(CPolynom & p) { p.collectAndSortSimilarTerms(); }
-  static bool partialSorted(CPolynom const & p, size_t n) { return p.debugCheckTermsPartialSorted(n); }
-};
-} // namespace VolTr
-
 using namespace VolTr;
 
 namespace
@@ -27,45 +13,20 @@ namespace
 CPolynom term(double w, int a, int b, int c) { return CPolynom(CWeightedMonom(w, CMonom(a, b, c))); }
 } // namespace
 
-TEST(Monom, ZeroWeightsOrderAndPowers)
+// Exact cancellations, which random polynomials never reach, take their
+// terms away and lower the degree as far as the remaining terms allow.
+TEST(Polynom, CancelledTermsLeaveAndTheDegreeFollows)
 {
-  int const e[3] = {1, 2, 3};
-  EXPECT_EQ(CWeightedMonom(0.0, 3, e).getMonomRef(), CMonom());
-  EXPECT_EQ(CWeightedMonom(0.5, 3, e).getMonomRef(), CMonom(1, 2, 3));
-  EXPECT_EQ(CWeightedMonom(0.0, CMonom(1, 2, 3)).getMonomRef(), CMonom(1, 2, 3));
-  EXPECT_EQ((std::vector<bool>{CMonom(0, 5, 5) < CMonom(1, 0, 0), CMonom(1, 0, 9) < CMonom(1, 1, 0),
-                               CMonom(1, 1, 0) < CMonom(1, 1, 0)}),
-            (std::vector<bool>{true, true, false}));
-  EXPECT_EQ(CMonom::x_i_pow_d(2, 4), CMonom(0, 0, 4));
-  // An exponent 0 gives the factor 1 even at a zero coordinate.
-  double const p[3] = {0.0, 3.0, -2.0};
-  EXPECT_EQ((std::vector<double>{CMonom(0, 2, 1).eval(p), CMonom(1, 2, 1).eval(p),
-                                 (2.5 * CMonom(1, 0, 0)).getCoeff()}),
-            (std::vector<double>{-18.0, 0.0, 2.5}));
-  // x y^2 on [0,1] x [1,2] x [-1,1]: 1/2 * 7/3 * 2.
-  EXPECT_DOUBLE_EQ(CMonom(1, 2, 0).integrateOnBox(CParallelepiped(0, 1, 1, 2, -1, 1)), 7.0 / 3.0);
-}
-
-TEST(Polynom, InsertionKeepsOrderAndDegree)
-{
-  // The number of terms and the degree.
   auto shape = [](CPolynom const & x) { return std::make_pair(x.getSummandNumber(), x.power()); };
   CPolynom p = term(1.0, 2, 0, 0) + term(1.0, 0, 1, 0);
-  EXPECT_EQ(shape(p), std::make_pair(2, 2));
   CPolynom q = p;
   p.insertWeightedMonom(CWeightedMonom(-1.0, CMonom(2, 0, 0))); // cancels the top term
   EXPECT_EQ(shape(p), std::make_pair(1, 1));
   q.insertWeightedMonom(CWeightedMonom(-1.0, CMonom(0, 1, 0))); // cancels a lower one
   EXPECT_EQ(shape(q), std::make_pair(1, 2));
-  q.insertWeightedMonom(CWeightedMonom(0.0, CMonom(0, 0, 3))); // a new zero term stays
-  EXPECT_EQ(shape(q), std::make_pair(2, 3));
-  EXPECT_TRUE(q.checkClassInvariants());
-  q += 0.0; // a constant zero term
-  EXPECT_EQ(q.getSummandNumber(), 3);
-  EXPECT_EQ(q.getSummand(0).getMonomRef(), CMonom());
-  q += q; // 0 + 0 erases both zero terms; losing z^3 lowers the degree
+  q.insertWeightedMonom(CWeightedMonom(0.0, CMonom(0, 0, 3)));
+  q += q; // 0 + 0 erases the zero term; losing z^3 lowers the degree
   EXPECT_EQ(shape(q), std::make_pair(1, 2));
-  EXPECT_EQ(q.getSummand(0).getCoeff(), 2.0);
   EXPECT_TRUE(q.checkClassInvariants());
 
   // (x + y)(x - y): the mixed terms cancel exactly and disappear.
@@ -75,23 +36,10 @@ TEST(Polynom, InsertionKeepsOrderAndDegree)
   EXPECT_EQ(sd.getSummand(0).getMonomRef(), CMonom(0, 2, 0));
   EXPECT_EQ(sd.getSummand(0).getCoeff(), -1.0);
   EXPECT_EQ(sd.getSummand(1).getMonomRef(), CMonom(2, 0, 0));
-  CPolynom z = sd * 0.0;
-  EXPECT_EQ(shape(z), std::make_pair(2, 2));
+  CPolynom z = sd;
   z *= CMonom(0, 0, 1);
   EXPECT_EQ(z.power(), 3);
   EXPECT_TRUE(z.checkClassInvariants());
-}
-
-// The values of shifted polynomials are checked on random ones below.
-TEST(Polynom, ZeroShiftsAndConstantsAreLeftAsTheyAre)
-{
-  CPolynom c = term(3.5, 0, 0, 0) + term(0.0, 0, 0, 0), r = term(2.0, 1, 1, 1);
-  int const terms = c.getSummandNumber();
-  double const big[3] = {100.0, -7.0, 3.0}, zero[3] = {0.0, 0.0, 0.0};
-  c.substituteArgPlusConst(big);
-  r.substituteArgPlusConst(zero);
-  EXPECT_EQ((std::vector<double>{double(c.getSummandNumber()), c.eval(zero), double(r.getSummandNumber())}),
-            (std::vector<double>{double(terms), 3.5, 1.0}));
 }
 
 TEST(Polynom, AlgebraAgreesWithValuesOnRandomPolynomials)
@@ -130,25 +78,6 @@ TEST(Polynom, AlgebraAgreesWithValuesOnRandomPolynomials)
     double const quad = integrate3D([&](double const * x) { return prod.eval(x); }, breaks);
     EXPECT_TRUE(near(prod.integrateOnBox(box), quad, 1e-11, 1e-12));
   }
-}
-
-TEST(Polynom, CollectAndSortRestoresOrderAfterDirectEdits)
-{
-  CPolynom p = term(1, 0, 0, 0) + term(2, 1, 0, 0) + term(3, 0, 2, 0) + term(4, 1, 1, 1);
-  double const x[3] = {0.3, -0.7, 1.9};
-  double const value = p.eval(x);
-  std::vector<CWeightedMonom> & t = CPolynomTestAccess::terms(p);
-  std::reverse(t.begin(), t.end());
-  t.push_back(CWeightedMonom(-1.0, CMonom(0, 2, 0)));
-  t.push_back(CWeightedMonom(5.0, CMonom(0, 0, 7)));
-  t.push_back(CWeightedMonom(-5.0, CMonom(0, 0, 7)));
-  EXPECT_FALSE(p.checkClassInvariants());
-  EXPECT_TRUE(CPolynomTestAccess::partialSorted(p, 1));
-  EXPECT_FALSE(CPolynomTestAccess::partialSorted(p, 2));
-  CPolynomTestAccess::collect(p);
-  EXPECT_TRUE(p.checkClassInvariants()); // the cached degree happens to stay right
-  EXPECT_EQ(p.getSummandNumber(), 4);
-  EXPECT_DOUBLE_EQ(p.eval(x), value - 0.49);
 }
 
 TEST(LimitedPolynom, LazyShiftAndRebaseKeepTheFunction)

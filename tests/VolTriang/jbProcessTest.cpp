@@ -197,21 +197,6 @@ TEST(jbProcess, MarchingCubesCoversEveryComponent)
   EXPECT_NEAR(-qztest::signedVolume(all.mesh), 2 * 4.0 / 3.0 * M_PI * 0.064, 0.05 * 0.536);
 }
 
-TEST(jbVertices, GrowsFromTenByDoubling)
-{
-  jbVertices v{0, 0, nullptr};
-  for (int i = 0; i < 25; ++i)
-  {
-    jbVertex x;
-    x.position = Point3D_d(i, 0, 0);
-    EXPECT_EQ(v.add(x), i);
-    EXPECT_TRUE(i > 0 || v.capacity == 10);
-  }
-  EXPECT_EQ(v.capacity, 40);
-  EXPECT_EQ(v.items[24].position.x(), 24.0);
-  std::free(v.items);
-}
-
 namespace
 {
 // Bisects each deferred edge with the walk's own `converge` on a polygoniser
