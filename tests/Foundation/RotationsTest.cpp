@@ -85,18 +85,6 @@ void expectSameRotation(const Quaternion & a, const Quaternion & b, double tol)
 }
 } // namespace
 
-TEST(RotationMatrix, RowsColumnsAndArithmetic)
-{
-  Point3D_d const r0(1, 2, 3), r1(4, 5, 6), r2(7, 8, 10);
-  CRotationMatrix const a = CRotationMatrix::buildFromRows(r0, r1, r2);
-  EXPECT_TRUE(a.m[1][2] == 6.0 && a.getColumn(0).y() == 4.0);
-  CRotationMatrix acc = CRotationMatrix::buildFromColumns(r0, r1, r2);
-  acc += a;
-  expectNear(acc, a + a.getTransposed(), 0);
-  EXPECT_EQ((a / 3.0).m[0][0], 1.0 / 3.0) << "a true division";
-  expectNear(CRotationMatrix(), CRotationMatrix::Identity(), 0);
-}
-
 TEST(RotationMatrix, SelfAdjointTolerances)
 {
   EXPECT_TRUE(CRotationMatrix::Zero().isSelfAdjoint()) << "0 <= 0 passes the relative test";
@@ -206,18 +194,12 @@ TEST(RotationMatrix, EulerAnglesOfMatricesAndQuaternions)
 
 TEST(Quaternion, ValuesAndNormalisation)
 {
-  Quaternion q(0, 3, 0, 4);
-  EXPECT_EQ(q.length(), 5.0);
-  q.normalize();
-  EXPECT_DOUBLE_EQ(q.getZ(), 0.8);
   // Nothing to scale: the identity.
   for (Quaternion bad : {Quaternion(0, 0, 0, 0), Quaternion(std::nan(""), 0, 0, 0)})
   {
     bad.normalize();
     EXPECT_EQ(bad, Quaternion(1, 0, 0, 0));
   }
-  EXPECT_TRUE(Quaternion(1, 2, 3, 4).areEqualTo(Quaternion(1.05, 2, 2.95, 4), 0.051) &&
-              !Quaternion(1, 2, 3, 4).areEqualTo(Quaternion(1, 2, 3, 4.2), 0.1));
 
   // About y and z the components are stored as computed; about x normalised.
   double const a = 0.7;
@@ -304,7 +286,6 @@ TEST(Quaternion, Slerp)
 TEST(OrthoNormBasis, WorldFrameAndBuilders)
 {
   EXPECT_TRUE(COrthoNormBasis().isOrthoNormRightHand());
-  EXPECT_EQ(COrthoNormBasis::IdentityE2().z(), 1.0);
   // The helper axis: y for V2 along x, x for V2 along z.
   auto helperFrame = [](Point3D_d v2)
   { return COrthoNormBasis::buildAnyRightHandByV2AndOrigin(v2, Point3D_d()); };
@@ -388,21 +369,11 @@ TEST(OrthoNormBasis, OrthonormalityTests)
 
   // Scaled axes are orthogonal but not unit: not orthonormal.
   EXPECT_FALSE(COrthoNormBasis::buildByOrthsAndOrigin(x * 2.0, y, z, o).isOrthoNorm());
-
-  // No guard against a zero vector: the axes are not finite.
-  COrthoNormBasis const zero = COrthoNormBasis::buildAnyRightHandByV2AndOrigin(Point3D_d(), o);
-  EXPECT_FALSE(std::isfinite(zero.getE2().x()) || zero.isOrthoNorm());
 }
 
 TEST(LinearTransform, ApplyComposeAndInvert)
 {
   Rng rng;
-  RElinearTransform const id;
-  Point3D_d const p(1.5, -2, 3);
-  expectNear(id.transformPoint(p), p, 0);
-  expectNear(RElinearTransform::Zero().transformPoint(p), Point3D_d(), 0);
-  EXPECT_EQ(RElinearTransform::Identity().matrix[1][1], 1.0);
-
   for (int rep = 0; rep < 100; ++rep)
   {
     RElinearTransform const a = rng.rotation(), b = rng.rotation();
@@ -412,10 +383,6 @@ TEST(LinearTransform, ApplyComposeAndInvert)
     // The orthogonal inverse undoes a rigid map.
     expectNear(a.getInvertedOrtho().transformPoint(a.transformPoint(q)), q, 1e-12);
     EXPECT_TRUE(a.isOrtho());
-    RElinearTransform twice = a;
-    twice.invertOrtho();
-    twice.invertOrtho();
-    expectNear(twice.transformPoint(q), a.transformPoint(q), 1e-12);
 
     // A general regular map needs invertTransform.
     RElinearTransform general = a;
@@ -426,9 +393,6 @@ TEST(LinearTransform, ApplyComposeAndInvert)
     ASSERT_TRUE(invertTransform(general, ginv));
     expectNear(ginv.transformPoint(general.transformPoint(q)), q, 1e-10);
   }
-  RElinearTransform scaled;
-  scaled.matrix[1][1] = 1.001;
-  EXPECT_FALSE(scaled.isOrtho());
   RElinearTransform out = rng.rotation();
   RElinearTransform const before = out;
   EXPECT_FALSE(invertTransform(RElinearTransform::Zero(), out));

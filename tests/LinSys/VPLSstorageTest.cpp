@@ -90,30 +90,6 @@ TYPED_TEST(VPLSstorage, LateFreeVerticesAndSpoiledSystemsMakeNoRows)
   EXPECT_EQ(s.GetFreeVertCoeff(-1, 0), T(0));
 }
 
-TYPED_TEST(VPLSstorage, CopyIsDeepAndSymmetryIsOnlyAFlag)
-{
-  using S = TypeParam;
-  using T = ElementOf<S>;
-  S s;
-  EXPECT_FALSE(s.isSymmetric());
-  s.setSymmetric(true);
-  EXPECT_TRUE(s.isSymmetric());
-  s.DefineFreeVertex(10);
-  s.DefineFreeVertex(20);
-  s.AddEquation(eq<T>({{10, 2.0}, {20, 1.0}}));
-  std::unique_ptr<S> copy(s.Copy());
-  EXPECT_TRUE(copy->isSymmetric());
-  copy->AddEquation(eq<T>({{10, 1.0}, {20, 3.0}}));
-  EXPECT_TRUE(copy->IsCorrectlyDefinedSystem());
-  EXPECT_EQ(s.GetEquationsNumber(), 1);
-  T const x[2] = {T(1), T(10)};
-  // Full rows are kept in a symmetric system: the second row holds its
-  // element below the diagonal.
-  EXPECT_EQ(copy->ScalarProductByMatrixRow(1, 2, x), T(31));
-  EXPECT_EQ(copy->ScalarProductByMatrixRow(0, 2, x), T(12));
-  EXPECT_EQ(s.ScalarProductByMatrixRow(1, 2, x), T(0)); // not added to the original
-}
-
 TEST(VPLSstorageRows, ShiftedRowsTrimBothEndsAndNoRowIsReadPastItsEnd)
 {
   using A = CShiftedVectorAsVPLstorageRow<double>;
