@@ -6,11 +6,9 @@
 // began) the worker computes contributions for every cell of the 3 x 3 blocks
 // around b, and applying the block adds them in. Additions of unsigned
 // integers commute, so every schedule gives the same model as the plain loops
-// of `ReferenceCells`; blocks whose neighbourhoods overlap (Chebyshev distance
-// 2 or less) conflict, so no two writers touch one cell at once. The client
-// also checks the engine's promises while it runs: conflicting blocks are
-// never in work together, and model reads and writes follow the
-// reader-writer protocol.
+// of `ReferenceCells`. Which blocks may be in work together is the schedule's
+// answer, checked against a plain scheduler in BlockScheduleTest; the client
+// checks that model reads and writes follow the reader-writer protocol.
 
 #include <gtest/gtest.h>
 
@@ -229,8 +227,7 @@ public:
   std::vector<int> processed; // ProcessFragment calls per block, all passes
   std::vector<int> applied;   // blocks in the order of ApplyBlockChanges
   std::atomic<int> starts{0}, finishes{0}, creations{0}, finalizes{0};
-  int maxInWork = 0; // under the lock of the blocks in work
-  std::atomic<bool> conflictSeen{false}, lockViolation{false};
+  std::atomic<bool> lockViolation{false};
   // The progress at each pass start and at the global end, when counted.
   std::vector<double> positions;
 
@@ -257,22 +254,6 @@ public:
       positions.push_back(GetProgressCounter()->GetPosFloat());
   }
 
-  // Work on block b begins / ends: no block that conflicts with it may be in
-  // work meanwhile.
-  void Enter(int b)
-  {
-    std::lock_guard<std::mutex> lock(m_activeMutex);
-    for (int a : m_active)
-      if (m_structure.Conflict(a, b))
-        conflictSeen = true;
-    m_active.push_back(b);
-    maxInWork = std::max(maxInWork, static_cast<int>(m_active.size()));
-  }
-  void Leave(int b)
-  {
-    std::lock_guard<std::mutex> lock(m_activeMutex);
-    m_active.erase(std::find(m_active.begin(), m_active.end(), b));
-  }
   // Model access: readers may overlap each other, never a writer.
   void Read()
   {
@@ -326,12 +307,10 @@ protected:
     RecordOp("apply", b);
     if (IsUseParallelThreads())
       Write();
-    Enter(b);
     auto const * grid = static_cast<GridFragment const *>(fragment);
     AddContributions(cells, m_structure.Width(), m_structure.Height(), b,
                      grid ? grid->add : pending[static_cast<std::size_t>(b)]);
     applied.push_back(b);
-    Leave(b);
     if (IsUseParallelThreads())
       EndWrite();
   }
@@ -359,8 +338,6 @@ private:
   GridStructure & m_structure;
   mutable std::mutex m_eventsMutex;
   std::vector<std::string> m_events;
-  std::mutex m_activeMutex;
-  std::vector<int> m_active;
   std::atomic<int> m_readers{0}, m_writers{0};
 };
 
@@ -428,13 +405,6 @@ inline int GridWorker::ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVes
   m_grid->RecordOp("process", b);
   if (m_grid->onProcess)
     m_grid->onProcess(b);
-  m_grid->Enter(b);
-  struct LC_Leave
-  {
-    GridProcessor * grid;
-    int b;
-    ~LC_Leave() { grid->Leave(b); }
-  } leave{m_grid, b};
   ++m_grid->processed[static_cast<std::size_t>(b)];
   if (b == m_grid->failBlock)
   {

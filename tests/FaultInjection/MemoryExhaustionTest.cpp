@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <memory>
 #include <new>
-#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -73,24 +72,10 @@ template <class Attempt, class After> int sweep(Attempt attempt, After after)
   return failures;
 }
 
-/// A dense n x n row-major matrix: a diagonal and three more non-zeros a row
-/// at random columns, mirrored when symmetric.
+/// A dense n x n row-major matrix with about four non-zeros a row.
 std::vector<double> randomSparse(int n, bool symmetric, unsigned seed)
 {
-  std::mt19937 gen(seed);
-  std::vector<double> a(static_cast<std::size_t>(n) * n, 0.0);
-  for (int i = 0; i < n; ++i)
-  {
-    a[i * n + i] = 8.5 + gen() % 4;
-    for (int k = 0; k < 3; ++k)
-    {
-      int const j = static_cast<int>(gen() % n);
-      a[i * n + j] = static_cast<int>(gen() % 9) - 4.5;
-      if (symmetric)
-        a[j * n + i] = a[i * n + j];
-    }
-  }
-  return a;
+  return linsys_test::freeMatrix<double>(linsys_test::randomProblem(n, 4, symmetric, seed));
 }
 } // namespace
 

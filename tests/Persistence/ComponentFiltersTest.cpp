@@ -355,17 +355,14 @@ TEST(ComponentFilters, PlaceholdersLoggersErrorsAndSelectors)
   ASSERT_EQ(log.lines.size(), 1u);
   EXPECT_TRUE(log.lines[0].first == L"rest skipped" && log.lines[0].second == LogLevel_Warning);
   EXPECT_EQ(skip.Load(logger), 0); // already at the end
-  EXPECT_TRUE(skip.Save() == 0 && skip.GetVersion() == 0 && skip.GetBlockMark() == "SkipTillEnd");
+  EXPECT_TRUE(skip.Save() == 0 && skip.GetBlockMark() == "SkipTillEnd");
 
   CComponentFilterStub stub(L"stub name", t.stream);
-  EXPECT_TRUE(stub.Save() == 0 && stub.Load(logger) == 0 && stub.GetVersion() == 0 &&
-              stub.GetBlockMark() == "STUB" && stub.GetComponentName() == L"stub name");
+  EXPECT_TRUE(stub.Save() == 0 && stub.Load(logger) == 0 && stub.GetBlockMark() == "STUB");
 
   logger.FinalizeLoading();
   logger.FinalizeLoading();
   EXPECT_EQ(logger.finalized, 1);
-  EXPECT_STREQ(CUnknownFormatError().what(), "Vesca exception");
-  EXPECT_STREQ(CFileReadError().what(), "Vesca exception");
 
   std::unique_ptr<IGraphObjectSelector> total(IGraphObjectSelector::CreateTotal());
   std::unique_ptr<IGraphObjectSelector> copy(total->Copy());

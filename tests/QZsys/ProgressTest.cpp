@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <stdexcept>
 #include <thread>
@@ -264,40 +263,6 @@ TEST(PrgCntBlocksTreaded, JoinsWorkerProgressByBlocks)
   EXPECT_THROW(b.UpdateParentPrgCnt(), CUserIntrException);
   b.RemoveChildPrgCnt(&w2);
   EXPECT_NO_THROW(w2.SetPosFloat(1));
-}
-
-TEST(PrgCntBlocksTreaded, WorkersOnThreads)
-{
-  CProgressCounter parent;
-  CPrgCntBlocksTreaded b(&parent);
-  int const blocks = 64;
-  b.SetBlocksNumber(blocks);
-  std::atomic<int> next{0};
-  auto worker = [&]
-  {
-    CProgressCounter own;
-    b.AddChildPrgCnt(&own);
-    for (int k; (k = next.fetch_add(1)) < blocks;)
-    {
-      b.BindChildToBlock(k, &own);
-      for (int s = 1; s <= 10; ++s)
-        own.SetPosFloat(s / 10.0);
-      b.OnOneBlockMoreFinished(k, &own);
-    }
-    b.RemoveChildPrgCnt(&own);
-  };
-  std::thread t1(worker), t2(worker);
-  double last = 0;
-  for (int i = 0; i < 100; ++i)
-  {
-    b.UpdateParentPrgCnt();
-    EXPECT_GE(parent.GetPosFloat(), last);
-    last = parent.GetPosFloat();
-  }
-  t1.join();
-  t2.join();
-  b.UpdateParentPrgCnt();
-  EXPECT_DOUBLE_EQ(parent.GetPosFloat(), 1.0);
 }
 
 TEST(ConsoleProgressBar, FormatsBarPercentAndPhase)

@@ -218,19 +218,3 @@ TEST(ThreadingFactory, ThreadRunsWaitsAndSwallows)
   t3.reset();
   EXPECT_TRUE(done.load());
 }
-
-TEST(ThreadingFactory, TimerKnowsItsThreadAndSleeperSleeps)
-{
-  auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
-  CountingObserver obs;
-  std::unique_ptr<IVescaTimer> timer(f.createTimer(&obs));
-  EXPECT_TRUE(timer->isCallingThreadOwner());
-  EXPECT_EQ(timer->getObserver(), &obs);
-  bool otherOwner = true;
-  std::thread([&] { otherOwner = timer->isCallingThreadOwner(); }).join();
-  EXPECT_FALSE(otherOwner);
-  std::unique_ptr<IVescaSleeper> s(f.createSleeper());
-  auto const t0 = std::chrono::steady_clock::now();
-  s->sleep(20);
-  EXPECT_GE(std::chrono::steady_clock::now() - t0, 18ms);
-}
