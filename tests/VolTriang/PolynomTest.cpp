@@ -79,33 +79,3 @@ TEST(Polynom, AlgebraAgreesWithValuesOnRandomPolynomials)
     EXPECT_TRUE(near(prod.integrateOnBox(box), quad, 1e-11, 1e-12));
   }
 }
-
-TEST(LimitedPolynom, LazyShiftAndRebaseKeepTheFunction)
-{
-  std::mt19937 rng(41);
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  double const shift[3] = {0.5, -0.25, 1.0};
-  CLimitedPolynom const f(randomPolynom3(rng, 6, 2), CParallelepiped(-1, 1, -1, 1, -1, 1), shift);
-  CLimitedPolynom moved(f), rebased(f), origin(f), scaled(f);
-  double const c[3] = {0.2, 0.3, -0.4}, s[3] = {2.0, 0.5, -1.0};
-  moved.substituteArgPlusConst(c);
-  moved.substituteArgPlusConst(nullptr);
-  rebased.changeShift(c);
-  origin.changeShift(nullptr);
-  scaled.scaleArgument(s);
-  EXPECT_DOUBLE_EQ(moved.getSupportRef().getMin()[2], -0.6);
-  EXPECT_DOUBLE_EQ(moved.getArgShift3()[0], 0.3);
-  // A negative factor does not swap the bounds.
-  EXPECT_EQ((std::vector<double>{origin.getArgShift3()[1], scaled.getSupportRef().getMin()[2]}),
-            (std::vector<double>{0.0, 1.0}));
-  for (int i = 0; i < 20; ++i)
-  {
-    double const x[3] = {u(rng), u(rng), u(rng)};
-    double const xc[3] = {x[0] + c[0], x[1] + c[1], x[2] + c[2]};
-    double const xs[3] = {s[0] * x[0], s[1] * x[1], s[2] * x[2]};
-    EXPECT_TRUE(near(moved.eval(x), f.eval(xc), 1e-13, 1e-13));
-    EXPECT_TRUE(near(rebased.eval(x), f.eval(x), 1e-12, 1e-12));
-    EXPECT_TRUE(near(origin.eval(x), f.eval(x), 1e-12, 1e-12));
-    EXPECT_TRUE(near(scaled.eval(x), f.eval(xs), 1e-12, 1e-12));
-  }
-}
