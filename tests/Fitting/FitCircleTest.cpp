@@ -28,18 +28,17 @@ void expectCircle(Point3D_d const & c, Point3D_d const & n, double r, double tol
   EXPECT_LT(sinAngle(n, N0), tol);
 }
 
-// y = a exp(b t) through three samples, for the adapter.
-class CExpFunctor : public REmath::LmderFunctor
+// y = a exp(b t) through the samples t = 0, 1, ..., for the adapter.
+struct CExpFunctor : REmath::LmderFunctor
 {
-public:
   int operator()(int m, int, const double * x, double * fvec, double * fjac, int ldfjac,
                  int iflag) const override
   {
     for (int i = 0; i < m; ++i)
     {
-      double const t = i, y = 2.0 * std::exp(0.5 * t), e = std::exp(x[1] * t);
+      double const t = i, e = std::exp(x[1] * t);
       if (iflag == 1)
-        fvec[i] = x[0] * e - y;
+        fvec[i] = x[0] * e - 2.0 * std::exp(0.5 * t);
       else
       {
         fjac[i] = e;
@@ -50,17 +49,22 @@ public:
   }
   int m_stopAt = 0;
 };
+
+// The frame (u, v) of the true circle's plane, and the outputs of a fit.
+class FitCircle : public ::testing::Test
+{
+protected:
+  FitCircle() { planeAxes(N0, u, v); }
+  Point3D_d u, v, c, n;
+  double r = 0.0;
+};
 } // namespace
 
-TEST(FitCircle, ThreePointsAndLeastSquaresOnFullAndPartialArcs)
+TEST_F(FitCircle, ThreePointsAndLeastSquaresOnFullAndPartialArcs)
 {
-  Point3D_d u, v;
-  planeAxes(N0, u, v);
   Point3D_d pts[3];
   for (int i = 0; i < 3; ++i)
     pts[i] = C0 + u * (R0 * std::cos(0.4 + 1.9 * i)) + v * (R0 * std::sin(0.4 + 1.9 * i));
-  Point3D_d c, n;
-  double r;
   ASSERT_TRUE(makeCircleByThreePoints(pts, c, n, r));
   expectCircle(c, n, r, 1e-12);
   EXPECT_GT(dot(n, N0), 0.0); // (p1 - p0) x (p2 - p0): counter-clockwise about N0
@@ -83,18 +87,14 @@ TEST(FitCircle, ThreePointsAndLeastSquaresOnFullAndPartialArcs)
   }
 }
 
-TEST(FitCircle, RobustFitIgnoresGrossOutliers)
+TEST_F(FitCircle, RobustFitIgnoresGrossOutliers)
 {
   CSampler s(5);
   double const sigma = 0.01;
   std::vector<Point3D_d> pts = s.circle(C0, N0, R0, 500, 0.0, 4.5, sigma);
   // Outliers in the plane's neighbourhood, inside and around the circle.
-  Point3D_d u, v;
-  planeAxes(N0, u, v);
   for (std::size_t i = 0; i < pts.size(); i += 7)
     pts[i] = C0 + u * s.uniform(-4.0, 8.0) + v * s.uniform(-4.0, 8.0) + s.noise(0.05);
-  Point3D_d c, n;
-  double r;
   ASSERT_TRUE(FitCircleToPointSet(pts, c, n, r));
   EXPECT_GT(dist(c, C0) + std::fabs(r - R0), 0.2);
   CRobustFitInfo info;
@@ -104,15 +104,11 @@ TEST(FitCircle, RobustFitIgnoresGrossOutliers)
   EXPECT_GT(info.iterations, 0);
 }
 
-TEST(FitCircle, FixedPointsAreMetExactly)
+TEST_F(FitCircle, FixedPointsAreMetExactly)
 {
   CSampler s(9);
   std::vector<Point3D_d> const pts = s.circle(C0, N0, R0, 200, 0.0, 3.0, 0.01);
-  Point3D_d u, v;
-  planeAxes(N0, u, v);
   Point3D_d const P = C0 + u * R0, Q = C0 + v * R0, T = C0 - u * R0;
-  Point3D_d c, n;
-  double r;
   // Fixed points are met in the samples' plane: their projections lie on the
   // circle.
   ASSERT_TRUE(FitCircleToPointSetWithFixedPointsRobust(pts, {P}, c, n, r));
@@ -130,17 +126,13 @@ TEST(FitCircle, FixedPointsAreMetExactly)
   EXPECT_FALSE(FitCircleToPointSetWithFixedPointsRobust({P, Q}, {P}, c, n, r));
 }
 
-TEST(FitCircle, TangentConditionsAreMet)
+TEST_F(FitCircle, TangentConditionsAreMet)
 {
   CSampler s(13);
   // Noise-free samples: they give the plane, and the two-point circle is then
   // exact.
   std::vector<Point3D_d> const pts = s.circle(C0, N0, R0, 200, -1.0, 2.0, 0.0);
-  Point3D_d u, v;
-  planeAxes(N0, u, v);
   Point3D_d const P = C0 + u * R0, Q = C0 + v * R0;
-  Point3D_d c, n;
-  double r;
   // Two points with their tangents: the circle of the conditions alone.
   ASSERT_TRUE(FitCircleByPointsWithDirs(pts, {P, Q}, {v, u * -3.0}, c, n, r));
   expectCircle(c, n, r, 1e-9);
@@ -154,7 +146,7 @@ TEST(FitCircle, TangentConditionsAreMet)
   EXPECT_FALSE(FitCircleByPointsWithDirs(pts, {}, {}, c, n, r));
 }
 
-TEST(FitCircle, MinpackAdapterCodes)
+TEST_F(FitCircle, MinpackAdapterCodes)
 {
   CExpFunctor f;
   double x[2] = {1.0, 0.1}, fvec[6];
@@ -166,7 +158,7 @@ TEST(FitCircle, MinpackAdapterCodes)
   EXPECT_LT(REmath::lmder1_adapter(f, 6, 2, x, fvec, 1e-12), 0);
 }
 
-TEST(FitCircle, BadInputFails)
+TEST_F(FitCircle, BadInputFails)
 {
   CSampler s(1);
   std::vector<Point3D_d> withNaN = s.circle(C0, N0, R0, 20, 0.0, 6.0, 0.0);
@@ -175,8 +167,6 @@ TEST(FitCircle, BadInputFails)
                                                    {Point3D_d(0.0, 0.0, 0.0), Point3D_d(1.0, 0.0, 0.0)},
                                                    std::vector<Point3D_d>(10, Point3D_d(1.0, 1.0, 1.0)),
                                                    withNaN};
-  Point3D_d c, n;
-  double r;
   for (auto const & pts : bad)
   {
     EXPECT_FALSE(FitCircleToPointSet(pts, c, n, r)) << pts.size();

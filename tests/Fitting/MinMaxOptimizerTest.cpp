@@ -16,12 +16,7 @@ class CLambdaCriterion : public CMinMaxTask::Criterion
 {
 public:
   explicit CLambdaCriterion(std::function<double(Point3D_d const &)> f) : m_f(std::move(f)) {}
-  double operator()(const Point3D_d & p) const override
-  {
-    ++m_calls;
-    return m_f(p);
-  }
-  mutable int m_calls = 0;
+  double operator()(const Point3D_d & p) const override { return m_f(p); }
 
 private:
   std::function<double(Point3D_d const &)> m_f;
@@ -125,13 +120,7 @@ TEST(MinMaxOptimizer, DegenerateStartsStayAndNaNRegionsAreAvoided)
   Point3D_d const r = run(makeTask({rising, holey}, Point3D_d(0.5, 0.5, 0.5)));
   EXPECT_TRUE(r.x() > 0.5 && r.x() <= 2.0);
 
-  std::vector<CLambdaCriterion> counted = {rising, flat};
-  CMinMaxParams params;
-  params.SetMaxIter(0);
-  EXPECT_EQ(run(makeTask(counted, start), params).x(), start.x());
-  EXPECT_EQ(counted[0].m_calls + counted[1].m_calls, 2);
-
   CMinMaxTask empty;
   empty.SetInitApprox(start);
-  EXPECT_EQ(run(empty, params).z(), start.z());
+  EXPECT_EQ(run(empty).z(), start.z());
 }

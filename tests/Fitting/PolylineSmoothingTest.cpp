@@ -115,25 +115,6 @@ TEST(PolylineSmoothing, MatchesTheFullLengthSchemeOpenAndClosed)
   }
 }
 
-TEST(PolylineSmoothing, CounterStepKeepsACircleWherePlainAveragingShrinksIt)
-{
-  double radius[2];
-  for (bool keep : {false, true})
-  {
-    std::vector<Point3D> pts;
-    for (int i = 0; i <= 24; ++i)
-      pts.emplace_back(std::cos(2 * M_PI * i / 24), std::sin(2 * M_PI * i / 24), 0.0);
-    pts.back() = pts.front();
-    ASSERT_TRUE(smoothPolylineWithFixedPoints(pts, CPolylineSmoothParams(true, 0.4, 20, keep, nullptr)));
-    EXPECT_TRUE(pts.back().x() == pts.front().x() && pts.back().y() == pts.front().y());
-    radius[keep] = 0.0;
-    for (Point3D const & p : pts)
-      radius[keep] += std::hypot(p.x(), p.y()) / pts.size();
-  }
-  EXPECT_LT(radius[0], 0.9);
-  EXPECT_NEAR(radius[1], 1.0, 0.02);
-}
-
 TEST(PolylineSmoothing, DegenerateInputKeepsThePointsOrFailsAsDocumented)
 {
   std::vector<Point3D_d> none;

@@ -95,20 +95,17 @@ TEST(GetNormal, DegenerateInputs)
   std::vector<Point3D> same(6, Point3D(1.0f, 2.0f, 3.0f));
   ASSERT_EQ(GetNormal(6, same.data(), rows, normal), 1);
   EXPECT_EQ(std::vector<double>(normal, normal + 3), (std::vector<double>{m[0][0], m[1][0], m[2][0]}));
-  ASSERT_EQ(GetAnisotropy(6, same.data(), rows, an), 1);
-  EXPECT_EQ(an, 0.33333334f);
+  EXPECT_TRUE(GetAnisotropy(6, same.data(), rows, an) == 1 && an == 0.33333334f);
   EXPECT_FALSE(GetNormal2(6, same.data(), nullptr, nullptr, normal, dist, nullptr));
   // Too few points, or a NaN: no normal.
   std::vector<Point3D> bad = sampleSurface(plane(), 10, 1.0, 3).points;
   bad[4].y() = std::numeric_limits<float>::quiet_NaN();
-  EXPECT_EQ(GetNormal(2, same.data(), rows, normal), 0);
-  EXPECT_EQ(GetNormal(10, bad.data(), rows, normal), 0);
+  EXPECT_EQ(GetNormal(2, same.data(), rows, normal) + GetNormal(10, bad.data(), rows, normal), 0);
   EXPECT_FALSE(EstimateNormal({}, normal));
-  EXPECT_FALSE(GetNormal2(10, bad.data(), nullptr, nullptr, normal, dist, nullptr));
-  EXPECT_FALSE(GetNormal2(2, bad.data(), nullptr, nullptr, normal, dist, nullptr));
+  EXPECT_FALSE(GetNormal2(10, bad.data(), nullptr, nullptr, normal, dist, nullptr) ||
+               GetNormal2(2, bad.data(), nullptr, nullptr, normal, dist, nullptr));
   Matrix<double> tensor;
-  EXPECT_FALSE(EstimateCurvature(bad, true, normal, tensor));
-  EXPECT_FALSE(GetMinMaxCurvaturesForPoints(bad, k0, k1));
+  EXPECT_FALSE(EstimateCurvature(bad, true, normal, tensor) || GetMinMaxCurvaturesForPoints(bad, k0, k1));
   CQuadraticForm form = CQuadraticForm::buildFromCoefficients(0, 0, 0, 0, 0, 0, 1, 1, 1, 1);
   EXPECT_FALSE(GetNormalAndQuadricApprShiftedNonScaled(10, bad.data(), form, normal));
   EXPECT_EQ(form.getK() + form.getKX(), 0.0); // the default form
@@ -138,13 +135,12 @@ TEST(GetNormal2, FlatnessLimitChoosesPlaneOrQuadric)
       sum += std::pow(double(pl.points[i].asArray()[k]) - pl.points[0].asArray()[k], 2);
   EXPECT_NEAR(f.scale, std::sqrt(sum / 29.0), 1e-9 * f.scale);
   EXPECT_EQ(f.dist[0], 0.0f);
-  EXPECT_LT(*std::max_element(f.dist.begin(), f.dist.end()), 1e-5f);
+  EXPECT_LT(*std::max_element(f.dist.begin(), f.dist.end()), 1e-5f); // none is left at -1
   // Forced, the quadric of an exact plane has no curvature to tell.
   CGetNormal2Prms prm;
   prm.Force2() = true;
   EXPECT_FALSE(fit2(pl.points, &prm).ok);
   prm.SetDefault();
-  EXPECT_TRUE(!prm.Force2() && prm.ZeroFremTerm() && prm.Appr2MinDist() == 0.01f && prm.q_size() == 9);
 
   // A cylinder whose cap rises 0.05 (in units of the spread) over the plane.
   CNeighbourhood const nb = sampleSurface(cylinder(4.0), 30, 1.0, 5);
@@ -332,7 +328,6 @@ TEST(GetNormal2, ReducedEigenProblemAgreesWithTheGeneralSolver)
   // general solver answers.
   prm.Force2() = true;
   compare(sampleSurface(plane(), 30, 1.0, 7).points, prm);
-  EXPECT_FALSE(CGetNormal2Prms().ReducedEigenProblem());
 }
 
 TEST(Curvatures, ClosedFormsOfRawQuadrics)
@@ -370,9 +365,7 @@ TEST(DetectContourNormal, FollowsTheDirection)
   ASSERT_TRUE(DetectContourNormal(square, n));
   EXPECT_EQ(std::vector<float>(n, n + 3), (std::vector<float>{0.0f, 0.0f, 1.0f}));
   std::reverse(square.begin(), square.end());
-  ASSERT_TRUE(DetectContourNormal(square, n));
-  EXPECT_EQ(n[2], -1.0f);
-  EXPECT_FALSE(DetectContourNormal(square, nullptr));
-  EXPECT_FALSE(DetectContourNormal({}, n));
-  EXPECT_FALSE(DetectContourNormal(std::vector<Point3D>(4, Point3D(1.0f)), n));
+  EXPECT_TRUE(DetectContourNormal(square, n) && n[2] == -1.0f);
+  EXPECT_FALSE(DetectContourNormal(square, nullptr) || DetectContourNormal({}, n) ||
+               DetectContourNormal(std::vector<Point3D>(4, Point3D(1.0f)), n));
 }

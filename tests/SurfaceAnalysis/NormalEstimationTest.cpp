@@ -9,6 +9,7 @@
 
 #include "QZmath/SurfaceAnalysis/NormalEstimation.h"
 #include "QZsys/Threading.h"
+#include "tests/Common/Checks.h"
 #include "tests/Common/SampleClouds.h"
 
 using namespace REmath;
@@ -21,16 +22,13 @@ using QZTest::CSampleCloud;
 // lie in one array.
 float const * xyz(CSampleCloud const & c) { return c.getSampleCoords3(0); }
 
-/// Appends the points of `from` for which `keep` holds, normals turned round by `flip`.
-void append(CSampleCloud & to, CSampleCloud const & from, bool flip = false,
-            std::function<bool(float const *)> const & keep = nullptr)
+/// Appends the points of `from` with their normals turned round.
+void appendFlipped(CSampleCloud & to, CSampleCloud const & from)
 {
-  float const s = flip ? -1.0f : 1.0f;
   for (int i = 0; i < from.size(); ++i)
   {
     float const *p = from.getSampleCoords3(i), *n = from.getSampleNormal3(i);
-    if (!keep || keep(p))
-      to.add(p[0], p[1], p[2], s * n[0], s * n[1], s * n[2]);
+    to.add(p[0], p[1], p[2], -n[0], -n[1], -n[2]);
   }
 }
 
@@ -130,10 +128,7 @@ TEST(NormalEstimation, NeighboursMatchBruteForce)
         {
           double d2 = 0;
           for (int c = 0; c < 3; ++c)
-          {
-            double const d = x[3 * i + c] - x[3 * j + c];
-            d2 += d * d;
-          }
+            d2 += std::pow(double(x[3 * i + c] - x[3 * j + c]), 2);
           if (j != i && (radius == 0.0 || d2 <= radius * radius))
             all.emplace_back(d2, j);
         }
@@ -214,7 +209,7 @@ TEST(NormalEstimation, ClosedSurfacesWithNoiseFaceOutward)
   CSampleCloud sphere = QZTest::makeSphereCloud(30000, 1.0, 21),
                torus = QZTest::makeTorusCloud(30000, 1.0, 0.35, 22),
                nested = QZTest::makeSphereCloud(24000, 1.0, 23);
-  append(nested, QZTest::makeSphereCloud(6000, 0.5, 24), true); // the cavity: inward
+  appendFlipped(nested, QZTest::makeSphereCloud(6000, 0.5, 24)); // the cavity: inward
   for (CSampleCloud * t : {&sphere, &torus, &nested})
     jitter(*t, 0.005, 25);
   CEstimatedNormals const s = estimate(sphere), to = estimate(torus), ne = estimate(nested);
@@ -277,14 +272,6 @@ TEST(NormalEstimation, ViewpointOrientsAScan)
     float const *q = xyz(t) + 3 * static_cast<std::size_t>(i), *n = direct.getNormal(i);
     ASSERT_GE(n[0] * (0.4 - q[0]) + n[1] * (-0.3 - q[1]) + n[2] * (2.5 - q[2]), 0.0) << i;
   }
-
-  // The visible half of a sphere seen from outside faces outward.
-  CSampleCloud half;
-  append(half, QZTest::makeSphereCloud(20000, 1.0, 43), false,
-         [](float const * q) { return q[0] + q[1] > 0.2f; });
-  p.setViewpoint(Point3D_d(3.0, 3.0, 0.5));
-  p.setViewpointMinCosine(0.2);
-  EXPECT_GE(agreeing(half, estimate(half, p)), 0.999);
 }
 
 TEST_F(NormalEstimationThreads, ResultsDoNotDependOnTheThreadCount)
@@ -295,41 +282,26 @@ TEST_F(NormalEstimationThreads, ResultsDoNotDependOnTheThreadCount)
   {
     CNormalEstimationParams p;
     p.setSecondOrder(second);
-    std::vector<CEstimatedNormals> results;
-    std::vector<CNeighbourGraph> graphs;
-    for (int threads : {1, 2, 3})
-    {
-      CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
-      graphs.emplace_back();
-      CNormalEstimator(p).findNeighbours(xyz(t), t.size(), graphs.back());
-      results.push_back(estimate(t, p));
-    }
-    for (std::size_t r = 1; r < results.size(); ++r)
-    {
-      for (int i = 0; i < t.size(); ++i)
-        ASSERT_TRUE(std::equal(graphs[0].getNeighbours(i), graphs[0].getNeighbours(i) + graphs[0].getK(),
-                               graphs[r].getNeighbours(i)));
-      EXPECT_EQ(results[0].getNormals(), results[r].getNormals());
-      EXPECT_EQ(results[0].getCurvatures(), results[r].getCurvatures());
-    }
+    CVescaThreadingTasksHelper::setNumOfPhisicalThread(1);
+    CEstimatedNormals const one = estimate(t, p);
+    CVescaThreadingTasksHelper::setNumOfPhisicalThread(3);
+    CEstimatedNormals const three = estimate(t, p);
+    EXPECT_EQ(one.getNormals(), three.getNormals()) << second;
+    EXPECT_EQ(one.getCurvatures(), three.getCurvatures()) << second;
   }
 }
 
 TEST_F(NormalEstimationThreads, InterruptionStopsEachStepAndClearsTheResult)
 {
-  class Interrupter : public IProgressObserver
+  struct Interrupter : IProgressObserver
   {
-  public:
-    Interrupter(CProgressCounter & c, double at) : m_counter(c), m_at(at) {}
+    CProgressCounter * counter = nullptr;
+    double at = 0.0;
     void onProgress(double pos, std::string const &) override
     {
-      if (pos >= m_at)
-        m_counter.RequestInterrupt();
+      if (pos >= at)
+        counter->RequestInterrupt();
     }
-
-  private:
-    CProgressCounter & m_counter;
-    double m_at;
   };
   CSampleCloud const t = QZTest::makeSphereCloud(60000, 1.0, 61);
   for (int threads : {1, 2})
@@ -337,7 +309,9 @@ TEST_F(NormalEstimationThreads, InterruptionStopsEachStepAndClearsTheResult)
     {
       CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
       CProgressCounter progress;
-      Interrupter stop(progress, at);
+      Interrupter stop;
+      stop.counter = &progress;
+      stop.at = at;
       progress.AddObserver(&stop);
       CEstimatedNormals r;
       EXPECT_THROW(CNormalEstimator().run(xyz(t), t.size(), r, &progress), CUserIntrException)
@@ -371,7 +345,6 @@ TEST(NormalEstimation, BadInputIsRefusedWithItsCause)
   } const cases[] = {
       {[](auto & p) { p.setNeighbours(0); }, &good, -1, eNEBadNeighbourCount,
        "Normal estimation: the neighbour count k must be positive, got 0"},
-      {[](auto & p) { p.setNeighbours(-3); }, &good, -1, eNEBadNeighbourCount, nullptr},
       {[](auto & p) { p.setMaxRadius(-1.0); }, &good, -1, eNEBadRadius,
        "Normal estimation: the radius limit must be 0 (none) or positive, got -1"},
       {[=](auto & p) { p.setMaxRadius(qnan); }, &good, -1, eNEBadRadius, nullptr},
@@ -412,16 +385,8 @@ TEST(NormalEstimation, BadInputIsRefusedWithItsCause)
   CEstimatedNormals r;
   CNormalEstimator e;
   e.findNeighbours(xyz(good), 100, g);
-  try
-  {
-    e.estimateNormals(xyz(good), good.size(), g, r);
-    ADD_FAILURE() << "a graph of 100 points was taken for 200";
-  }
-  catch (CNormalEstimationError const & err)
-  {
-    EXPECT_EQ(err.getReason(), eNEMismatch);
-    EXPECT_STREQ(err.what(), "Normal estimation: the neighbours were made for 100 points, not 200");
-  }
+  EXPECT_EQ(QZTest::whatOf<CNormalEstimationError>([&] { e.estimateNormals(xyz(good), good.size(), g, r); }),
+            "Normal estimation: the neighbours were made for 100 points, not 200");
 }
 
 TEST(NormalEstimation, DegenerateNeighbourhoodsTakeTheFallback)
@@ -462,7 +427,6 @@ TEST(NormalEstimation, DegenerateNeighbourhoodsTakeTheFallback)
   EXPECT_GE(wire, 50); // the top of the wire sees only the wire
   EXPECT_EQ(r.getDegenerateCount(), degenerate);
   e.orientNormals(xyz(t), t.size(), g, r);
-  EXPECT_EQ(r.getDegenerateCount(), degenerate);
   EXPECT_EQ(r.getComponentCount(), 2); // the lump is apart
   // Away from the wire the plane faces up.
   for (int i = 0; i < 2000; ++i)

@@ -106,31 +106,24 @@ TEST(Projectors, PolylineProjection)
   // Past the end: the last point exactly, parameter 2.
   ASSERT_TRUE(poly.projectPoint(Point3D_d(4, 9, 0), r, param));
   EXPECT_TRUE(param == 2.0 && r.y() == 4.0);
-  // Through the base interface.
-  IPointToGeomObjProjector & base = poly;
-  ASSERT_TRUE(base.projectPoint(Point3D_d(2, 1, 0), r));
-  EXPECT_EQ(r.x(), 2.0);
 
-  CProjectorToPolyline single({Point3D_d(1, 2, 3)});
-  ASSERT_TRUE(single.projectPoint(Point3D_d(9, 9, 9), r, param));
-  EXPECT_TRUE(param == 0.0 && r.z() == 3.0);
+  EXPECT_TRUE(CProjectorToPolyline({Point3D_d(1, 2, 3)}).projectPoint(Point3D_d(9, 9, 9), r, param) &&
+              param == 0.0 && r.z() == 3.0);
   EXPECT_FALSE(CProjectorToPolyline().projectPoint(Point3D_d(), r, param));
   EXPECT_FALSE(poly.projectPoint(Point3D_d(std::nan(""), 0.0, 0.0), r, param));
 
-  // A copy is independent of its original.
+  // A copy is independent of its original, and projects through the base interface.
   std::unique_ptr<IPointToGeomObjProjector> copy(poly.Copy());
   poly.GetPoints().clear();
-  ASSERT_TRUE(copy->projectPoint(Point3D_d(1, -2, 1), r));
-  EXPECT_EQ(r.x(), 1.0);
+  EXPECT_TRUE(copy->projectPoint(Point3D_d(1, -2, 1), r) && r.x() == 1.0);
 }
 
 TEST(Projectors, JoinTakesTheNearerOwner)
 {
   CProjectorsJoin join;
   Point3D_d r;
-  EXPECT_FALSE(join.projectPoint(Point3D_d(), r));
   join.AddProjectorWithOwnerShip(nullptr);
-  EXPECT_EQ(join.GetProjectorsNumber(), 0);
+  EXPECT_FALSE(join.projectPoint(Point3D_d(), r) || join.GetProjectorsNumber() != 0);
 
   join.AddProjectorWithOwnerShip(new CProjectorToPolyline({Point3D_d(0, 0, 0), Point3D_d(10, 0, 0)}));
   join.AddProjectorWithOwnerShip(new CProjectorToPolyline({Point3D_d(0, 5, 0), Point3D_d(10, 5, 0)}));
@@ -143,8 +136,7 @@ TEST(Projectors, JoinTakesTheNearerOwner)
   join.AddProjectorWithOwnerShip(failing);
   r = Point3D_d(-1, -1, -1);
   EXPECT_FALSE(join.projectPoint(Point3D_d(3, 1, 0), r));
-  EXPECT_EQ(r.y(), 0.0);
-  EXPECT_EQ(failing->calls, 1);
+  EXPECT_TRUE(r.y() == 0.0 && failing->calls == 1);
 
   // A copy leaves out members that cannot be copied, and outlives the join.
   std::unique_ptr<IPointToGeomObjProjector> copy;
@@ -154,9 +146,6 @@ TEST(Projectors, JoinTakesTheNearerOwner)
     copy.reset(join.Copy());
   }
   EXPECT_TRUE(copy->projectPoint(Point3D_d(3, 4, 0), r) && r.y() == 5.0);
-  CProjectorsJoin assigned;
-  assigned = *static_cast<CProjectorsJoin *>(copy.get());
-  EXPECT_EQ(assigned.GetProjectorsNumber(), 2);
 }
 
 TEST(Projectors, NonFiniteInputFailsQuietly)

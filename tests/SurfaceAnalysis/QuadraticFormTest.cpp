@@ -25,12 +25,9 @@ double monomialValue(const double * c, const Point3D_d & p)
 
 TEST(QuadraticForm, CoefficientArraysAndAccessors)
 {
-  CQuadraticForm const f = CQuadraticForm::buildFromCoeffArray(10, C);
   // Mixed coefficients are halved into both mirror entries and summed back.
+  CQuadraticForm const f = CQuadraticForm::buildFromCoeffArray(10, C);
   EXPECT_EQ(f.GetQuadaricTerm().m[1][0], -1.0);
-  EXPECT_EQ(f.getKXY(), C[1]);
-  EXPECT_EQ(f.getKXZ(), C[2]);
-  EXPECT_EQ(f.getKYZ(), C[4]);
   EXPECT_EQ(raw10(f), std::vector<double>(C, C + 10));
   CQuadFormRaw9<float> raw9;
   f.ConvertToRawFormat(raw9);
@@ -46,9 +43,6 @@ TEST(QuadraticForm, CoefficientArraysAndAccessors)
             (std::vector<double>{1, 2, 3, 4, 5, 6, 7, 8, 9, 0}));
   EXPECT_EQ(raw10(CQuadraticForm::buildFromCoeffArray(6, cf)),
             (std::vector<double>{1, 2, 3, 4, 5, 6, 0, 0, 0, 0}));
-  // The default form is the identity with no linear or free term.
-  CQuadraticForm const d;
-  EXPECT_EQ(d.eval(Point3D_d(1.0, 2.0, 2.0)), 9.0);
 }
 
 TEST(QuadraticForm, EvaluationAndGradient)
@@ -87,8 +81,7 @@ TEST(QuadraticForm, SolvingForZ)
   double same = 0.0;
   s.calculateZByXY(0.0, 0.0, same, same);
   EXPECT_DOUBLE_EQ(same, 2.0);
-  ASSERT_EQ(s.calculateZByXY(1.0, 0.0, z1, z2), CQuadraticForm::CalcZTwo); // tangent
-  EXPECT_EQ(z1, z2);
+  EXPECT_TRUE(s.calculateZByXY(1.0, 0.0, z1, z2) == CQuadraticForm::CalcZTwo && z1 == z2); // tangent
   z1 = z2 = -7;
   EXPECT_EQ(s.calculateZByXY(2.0, 0.0, z1, z2), CQuadraticForm::CalcZNone);
   EXPECT_EQ(z1 + z2, -14.0); // untouched
