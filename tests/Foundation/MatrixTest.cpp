@@ -73,7 +73,7 @@ template <class T> double maxAbs(Matrix<T> const & m)
 
 // ---- storage ---------------------------------------------------------------------
 
-TEST(MatrixStorage, ColumnMajorLayoutAndEmptySizes)
+TEST(MatrixStorage, ColumnMajorLayoutEmptySizesAndResizeKeep)
 {
   Matrix<double> d;
   EXPECT_TRUE(d.rows() * d.cols() == 1 && d(0, 0) == 0.0);
@@ -93,6 +93,17 @@ TEST(MatrixStorage, ColumnMajorLayoutAndEmptySizes)
   k.resizeKeep(3, -1);
   k = e; // an element-less source changes nothing, like resize
   EXPECT_TRUE(k.rows() == 2 && k(1, 0) == 7);
+
+  // resizeKeep keeps the overlap and zeroes the rest.
+  for (int c = 0; c < 2; ++c)
+    for (int r = 0; r < 2; ++r)
+      k(r, c) = 10 * r + c + 1;
+  Matrix<int> g(k);
+  k.resizeKeep(1, 2);
+  EXPECT_TRUE(k == g.get(0, 0, 1, 2));
+  g.resizeKeep(3, 4);
+  EXPECT_TRUE(g.get(0, 0, 1, 2) == k && g(1, 1) == 12);
+  EXPECT_EQ(g(2, 3) + g(0, 2) + g(2, 0), 0);
 }
 
 TEST(MatrixStorage, ExternalMemoryStaysTheCallersUntilResize)
@@ -113,20 +124,6 @@ TEST(MatrixStorage, ExternalMemoryStaysTheCallersUntilResize)
   m.resize(2, 3);
   m(0, 0) = 5;
   EXPECT_TRUE(memory[0] == 9.0 && m(1, 1) == 0.0) << "owns new, zeroed memory";
-}
-
-TEST(MatrixStorage, ResizeKeepKeepsTheOverlap)
-{
-  Matrix<int> m(3, 3);
-  for (int c = 0; c < 3; ++c)
-    for (int r = 0; r < 3; ++r)
-      m(r, c) = 10 * r + c + 1;
-  Matrix<int> k(m), g(m);
-  k.resizeKeep(2, 2);
-  EXPECT_TRUE(k == m.get(0, 0, 2, 2));
-  g.resizeKeep(4, 5);
-  EXPECT_TRUE(g.get(0, 0, 3, 3) == m);
-  EXPECT_EQ(g(3, 4) + g(0, 3) + g(3, 0), 0);
 }
 
 // ---- windows and tiles ---------------------------------------------------------------
@@ -178,9 +175,6 @@ TEST(MatrixArithmetic, SizeErrorsThrowTheirWords)
   EXPECT_EQ(thrownWord([&] { return a * Vector<double>(3); }), "NURBSWrongSize2D");
   EXPECT_EQ(thrownWord([&] { return comm(a, wrong); }),
             "NURBSWrongSize2D"); // products fit, the difference not
-
-  a(0, 1) = std::nan("");
-  EXPECT_TRUE(a != a); // NaN compares unequal
 }
 
 TEST(MatrixArithmetic, ScalarOperationsRoundOnceOrWrap)
@@ -350,7 +344,7 @@ TEST(VectorStorage, ExternalMemoryIsLeftToTheCaller)
   EXPECT_TRUE(memory[0] == 1.0 && v[1] == 2.0 && v[2] == 0.0);
 }
 
-TEST(VectorArithmetic, SumsWindowsAndTheirWords)
+TEST(VectorArithmetic, SumsWindowsTheirWordsAndTheMinimum)
 {
   Vector<int> const a = iota(3), b = iota(3, 10);
   EXPECT_TRUE((a + b) - b == a);
@@ -371,12 +365,10 @@ TEST(VectorArithmetic, SumsWindowsAndTheirWords)
   one[0] = 1;
   u -= one; // unsigned elements wrap
   EXPECT_EQ(u[0], std::numeric_limits<unsigned>::max());
-}
 
-TEST(VectorArithmetic, MinimumIsTheFirstOfEqualOnes)
-{
+  // The minimum is the first of equal ones; an empty vector has none.
   double values[5] = {3, -1, 4, -1, 5};
-  Vector<double> v(values, 5);
-  EXPECT_TRUE(v.minIndex() == 1 && v.minimum() == -1.0);
+  Vector<double> w(values, 5);
+  EXPECT_TRUE(w.minIndex() == 1 && w.minimum() == -1.0);
   EXPECT_EQ(Vector<char>(0).minIndex(), -1);
 }

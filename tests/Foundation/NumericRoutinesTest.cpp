@@ -230,7 +230,7 @@ TEST(BrentZeroFun, RootsAndFailures)
   EXPECT_EQ(std::get<0>(brent(cubic, 1.0, 3.0, 0.0, 15, nullptr, 2)), 1);
 }
 
-TEST(Rounding, IntegersAndPowersOfTen)
+TEST(Rounding, IntegersPowersOfTenAndDisplayedDigits)
 {
   // -1.5 gives -1: truncation after adding 0.5.
   EXPECT_EQ((std::vector<int>{rndtoni(2.5), rndtoni(-1.5), rndtoni(-2.6), rndtoni(1e300), rndtoni(-1e300),
@@ -259,6 +259,28 @@ TEST(Rounding, IntegersAndPowersOfTen)
   EXPECT_EQ(scale(0.05).second, -2);
   for (double bad : {0.0, -5.0, HUGE_VAL})
     EXPECT_EQ(scale(bad), std::make_pair(bad, 0));
+
+  EXPECT_DOUBLE_EQ(fRound2(1.235), 1.24);
+  EXPECT_DOUBLE_EQ(fRound2(-1.234), -1.22) << "not mirrored for negatives";
+  // 1234.5678 -> 1.2345678 with scale 1000; 12345.678 + 0.5 truncates to
+  // 12346; the factors in this order.
+  EXPECT_EQ(fRound4(1234.5678), 1.0 * 1000.0 * 12346.0 * 0.1 * 0.1 * 0.1 * 0.1);
+  EXPECT_DOUBLE_EQ(fRound4(-0.000123456), -0.00012346);
+  EXPECT_DOUBLE_EQ(fRound4(1.0), 1.0); // brought to 10 first
+  EXPECT_EQ(fRound4(-1e-31), 0.0);
+  EXPECT_TRUE(std::isinf(fRound4(HUGE_VAL)));
+  EXPECT_TRUE(std::isnan(fRound4(NaN)));
+  EXPECT_DOUBLE_EQ(fRoundN(-271828.0, 3), -271800.0);
+  EXPECT_DOUBLE_EQ(fRoundN(0.56, 0), 0.6);
+  EXPECT_TRUE(std::isinf(fRoundN(5.0, 1000)));
+  std::mt19937 rng(4);
+  std::uniform_real_distribution<double> u(-8.0, 8.0);
+  for (int i = 0; i < 200; ++i)
+  {
+    double const x = std::pow(10.0, u(rng)) * (i % 2 ? -1 : 1);
+    EXPECT_NEAR(fRoundN(x, 4), fRound4(x), std::fabs(x) * 1e-15);
+    EXPECT_LE(std::fabs(fRound4(x) - x), std::fabs(x) * 5.0001e-5);
+  }
 }
 
 TEST(Rounding, RoundBoundaryTable)
@@ -281,30 +303,5 @@ TEST(Rounding, RoundBoundaryTable)
     EXPECT_DOUBLE_EQ(top, c.top) << c.value;
     EXPECT_DOUBLE_EQ(step, c.step) << c.value;
     EXPECT_EQ(std::make_pair(subdivisions, exponent), std::make_pair(c.subdivisions, c.exponent)) << c.value;
-  }
-}
-
-TEST(Rounding, DisplayedDigits)
-{
-  EXPECT_DOUBLE_EQ(fRound2(1.235), 1.24);
-  EXPECT_DOUBLE_EQ(fRound2(-1.234), -1.22) << "not mirrored for negatives";
-  // 1234.5678 -> 1.2345678 with scale 1000; 12345.678 + 0.5 truncates to
-  // 12346; the factors in this order.
-  EXPECT_EQ(fRound4(1234.5678), 1.0 * 1000.0 * 12346.0 * 0.1 * 0.1 * 0.1 * 0.1);
-  EXPECT_DOUBLE_EQ(fRound4(-0.000123456), -0.00012346);
-  EXPECT_DOUBLE_EQ(fRound4(1.0), 1.0); // brought to 10 first
-  EXPECT_EQ(fRound4(-1e-31), 0.0);
-  EXPECT_TRUE(std::isinf(fRound4(HUGE_VAL)));
-  EXPECT_TRUE(std::isnan(fRound4(NaN)));
-  EXPECT_DOUBLE_EQ(fRoundN(-271828.0, 3), -271800.0);
-  EXPECT_DOUBLE_EQ(fRoundN(0.56, 0), 0.6);
-  EXPECT_TRUE(std::isinf(fRoundN(5.0, 1000)));
-  std::mt19937 rng(4);
-  std::uniform_real_distribution<double> u(-8.0, 8.0);
-  for (int i = 0; i < 200; ++i)
-  {
-    double const x = std::pow(10.0, u(rng)) * (i % 2 ? -1 : 1);
-    EXPECT_NEAR(fRoundN(x, 4), fRound4(x), std::fabs(x) * 1e-15);
-    EXPECT_LE(std::fabs(fRound4(x) - x), std::fabs(x) * 5.0001e-5);
   }
 }

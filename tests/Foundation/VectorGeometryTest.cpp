@@ -146,7 +146,7 @@ TEST(VectorGeometry, MakeRotationMatrixRowsAreTurnedAxes)
   EXPECT_TRUE(m == identity);
 }
 
-TEST(VectorGeometry, PlaneAndParallelTests)
+TEST(VectorGeometry, PlaneParallelAndPlaneFrameCoordinates)
 {
   Point3D_d const origin(1, 1, 1), normal(0, 0, 1);
   EXPECT_TRUE(PointInPlane(Point3D_d(1.05, 1, 1.05), origin, normal, 0.1)) << "near the origin";
@@ -163,9 +163,19 @@ TEST(VectorGeometry, PlaneAndParallelTests)
   double const s2 = std::sin(0.1) * std::sin(0.1);
   EXPECT_TRUE(VectorsAreParallel(Point3D_d(2, 0, 0), b, s2 * 1.001));
   EXPECT_FALSE(VectorsAreParallel(Point3D_d(2, 0, 0), b, s2 * 0.999));
+
+  // p = 2 e1 - 3 e2, plus a part out of the plane that is ignored.
+  V const e1 = {1, 0, 0}, e2 = {1, 2, 0}, p = {2 - 3, -6, 9};
+  double u = 0, v = 0;
+  ASSERT_TRUE(CoordinateRelativeForPlaneReperDbl(p.data(), e1.data(), e2.data(), u, v, 1e-9));
+  EXPECT_NEAR(std::fabs(u - 2.0) + std::fabs(v + 3.0), 0.0, 1e-15);
+  u = v = 11;
+  EXPECT_FALSE(CoordinateRelativeForPlaneReperDbl(p.data(), e1.data(), V{-2, 0, 0}.data(), u, v, 1e-9));
+  EXPECT_FALSE(CoordinateRelativeForPlaneReperDbl(p.data(), V{0, 0, 0}.data(), e2.data(), u, v, 1e-9));
+  EXPECT_TRUE(u == 11.0 && v == 11.0);
 }
 
-TEST(VectorGeometry, CosinesAndSemiPlanarProducts)
+TEST(VectorGeometry, CosinesSemiPlanarProductsAndBulge)
 {
   Point3D const o(0, 0, 0), x(2, 0, 0), y(0, 3, 0), diag(1, 1.7320508f, 0);
   EXPECT_NEAR(cos_ABC(x, o, y), 0.0f, 1e-7);
@@ -182,6 +192,13 @@ TEST(VectorGeometry, CosinesAndSemiPlanarProducts)
   Point3D const big(1000, 1000, 1000), nextToBig(1000.0001f, 1000, 1000);
   EXPECT_TRUE(SemiPlanarScalarProd(big, nextToBig, c, d) == 0.0f &&
               SemiPlanarCos2(big, nextToBig, c, d) == NO_VALUE_MARK);
+
+  // Height 2 over a base of 4: (2 / 4)^2.
+  float const ta[3] = {1, 2, 0}, tb[3] = {0, 0, 0}, tc[3] = {4, 0, 0};
+  EXPECT_FLOAT_EQ(GetTriangleBulge(ta, tb, tc), 0.25f);
+  float const xs[4] = {9, 0, 1, 4}, ys[4] = {9, 0, 2, 0};
+  EXPECT_FLOAT_EQ(GetTriangleBulge2(xs, ys, 2), 0.25f);
+  EXPECT_FALSE(std::isfinite(GetTriangleBulge(ta, tb, tb)));
 }
 
 TEST(VectorGeometry, CircumscribeCircleOverloads)
@@ -228,24 +245,4 @@ TEST(VectorGeometry, CircumscribeCircleOverloads)
   EXPECT_TRUE(CircumscribeCircle(f0, f1, f2, centre, r2));
   fr2 = 5;
   EXPECT_TRUE(!CircumscribeCircle(f0, f1, f2, fcentre, fr2) && fr2 == 5.0f);
-}
-
-TEST(VectorGeometry, PlaneFrameCoordinatesAndBulge)
-{
-  // p = 2 e1 - 3 e2, plus a part out of the plane that is ignored.
-  V const e1 = {1, 0, 0}, e2 = {1, 2, 0}, p = {2 - 3, -6, 9};
-  double u = 0, v = 0;
-  ASSERT_TRUE(CoordinateRelativeForPlaneReperDbl(p.data(), e1.data(), e2.data(), u, v, 1e-9));
-  EXPECT_NEAR(std::fabs(u - 2.0) + std::fabs(v + 3.0), 0.0, 1e-15);
-  u = v = 11;
-  EXPECT_FALSE(CoordinateRelativeForPlaneReperDbl(p.data(), e1.data(), V{-2, 0, 0}.data(), u, v, 1e-9));
-  EXPECT_FALSE(CoordinateRelativeForPlaneReperDbl(p.data(), V{0, 0, 0}.data(), e2.data(), u, v, 1e-9));
-  EXPECT_TRUE(u == 11.0 && v == 11.0);
-
-  // Height 2 over a base of 4: (2 / 4)^2.
-  float const a[3] = {1, 2, 0}, b[3] = {0, 0, 0}, c[3] = {4, 0, 0};
-  EXPECT_FLOAT_EQ(GetTriangleBulge(a, b, c), 0.25f);
-  float const xs[4] = {9, 0, 1, 4}, ys[4] = {9, 0, 2, 0};
-  EXPECT_FLOAT_EQ(GetTriangleBulge2(xs, ys, 2), 0.25f);
-  EXPECT_FALSE(std::isfinite(GetTriangleBulge(a, b, b)));
 }
