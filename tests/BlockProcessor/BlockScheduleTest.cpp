@@ -1,6 +1,6 @@
 // The schedule of the block processor, driven by hand on one thread: which
-// block is handed out, what counts as processed, and the iterator it walks
-// with. A random walk is checked against a plain reference scheduler.
+// block is handed out and what counts as processed. A random walk is checked
+// against a plain reference scheduler.
 
 #include <gtest/gtest.h>
 
@@ -26,21 +26,14 @@ int IndexOf(GridStructure const & grid, Block_iter it)
 }
 } // namespace
 
-TEST(BlockIter, WalksThroughItsStructureAndCountsItsPosition)
+// Every run walks the iterator; these are the positions no walk reaches.
+TEST(BlockIter, StrayIteratorsAndForeignBlocks)
 {
   GridStructure grid(3, 1, 0);
-  Block_iter it = grid.Begin();
-  Block_iter const old = it++;
-  EXPECT_EQ(old, grid.At(0));
-  EXPECT_EQ(++it, grid.At(2));
-  EXPECT_EQ(++it, grid.End());
-  EXPECT_NE(grid.At(0), Block_iter(&grid.Block(0), nullptr)); // both pointers count
   Block_iter lone(&grid.Block(1), nullptr);
   ++lone; // without a structure it stays put
   EXPECT_EQ(lone.GetDesc(), &grid.Block(1));
-
-  for (int i = 0; i < grid.Count(); ++i)
-    EXPECT_EQ(grid.BlockIndex(grid.At(i)), i);
+  EXPECT_EQ(grid.BlockIndex(grid.At(2)), 2);
   LC_Foreign foreign;
   EXPECT_EQ(grid.BlockIndex(Block_iter(&foreign, &grid)), -1);
   GridStructure empty(0, 3, 0);

@@ -7,8 +7,8 @@
 // around b, and applying the block adds them in. Additions of unsigned
 // integers commute, so every schedule gives the same model as the plain loops
 // of `ReferenceCells`. Which blocks may be in work together is the schedule's
-// answer, checked against a plain scheduler in BlockScheduleTest; the client
-// checks that model reads and writes follow the reader-writer protocol.
+// answer, checked against a plain scheduler in BlockScheduleTest; the locks
+// around model reads and writes show in the trace of BlockWorkerTest.
 
 #include <gtest/gtest.h>
 
@@ -227,7 +227,6 @@ public:
   std::vector<int> processed; // ProcessFragment calls per block, all passes
   std::vector<int> applied;   // blocks in the order of ApplyBlockChanges
   std::atomic<int> starts{0}, finishes{0}, creations{0}, finalizes{0};
-  std::atomic<bool> lockViolation{false};
   // The progress at each pass start and at the global end, when counted.
   std::vector<double> positions;
 
@@ -253,21 +252,6 @@ public:
     if (GetProgressCounter())
       positions.push_back(GetProgressCounter()->GetPosFloat());
   }
-
-  // Model access: readers may overlap each other, never a writer.
-  void Read()
-  {
-    ++m_readers;
-    if (m_writers.load() != 0)
-      lockViolation = true;
-    --m_readers;
-  }
-  void Write()
-  {
-    if (++m_writers != 1 || m_readers.load() != 0)
-      lockViolation = true;
-  }
-  void EndWrite() { --m_writers; }
 
   using CBlockProcessor::CheckWorkerResult;
 
@@ -298,21 +282,16 @@ protected:
   {
     int const b = Index(desc);
     RecordOp("extract", b);
-    Read();
     return b == emptyBlock ? nullptr : new GridFragment(seeds[static_cast<std::size_t>(b)]);
   }
   void ApplyBlockChanges(IVescaFragmentDescriptor_Old const & desc, IVescaFragment_Old * fragment) override
   {
     int const b = Index(desc);
     RecordOp("apply", b);
-    if (IsUseParallelThreads())
-      Write();
     auto const * grid = static_cast<GridFragment const *>(fragment);
     AddContributions(cells, m_structure.Width(), m_structure.Height(), b,
                      grid ? grid->add : pending[static_cast<std::size_t>(b)]);
     applied.push_back(b);
-    if (IsUseParallelThreads())
-      EndWrite();
   }
   void ApplyBlockChangesBlockNotExtr(IVescaFragmentDescriptor_Old const & desc) override
   {
@@ -338,7 +317,6 @@ private:
   GridStructure & m_structure;
   mutable std::mutex m_eventsMutex;
   std::vector<std::string> m_events;
-  std::atomic<int> m_readers{0}, m_writers{0};
 };
 
 /// Made by the processor with its own counter exactly when the run is
@@ -367,15 +345,6 @@ public:
   bool BlockInitUnshared(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old *) override
   {
     m_grid->RecordOp("block-init-unshared", Index(desc));
-    // Asked for unshared, it runs with the model write-locked; otherwise it
-    // still holds the worker's read lock.
-    if (HasOwnProgressCounter() && m_grid->unshared)
-    {
-      m_grid->Write();
-      m_grid->EndWrite();
-    }
-    else if (HasOwnProgressCounter())
-      m_grid->Read();
     return true;
   }
   int ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVescaFragment_Old * fragment) override;

@@ -68,13 +68,6 @@ std::int32_t readInt(ExternVectorVoidInterface & v, std::size_t i)
   return value;
 }
 
-void writeInt(ExternVectorVoidInterface & v, std::size_t i, std::int32_t value)
-{
-  ElementHandle h = nullptr;
-  std::memcpy(v.lockElement(i, &h), &value, 4);
-  v.releaseElement(true, &h);
-}
-
 template <class F> void expectBadAllocation(F && f)
 {
   EXPECT_EQ(QZTest::whatOf<std::bad_alloc>(f), "bad allocation");
@@ -176,8 +169,9 @@ TEST(ExternVector, FailuresAreBadAllocationsAndLeaveTheVectorUsable)
   v->resize(2, nullptr);
   expectBadAllocation([&] { v->lockElement(1000, &h); }); // beyond the file's end
   expectBadAllocation([&] { v->lockElement(~std::size_t(0), &h); });
-  writeInt(*v, 1, 9);
-  EXPECT_EQ(readInt(*v, 1), 9);
+  std::memset(v->lockElement(1, &h), 9, 4);
+  v->releaseElement(true, &h);
+  EXPECT_EQ(readInt(*v, 1), 0x09090909);
 
   VecPtr huge = makeVector(std::size_t(1) << 40);
   expectBadAllocation([&] { huge->reserve(std::size_t(1) << 30); }); // beyond any offset

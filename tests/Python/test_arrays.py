@@ -37,19 +37,16 @@ def _nan_at(p, row):
     return p
 
 
+# One case per check: other dtypes, shapes and non-finite values take the same paths.
 @pytest.mark.parametrize("make, error, text", [
     (lambda p: p.astype(np.int32), TypeError, "float32 or float64 array, got int32"),
     (lambda p: p.astype(np.float16), TypeError, "got float16"),
-    (lambda p: p.astype(np.complex64), TypeError, "got complex64"),
-    (lambda p: "points", TypeError, "got <U6"),
     (lambda p: p[:, :2], ValueError, r"shape \(N, 3\), got \(3000, 2\)"),
     (lambda p: p.ravel(), ValueError, r"got \(9000,\)"),
-    (lambda p: p.reshape(1000, 3, 3), ValueError, r"got \(1000, 3, 3\)"),
     (lambda p: p[:0], ValueError, "points is empty"),
     (lambda p: _nan_at(p, 17), ValueError, "non-finite value in row 17"),
-    (lambda p: np.where(p > 0.9, np.inf, p), ValueError, "non-finite"),
     (lambda p: p.astype(np.float64) * 1e300, ValueError, "beyond the float32 range"),
-], ids=["int", "half", "complex", "string", "two-columns", "flat", "3d", "empty", "nan", "inf", "overflow"])
+], ids=["int", "half", "two-columns", "flat", "empty", "nan", "overflow"])
 def test_unusable_points_are_refused_by_every_entry(sphere, make, error, text):
     with np.errstate(over="ignore"):  # NumPy's own warning for the float64 overflow case
         bad = make(sphere[0])
@@ -64,8 +61,7 @@ def test_bad_arguments_name_the_problem(sphere):
     cases = [
         (dict(normals=normals[:10]), ValueError, "normals has 10 rows, points 3000"),
         (dict(normals=normals.astype(int)), TypeError, "normals must be a float32"),
-        (dict(depth=0), ValueError, "depth must be from 1 to 16, got 0"),
-        (dict(depth=17), ValueError, "got 17"),
+        (dict(depth=17), ValueError, "depth must be from 1 to 16, got 17"),
         (dict(depth=7.5), TypeError, "integer"),
         (dict(solver="fast"), ValueError, "solver must be 'multilevel', 'auto'"),
         (dict(progress=3), TypeError, "progress must be True, False or a callable"),

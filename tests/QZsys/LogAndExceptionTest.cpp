@@ -16,10 +16,12 @@ TEST(DebugLog, MemoryLogKeepsWholeLinesFromManyThreads)
   VsUt::CMemoryDebugLog log;
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&log, t] {
-      for (int i = 0; i < 500; ++i)
-        log.getMessage(("thread " + std::to_string(t) + " line " + std::to_string(i)).c_str());
-    });
+    threads.emplace_back(
+        [&log, t]
+        {
+          for (int i = 0; i < 500; ++i)
+            log.getMessage(("thread " + std::to_string(t) + " line " + std::to_string(i)).c_str());
+        });
   for (auto & th : threads)
     th.join();
   auto const lines = log.lines();

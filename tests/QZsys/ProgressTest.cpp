@@ -208,25 +208,6 @@ TEST(MultiPhaseManager, UnregisteredAndDuplicatePhasesAreLogicErrors)
   EXPECT_LE(c.GetPosFloat(), 1.0);
 }
 
-TEST(MultiPhaseManager, InterruptionDuringPhase)
-{
-  CProgressCounter c;
-  VsPCnt::CMultiPhaseManager m(&c);
-  m.RegisterPhase("a", 1);
-  m.RegisterPhase("b", 1);
-  EXPECT_THROW(
-      {
-        VsPCnt::CMultiPhaseManagerSingleSubPhase p(&m, "a");
-        c.RequestInterrupt();
-        c.SetPosFloat(0.5);
-      },
-      CUserIntrException);
-  EXPECT_FALSE(m.HasOpenPhase());
-  EXPECT_EQ(c.GetRangeDepth(), 0);
-  EXPECT_THROW(m.StartPhase("b"), CUserIntrException);
-  EXPECT_EQ(c.GetRangeDepth(), 0);
-}
-
 TEST(LongJobPosition, RisesPastTheEstimate)
 {
   using VsPCnt::prgCntLongJobPosition;
