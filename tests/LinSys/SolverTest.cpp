@@ -136,13 +136,19 @@ template <class T> struct CDense
 };
 } // namespace
 
-TYPED_TEST(Solvers, AgreeWithTheDenseReferenceForSeveralRightPartsAndRepeatedSolves)
+TYPED_TEST(Solvers, AgreeWithTheDenseReferenceForSeveralRightPartsRepeatedSolvesAndThreadCounts)
 {
   using T = TypeParam;
+  int threads = 0;
   for (auto const & problem : {randomProblem(90, 6, true, 11u), laplacian3D(6, 5, 4), chain(70)})
+  {
+    // One thread runs the decomposers' tasks on the caller's; more run a
+    // level in batches.
+    CVescaThreadingTasksHelper::setNumOfPhisicalThread(++threads);
     for (auto const & kind : allSolvers<T>())
     {
-      SCOPED_TRACE(kind.name + ", n = " + std::to_string(problem.nFree));
+      SCOPED_TRACE(kind.name + ", n = " + std::to_string(problem.nFree) + ", " + std::to_string(threads) +
+                   " threads");
       std::unique_ptr<IVertexPosLinearSystem<T>> solver(kind.make(problem.nFree));
       fill<T>(*solver, problem);
       ASSERT_TRUE(solver->IsCorrectlyDefinedSystem());
@@ -161,6 +167,7 @@ TYPED_TEST(Solvers, AgreeWithTheDenseReferenceForSeveralRightPartsAndRepeatedSol
       ASSERT_TRUE(again.solveBy(*copy));
       EXPECT_LT(again.error(0), tolerance<T>(kind.iterative));
     }
+  }
 }
 
 TYPED_TEST(Solvers, FailurePaths)
@@ -276,33 +283,6 @@ TYPED_TEST(Solvers, InterruptionPassesOutAndLeavesTheSolverUsable)
       }
     }
     EXPECT_GT(interrupted, 2);
-  }
-}
-
-TYPED_TEST(Solvers, DecomposerAgreesWithTheDirectSolverFor2And4And8Blocks)
-{
-  using T = TypeParam;
-  for (auto const & problem : {laplacian3D(8, 6, 5), chain(150), randomProblem(160, 5, true, 9u)})
-  {
-    CSparseStoreSparseLinSysSolver<T> direct(0);
-    fill<T>(direct, problem);
-    CRightParts<T> reference(problem, 2);
-    ASSERT_TRUE(reference.solveBy(direct));
-    // One thread runs the tasks on the caller's; more run a level in batches.
-    for (int threads : {1, 2, 3})
-      for (int blocks : {2, 4, 8})
-      {
-        SCOPED_TRACE("n " + std::to_string(problem.nFree) + ", " + std::to_string(blocks) + " blocks, " +
-                     std::to_string(threads) + " threads");
-        CVescaThreadingTasksHelper::setNumOfPhisicalThread(threads);
-        CLinSysSolverSpaceDecomposer<T> solver(evenCuts(problem.nFree, blocks), reachableEps<T>(), 10000);
-        fill<T>(solver, problem);
-        CRightParts<T> parts(problem, 2);
-        ASSERT_TRUE(parts.solveBy(solver));
-        for (int k = 0; k < 2; ++k)
-          EXPECT_LT(relativeError(parts.solution(k), reference.solution(k)), sizeof(T) == 4 ? 2e-4 : 1e-8);
-        EXPECT_GT(solver.getIterationsUsed(), 0);
-      }
   }
 }
 
