@@ -21,12 +21,10 @@ class CMeshTarget : public VolTr::ITriangulationTarget
 {
 public:
   Mesh mesh;
-  bool indicesInOrder = true;
 
 private:
-  void onAddNewVertex(int index, double const * p, double const * n) override
+  void onAddNewVertex(int, double const * p, double const * n) override
   {
-    indicesInOrder = indicesInOrder && index == static_cast<int>(mesh.vertices.size());
     mesh.vertices.push_back({p[0], p[1], p[2]});
     mesh.normals.push_back({n[0], n[1], n[2]});
   }
@@ -50,7 +48,6 @@ struct RunResult
 {
   Mesh mesh;
   std::vector<std::string> log;
-  bool indicesInOrder = true;
 };
 
 inline RunResult reconstruct(VolTr::IInputSamples const & cloud, VolTr::CVolTriangulationParams params,
@@ -61,7 +58,7 @@ inline RunResult reconstruct(VolTr::IInputSamples const & cloud, VolTr::CVolTria
   CMeshTarget target;
   VolTr::CVolumetricTriangulator t(&target, &cloud, &params, progress);
   t.run();
-  return RunResult{target.mesh, log.lines(), target.indicesInOrder};
+  return RunResult{target.mesh, log.lines()};
 }
 
 /// The largest and the mean distance of the vertices from the torus of radii

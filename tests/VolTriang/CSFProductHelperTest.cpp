@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "QZmath/VolTriang/CSFProductHelper.h"
-#include "tests/VolTriang/PolynomTestSupport.h"
 #include "tests/VolTriang/SphereBases.h"
 
 using namespace VolTr;
@@ -20,18 +19,6 @@ int const even[3] = {1, 1, 1}, odd[3] = {-1, 1, 1};
 qztest::SphereBases sphereBases(bool center, int depth, int points = 300)
 {
   return qztest::SphereBases(depth, center, points, 11);
-}
-
-// An independent value: tensor Gauss quadrature of f * g on the cells between
-// the knots of both functions, exact for the piecewise quadratics.
-template <class K> double quadrature(CCSFunc3Tmpl<K> const & f, CCSFunc3Tmpl<K> const & g)
-{
-  std::vector<double> knots[3];
-  for (int a = 0; a < 3; ++a)
-    for (CCSFunc3Tmpl<K> const * h : {&f, &g})
-      for (double t : {-1.5, -0.5, 0.5, 1.5})
-        knots[a].push_back(h->getArgumentShift()[a] + 0.95 * t / h->getArgumentScale());
-  return qztest::poly::integrate3D([&](double const * p) { return f.eval(p) * g.eval(p); }, knots);
 }
 
 template <class K> double direct(CCSFunc3Tmpl<K> const & f, CCSFunc3Tmpl<K> const & g)
@@ -100,19 +87,6 @@ TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsOnEveryDepthAndAxis
       for (auto const & pr : pairs)
         expectProduct(div, *b.basis, pr.first, *b.grad[axis], pr.second, ref, 1e-9);
     }
-  }
-}
-
-TEST(CSFProductHelper, AgreesWithIndependentQuadrature)
-{
-  qztest::SphereBases const b = sphereBases(true, 4);
-  Helper mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7, nullptr);
-  Helper stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7, nullptr);
-  auto const ref = [](auto const & f, auto const & g) { return quadrature(f, g); };
-  for (auto const & pr : nearPairs(*b.tree, 12, 5))
-  {
-    expectProduct(mass, *b.basis, pr.first, *b.basis, pr.second, ref, 1e-9);
-    expectProduct(stiff, *b.basis, pr.first, *b.lapBasis, pr.second, ref, 1e-8);
   }
 }
 

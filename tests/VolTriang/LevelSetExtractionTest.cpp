@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -72,19 +71,9 @@ struct Fixture : qztest::SphereBases
       gradients[a] = grad[a].get();
   }
 };
-
-int threadsOfProcess()
-{
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind("Threads:", 0) == 0)
-      return std::stoi(line.substr(8));
-  return -1;
-}
 } // namespace
 
-TEST(LevelSetExtraction, FastIsoValueIsTheSpecifiedOneBitForBit)
+TEST(LevelSetExtraction, FastPathsGiveTheSpecifiedIsoValueAndSequence)
 {
   Fixture fx(6);
   std::vector<float> weights;
@@ -99,16 +88,12 @@ TEST(LevelSetExtraction, FastIsoValueIsTheSpecifiedOneBitForBit)
                 Extraction::meanValueAtSamples(*fx.x, &fx.cloud, w, nullptr, Extraction::eSpecified));
   }
   EXPECT_EQ(Extraction::meanValueAtSamples(*fx.x, nullptr, nullptr, nullptr), 0.0);
-}
 
-// The target must see the same vertices (positions and normals bit for bit)
-// and triangles in the same order from the specified and the fast path, with
-// one or two threads, closed or open, with or without normals. Interpolated
-// vertices keep the triangles and move the vertices little, alike on one or
-// two threads.
-TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
-{
-  Fixture fx(6);
+  // The target must see the same vertices (positions and normals bit for bit)
+  // and triangles in the same order from the specified and the fast path,
+  // with one or two threads, closed or open, with or without normals.
+  // Interpolated vertices keep the triangles and move the vertices little,
+  // alike on one or two threads.
   double const iso = Extraction::meanValueAtSamples(*fx.x, &fx.cloud, nullptr, nullptr);
   for (bool closed : {true, false})
     for (bool normals : {false, true})
@@ -166,7 +151,7 @@ TEST(LevelSetExtraction, FastPathDeliversTheSpecifiedSequence)
     }
 }
 
-TEST(LevelSetExtraction, InterruptionKeepsWhatWasDeliveredAndStopsTheWorkers)
+TEST(LevelSetExtraction, InterruptionKeepsWhatWasDelivered)
 {
   Fixture fx(6);
   double const iso = Extraction::meanValueAtSamples(*fx.x, &fx.cloud, nullptr, nullptr);
@@ -174,7 +159,6 @@ TEST(LevelSetExtraction, InterruptionKeepsWhatWasDeliveredAndStopsTheWorkers)
   Extraction::polygonise(*fx.x, iso, nullptr, &fx.cloud, fx.params, &whole, nullptr, nullptr,
                          Extraction::eSpecified);
   ThreadCount const count(2);
-  int const threadsBefore = threadsOfProcess();
   for (std::size_t after : {1u, 5000u})
   {
     CProgressCounter progress;
@@ -189,7 +173,6 @@ TEST(LevelSetExtraction, InterruptionKeepsWhatWasDeliveredAndStopsTheWorkers)
     ASSERT_LE(part.vertices.size(), whole.vertices.size());
     EXPECT_TRUE(std::equal(part.vertices.begin(), part.vertices.end(), whole.vertices.begin()));
     EXPECT_TRUE(std::equal(part.triangles.begin(), part.triangles.end(), whole.triangles.begin()));
-    EXPECT_EQ(threadsOfProcess(), threadsBefore);
   }
 }
 

@@ -131,34 +131,16 @@ TEST(MultilevelPoisson, RightPartEqualsTheProjectedDivergence)
     ASSERT_NEAR(b[o], expected[o], 1e-12 * scale) << o;
 }
 
-// The solve reaches a small residual on a system with a known solution and
-// gives the same numbers with one and two threads.
-TEST(MultilevelPoisson, SolveConvergesAndIsIndependentOfThreads)
-{
-  qztest::SphereBases const f(5, true, 2000, 7);
-  std::vector<double> const rhs = rightPartOf(CMultilevelPoissonSolver(*f.tree, f.kernel), random(f.n(), 9));
-  std::vector<double> x[2];
-  for (int threads : {1, 2})
-  {
-    SMultilevelSolveSettings s;
-    s.threads = threads;
-    s.vCycles = 4;
-    CMultilevelPoissonSolver solver(*f.tree, f.kernel, s);
-    ASSERT_TRUE(solver.solve(rhs, &x[threads - 1], nullptr, nullptr));
-    EXPECT_LT(relativeResidual(solver, x[threads - 1], rhs), 0.05);
-  }
-  EXPECT_EQ(x[0], x[1]);
-}
-
-// Small trees: no sample (no unknowns), a tree of depth 1 or 2 (one or two
-// node depths), one sample (a few nodes per depth), and depths left empty by a
-// detail level. The solve either refuses (no unknowns) or reaches the known
-// solution's residual; nothing crashes.
-TEST(MultilevelPoisson, SmallTreesAndEmptyDepths)
+// A full tree, and small ones: no sample (no unknowns), a tree of depth 1 or
+// 2 (one or two node depths), one sample (a few nodes per depth), and depths
+// left empty by a detail level. The solve either refuses (no unknowns) or
+// reaches a small residual on a system with a known solution.
+TEST(MultilevelPoisson, SolveReachesTheKnownSolutionOnFullAndSmallTrees)
 {
   QZTest::CSampleCloud empty, one;
   one.add(0.1f, 0.2f, 0.3f, 0.0f, 0.0f, 1.0f);
-  QZTest::CSampleCloud const some = QZTest::makeSphereCloud(300, 1.0, 5);
+  QZTest::CSampleCloud const some = QZTest::makeSphereCloud(300, 1.0, 5),
+                             full = QZTest::makeSphereCloud(2000, 1.0, 7);
   CProductPiecewisePolynom const kernel = qztest::narrowedKernel();
   struct Case
   {
@@ -166,14 +148,14 @@ TEST(MultilevelPoisson, SmallTreesAndEmptyDepths)
     int depth, detail;
     bool center;
   };
-  for (Case const c : {Case{&empty, 3, -1, true}, Case{&one, 1, -1, false}, Case{&one, 2, -1, true},
-                       Case{&one, 4, -1, true}, Case{&some, 5, 1, true}, Case{&some, 6, 2, false}})
+  for (Case const c :
+       {Case{&empty, 3, -1, true}, Case{&one, 1, -1, false}, Case{&one, 2, -1, true}, Case{&one, 4, -1, true},
+        Case{&some, 5, 1, true}, Case{&some, 6, 2, false}, Case{&full, 5, -1, true}})
   {
     COctree const tree(c.cloud, c.depth, nullptr, c.center, c.detail);
     CMultilevelPoissonSolver solver(tree, kernel);
     int const n = tree.getNodesNumber();
-    std::vector<double> const rhs =
-        rightPartOf(solver, std::vector<double>(static_cast<std::size_t>(n), 1.0));
+    std::vector<double> const rhs = rightPartOf(solver, random(n, 9));
     std::vector<double> x;
     bool const solved = solver.solve(rhs, &x, nullptr, nullptr);
     EXPECT_EQ(solved, n > 0) << "depth " << c.depth;

@@ -50,7 +50,18 @@ void boxBreaks(CPiecewisePolynom const & f, std::vector<double> (&b)[3])
 }
 } // namespace
 
-TEST(PiecewisePolynom, BoundaryToleranceFavoursTheUpperPiece)
+TEST(CParallelepiped, BoundaryPointsLieWithinTheToleranceOfAFace)
+{
+  CParallelepiped box(0, 1, 0, 1, 0, 1);
+  double const inside[3] = {0.5, 0.5, 0.5}, face[3] = {0.5, 1.0, 0.5}, nearFace[3] = {0.5, 0.5, -0.05},
+               outside[3] = {0.5, 0.5, 1.2}, corner[3] = {1, 1, 1};
+  EXPECT_EQ((std::vector<bool>{box.isBoundaryPoint(inside, 0.1), box.isBoundaryPoint(face, 0.0),
+                               box.isBoundaryPoint(nearFace, 0.1), box.isBoundaryPoint(nearFace, 0.01),
+                               box.isBoundaryPoint(outside, 0.1), box.isBoundaryPoint(corner, 0)}),
+            (std::vector<bool>{false, true, true, false, false, true}));
+}
+
+TEST(PiecewisePolynom, BoundaryToleranceFavoursTheUpperPieceAndTouchingBoxesMeetNowhere)
 {
   CPiecewisePolynom f(CLimitedPolynom(constant(1.0), slab(0, -1.5, -0.5), nullptr));
   f.addTerm(CLimitedPolynom(constant(2.0), slab(0, -0.5, 0.5), nullptr));
@@ -74,10 +85,8 @@ TEST(PiecewisePolynom, BoundaryToleranceFavoursTheUpperPiece)
       (std::vector<double>{0.0, 0.0, DBL_MAX, -DBL_MAX}));
   EXPECT_TRUE(empty.checkClassInvariants());
   EXPECT_EQ((empty * f).getTermsNumber(), 0);
-}
 
-TEST(PiecewisePolynom, TouchingBoxesMultiplyToNothing)
-{
+  // Boxes that only touch multiply to nothing and add up side by side.
   CPiecewisePolynom const a(CLimitedPolynom(constant(1.0), CParallelepiped(0, 1, 0, 1, 0, 1), nullptr));
   double const shift[3] = {1.0, 0.0, 0.0};
   CPiecewisePolynom const b(CLimitedPolynom(constant(3.0), CParallelepiped(1, 2, 0, 1, 0, 1), shift));

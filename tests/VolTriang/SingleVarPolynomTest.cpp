@@ -39,11 +39,6 @@ TEST(SingleVarPolynom, AlgebraAgreesWithPointwiseValues)
     double const lo = ux(rng), hi = ux(rng);
     double const quad = integrate1D([&](double x) { return p.eval(x); }, {lo, hi}) * (hi < lo ? -1.0 : 1.0);
     EXPECT_TRUE(near(p.integrateOnIntervalWithBuffer(lo, hi, &prim), quad, 1e-12, 1e-13));
-    // Shifting back restores the coefficients up to rounding.
-    shifted.substituteArgPlusConst(-a);
-    ASSERT_EQ(shifted.power(), p.power());
-    for (int k = 0; k <= p.power(); ++k)
-      EXPECT_NEAR(shifted.getCoeff(k), p.getCoeff(k), 1e-12);
   }
 }
 
@@ -112,7 +107,7 @@ TEST(SingleVarLimitedPolynom, ShiftsScalesProductsAndIntegralsAgreeWithValues)
   std::mt19937 rng(5);
   std::uniform_real_distribution<double> ux(-3.5, 3.5), ua(-1.0, 1.0);
   // Reused across rounds, so that their piece counts grow and shrink.
-  CSingleVarLimitedPolynom buffered, shiftBuffer, assigned;
+  CSingleVarLimitedPolynom buffered, shiftBuffer;
   for (int round = 0; round < 60; ++round)
   {
     CSingleVarLimitedPolynom const f = randomLimited(rng, 1 + round % 4, 3);
@@ -126,8 +121,6 @@ TEST(SingleVarLimitedPolynom, ShiftsScalesProductsAndIntegralsAgreeWithValues)
     g.multiply(&gf, f);
     f.multiplyWithBuffer(&buffered, g, &shiftBuffer);
     EXPECT_TRUE(buffered == fg);
-    assigned = (round % 2) ? f : fg;
-    EXPECT_TRUE(assigned == ((round % 2) ? f : fg));
     // The operand of the greater degree keeps its shift.
     EXPECT_EQ(fg.getArgShift(), g.maxPower() > f.maxPower() ? g.getArgShift() : f.getArgShift());
     for (CSingleVarLimitedPolynom const * h : {&moved, &rebased, &scaled, &fg, &gf})
@@ -157,10 +150,5 @@ TEST(SingleVarLimitedPolynom, ShiftsScalesProductsAndIntegralsAgreeWithValues)
     EXPECT_TRUE(near(fg.integrateWithBuffer(&buf), quad, 1e-10, 1e-12));
     EXPECT_TRUE(near(f.integrateWithBuffer(&buf), integrate1D([&](double x) { return f.eval(x); }, fb), 1e-11,
                      1e-12));
-    // changeShift back to the original shift restores the function exactly
-    // where it matters: the knots in x and the values.
-    rebased.changeShift(f.getArgShift());
-    EXPECT_NEAR(rebased.getLeftBound(), f.getLeftBound(), 1e-14);
-    EXPECT_EQ(rebased.getArgShift(), f.getArgShift());
   }
 }
