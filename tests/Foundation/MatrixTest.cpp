@@ -128,20 +128,19 @@ TEST(MatrixStorage, ExternalMemoryStaysTheCallersUntilResize)
 
 // ---- windows and tiles ---------------------------------------------------------------
 
-TEST(MatrixWindows, SubmatrixWritesWholeTiles)
+// submatrix writes whole tiles; as and get are inverse; transpose and flop
+// reverse.
+TEST(MatrixWindows, TilesBlocksTransposeAndFlop)
 {
-  Matrix<int> m(4, 2), t(2, 2);
-  t(0, 0) = 1, t(1, 0) = 2, t(0, 1) = 3, t(1, 1) = 4;
-  m.submatrix(1, 0, t);
-  EXPECT_TRUE(m.get(2, 0, 2, 2) == t);
-  EXPECT_EQ(maxAbs(m.get(0, 0, 2, 2)), 0.0);
-  EXPECT_EQ(thrownWord([&] { m.submatrix(2, 0, t); }), "NURBSOutOfBound2D");
+  Matrix<int> tiled(4, 2), tile(2, 2);
+  tile(0, 0) = 1, tile(1, 0) = 2, tile(0, 1) = 3, tile(1, 1) = 4;
+  tiled.submatrix(1, 0, tile);
+  EXPECT_TRUE(tiled.get(2, 0, 2, 2) == tile);
+  EXPECT_EQ(maxAbs(tiled.get(0, 0, 2, 2)), 0.0);
+  EXPECT_EQ(thrownWord([&] { tiled.submatrix(2, 0, tile); }), "NURBSOutOfBound2D");
   Matrix<int> odd(3, 2);
-  EXPECT_EQ(thrownWord([&] { m.submatrix(0, 0, odd); }), "NURBSWrongSize2D");
-}
+  EXPECT_EQ(thrownWord([&] { tiled.submatrix(0, 0, odd); }), "NURBSWrongSize2D");
 
-TEST(MatrixWindows, AsAndGetAreInverseTransposeAndFlopReverse)
-{
   std::mt19937 rng(2);
   Matrix<double> m(5, 4);
   Matrix<double> const block = randomMatrix<double>(2, 3, rng);

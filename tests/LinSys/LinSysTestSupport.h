@@ -205,30 +205,20 @@ inline std::vector<double> fixedPositions(CProblem const & p, int k)
   return positions;
 }
 
-/// -G p in double, from the coefficients and positions rounded to T.
-template <class T> std::vector<double> rightPart(CProblem const & p, std::vector<double> const & fixed)
-{
-  std::vector<double> b(p.nFree, 0.0);
-  for (int i = 0; i < p.nFree; ++i)
-    for (auto const & term : p.rows[i])
-      if (term.first >= p.nFree)
-        b[i] -= double(static_cast<T>(term.second)) * static_cast<T>(fixed[term.first - p.nFree]);
-  return b;
-}
-
-/// F x = -G p by LU in double, from the coefficients rounded to T (what the
-/// solver sees); empty when F is singular.
+/// F x = -G p by LU in double, from the coefficients and positions rounded
+/// to T (what the solver sees); empty when F is singular.
 template <class T>
 std::vector<double> referenceSolution(CProblem const & p, std::vector<double> const & fixed)
 {
   std::vector<T> const f = freeMatrix<T>(p);
-  std::vector<double> const b = rightPart<T>(p, fixed);
   REmath::Matrix<double> a(p.nFree, p.nFree), rhs(p.nFree, 1), x(p.nFree, 1);
   for (int i = 0; i < p.nFree; ++i)
   {
-    rhs(i, 0) = b[i];
     for (int j = 0; j < p.nFree; ++j)
       a(i, j) = f[static_cast<size_t>(i) * p.nFree + j];
+    for (auto const & term : p.rows[i])
+      if (term.first >= p.nFree)
+        rhs(i, 0) -= double(static_cast<T>(term.second)) * static_cast<T>(fixed[term.first - p.nFree]);
   }
   if (!REmath::solveMat(a, rhs, x))
     return {};

@@ -109,19 +109,6 @@ TEST(VPLSstorageRows, ShiftedRowsTrimBothEndsAndNoRowIsReadPastItsEnd)
   A::assignRowByArray(&row, 3, nan);
   EXPECT_EQ(row.m_values.size(), 1u); // NaN is not zero, -0 is
 
-  // Through a storage: the last free vertex alone gives a one-value row, and
-  // column 5, the matrix element, reads past it while column -5 reads it.
-  CVPLSstorage<float, CShiftedVectorAsVPLstorageRow<float>> s;
-  for (int i = 0; i < 6; ++i)
-    s.DefineFreeVertex(i);
-  for (int k = 0; k < 6; ++k)
-    s.AddEquation(eq<float>({{k, k < 5 ? 1.0 : 4.0}}));
-  ASSERT_TRUE(s.IsCorrectlyDefinedSystem());
-  float const x[6] = {1, 1, 1, 1, 1, 0.5f};
-  EXPECT_EQ(s.ScalarProductByMatrixRow(5, 6, x), 2.0f);
-  EXPECT_EQ(s.GetFreeVertCoeff(5, 5), 0.0f);
-  EXPECT_EQ(s.GetFreeVertCoeff(5, -5), 4.0f);
-
   using D = CStdVectorAsVPLSstorageRow<float>;
   using Sp = CSparseVectorAsVPLSstorageRow<float>;
   float const a[4] = {1, 0, 2, 3};
