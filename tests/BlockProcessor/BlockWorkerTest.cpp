@@ -153,22 +153,7 @@ TEST(BlockWorker, TraceOfOneBlockFromTakingToGivingBack)
   EXPECT_TRUE(p.IsBlockProcessed(grid.Block(0)));
 }
 
-TEST(BlockWorker, AnAbortBeforeWorkEndsItAtOnce)
-{
-  GridStructure grid(2, 1, 1);
-  ExposedProcessor p(grid);
-  VsUt::CMemoryDebugLog log;
-  p.OnBlockStructureInit();
-  GridWorker worker(&p, true);
-  worker.SetDebugLog(&log);
-  worker.GetWorkerAbortEvent()->set();
-  worker.Work();
-  EXPECT_EQ(log.lines(), std::vector<std::string>{
-                             "[DEBUG_THREADS] Worker 10000: Worker caught m_hWorkerAbortEvent. Quit work"});
-  EXPECT_EQ(p.processed, (std::vector<int>{0, 0}));
-}
-
-TEST(BlockWorker, AbortEndsASleepingWorker)
+TEST(BlockWorker, AbortEndsASleepingWorkerOrOneAboutToStart)
 {
   GridStructure grid{2, 1, -1}; // the two blocks conflict
   ExposedProcessor p{grid};
@@ -192,4 +177,11 @@ TEST(BlockWorker, AbortEndsASleepingWorker)
                         Count(lines, "Waked up after sleep")}),
       (std::vector<int>{1, 1, 1, 0}));
   EXPECT_EQ(p.processed, (std::vector<int>{0, 0}));
+
+  // Set before the work, the abort is the first thing the worker sees.
+  log.clear();
+  worker.GetWorkerAbortEvent()->set();
+  worker.Work();
+  EXPECT_EQ(log.lines(), std::vector<std::string>{
+                             "[DEBUG_THREADS] Worker 10007: Worker caught m_hWorkerAbortEvent. Quit work"});
 }
