@@ -120,7 +120,10 @@ TEST(MinMaxOptimizer, DegenerateStartsStayAndNaNRegionsAreAvoided)
   Point3D_d const r = run(makeTask({rising, holey}, Point3D_d(0.5, 0.5, 0.5)));
   EXPECT_TRUE(r.x() > 0.5 && r.x() <= 2.0);
 
+  CMinMaxParams params;
+  params.SetMaxIter(0);
+  EXPECT_EQ(run(makeTask({rising, flat}, start), params).x(), start.x());
   CMinMaxTask empty;
   empty.SetInitApprox(start);
-  EXPECT_EQ(run(empty).z(), start.z());
+  EXPECT_EQ(run(empty, params).z(), start.z());
 }

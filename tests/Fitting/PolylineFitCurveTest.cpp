@@ -206,7 +206,13 @@ TEST(PolylineFitCurve, NothingToFitFreeSegmentsAndBadPoints)
   ASSERT_EQ(fit.fitPolyline(lineArcLine(s, NOISE), crv, bnd), 0);
   expectTypes(fit, {N, N, N}, {});
   EXPECT_EQ(crv, std::vector<double>(21, 0.0));
+
+  // A single open segment is fitted alone between two free ends.
   fit.setFitTolerance(0.01);
+  ASSERT_EQ(fit.fitPolyline({arcPts(s, 1, 2, 3, 0, 2, 60, NOISE)}, crv, bnd), 0);
+  expectTypes(fit, {A}, {BndCondFree, BndCondFree});
+  EXPECT_EQ(bnd.size(), 12u);
+  EXPECT_NEAR(crv[6], 3.0, 0.01);
 
   // A NaN point, a segment of one point, an empty one, coincident points,
   // collinear ones offered to an arc: decided and fitted without a crash.

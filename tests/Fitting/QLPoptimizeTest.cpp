@@ -83,6 +83,7 @@ TEST(QLPoptimize, KnownOptimaWithTheirMultipliers)
     EXPECT_NEAR(p.f, c.f, 1e-12);
     EXPECT_EQ((std::vector<int>{p.nact, p.icstat[0], p.ixstat[0]}),
               (std::vector<int>{c.nact, c.nact > 0, c.nact > 1}));
+    EXPECT_EQ(p.eps, std::ldexp(1.0, -52));
   }
 }
 

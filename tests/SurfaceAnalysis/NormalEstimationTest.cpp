@@ -427,6 +427,7 @@ TEST(NormalEstimation, DegenerateNeighbourhoodsTakeTheFallback)
   EXPECT_GE(wire, 50); // the top of the wire sees only the wire
   EXPECT_EQ(r.getDegenerateCount(), degenerate);
   e.orientNormals(xyz(t), t.size(), g, r);
+  EXPECT_EQ(r.getDegenerateCount(), degenerate);
   EXPECT_EQ(r.getComponentCount(), 2); // the lump is apart
   // Away from the wire the plane faces up.
   for (int i = 0; i < 2000; ++i)

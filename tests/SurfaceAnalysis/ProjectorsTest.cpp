@@ -146,6 +146,9 @@ TEST(Projectors, JoinTakesTheNearerOwner)
     copy.reset(join.Copy());
   }
   EXPECT_TRUE(copy->projectPoint(Point3D_d(3, 4, 0), r) && r.y() == 5.0);
+  CProjectorsJoin assigned;
+  assigned = *static_cast<CProjectorsJoin *>(copy.get());
+  EXPECT_EQ(assigned.GetProjectorsNumber(), 2);
 }
 
 TEST(Projectors, NonFiniteInputFailsQuietly)

@@ -43,6 +43,8 @@ TEST(QuadraticForm, CoefficientArraysAndAccessors)
             (std::vector<double>{1, 2, 3, 4, 5, 6, 7, 8, 9, 0}));
   EXPECT_EQ(raw10(CQuadraticForm::buildFromCoeffArray(6, cf)),
             (std::vector<double>{1, 2, 3, 4, 5, 6, 0, 0, 0, 0}));
+  // The default form is the identity with no linear or free term.
+  EXPECT_EQ(CQuadraticForm().eval(Point3D_d(1.0, 2.0, 2.0)), 9.0);
 }
 
 TEST(QuadraticForm, EvaluationAndGradient)

@@ -49,6 +49,14 @@ TEST(ShapeCloud, DeterministicAndReadableBack)
   EXPECT_EQ(a.points, b.points);
   EXPECT_NE(a.points, makeShapeCloud(Shape::Torus, 500, 10).points);
   std::string const p = testing::TempDir() + "qzsample_test.xyzn";
+  writeText(p, a);
+  OrientedCloud const c = readCloud(p);
+  ASSERT_EQ(c.size(), a.size());
+  for (std::size_t i = 0; i < a.points.size(); ++i)
+  {
+    EXPECT_EQ(c.points[i], a.points[i]); // %.9g round-trips a float
+    EXPECT_NEAR(c.normals[i], a.normals[i], 1e-6);
+  }
   // Without normals (its vector emptied, its old room still there) only the
   // positions are written, and read back as a cloud without normals.
   OrientedCloud bare = a;
