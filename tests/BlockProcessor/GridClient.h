@@ -3,12 +3,13 @@
 // model of integer cells.
 //
 // Pass p, block b: from the seed of b (the sum of its cells when the pass
-// began) the worker computes contributions for every cell of the 3 x 3 blocks
-// around b, and applying the block adds them in. Additions of unsigned
-// integers commute, so every schedule gives the same model as the plain loops
-// of `ReferenceCells`. Which blocks may be in work together is the schedule's
-// answer, checked against a plain scheduler in BlockScheduleTest; the locks
-// around model reads and writes show in the trace of BlockWorkerTest.
+// began) the worker computes a contribution for every cell of b, and applying
+// the block adds them in. A block missed, done twice or applied in another
+// pass changes the model, so every right schedule gives the model of the
+// plain loops of `ReferenceCells`. Which blocks may be in work together is
+// the schedule's answer, checked against a plain scheduler in
+// BlockScheduleTest; the locks around model reads and writes show in the
+// trace of BlockWorkerTest.
 
 #include <gtest/gtest.h>
 
@@ -55,8 +56,6 @@ public:
     for (int i = 0; i < Count(); ++i)
       Block(i).index = i;
   }
-  int Width() const { return m_width; }
-  int Height() const { return m_height; }
   int Count() const { return m_width * m_height; }
   GridDesc & Block(int i) const { return m_blocks[static_cast<std::size_t>(i)]; }
   Block_iter At(int i) const { return Block_iter(i < Count() ? &Block(i) : nullptr, this); }
@@ -98,39 +97,26 @@ inline std::uint64_t Mix(std::uint64_t v)
   return v ^ (v >> 33);
 }
 
-/// Calls `f(cell)` for every cell of the blocks around `b` (inside the grid
-/// only), in the order: neighbour blocks row by row, their cells in order.
-template <class F> void ForNeighbourCells(int width, int height, int b, F f)
-{
-  int const bx = b % width, by = b / width;
-  for (int y = std::max(by - 1, 0); y <= std::min(by + 1, height - 1); ++y)
-    for (int x = std::max(bx - 1, 0); x <= std::min(bx + 1, width - 1); ++x)
-      for (int c = 0; c < st_CellsPerBlock; ++c)
-        f((y * width + x) * st_CellsPerBlock + c);
-}
-
-/// What block `b` adds; `rounds` sets how long a block takes.
-inline std::vector<std::uint64_t> Contributions(int width, int height, int b, std::uint64_t seed, int pass,
-                                                int rounds)
+/// What block `b` adds to its cells; the rounds of mixing make a block take
+/// a while.
+inline std::vector<std::uint64_t> Contributions(int b, std::uint64_t seed, int pass)
 {
   std::vector<std::uint64_t> add;
-  ForNeighbourCells(width, height, b,
-                    [&](int cell)
-                    {
-                      std::uint64_t v = seed ^ (std::uint64_t(pass) << 40) ^ std::uint64_t(cell);
-                      for (int r = 0; r < rounds; ++r)
-                        v = Mix(v + r);
-                      add.push_back(v);
-                    });
+  for (int cell = b * st_CellsPerBlock; cell < (b + 1) * st_CellsPerBlock; ++cell)
+  {
+    std::uint64_t v = seed ^ (std::uint64_t(pass) << 40) ^ std::uint64_t(cell);
+    for (int r = 0; r < 20; ++r)
+      v = Mix(v + r);
+    add.push_back(v);
+  }
   return add;
 }
 
-inline void AddContributions(std::vector<std::uint64_t> & cells, int width, int height, int b,
+inline void AddContributions(std::vector<std::uint64_t> & cells, int b,
                              std::vector<std::uint64_t> const & add)
 {
-  std::size_t k = 0;
-  ForNeighbourCells(width, height, b,
-                    [&](int cell) { cells[static_cast<std::size_t>(cell)] += add.at(k++); });
+  for (int c = 0; c < st_CellsPerBlock; ++c)
+    cells[static_cast<std::size_t>(b * st_CellsPerBlock + c)] += add.at(static_cast<std::size_t>(c));
 }
 
 inline std::uint64_t Seed(std::vector<std::uint64_t> const & cells, int b)
@@ -150,9 +136,8 @@ inline std::vector<std::uint64_t> InitialCells(int blocks)
 }
 
 /// The model after `passes` passes, by plain loops.
-inline std::vector<std::uint64_t> ReferenceCells(int width, int height, int passes, int rounds)
+inline std::vector<std::uint64_t> ReferenceCells(int blocks, int passes)
 {
-  int const blocks = width * height;
   std::vector<std::uint64_t> cells = InitialCells(blocks);
   for (int p = 0; p < passes; ++p)
   {
@@ -160,7 +145,7 @@ inline std::vector<std::uint64_t> ReferenceCells(int width, int height, int pass
     for (int b = 0; b < blocks; ++b)
       seeds.push_back(Seed(cells, b));
     for (int b = 0; b < blocks; ++b)
-      AddContributions(cells, width, height, b, Contributions(width, height, b, seeds[b], p, rounds));
+      AddContributions(cells, b, Contributions(b, seeds[b], p));
   }
   return cells;
 }
@@ -202,7 +187,6 @@ public:
   }
 
   // ---- configuration of a test
-  int rounds = 20;
   EFail fail = EFail::None;
   int failBlock = -1;
   int failCode = 0;
@@ -246,7 +230,6 @@ public:
     if (recordWorkerOps)
       Record(b < 0 ? op : op + " " + std::to_string(b));
   }
-  GridStructure & Structure() const { return m_structure; }
   void RecordPosition()
   {
     if (GetProgressCounter())
@@ -289,16 +272,14 @@ protected:
     int const b = Index(desc);
     RecordOp("apply", b);
     auto const * grid = static_cast<GridFragment const *>(fragment);
-    AddContributions(cells, m_structure.Width(), m_structure.Height(), b,
-                     grid ? grid->add : pending[static_cast<std::size_t>(b)]);
+    AddContributions(cells, b, grid ? grid->add : pending[static_cast<std::size_t>(b)]);
     applied.push_back(b);
   }
   void ApplyBlockChangesBlockNotExtr(IVescaFragmentDescriptor_Old const & desc) override
   {
     int const b = Index(desc);
     Record("not-extracted " + std::to_string(b));
-    AddContributions(cells, m_structure.Width(), m_structure.Height(), b,
-                     pending[static_cast<std::size_t>(b)]);
+    AddContributions(cells, b, pending[static_cast<std::size_t>(b)]);
   }
   bool NeedUnsharedWorkerInit() const override { return unshared; }
   int GetWholeProcessResult() const override { return wholeResult; }
@@ -403,10 +384,8 @@ inline int GridWorker::ProcessFragment(IVescaFragmentDescriptor_Old & desc, IVes
   if (GetProgressCounter())
     GetProgressCounter()->SetPosFloat(0.25);
   auto * grid = static_cast<GridFragment *>(fragment);
-  (grid ? grid->add : m_grid->pending[static_cast<std::size_t>(b)]) =
-      Contributions(m_grid->Structure().Width(), m_grid->Structure().Height(), b,
-                    grid ? grid->seed : m_grid->seeds[static_cast<std::size_t>(b)], m_grid->CurrentPassNo(),
-                    m_grid->rounds);
+  (grid ? grid->add : m_grid->pending[static_cast<std::size_t>(b)]) = Contributions(
+      b, grid ? grid->seed : m_grid->seeds[static_cast<std::size_t>(b)], m_grid->CurrentPassNo());
   return 0;
 }
 
