@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <stdexcept>
 
 #include "tests/Common/Checks.h"
 #include "tests/Reconstruction/ReconstructionSupport.h"

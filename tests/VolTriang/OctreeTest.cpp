@@ -295,7 +295,6 @@ TEST(COctreeReference, MatchesTheSlowBuildOnEveryKindOfCloud)
     EXPECT_TRUE(tree.isInLeafCell(p));
   }
   expectSameTree(box, 1, false, -1);
-  expectSameTree(QZTest::makeTorusCloud(300, 1.0, 0.3, 13), 4, true, -1);
 }
 
 // The nodes' box, the cell sizes and the neighbour boxes; a tree is uniform

@@ -28,17 +28,6 @@ CProductPiecewisePolynom placedKernel(double s, double const * c)
 }
 } // namespace
 
-TEST(ProductPolynom, AZeroFactorEmptiesEveryAxisAndAFourthAxisIsRefused)
-{
-  CSingleVarLimitedPolynom const k = bsplineFactor();
-  CProductPolynom s(k, k, k);
-  EXPECT_EQ(s.power(), 6);
-  EXPECT_THROW(s.getMultiplier(3), std::out_of_range);
-  s *= 0.0;
-  EXPECT_EQ(s.getMultiplier(0).maxPower(), -1);
-  EXPECT_EQ(s.eval(std::vector<double>{0.0, 0.0, 0.0}.data()), 0.0);
-}
-
 TEST(ProductPiecewisePolynom, SumsKeepTheOriginInTheirSupport)
 {
   CSingleVarLimitedPolynom k = bsplineFactor();
@@ -98,6 +87,11 @@ TEST(ProductPiecewisePolynom, ProductsAndAffineSequencesAgreeWithValuesAndQuadra
   z *= 0.0;
   EXPECT_EQ(z.summandsNumber(), 0);
   EXPECT_EQ(z.getCommonSupportRef().getMax()[0], 0.0);
+  // A single product has three axes, all emptied by a zero factor.
+  CProductPolynom s = kernel().getSummand(0);
+  s *= 0.0;
+  EXPECT_EQ(s.getMultiplier(0).maxPower(), -1);
+  EXPECT_THROW(s.getMultiplier(3), std::out_of_range);
 }
 
 TEST(ProductPiecewisePolynom, ShiftedKernelsMeetOnlyWithPositiveOverlap)
