@@ -140,6 +140,11 @@ TEST(CVolumetricTriangulator, ParametersAreCopiedAndEarlyFailuresCarryTheirTexts
     EXPECT_EQ(whatOf<std::exception>([&] { CVolumetricTriangulator(nullptr, &cloud, q, nullptr).run(); }),
               "Incorrect tree depth detected in VolTr::COctree constructor");
   p.setOctreeDepth(4);
+  // An empty cloud builds an empty tree and has nothing to solve for.
+  CSampleCloud const empty;
+  EXPECT_EQ(
+      whatOf<CVolTriangulationError>([&] { CVolumetricTriangulator(nullptr, &empty, &p, nullptr).run(); }),
+      "Failed to solve linear system");
   CSampleCloud bad = cubeCorners();
   bad.coordsMod(5)[2] = std::numeric_limits<float>::quiet_NaN();
   EXPECT_EQ(whatOf<std::exception>([&] { CVolumetricTriangulator(nullptr, &bad, &p, nullptr).run(); }),
