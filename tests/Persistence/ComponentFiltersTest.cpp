@@ -64,10 +64,12 @@ private:
   void OnFinalizeLoading() override { ++finalized; }
 };
 
-/// A component of fixed bytes; Load reads `readCount` of them.
+/// A component of fixed bytes, of which Load reads `readCount`, followed by
+/// further components, each behind a wrapper.
 struct PayloadFilter : IComponentFilter
 {
-  PayloadFilter(IVescaBinaryStream & s, std::string mark, int version, std::string payload)
+  explicit PayloadFilter(IVescaBinaryStream & s, std::string mark = "Doc", int version = 1,
+                         std::string payload = "")
       : stream(s), mark(std::move(mark)), version(version), payload(std::move(payload)),
         readCount(this->payload.size())
   {
@@ -77,30 +79,6 @@ struct PayloadFilter : IComponentFilter
   int version;
   std::string payload, loaded;
   std::size_t readCount;
-
-private:
-  __int64 OnSave() override
-  {
-    stream.writeData(payload.size(), payload.data());
-    return static_cast<__int64>(payload.size());
-  }
-  __int64 OnLoad(IDeltaStateLogger &) override
-  {
-    loaded.assign(readCount, '\0');
-    stream.readData(readCount, &loaded[0]);
-    return static_cast<__int64>(readCount);
-  }
-  std::wstring OnGetComponentName() const override { return L"payload"; }
-  std::string OnGetBlockMark() const override { return mark; }
-  int OnGetVersion() const override { return version; }
-  IVescaBinaryStream & OnGetStream() override { return stream; }
-};
-
-/// A component whose data are further components, each behind a wrapper.
-struct NestingFilter : IComponentFilter
-{
-  explicit NestingFilter(IVescaBinaryStream & s) : stream(s) {}
-  IVescaBinaryStream & stream;
   std::vector<std::unique_ptr<CInnerHeaderWrapper>> children;
 
   PayloadFilter * add(std::string mark, int version, std::string payload, ISaveLoadLog * log = nullptr,
@@ -114,21 +92,24 @@ struct NestingFilter : IComponentFilter
 private:
   __int64 OnSave() override
   {
-    __int64 n = 0;
+    stream.writeData(payload.size(), payload.data());
+    __int64 n = static_cast<__int64>(payload.size());
     for (auto & c : children)
       n += c->Save();
     return n;
   }
   __int64 OnLoad(IDeltaStateLogger & logger) override
   {
-    __int64 n = 0;
+    loaded.assign(readCount, '\0');
+    stream.readData(readCount, &loaded[0]);
+    __int64 n = static_cast<__int64>(readCount);
     for (auto & c : children)
       n += c->Load(logger);
     return n;
   }
-  std::wstring OnGetComponentName() const override { return L"nest"; }
-  std::string OnGetBlockMark() const override { return "Doc"; }
-  int OnGetVersion() const override { return 1; }
+  std::wstring OnGetComponentName() const override { return L"payload"; }
+  std::string OnGetBlockMark() const override { return mark; }
+  int OnGetVersion() const override { return version; }
   IVescaBinaryStream & OnGetStream() override { return stream; }
 };
 
@@ -188,7 +169,7 @@ TEST(ComponentHeader, UnknownVersionsAndMarksAreSkippedWithAWarning)
     std::rewind(t.file.get());
     SCOPED_TRACE(std::string(r.mark) + " v" + std::to_string(r.version));
     RecordingLog log;
-    NestingFilter doc(t.stream); // only to hold the two readers
+    PayloadFilter doc(t.stream); // only to hold the two readers
     PayloadFilter * p = doc.add(r.mark, r.version, "___", r.withLog ? &log : nullptr, r.text);
     PayloadFilter * tail = doc.add("Tail", 1, "__");
     EXPECT_EQ(doc.Load(logger), 131 + 130);
@@ -221,7 +202,7 @@ TEST(ComponentHeader, BadHeadersMarksAndMiscountingFiltersFail)
   save(t.stream, fits, 1, "d");
   EXPECT_THROW(save(t.stream, fits + "m", 1, "d"), std::length_error);
   EXPECT_EQ(t.contents().size(), 129u);
-  NestingFilter reader(t.stream);
+  PayloadFilter reader(t.stream);
   reader.add(fits, 1, "_");
   Logger logger;
   EXPECT_EQ(reader.Load(logger), 129);
@@ -232,7 +213,7 @@ TEST(ComponentHeader, BadHeadersMarksAndMiscountingFiltersFail)
   auto loadPoints = [&](std::string const & bytes, std::size_t readCount)
   {
     t.assign(bytes);
-    NestingFilter r(t.stream);
+    PayloadFilter r(t.stream);
     r.add("Points", 1, "")->readCount = readCount;
     return r.Load(logger);
   };
@@ -251,7 +232,7 @@ TEST(ComponentHeader, TruncatedAndCorruptedFilesFailCleanly)
 {
   TempStream t;
   {
-    auto doc = new NestingFilter(t.stream);
+    auto doc = new PayloadFilter(t.stream);
     doc->add("Points", 2, "0123456789ab");
     doc->add("Normals", 3, "nnnnnnn");
     CInnerHeaderWrapper(doc, nullptr, L"").Save();
@@ -268,10 +249,10 @@ TEST(ComponentHeader, TruncatedAndCorruptedFilesFailCleanly)
   {
     t.assign(bytes);
     log.lines.clear();
-    auto doc = new NestingFilter(t.stream);
+    auto doc = new PayloadFilter(t.stream);
     PayloadFilter * p = doc->add("Points", 2, std::string(12, '_'), &log, L"points skipped");
     doc->add("Normals", 2, "", &log, L"normals skipped");
-    NestingFilter all(t.stream);
+    PayloadFilter all(t.stream);
     all.children.emplace_back(new CInnerHeaderWrapper(doc, &log, L"doc skipped"));
     PayloadFilter * q = all.add("Tail", 1, "_____", &log, L"tail skipped");
     Logger logger;
