@@ -104,7 +104,7 @@ SUITES = {
          "QZmath/VolTriang/jbProcess.cpp", "QZmath/VolTriang/VolTriangIsoSurface.cpp",
          "QZmath/VolTriang/OctreeFuncLatticeEval.cpp", "QZmath/VolTriang/OctreeIterators.cpp"],
         "tests/VolTriang/test_voltriang"),
-    # The quick end-to-end suite only: the deep cases are a program of their own.
+    # The end-to-end suite: whole reconstructions, judged by their meshes.
     "Reconstruction": library_suite(
         ["QZmath/VolTriang/VolTriangAssembly.cpp", "QZmath/VolTriang/VolTriangIsoValue.cpp",
          "QZmath/VolTriang/VolumetricTriangulator.cpp"],
