@@ -221,18 +221,6 @@ TEST(BlockProcessorParallelRun, ConflictingBlocksRunOneAtATime)
   ExpectNothingLeft();
 }
 
-TEST(BlockProcessorParallelRun, EmptyStructureEndsEveryWorker)
-{
-  Rig r(0, 0, 1, 3, false);
-  r.p.wholeResult = 5;
-  EXPECT_EQ(r.Run(), 5);
-  EXPECT_EQ(r.Lines({"Blocks over", "[DEBUG_THREADS] Worker 10000: Blocks over",
-                     "[DEBUG_THREADS] Worker 10001: Blocks over", "[DEBUG_THREADS] Worker 10002: Blocks over",
-                     "[DEBUG_THREADS] Manager: Thread stuff finished"}),
-            (std::vector<int>{3, 1, 1, 1, 1}));
-  EXPECT_EQ(Count(r.p.Events(), "pass-end 0"), 1);
-}
-
 // Serially (no thread count) and on workers.
 TEST(BlockProcessorRun, EmptyAndSkippedBlocksGetNoWorkButFinish)
 {

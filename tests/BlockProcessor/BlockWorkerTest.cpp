@@ -1,17 +1,15 @@
-// A worker driven by hand: its loop, its sleep, its abort and the exact
-// trace of one block.
+// A worker driven by hand: its counters and mutexes, and the exact trace of
+// one block.
 
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <future>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "GridClient.h"
 #include "QZsys/DebugLog.h"
-#include "QZsys/Threading.h"
 
 using namespace BlockTest;
 
@@ -151,37 +149,4 @@ TEST(BlockWorker, TraceOfOneBlockFromTakingToGivingBack)
             (std::vector<int>{1, 1, 0}));
   EXPECT_EQ(p.applied, std::vector<int>{0});
   EXPECT_TRUE(p.IsBlockProcessed(grid.Block(0)));
-}
-
-TEST(BlockWorker, AbortEndsASleepingWorkerOrOneAboutToStart)
-{
-  GridStructure grid{2, 1, -1}; // the two blocks conflict
-  ExposedProcessor p{grid};
-  VsUt::CMemoryDebugLog log;
-  p.OnBlockStructureInit();
-  GridWorker worker(&p, true);
-  worker.SetID(10007);
-  worker.SetDebugLog(&log);
-  {
-    CVescaMutexLock lock(p.GetBlockMutex());
-    p.LockNextBlock(nullptr); // another worker has block 0
-  }
-  std::future<void> done = std::async(std::launch::async, [&] { worker.Work(); });
-  ASSERT_TRUE(worker.GetIdleWorkerEvent()->wait(30000));
-  worker.GetWorkerAbortEvent()->set();
-  FinishWithin(done);
-  std::vector<std::string> const lines = log.lines();
-  EXPECT_EQ(
-      (std::vector<int>{Count(lines, "No free blocks, going to sleep..."), Count(lines, "Leave mutex "),
-                        Count(lines, "[DEBUG_THREADS] Worker 10007: Waked up by abort event. Quit job."),
-                        Count(lines, "Waked up after sleep")}),
-      (std::vector<int>{1, 1, 1, 0}));
-  EXPECT_EQ(p.processed, (std::vector<int>{0, 0}));
-
-  // Set before the work, the abort is the first thing the worker sees.
-  log.clear();
-  worker.GetWorkerAbortEvent()->set();
-  worker.Work();
-  EXPECT_EQ(log.lines(), std::vector<std::string>{
-                             "[DEBUG_THREADS] Worker 10007: Worker caught m_hWorkerAbortEvent. Quit work"});
 }

@@ -394,7 +394,6 @@ class ExposedProcessor : public GridProcessor
 {
 public:
   using BlockProc::CBlockProcessor::BlockEnd;
-  using BlockProc::CBlockProcessor::GetBlockMutex;
   using BlockProc::CBlockProcessor::GetFinishedBlockCount;
   using BlockProc::CBlockProcessor::GetPassBlockCount;
   using BlockProc::CBlockProcessor::HasCurrentJob;
@@ -424,24 +423,18 @@ struct ProgressRecorder : IProgressObserver
   bool Rising() const { return std::is_sorted(positions.begin(), positions.end()); }
 };
 
-/// Waits for `done` up to the deadline; a hang fails the test and stops the
-/// program instead of blocking the suite.
-template <class T> T FinishWithin(std::future<T> & done, int seconds = 30)
-{
-  if (done.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready)
-  {
-    ADD_FAILURE() << "no end within " << seconds << " s";
-    std::fflush(nullptr);
-    std::_Exit(3);
-  }
-  return done.get();
-}
-
-/// `Run()` on a thread of its own, under a deadline.
+/// `Run()` on a thread of its own, under a deadline: a hang fails the test
+/// and stops the program instead of blocking the suite.
 inline int RunWithDeadline(BlockProc::CBlockProcessor & processor)
 {
   std::future<int> run = std::async(std::launch::async, [&processor] { return processor.Run(); });
-  return FinishWithin(run, 60);
+  if (run.wait_for(std::chrono::seconds(60)) != std::future_status::ready)
+  {
+    ADD_FAILURE() << "no end within 60 s";
+    std::fflush(nullptr);
+    std::_Exit(3);
+  }
+  return run.get();
 }
 
 inline int Count(std::vector<std::string> const & lines, std::string const & needle)

@@ -93,34 +93,6 @@ TEST(ExternVector, FileLivesFromFirstGrowthToClearOrDestruction)
   EXPECT_TRUE(vectorFiles().empty());
 }
 
-TEST(ExternVector, HoldersShareOneCopyWrittenBackByTheLastRelease)
-{
-  VecPtr v = makeVector(4);
-  v->resize(3, nullptr);
-  ElementHandle h1 = nullptr, h2 = nullptr;
-  void * p1 = v->lockElement(1, &h1);
-  EXPECT_EQ(v->lockElement(1, &h2), p1);
-  std::int32_t const value = 77;
-  std::memcpy(p1, &value, 4);
-  v->releaseElement(true, &h2);
-  EXPECT_EQ(fileBytes(4, 4), std::vector<unsigned char>(4, 0)); // not yet
-  v->releaseElement(false, &h1);
-  EXPECT_EQ(readInt(*v, 1), 77);
-
-  // Only the last of two holders says modified: written too.
-  p1 = v->lockElement(2, &h1);
-  v->addElementRef(&h1);
-  std::memcpy(p1, &value, 4);
-  v->releaseElement(false, &h1);
-  v->releaseElement(true, &h1);
-  EXPECT_EQ(readInt(*v, 2), 77);
-
-  // Nobody says modified: the change is lost.
-  std::memcpy(v->lockElement(0, &h1), &value, 4);
-  v->releaseElement(false, &h1);
-  EXPECT_EQ(readInt(*v, 0), 0);
-}
-
 TEST(ExternVector, SlotsAreReusedAndDroppedHoldsGoStale)
 {
   VecPtr v = makeVector(16);

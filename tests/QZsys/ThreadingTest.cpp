@@ -6,7 +6,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -145,25 +144,24 @@ TEST(ThreadingFactory, RecursiveMutexAndLock)
 {
   auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
   IVescaMutexPtr m(f.createMutex());
-  std::atomic<int> counter{0};
-  std::optional<CVescaMutexLock> outer, inner;
-  outer.emplace(m);
-  inner.emplace(m.get()); // recursive on the same thread
-  std::thread other(
-      [&]
-      {
-        CVescaMutexLock l(m);
-        counter = 2;
-      });
-  std::this_thread::sleep_for(30ms);
-  EXPECT_EQ(counter.load(), 0); // blocked while we hold it
-  counter = 1;
-  inner.reset();
-  std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(counter.load(), 1); // still held once
-  outer.reset();
+  std::atomic<bool> taken{false};
+  std::thread other;
+  {
+    CVescaMutexLock outer(m);
+    {
+      CVescaMutexLock inner(m.get()); // recursive on the same thread
+      other = std::thread(
+          [&]
+          {
+            CVescaMutexLock l(m);
+            taken = true;
+          });
+    }
+    std::this_thread::sleep_for(30ms);
+    EXPECT_FALSE(taken.load()); // still held once
+  }
   other.join();
-  EXPECT_EQ(counter.load(), 2);
+  EXPECT_TRUE(taken.load());
   CVescaMutexLock none(nullptr); // a null mutex is accepted
 }
 
