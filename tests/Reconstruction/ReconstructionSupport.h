@@ -61,15 +61,14 @@ inline RunResult reconstruct(VolTr::IInputSamples const & cloud, VolTr::CVolTria
   return RunResult{target.mesh, log.lines()};
 }
 
-/// The largest and the mean distance of the vertices from the torus of radii
-/// R, r about the z axis; R = 0 makes it the sphere of radius r.
-inline std::array<double, 2> surfaceError(Mesh const & m, double R, double r)
+/// The largest and the mean distance of the vertices from the sphere of
+/// radius r about the origin.
+inline std::array<double, 2> surfaceError(Mesh const & m, double r)
 {
   double e = 0, sum = 0;
   for (auto const & v : m.vertices)
   {
-    double const q = std::sqrt(v[0] * v[0] + v[1] * v[1]) - R;
-    double const d = std::fabs(std::sqrt(q * q + v[2] * v[2]) - r);
+    double const d = std::fabs(std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]) - r);
     e = std::max(e, d);
     sum += d;
   }

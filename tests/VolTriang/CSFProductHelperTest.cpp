@@ -15,12 +15,6 @@ using Helper = CCSFProductHelperTmpl<CProductPiecewisePolynom>;
 using GeneralHelper = CCSFProductHelperTmpl<CPiecewisePolynom>;
 int const even[3] = {1, 1, 1}, odd[3] = {-1, 1, 1};
 
-// The trees of these tests: 300 samples unless said.
-qztest::SphereBases sphereBases(bool center, int depth, int points = 300)
-{
-  return qztest::SphereBases(depth, center, points, 11);
-}
-
 template <class K> double direct(CCSFunc3Tmpl<K> const & f, CCSFunc3Tmpl<K> const & g)
 {
   return integrateOnSupport(makeProduct(f, g));
@@ -65,7 +59,7 @@ TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsOnEveryDepthAndAxis
   auto const ref = [](auto const & f, auto const & g) { return direct(f, g); };
   for (bool center : {true, false})
   {
-    qztest::SphereBases const b = sphereBases(center, 5);
+    qztest::SphereBases const b(5, center, 300, 11);
     Helper mass(b.basis.get(), b.basis.get(), eBasisSymmetric, 7, nullptr);
     Helper stiff(b.basis.get(), b.lapBasis.get(), eBasisSymmetric, 7, even);
     Helper div(b.basis.get(), b.grad[0].get(), eBasisNonSymmetric, 6, odd);
@@ -93,7 +87,7 @@ TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsOnEveryDepthAndAxis
 // derivative axes after a swap too.
 TEST(CSFProductHelper, GeneralFormAgreesWithTheSeparableForm)
 {
-  qztest::SphereBases const bp = sphereBases(true, 4, 150);
+  qztest::SphereBases const bp(4, true, 150, 11);
   qztest::GeneralBases const bg(bp.tree.get());
   Helper sp(bp.basis.get(), bp.lapBasis.get(), eBasisSymmetric, 7, even);
   Helper dp(bp.basis.get(), bp.grad[0].get(), eBasisNonSymmetric, 6, odd);

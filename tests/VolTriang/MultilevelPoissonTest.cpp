@@ -32,16 +32,6 @@ std::vector<double> random(int n, unsigned seed)
   return x;
 }
 
-// -A times a known solution: the right part the solve must invert.
-std::vector<double> rightPartOf(CMultilevelPoissonSolver const & solver, std::vector<double> const & known)
-{
-  std::vector<double> rhs;
-  solver.apply(known, &rhs);
-  for (double & v : rhs)
-    v = -v;
-  return rhs;
-}
-
 // |A x + rhs| / |rhs|.
 double relativeResidual(CMultilevelPoissonSolver const & solver, std::vector<double> const & x,
                         std::vector<double> const & rhs)
@@ -155,7 +145,11 @@ TEST(MultilevelPoisson, SolveReachesTheKnownSolutionOnFullAndSmallTrees)
     COctree const tree(c.cloud, c.depth, nullptr, c.center, c.detail);
     CMultilevelPoissonSolver solver(tree, kernel);
     int const n = tree.getNodesNumber();
-    std::vector<double> const rhs = rightPartOf(solver, random(n, 9));
+    // -A times a known solution: the right part the solve must invert.
+    std::vector<double> rhs;
+    solver.apply(random(n, 9), &rhs);
+    for (double & v : rhs)
+      v = -v;
     std::vector<double> x;
     bool const solved = solver.solve(rhs, &x, nullptr, nullptr);
     EXPECT_EQ(solved, n > 0) << "depth " << c.depth;

@@ -147,30 +147,6 @@ TEST(jbProcess, BoundsFlagsAndZeroCornersGiveBorderedSurfaces)
   }
 }
 
-// No sign change means no start; a refusal of the sink stops the walk, and
-// an exception from it leaves through, both freeing everything.
-TEST(jbProcess, NoStartRefusalAndExceptionsFreeEverything)
-{
-  Field positive([](Point3D_d const &) { return 1.0; }), zero([](Point3D_d const &) { return 0.0; });
-  Field f = sphere(1.0);
-  int bounds[3] = {10, 10, 10};
-  Collector none;
-  jbProcess p;
-  EXPECT_EQ(p.polygonize(positive, 0.1, bounds, Point3D_d(0, 0, 0), none), 1);
-  EXPECT_TRUE(none.mesh.triangles.empty());
-  // Zero is the negative side: no positive point exists.
-  EXPECT_EQ(p.polygonize(zero, 0.1, bounds, Point3D_d(0, 0, 0), none), 1);
-
-  Collector refusing, throwing;
-  refusing.refuseAfter = 5;
-  EXPECT_EQ(p.polygonize(f, 0.1, bounds100, Point3D_d(1, 0, 0), refusing), 2);
-  EXPECT_EQ(refusing.mesh.triangles.size(), 5u);
-  EXPECT_TRUE(p.cubes == nullptr && p.edges == nullptr);
-  throwing.throwAfter = 40;
-  EXPECT_THROW(p.polygonize(f, 0.1, bounds100, Point3D_d(1, 0, 0), throwing), std::runtime_error);
-  EXPECT_TRUE(p.cubes == nullptr && p.corners == nullptr); // the sanitizer run proves nothing leaked
-}
-
 TEST(jbProcess, MarchingCubesCoversEveryComponent)
 {
   // Two separate spheres: the continuation walk finds one, the exhaustive
@@ -218,7 +194,7 @@ struct SerialSolver : jbVertexSolver
 };
 } // namespace
 
-TEST(jbProcess, DeferredVerticesGiveTheSameSequence)
+TEST(jbProcess, DeferredVerticesGiveTheSameSequenceAndBothWalksStopCleanly)
 {
   Field f = sphere(0.7, 0.1, -0.2, 0.3), t = torus(0.6, 0.25);
   // The gyroid in a box of 8 cubes each way has more vertices than the
@@ -248,17 +224,24 @@ TEST(jbProcess, DeferredVerticesGiveTheSameSequence)
       EXPECT_GT(solver.batches, batch == 1 ? 100 : 0);
       EXPECT_EQ(q.vertices.items, nullptr);
     }
-  // A refusal stops at the same triangle; a failing batch frees everything.
-  Collector refused, sink;
-  refused.refuseAfter = 123;
+  // A refusal of the sink stops either walk at its triangle, and an exception
+  // from the sink or a failing batch leaves through: both free everything.
+  Collector refused, refusedPlain, throwing, sink;
+  refused.refuseAfter = refusedPlain.refuseAfter = 123;
   SerialSolver solver(&f), failing(&f);
   jbProcess p;
   EXPECT_EQ(p.polygonizeDeferred(f, 0.05, bounds100, start, refused, solver, 10), 2);
-  EXPECT_EQ(refused.mesh.triangles.size(), 123u);
+  EXPECT_EQ(p.polygonize(f, 0.05, bounds100, start, refusedPlain), 2);
+  EXPECT_EQ(std::make_pair(refused.mesh.triangles.size(), refusedPlain.mesh.triangles.size()),
+            std::make_pair(std::size_t(123), std::size_t(123)));
+  throwing.throwAfter = 40;
+  EXPECT_THROW(p.polygonize(f, 0.05, bounds100, start, throwing), std::runtime_error);
+  EXPECT_TRUE(p.cubes == nullptr && p.corners == nullptr && p.edges == nullptr);
   failing.failAt = 3;
   EXPECT_THROW(p.polygonizeDeferred(f, 0.05, bounds100, start, sink, failing, 10), std::runtime_error);
-  EXPECT_TRUE(p.cubes == nullptr && p.corners == nullptr);
-  // No start: the same answer as the plain walk.
-  Field positive([](Point3D_d const &) { return 1.0; });
+  EXPECT_TRUE(p.cubes == nullptr && p.corners == nullptr); // the sanitizer run proves nothing leaked
+  // No sign change means no start, on either walk; zero is the negative side.
+  Field positive([](Point3D_d const &) { return 1.0; }), zero([](Point3D_d const &) { return 0.0; });
   EXPECT_EQ(p.polygonizeDeferred(positive, 0.05, bounds100, Point3D_d(0, 0, 0), sink, failing, 10), 1);
+  EXPECT_EQ(p.polygonize(zero, 0.05, bounds100, Point3D_d(0, 0, 0), sink), 1);
 }
