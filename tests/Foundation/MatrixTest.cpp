@@ -71,12 +71,8 @@ template <class T> double maxAbs(Matrix<T> const & m)
 
 } // namespace
 
-// ---- storage ---------------------------------------------------------------------
-
 TEST(MatrixStorage, ColumnMajorLayoutEmptySizesAndResizeKeep)
 {
-  Matrix<double> d;
-  EXPECT_TRUE(d.rows() * d.cols() == 1 && d(0, 0) == 0.0);
   Matrix<double> m(3, 2);
   EXPECT_EQ(&m[1][2], &m.elem(2, 1));
   for (int c = 0; c < 2; ++c)
@@ -126,8 +122,6 @@ TEST(MatrixStorage, ExternalMemoryStaysTheCallersUntilResize)
   EXPECT_TRUE(memory[0] == 9.0 && m(1, 1) == 0.0) << "owns new, zeroed memory";
 }
 
-// ---- windows and tiles ---------------------------------------------------------------
-
 // submatrix writes whole tiles; as and get are inverse; transpose and flop
 // reverse.
 TEST(MatrixWindows, TilesBlocksTransposeAndFlop)
@@ -160,14 +154,11 @@ TEST(MatrixWindows, TilesBlocksTransposeAndFlop)
   EXPECT_TRUE(m.getDiag().size() == 4 && m.trace() == -4);
 }
 
-// ---- arithmetic -------------------------------------------------------------------------
-
 TEST(MatrixArithmetic, SizeErrorsThrowTheirWords)
 {
   Matrix<double> a(3, 4), acc(3, 4);
   Matrix<double> const wrong(4, 3);
   EXPECT_EQ(thrownWord([&] { return a + wrong; }), "NURBSWrongSize2D");
-  EXPECT_EQ(thrownWord([&] { return a - wrong; }), "NURBSWrongSize2D");
   EXPECT_EQ(thrownWord([&] { acc -= wrong; }), "NURBSWrongSize2D");
   EXPECT_EQ(thrownWord([&] { return a == wrong; }), "NURBSWrongSize2D"); // throws, not false
   EXPECT_EQ(thrownWord([&] { return a * a; }), "NURBSWrongSize2D");
@@ -181,18 +172,15 @@ TEST(MatrixArithmetic, ScalarOperationsRoundOnceOrWrap)
   Matrix<float> f(1, 1);
   f(0, 0) = 0.1f;
   EXPECT_EQ(((1.0 / 3.0) * f)(0, 0), static_cast<float>(static_cast<double>(0.1f) * (1.0 / 3.0)));
-  f += 0.1;
-  EXPECT_EQ(f(0, 0), static_cast<float>(static_cast<double>(0.1f) + 0.1));
 
   // Integer elements: truncation toward zero, wrapping, 0 for non-finite.
   Matrix<int> i(1, 3);
   i(0, 0) = 7, i(0, 1) = -7, i(0, 2) = std::numeric_limits<int>::max();
   EXPECT_EQ((0.5 * i)(0, 1), -3);
-  Matrix<int> h = i;
-  h += 1.0;
-  EXPECT_EQ(h(0, 2), std::numeric_limits<int>::min());
-  h /= 0.0;
-  EXPECT_EQ(h(0, 0), 0);
+  i += 1.0;
+  EXPECT_EQ(i(0, 2), std::numeric_limits<int>::min());
+  i /= 0.0;
+  EXPECT_EQ(i(0, 0), 0);
 }
 
 TEST(MatrixArithmetic, ProductsMatchTheSlowLoopBitForBit)
@@ -207,17 +195,12 @@ TEST(MatrixArithmetic, ProductsMatchTheSlowLoopBitForBit)
     Matrix<float> const af = randomMatrix<float>(n, k, rng), bf = randomMatrix<float>(k, m, rng);
     EXPECT_TRUE(af * bf == slowProduct(af, bf));
   }
-  // Integer elements wrap: products are exact modulo 2^32, hence associative,
-  // and a vector multiplies as a column.
-  Matrix<int> const a4 = randomMatrix<int>(4, 5, rng, -1e9, 1e9),
-                    b5 = randomMatrix<int>(5, 3, rng, -1e9, 1e9),
-                    c3 = randomMatrix<int>(3, 6, rng, -1e9, 1e9);
-  EXPECT_TRUE((a4 * b5) * c3 == a4 * (b5 * c3));
+  // A vector multiplies as a column.
+  Matrix<int> const s3 = randomMatrix<int>(3, 3, rng), t3 = randomMatrix<int>(3, 3, rng),
+                    column = randomMatrix<int>(3, 1, rng);
   Vector<int> v(3);
-  Matrix<int> const column = b5.get(0, 0, 3, 1);
   for (int i = 0; i < 3; ++i)
     v[i] = column(i, 0);
-  Matrix<int> const s3 = randomMatrix<int>(3, 3, rng), t3 = randomMatrix<int>(3, 3, rng);
   Vector<int> const sv = s3 * v;
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ(sv[i], (s3 * column)(i, 0));
@@ -231,8 +214,6 @@ TEST(MatrixArithmetic, ProductsMatchTheSlowLoopBitForBit)
   EXPECT_TRUE(std::isnan((b.transpose() * a.transpose())(0, 0)));
 }
 
-// ---- point elements ------------------------------------------------------------------------
-
 TEST(MatrixPoints, HomogeneousProductIsCoordinateWiseOnAllFour)
 {
   Matrix<HPoint3D_d> a(1, 2), b(2, 1);
@@ -242,8 +223,6 @@ TEST(MatrixPoints, HomogeneousProductIsCoordinateWiseOnAllFour)
   b(1, 0) = HPoint3D_d(std::nan(""), 1, 1, 1);
   EXPECT_EQ((a * b)(0, 0), HPoint3D_d(5, 12, 21, 32));
 }
-
-// ---- LAPACK -------------------------------------------------------------------------------
 
 template <class T> class MatrixSolve : public ::testing::Test
 {

@@ -109,24 +109,6 @@ TEST(RotationMatrix, SelfAdjointTolerances)
   EXPECT_FALSE(m.isSelfAdjoint());
 }
 
-TEST(RotationMatrix, Inversion)
-{
-  Rng rng;
-  for (int rep = 0; rep < 50; ++rep)
-  {
-    CRotationMatrix const a = rng.matrix();
-    CRotationMatrix inv;
-    ASSERT_TRUE(invertMatrix(a, inv));
-    expectNear(product(a, inv), CRotationMatrix::Identity(), 1e-9);
-  }
-  CRotationMatrix out = CRotationMatrix::Identity() * 7.0;
-  EXPECT_FALSE(invertMatrix(CRotationMatrix::Zero(), out));
-  EXPECT_EQ(out.m[0][0], 7.0) << "untouched on failure";
-  CRotationMatrix const rankTwo =
-      CRotationMatrix::buildFromRows(Point3D_d(1, 2, 3), Point3D_d(2, 4, 6), Point3D_d(0, 1, 0));
-  EXPECT_FALSE(invertMatrix(rankTwo, out));
-}
-
 TEST(RotationMatrix, EigenvectorsOfSelfAdjoint)
 {
   Rng rng;
