@@ -142,27 +142,6 @@ TYPED_TEST(VariableManager, EveryMisuseSpoilsAndLeavesNoTrace)
   EXPECT_FALSE(noFixed.IsSpoiled());
 }
 
-TYPED_TEST(VariableManager, SpoiledIsStickyUntilAssignedFromACleanSystem)
-{
-  using T = ScalarOf<TypeParam>;
-  TypeParam clean;
-  clean.DefineFreeVertex(0);
-  TypeParam s;
-  s.DefineFreeVertex(0);
-  s.Spoil();
-  s.AddEquation(eq<T>({{0, 1}}));
-  s.DefineFreeVertex(1);
-  // A spoiled system takes no equation, but definitions still change the maps.
-  EXPECT_EQ(std::make_pair(s.GetEquationsNumber(), s.GetFreeVariablesIndex(1)), std::make_pair(0, 1));
-  s.setSymmetric(true);
-  s.setPositiveDefinite(true);
-  EXPECT_FALSE(s.IsCorrectlyDefinedSystem());
-  std::unique_ptr<ILinearSystemStorage<T>> copy(s.Copy());
-  EXPECT_TRUE(copy->IsSpoiled() && copy->isPositiveDefinite());
-  s = clean;
-  EXPECT_TRUE(!s.IsSpoiled() && s.GetFreeVariablesNumber() == 1);
-}
-
 TYPED_TEST(VariableManager, RightPartsAreTheNegatedFixedProductAndSolutionsGoOutByFreeIndex)
 {
   using T = ScalarOf<TypeParam>;

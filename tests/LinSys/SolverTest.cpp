@@ -238,9 +238,6 @@ TYPED_TEST(Solvers, IterativeCoreContracts)
   EXPECT_TRUE(sparseCore.solveSystem(csr, 2, exact.in.data(), exact.out.data(), nullptr));
   EXPECT_EQ(sparseCore.getIterationsUsed(), -2);
   EXPECT_EQ(exact.error(0) + exact.error(1), 0.0);
-
-  EXPECT_EQ(CLinSysSolverSparseMKL<float>::st_DefaultBicgStabEps, 1e-6f);
-  EXPECT_EQ(CLinSysSolverSparseMKL<double>::st_DefaultBicgStabEps, 9.999999974752427e-07);
 }
 
 // Every right part may use up the limit; the count is their sum.
@@ -360,15 +357,6 @@ TYPED_TEST(Solvers, DirectSparseFailuresGiveFalseAndMklPrintsNothing)
   solver.setPositiveDefinite(false);
   EXPECT_EQ(captureStdout([&] { EXPECT_TRUE(parts.solveBy(solver)); }), "");
   EXPECT_LT(parts.error(0), sizeof(T) == 4 ? 1e-4 : 1e-11);
-
-  // The graph Laplacian (rows summing to 0) is singular: a zero pivot.
-  CProblem singular = laplacian3D(3, 3, 2);
-  for (int i = 0; i < singular.nFree; ++i)
-    singular.rows[i][i] = static_cast<double>(singular.rows[i].size() - 2); // the neighbours
-  CSparseStoreSparseLinSysSolver<T> singularSolver(0);
-  fill<T>(singularSolver, singular);
-  CRightParts<T> singularParts(singular, 1);
-  EXPECT_EQ(captureStdout([&] { EXPECT_FALSE(singularParts.solveBy(singularSolver)); }), "");
 
   // A system of size 0.
   CSparseStoreSparseLinSysSolver<T> empty(0);
