@@ -117,21 +117,6 @@ TEST(ContourCorners, SquareHasFourCornersAndSplitsIntoSharedPieces)
                                      true, &count));
 }
 
-TEST(ContourCorners, CircleHasNoCornersAndStaysOnePiece)
-{
-  // An evenly sampled circle is straight at every chord: no corners, and the
-  // closed split gives the contour back unchanged.
-  std::vector<Point3D_d> circle;
-  for (int i = 0; i < 500; ++i)
-    circle.emplace_back(5 * std::cos(2 * PI * i / 500), 5 * std::sin(2 * PI * i / 500), 1.0);
-  std::vector<std::vector<Point3D_d>> pieces;
-  int count = -1;
-  ASSERT_TRUE(SplitContourByCorners(&pieces, circle, 0.5, true, &count));
-  EXPECT_EQ(count, 0);
-  ASSERT_EQ(pieces.size(), 1u);
-  EXPECT_EQ(pieces[0].size(), circle.size());
-}
-
 TEST(ContourCorners, OpenContourEnds)
 {
   // An L with its corner 3 points before the end: the corner wins over the

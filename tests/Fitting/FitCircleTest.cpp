@@ -28,22 +28,18 @@ void expectCircle(Point3D_d const & c, Point3D_d const & n, double r, double tol
   EXPECT_LT(sinAngle(n, N0), tol);
 }
 
-// y = a exp(b t) through the samples t = 0, 1, ..., for the adapter.
-struct CExpFunctor : REmath::LmderFunctor
+// y = a + b t through the samples t = 0, 1, ... of 2 + t / 2, for the adapter.
+struct CLineFunctor : REmath::LmderFunctor
 {
   int operator()(int m, int, const double * x, double * fvec, double * fjac, int ldfjac,
                  int iflag) const override
   {
     for (int i = 0; i < m; ++i)
     {
-      double const t = i, e = std::exp(x[1] * t);
       if (iflag == 1)
-        fvec[i] = x[0] * e - 2.0 * std::exp(0.5 * t);
+        fvec[i] = x[0] + x[1] * i - (2.0 + 0.5 * i);
       else
-      {
-        fjac[i] = e;
-        fjac[i + ldfjac] = x[0] * t * e;
-      }
+        fjac[i] = 1.0, fjac[i + ldfjac] = i;
     }
     return m_stopAt < 0 ? m_stopAt : 1;
   }
@@ -148,7 +144,7 @@ TEST_F(FitCircle, TangentConditionsAreMet)
 
 TEST_F(FitCircle, MinpackAdapterCodes)
 {
-  CExpFunctor f;
+  CLineFunctor f;
   double x[2] = {1.0, 0.1}, fvec[6];
   int const code = REmath::lmder1_adapter(f, 6, 2, x, fvec, 1e-12);
   EXPECT_TRUE(code >= 1 && code <= 4) << code;

@@ -50,7 +50,7 @@ TEST(FitLine, RobustFitIgnoresGrossOutliersThatPullThePlainFit)
     EXPECT_LT(sinAngle(d, dir), 3.0 * sigma / 5.0);
     EXPECT_LT(cross(o - o0, dir).length(), 3.0 * sigma); // o on the true line
     EXPECT_GT(info.iterations, 0);
-    EXPECT_LT(info.supportCount, 400 - 60);
+    EXPECT_TRUE(info.supportCount > 250 && info.supportCount < 400 - 60) << info.supportCount;
   }
 }
 

@@ -13,14 +13,6 @@ using SurfTest::raw10;
 namespace
 {
 double const C[10] = {1.5, -2.0, 0.25, 3.0, 4.0, -1.0, 0.5, 0.75, -0.125, 2.5};
-
-// The form's value straight from its monomials, in the raw order.
-double monomialValue(const double * c, const Point3D_d & p)
-{
-  double const x = p.x(), y = p.y(), z = p.z();
-  return c[0] * x * x + c[1] * x * y + c[2] * x * z + c[3] * y * y + c[4] * y * z + c[5] * z * z + c[6] * x +
-         c[7] * y + c[8] * z + c[9];
-}
 } // namespace
 
 TEST(QuadraticForm, CoefficientArraysAndAccessors)
@@ -45,26 +37,6 @@ TEST(QuadraticForm, CoefficientArraysAndAccessors)
             (std::vector<double>{1, 2, 3, 4, 5, 6, 0, 0, 0, 0}));
   // The default form is the identity with no linear or free term.
   EXPECT_EQ(CQuadraticForm().eval(Point3D_d(1.0, 2.0, 2.0)), 9.0);
-}
-
-TEST(QuadraticForm, EvaluationAndGradient)
-{
-  CQuadraticForm f = CQuadraticForm::buildFromCoeffArray(10, C);
-  Point3D_d const p(0.3, -1.2, 2.0);
-  EXPECT_NEAR(f.eval(p), monomialValue(C, p), 1e-12);
-  Point3D_d const g = f.evalGradient(p);
-  for (int k = 0; k < 3; ++k)
-  {
-    Point3D_d a = p, b = p;
-    a.asArray()[k] += 1e-6, b.asArray()[k] -= 1e-6;
-    EXPECT_NEAR(g.asArray()[k], (monomialValue(C, a) - monomialValue(C, b)) / 2e-6, 1e-6);
-  }
-  // A non-symmetric Q: eval reads all nine entries (the pair's sum is what
-  // counts), the gradient the rows only.
-  f.GetQuadaricTerm().m[0][1] = 1.0;
-  f.GetQuadaricTerm().m[1][0] = -3.0;
-  EXPECT_NEAR(f.eval(p), monomialValue(C, p), 1e-12);
-  EXPECT_EQ(f.evalGradient(p).x(), 2.0 * (1.5 * 0.3 + 1.0 * -1.2 + 0.125 * 2.0) + 0.5);
 }
 
 TEST(QuadraticForm, SolvingForZ)

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -98,15 +97,7 @@ void expectRows(OrientedCloud const & c, bool normals = true)
 
 std::string errorOf(std::string const & path)
 {
-  try
-  {
-    readCloud(path);
-  }
-  catch (CloudReadError const & e)
-  {
-    return e.what();
-  }
-  return "";
+  return QZTest::whatOf<CloudReadError>([&] { readCloud(path); });
 }
 } // namespace
 
@@ -186,7 +177,7 @@ TEST(CloudIO, TruncatedBinaryFailsAtEveryCut)
   {
     writeFile(p, full.substr(0, cut));
     EXPECT_THAT(errorOf(p), HasSubstr(cut > headerEnd ? "byte " : "")) << "cut at " << cut;
-    EXPECT_FALSE(errorOf(p).empty()) << "cut at " << cut;
+    EXPECT_NE(errorOf(p), "<nothing thrown>") << "cut at " << cut;
   }
 }
 
@@ -248,39 +239,28 @@ TEST(CloudIO, CloudsWithoutNormals)
   writeFile(p, "0 0\n");
   EXPECT_THAT(errorOf(p), HasSubstr("line 1: expected x y z, or x y z nx ny nz"));
 
-  // PLY with x y z only; written back as a cloud and read again.
+  // PLY with x y z only; written back as a cloud and read again. (Written
+  // with normals, it is what qznormals writes; the mesh test reads them back.)
   std::string const q = tempPath("plain.ply");
   writeFile(q,
             "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\nproperty float z\n"
             "end_header\n1 2 3\n4 5 6\n");
-  OrientedCloud d = readCloud(q);
+  OrientedCloud const d = readCloud(q);
   ASSERT_EQ(d.size(), 2u);
   EXPECT_FALSE(d.hasNormals());
-  for (bool normals : {false, true})
-  {
-    if (normals)
-      d.normals = {0, 0, 1, 0.6f, 0.8f, 0};
-    writePly(q, d);
-    OrientedCloud const e = readCloud(q);
-    EXPECT_EQ(e.points, d.points);
-    EXPECT_EQ(e.normals, d.normals);
-    std::string const bytes = readFile(q);
-    EXPECT_EQ(bytes.find("element face"), std::string::npos);
-    EXPECT_EQ(bytes.find("property float nx") != std::string::npos, normals);
-  }
+  writePly(q, d);
+  OrientedCloud const e = readCloud(q);
+  EXPECT_TRUE(e.points == d.points && !e.hasNormals());
+  EXPECT_EQ(readFile(q).find("element face"), std::string::npos);
 }
 
+// A file that is not there yet, and the text of a refusal, are the command
+// line's checks.
 TEST(CloudIO, WritabilityIsCheckedWithoutHarm)
 {
-  std::string const fresh = tempPath("fresh.ply");
-  std::remove(fresh.c_str());
-  EXPECT_NO_THROW(checkWritable(fresh));
-  EXPECT_FALSE(std::ifstream(fresh).good()) << "the check left a file behind";
   std::string const kept = tempPath("kept.txt");
   writeFile(kept, "keep me");
   EXPECT_NO_THROW(checkWritable(kept));
   EXPECT_EQ(readFile(kept), "keep me");
-  EXPECT_EQ(QZTest::whatOf<std::runtime_error>([] { checkWritable("/nonexistent-dir/out.ply"); }),
-            "/nonexistent-dir/out.ply: cannot write the file (No such file or directory)");
   EXPECT_THROW(checkWritable(testing::TempDir()), std::runtime_error);
 }

@@ -57,12 +57,4 @@ TEST(ShapeCloud, DeterministicAndReadableBack)
     EXPECT_EQ(c.points[i], a.points[i]); // %.9g round-trips a float
     EXPECT_NEAR(c.normals[i], a.normals[i], 1e-6);
   }
-  // Without normals (its vector emptied, its old room still there) only the
-  // positions are written, and read back as a cloud without normals.
-  OrientedCloud bare = a;
-  bare.normals.clear();
-  writeText(p, bare);
-  OrientedCloud const d = readCloud(p);
-  EXPECT_EQ(d.points, bare.points);
-  EXPECT_FALSE(d.hasNormals());
 }
