@@ -16,28 +16,11 @@ using namespace BlockTest;
 
 namespace
 {
-struct LC_Foreign : IVescaFragmentDescriptor_Old
-{
-};
-
 int IndexOf(GridStructure const & grid, Block_iter it)
 {
   return it.GetDesc() ? Index(*it.GetDesc()) : grid.Count();
 }
 } // namespace
-
-// Every run walks the iterator; these are the positions no walk reaches.
-TEST(BlockIter, StrayIteratorsAndForeignBlocks)
-{
-  GridStructure grid(3, 1, 0);
-  Block_iter lone(&grid.Block(1), nullptr);
-  ++lone; // without a structure it stays put
-  EXPECT_EQ(lone.GetDesc(), &grid.Block(1));
-  LC_Foreign foreign;
-  EXPECT_EQ(grid.BlockIndex(Block_iter(&foreign, &grid)), -1);
-  GridStructure empty(0, 3, 0);
-  EXPECT_EQ(empty.Begin(), empty.End());
-}
 
 TEST(BlockSchedule, RandomHandOutsMatchAPlainScheduler)
 {

@@ -10,13 +10,8 @@ function(run_step)
   set(step_output "${out}" PARENT_SCOPE)
 endfunction()
 
+# What the install lacks shows as the consumer's failure to configure or build.
 run_step(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(f lib/libQZmath.so lib/libQZsys.so include/QZmath/QZmath.h include/QZsys/Progress.h
-          lib/cmake/QZmath/QZmathConfig.cmake lib/cmake/QZmath/QZmathConfigVersion.cmake)
-  if(NOT EXISTS ${prefix}/${f})
-    message(FATAL_ERROR "missing from the install: ${f}")
-  endif()
-endforeach()
 run_step(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
 run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 run_step(${WORK_DIR}/build/consumer)

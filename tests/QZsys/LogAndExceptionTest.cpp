@@ -65,8 +65,6 @@ TEST(Exceptions, TextsAndStatusCodes)
   CUserIntrException const original("stopped");
   std::pair<std::string, char const *> const cases[] = {
       {CVescaException().what(), "Vesca exception"},
-      {CVescaException("Unexpected end of file. Probably corrupted data.").what(),
-       "Unexpected end of file. Probably corrupted data."},
       {VsUt::CTextException("Incorrect tree depth").what(), "Incorrect tree depth"},
       {CUserIntrException().what(), "User interruption"},
       {CUserIntrException(nullptr).what(), "User interruption"},
