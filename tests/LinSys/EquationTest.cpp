@@ -102,7 +102,6 @@ TYPED_TEST(VariableManager, EveryMisuseSpoilsAndLeavesNoTrace)
   s = twoByTwo<TypeParam>();
   s->AddEquation(eq<T>({{2, 1}, {7, 1}}));
   EXPECT_TRUE(s->IsSpoiled() && s->GetEquationsNumber() == 0) << "fixed vertices only";
-  EXPECT_TRUE(TypeParam().IsCorrectlyDefinedSystem()) << "no vertices, no equations";
   s = twoByTwo<TypeParam>();
   s->AddEquation(CVertexLinearCombination<T>());
   EXPECT_TRUE(s->IsSpoiled()) << "no term at all";
@@ -118,7 +117,6 @@ TYPED_TEST(VariableManager, EveryMisuseSpoilsAndLeavesNoTrace)
   s = twoByTwo<TypeParam>();
   s->AddEquation(eq<T>({{0, 0}, {2, 1}})); // a zero free coefficient is a free term
   EXPECT_FALSE(s->IsCorrectlyDefinedSystem()) << "one equation for two unknowns";
-  EXPECT_EQ(s->GetFixedVertCoeff(1, 5), T(0));
   s->DefineFreeVertex(3);
   EXPECT_TRUE(s->IsSpoiled() && s->GetFreeVariablesNumber() == 2) << "defined after the rows were made";
   s = twoByTwo<TypeParam>();

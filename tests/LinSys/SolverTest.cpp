@@ -48,21 +48,16 @@ template <class S> S * onBase0(S * solver)
   return solver;
 }
 
-std::vector<int> evenCuts(int n, int blocks)
-{
-  std::vector<int> cuts;
-  for (int k = 1; k < blocks; ++k)
-    cuts.push_back(k * n / blocks);
-  return cuts;
-}
-
 /// Makes decomposers into `blocks` even blocks.
 template <class T>
 std::function<IVertexPosLinearSystem<T> *(int)> decomposer(int blocks, double eps, bool base0)
 {
   return [=](int n)
   {
-    auto * solver = new CLinSysSolverSpaceDecomposer<T>(evenCuts(n, blocks), eps, 10000);
+    std::vector<int> cuts;
+    for (int k = 1; k < blocks; ++k)
+      cuts.push_back(k * n / blocks);
+    auto * solver = new CLinSysSolverSpaceDecomposer<T>(cuts, eps, 10000);
     return base0 ? onBase0(solver) : solver;
   };
 }
@@ -101,9 +96,6 @@ template <class T> double tolerance(bool iterative)
 {
   return sizeof(T) == 4 ? (iterative ? 2e-4 : 5e-5) : (iterative ? 5e-5 : 1e-10);
 }
-
-// An eps the precision can reach.
-template <class T> double reachableEps() { return sizeof(T) == 4 ? 1e-5 : 1e-10; }
 
 /// What `work` wrote to file descriptor 1, C streams included.
 template <class F> std::string captureStdout(F work)
@@ -297,7 +289,7 @@ TYPED_TEST(Solvers, DecomposerBoundariesBreakdownAndSystemsWithoutAMatrix)
   for (LC_Case const & c : {LC_Case{{}, {0, n}}, LC_Case{{0, n}, {0, n}}, LC_Case{{n}, {0, n}},
                             LC_Case{{30}, {0, 30, n}}, LC_Case{{0, 30, 30, n}, {0, 30, 30, n}}})
   {
-    CLinSysSolverDecomposed<T> core(c.given, reachableEps<T>(), -1);
+    CLinSysSolverDecomposed<T> core(c.given, sizeof(T) == 4 ? 1e-5 : 1e-10, -1); // reachable
     CRightParts<T> parts(problem, 1);
     ASSERT_TRUE(core.solveSystem(storage, 1, parts.in.data(), parts.out.data(), nullptr));
     EXPECT_EQ(core.getBoundaries(), c.completed);
@@ -395,8 +387,6 @@ TYPED_TEST(Solvers, BicgstabReturnContractAndSafetyLimit)
   // An exact start has a zero shadow residual: a breakdown, the start kept.
   EXPECT_EQ(identity.solve(b, x, -1), -1);
   EXPECT_EQ(x, b);
-  std::vector<T> zero(3, T(0)), y(3, T(0));
-  EXPECT_EQ(identity.solve(zero, y, 10), -1);
   // Skew-symmetric: h.(A h) is 0 in the first step.
   CDense<T> skew{2, {0, 1, -1, 0}};
   std::vector<T> b2 = {T(1), T(2)}, x2(2, T(0));
