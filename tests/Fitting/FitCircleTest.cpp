@@ -56,7 +56,7 @@ protected:
 };
 } // namespace
 
-TEST_F(FitCircle, ThreePointsAndLeastSquaresOnFullAndPartialArcs)
+TEST_F(FitCircle, ThreePointsAndLeastSquaresOnAShortArc)
 {
   Point3D_d pts[3];
   for (int i = 0; i < 3; ++i)
@@ -69,18 +69,13 @@ TEST_F(FitCircle, ThreePointsAndLeastSquaresOnFullAndPartialArcs)
   Point3D_d const line[3] = {Point3D_d(0.0, 0.0, 0.0), Point3D_d(1.0, 1.0, 1.0), Point3D_d(3.0, 3.0, 3.0)};
   EXPECT_FALSE(makeCircleByThreePoints(line, c, n, r));
 
+  // The centre of a short arc is the least determined: the tolerance grows
+  // with 1 / arc^2. (Quarter turns are the curve fits', the robust fit's
+  // arcs its own test's.)
   CSampler s(3);
-  double const sigma = 0.005;
-  for (double arc : {6.2831853, 1.5, 0.6})
-  {
-    std::vector<Point3D_d> const arcPts = s.circle(C0, N0, R0, 300, 0.2, 0.2 + arc, sigma);
-    // The centre of a short arc is less determined: scale by the arc.
-    double const tol = 20.0 * sigma / std::min(arc * arc, 1.0);
-    ASSERT_TRUE(FitCircleToPointSet(arcPts, c, n, r)) << arc;
-    expectCircle(c, n, r, tol);
-    ASSERT_TRUE(FitCircleToPointSetRobust(arcPts, c, n, r)) << arc;
-    expectCircle(c, n, r, tol);
-  }
+  double const sigma = 0.005, arc = 0.6;
+  ASSERT_TRUE(FitCircleToPointSet(s.circle(C0, N0, R0, 300, 0.2, 0.2 + arc, sigma), c, n, r));
+  expectCircle(c, n, r, 20.0 * sigma / (arc * arc));
 }
 
 TEST_F(FitCircle, RobustFitIgnoresGrossOutliers)

@@ -86,7 +86,6 @@ TEST(RobustRegressionSolver, ScaleIsTheLowerMedianAndWeightsCutAtTwoScales)
       want.push_back(r >= 2.0 * sigma ? 0.0 : geman(r, sigma));
     EXPECT_THAT(task.m_weights[0], testing::Pointwise(testing::DoubleEq(), want));
     EXPECT_EQ(solver.suppCount(), c.kept);
-    EXPECT_EQ(solver.iterationCount(), 1);
     EXPECT_EQ(solver.suppWeights(), task.m_weights[0]);
   }
 }

@@ -382,9 +382,4 @@ TEST(NormalEstimation, DegenerateNeighbourhoodsTakeTheFallback)
   e.orientNormals(xyz(t), t.size(), g, r);
   EXPECT_EQ(r.getDegenerateCount(), degenerate);
   EXPECT_EQ(r.getComponentCount(), 2); // the lump is apart
-  // Away from the wire the plane faces up.
-  for (int i = 0; i < 2000; ++i)
-    ASSERT_TRUE((std::fabs(xyz(t)[3 * i]) <= 0.2 && std::fabs(xyz(t)[3 * i + 1]) <= 0.2) ||
-                r.getNormal(i)[2] > 0.99f)
-        << i;
 }
