@@ -206,15 +206,9 @@ TEST(PolylineFitCurve, NothingToFitFreeSegmentsAndBadPoints)
   expectTypes(fit, {N, N, N}, {});
   EXPECT_EQ(crv, std::vector<double>(21, 0.0));
 
-  // A single open segment is fitted alone between two free ends.
-  fit.setFitTolerance(0.01);
-  ASSERT_EQ(fit.fitPolyline({arcPts(s, 1, 2, 3, 0, 2, 60, NOISE)}, crv, bnd), 0);
-  expectTypes(fit, {A}, {BndCondFree, BndCondFree});
-  EXPECT_EQ(bnd.size(), 12u);
-  EXPECT_NEAR(crv[6], 3.0, 0.01);
-
   // A NaN point, a segment of one point, an empty one, coincident points,
   // collinear ones offered to an arc: decided and fitted without a crash.
+  fit.setFitTolerance(0.01);
   Segments segs = lineArcLine(s, NOISE);
   segs[1][10] = Point3D_d(std::numeric_limits<double>::quiet_NaN(), 0.0, 0.0);
   EXPECT_EQ(fit.fitPolyline(segs, crv, bnd), 0);
@@ -246,7 +240,6 @@ TEST(PolylineFitCurve, EditingTheSegmentation)
   fit.addSegment(segs, 1, crv, bnd);
   EXPECT_TRUE(crv.size() == 21u && bnd.size() == 24u);
   expectTypes(fit, {L, A, L}, {BndCondFree, BndCondPointDir, BndCondPointDir});
-  EXPECT_LT(dist(at3(bnd, 12), g_plane.at(5, 5)), 0.02);
   // Shifting a boundary replaces points only; the ends can't move.
   EXPECT_TRUE(fit.moveBnd(segs, 1));
   EXPECT_FALSE(fit.moveBnd(segs, 0));
