@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <thread>
-#include <vector>
 
 #include "GridClient.h"
 #include "QZmath/BlockProcessor/TransThreadPrgCntAdapter.h"

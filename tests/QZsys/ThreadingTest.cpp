@@ -89,10 +89,9 @@ TEST(PhysicalThreads, CountedAtLeastOneAndSettable)
   EXPECT_TRUE(IsCPUconfSettled());
 }
 
-TEST(ThreadingFactory, AutoResetEventWithTimeouts)
+TEST(ThreadingFactory, AutoResetEventWithTimeoutsAndARecursiveMutex)
 {
   auto & f = CVescaSingletonT<IVescaThreadingFactory>::instance();
-  EXPECT_EQ(&f, CVescaSingletonT<IVescaThreadingFactory>::get());
   std::unique_ptr<IVescaBlockingEvent> e(f.createBlockingEvent());
   EXPECT_FALSE(e->wait(0)); // poll
   e->set();
@@ -110,6 +109,14 @@ TEST(ThreadingFactory, AutoResetEventWithTimeouts)
       });
   EXPECT_TRUE(e->wait(5000));
   setter.join();
+  std::thread setter2([&] { e->set(); });
+  EXPECT_TRUE(e->wait(VESCA_INFINITE));
+  setter2.join();
+  // The block engine takes its mutexes once each; callers may nest them.
+  IVescaMutexPtr m(f.createMutex());
+  CVescaMutexLock outer(m);
+  CVescaMutexLock inner(m.get()); // a plain mutex would hang here
+  CVescaMutexLock none(nullptr);  // a null mutex is accepted
 }
 
 // Starting, waiting and deleting a thread are what every parallel block run
