@@ -3,6 +3,7 @@
 #include <cmath>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "tests/Common/Checks.h"
 #include "tests/Reconstruction/ReconstructionSupport.h"
@@ -10,38 +11,28 @@
 using namespace VolTr;
 using namespace qztest;
 
-namespace
-{
-double leafCell(std::vector<std::string> const & log) { return std::stod(logValue(log, "Leaf cell size")); }
-} // namespace
-
 // The multilevel solve gives the surface of the assembled direct solve: same
 // topology, an enclosed volume that differs by a thin shell of a small part of
 // the leaf cell, and the same mesh with one thread or two.
 TEST(MultilevelReconstruction, SameSurfaceAsTheDirectSolveWhateverTheThreads)
 {
-  struct Case
-  {
-    QZTest::CSampleCloud cloud;
-    int depth;
-    int euler;
-  };
+  using Case = std::tuple<QZTest::CSampleCloud, int, int>; // cloud, depth, genus
   Case const cases[] = {{QZTest::makeSphereCloud(6000, 1.0, 21), 5, 2},
                         {QZTest::makeTorusCloud(8000, 1.0, 0.35, 5), 6, 0}};
-  for (Case const & c : cases)
+  for (auto const & [cloud, depth, euler] : cases)
   {
-    SCOPED_TRACE("depth " + std::to_string(c.depth) + " euler " + std::to_string(c.euler));
-    RunResult direct = reconstruct(c.cloud, makeParams(c.depth));
+    SCOPED_TRACE("depth " + std::to_string(depth) + " euler " + std::to_string(euler));
+    RunResult direct = reconstruct(cloud, makeParams(depth));
     RunResult ml, single;
     for (RunResult * r : {&ml, &single})
     {
       ThreadCount const threads(r == &ml ? 2 : 1);
-      *r = reconstruct(c.cloud, makeParams(c.depth, true));
+      *r = reconstruct(cloud, makeParams(depth, true));
     }
     MeshTopology const t = analyse(ml.mesh);
     EXPECT_TRUE(t.closedManifold());
-    EXPECT_EQ(std::make_pair(t.eulerCharacteristic, t.components), std::make_pair(c.euler, 1));
-    double const cell = leafCell(ml.log);
+    EXPECT_EQ(std::make_pair(t.eulerCharacteristic, t.components), std::make_pair(euler, 1));
+    double const cell = std::stod(logValue(ml.log, "Leaf cell size"));
     EXPECT_NEAR(signedVolume(ml.mesh), signedVolume(direct.mesh), 0.1 * cell) << cell;
     EXPECT_EQ(logValue(ml.log, "Multilevel solver"), "1");
     for (char const * label : {"System normalized by factor", "Right part normalized by factor"})
@@ -98,7 +89,7 @@ TEST(MultilevelReconstruction, ScreeningFollowsCleanSamplesAndGivesWayToNoise)
 
   QZTest::CSampleCloud noisy = QZTest::makeSphereCloud(20000, 1.0, 32);
   std::mt19937 rng(33);
-  std::normal_distribution<double> gauss(0.0, 2.0 * leafCell(pulled.log) / 3.0);
+  std::normal_distribution<double> gauss(0.0, 2.0 * std::stod(logValue(pulled.log, "Leaf cell size")) / 3.0);
   for (int i = 0; i < noisy.pointsNumber(); ++i)
   {
     float * p = noisy.coordsMod(i);

@@ -46,26 +46,6 @@ void expectClosedSphere(Mesh const & m, int depth)
 }
 } // namespace
 
-TEST(Reconstruction, SphereIsClosedOrientedAndAccurateWithOrWithoutNormals)
-{
-  RunResult const plain = reconstruct(sphere(), makeParams(6));
-  expectClosedSphere(plain.mesh, 6);
-  for (auto const & n : plain.mesh.normals) // no normals asked for
-    EXPECT_EQ(n, (std::array<double, 3>{0, 0, 0}));
-
-  CVolTriangulationParams p = makeParams(5);
-  p.setEstimateResultNormals(true);
-  RunResult const r = reconstruct(sphere(), p);
-  expectClosedSphere(r.mesh, 5);
-  for (std::size_t i = 0; i < r.mesh.vertices.size(); ++i)
-  {
-    auto const &v = r.mesh.vertices[i], &n = r.mesh.normals[i];
-    EXPECT_NEAR(n[0] * n[0] + n[1] * n[1] + n[2] * n[2], 1.0, 1e-9);
-    double const len = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
-    EXPECT_GT((n[0] * v[0] + n[1] * v[1] + n[2] * v[2]) / len, 0.95);
-  }
-}
-
 // The log of a run, and the same mesh with one thread, where the system is
 // assembled in two phases and the iso-value summed in one strip.
 TEST(Reconstruction, LogProtocolInOrderAndTheSameMeshWhateverTheThreads)
@@ -127,12 +107,17 @@ TEST(Reconstruction, LogProtocolInOrderAndTheSameMeshWhateverTheThreads)
 }
 
 // Every solver gives the direct solve's surface (depth 4 keeps the
-// unpreconditioned iterative solves short); without the density, with
-// corner nodes on fewer depths, the sphere stays closed and accurate.
-TEST(Reconstruction, EverySolverAndSchemeGivesTheSphere)
+// unpreconditioned iterative solves short), with zero normals when none are
+// asked for; without the density, with corner nodes on fewer depths, the
+// sphere stays closed and accurate, and the normals asked for are unit and
+// outward.
+TEST(Reconstruction, EverySolverSchemeAndNormalsOptionGivesTheSphere)
 {
   CVolTriangulationParams p = makeParams(4);
   RunResult const direct = reconstruct(sphere(), p);
+  expectClosedSphere(direct.mesh, 4);
+  for (auto const & n : direct.mesh.normals)
+    EXPECT_EQ(n, (std::array<double, 3>{0, 0, 0}));
   for (int solver : {2, 3, 4})
   {
     p.setPrefferedSolver(solver);
@@ -145,9 +130,17 @@ TEST(Reconstruction, EverySolverAndSchemeGivesTheSphere)
   p.setVariableDensity(false);
   p.setUseCenter(false);
   p.setDetalizationLevel(2);
+  p.setEstimateResultNormals(true);
   RunResult const r = reconstruct(sphere(), p);
   expectClosedSphere(r.mesh, 5);
   EXPECT_EQ(logValue(r.log, "Weights normalized by factor"), "");
+  for (std::size_t i = 0; i < r.mesh.vertices.size(); ++i)
+  {
+    auto const &v = r.mesh.vertices[i], &n = r.mesh.normals[i];
+    EXPECT_NEAR(n[0] * n[0] + n[1] * n[1] + n[2] * n[2], 1.0, 1e-9);
+    double const len = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+    EXPECT_GT((n[0] * v[0] + n[1] * v[1] + n[2] * v[2]) / len, 0.95);
+  }
 }
 
 // An open surface stops at the samples marked as its border (a half sphere

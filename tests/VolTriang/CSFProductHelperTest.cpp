@@ -15,10 +15,8 @@ using Helper = CCSFProductHelperTmpl<CProductPiecewisePolynom>;
 using GeneralHelper = CCSFProductHelperTmpl<CPiecewisePolynom>;
 int const even[3] = {1, 1, 1}, odd[3] = {-1, 1, 1};
 
-template <class K> double direct(CCSFunc3Tmpl<K> const & f, CCSFunc3Tmpl<K> const & g)
-{
-  return integrateOnSupport(makeProduct(f, g));
-}
+// The reference: the integral of the expanded product.
+auto const direct = [](auto const & f, auto const & g) { return integrateOnSupport(makeProduct(f, g)); };
 
 // The helper's product of the functions of nodes a and b of two bases,
 // against a reference value within a relative tolerance.
@@ -56,7 +54,6 @@ std::vector<std::pair<int, int>> nearPairs(COctree const & t, int count, unsigne
 // even times an odd function integrates to 0, and after a swap of the variables its tables serve all axes.
 TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsOnEveryDepthAndAxis)
 {
-  auto const ref = [](auto const & f, auto const & g) { return direct(f, g); };
   for (bool center : {true, false})
   {
     qztest::SphereBases const b(5, center, 300, 11);
@@ -67,9 +64,9 @@ TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsOnEveryDepthAndAxis
     for (int round = 0; round < 2; ++round)
       for (auto const & pr : pairs)
       {
-        expectProduct(mass, *b.basis, pr.first, *b.basis, pr.second, ref, 1e-9);
-        expectProduct(stiff, *b.basis, pr.first, *b.lapBasis, pr.second, ref, 1e-9);
-        expectProduct(div, *b.basis, pr.first, *b.grad[0], pr.second, ref, 1e-9);
+        expectProduct(mass, *b.basis, pr.first, *b.basis, pr.second, direct, 1e-9);
+        expectProduct(stiff, *b.basis, pr.first, *b.lapBasis, pr.second, direct, 1e-9);
+        expectProduct(div, *b.basis, pr.first, *b.grad[0], pr.second, direct, 1e-9);
       }
     EXPECT_NEAR(div.evalScalarProduct(b.basis->makeFunctionByIndex(5), b.grad[0]->makeFunctionByIndex(5)),
                 0.0, 1e-12);
@@ -78,7 +75,7 @@ TEST(CSFProductHelper, SeparableFormAgreesWithDirectIntegralsOnEveryDepthAndAxis
       div.initWithVariablesSwap(axis - 1, axis, b.basis.get(), b.grad[axis].get());
       EXPECT_EQ(&div.rightBasisRef(), b.grad[axis].get());
       for (auto const & pr : pairs)
-        expectProduct(div, *b.basis, pr.first, *b.grad[axis], pr.second, ref, 1e-9);
+        expectProduct(div, *b.basis, pr.first, *b.grad[axis], pr.second, direct, 1e-9);
     }
   }
 }
@@ -106,7 +103,6 @@ TEST(CSFProductHelper, GeneralFormAgreesWithTheSeparableForm)
     expectProduct(dg, *bg.basis, pr.first, *bg.grad[0], pr.second, separable(dp, *bp.grad[0]), 1e-8);
   }
   dg.initWithVariablesSwap(0, 1, bg.basis.get(), bg.grad[1].get());
-  auto const ref = [](auto const & f, auto const & g) { return direct(f, g); };
   for (auto const & pr : pairs)
-    expectProduct(dg, *bg.basis, pr.first, *bg.grad[1], pr.second, ref, 1e-8);
+    expectProduct(dg, *bg.basis, pr.first, *bg.grad[1], pr.second, direct, 1e-8);
 }

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "QZmath/VolTriang/CSFProductHelper.h"
@@ -132,17 +133,12 @@ TEST(MultilevelPoisson, SolveReachesTheKnownSolutionOnFullAndSmallTrees)
   QZTest::CSampleCloud const some = QZTest::makeSphereCloud(300, 1.0, 5),
                              full = QZTest::makeSphereCloud(2000, 1.0, 7);
   CProductPiecewisePolynom const kernel = qztest::narrowedKernel();
-  struct Case
-  {
-    QZTest::CSampleCloud const * cloud;
-    int depth, detail;
-    bool center;
-  };
-  for (Case const c :
+  using Case = std::tuple<QZTest::CSampleCloud const *, int, int, bool>; // cloud, depth, detail, centre
+  for (auto const & [cloud, depth, detail, center] :
        {Case{&empty, 3, -1, true}, Case{&one, 1, -1, false}, Case{&one, 2, -1, true}, Case{&one, 4, -1, true},
         Case{&some, 5, 1, true}, Case{&some, 6, 2, false}, Case{&full, 5, -1, true}})
   {
-    COctree const tree(c.cloud, c.depth, nullptr, c.center, c.detail);
+    COctree const tree(cloud, depth, nullptr, center, detail);
     CMultilevelPoissonSolver solver(tree, kernel);
     int const n = tree.getNodesNumber();
     // -A times a known solution: the right part the solve must invert.
@@ -152,7 +148,7 @@ TEST(MultilevelPoisson, SolveReachesTheKnownSolutionOnFullAndSmallTrees)
       v = -v;
     std::vector<double> x;
     bool const solved = solver.solve(rhs, &x, nullptr, nullptr);
-    EXPECT_EQ(solved, n > 0) << "depth " << c.depth;
-    EXPECT_TRUE(!solved || relativeResidual(solver, x, rhs) < 0.05) << "depth " << c.depth;
+    EXPECT_EQ(solved, n > 0) << "depth " << depth;
+    EXPECT_TRUE(!solved || relativeResidual(solver, x, rhs) < 0.05) << "depth " << depth;
   }
 }

@@ -21,29 +21,21 @@ namespace qztest
 {
 namespace poly
 {
-/// n-point Gauss-Legendre rule on [-1, 1], exact for degree 2n - 1, from the
-/// positive nodes and their weights.
+/// n-point Gauss-Legendre rule on [-1, 1], exact for degree 2n - 1: the
+/// positive nodes and their weights (the rule is symmetric).
 struct GaussRule
 {
   std::vector<double> x, w;
-  GaussRule(std::vector<double> const & nodes, std::vector<double> const & weights)
-  {
-    for (size_t i = 0; i < nodes.size(); ++i)
-    {
-      x.insert(x.end(), {-nodes[i], nodes[i]});
-      w.insert(w.end(), {weights[i], weights[i]});
-    }
-  }
 };
 
 /// The n-point rule, n being 4 or 8.
 inline GaussRule const & rule(int n)
 {
-  static GaussRule const r4({0.3399810435848563, 0.8611363115940526},
-                            {0.6521451548625464, 0.34785484513745374});
-  static GaussRule const r8(
+  static GaussRule const r4{{0.3399810435848563, 0.8611363115940526},
+                            {0.6521451548625464, 0.34785484513745374}};
+  static GaussRule const r8{
       {0.18343464249564978, 0.525532409916329, 0.7966664774136268, 0.9602898564975363},
-      {0.362683783378362, 0.3137066458778874, 0.22238103445337445, 0.10122853629037679});
+      {0.362683783378362, 0.3137066458778874, 0.22238103445337445, 0.10122853629037679}};
   return n == 4 ? r4 : r8;
 }
 
@@ -57,7 +49,7 @@ template <class F> double integrate1D(F f, std::vector<double> breaks, GaussRule
     double const h = 0.5 * (breaks[c + 1] - breaks[c]);
     double const m = 0.5 * (breaks[c + 1] + breaks[c]);
     for (size_t i = 0; i < g.x.size(); ++i)
-      sum += g.w[i] * h * f(m + h * g.x[i]);
+      sum += g.w[i] * h * (f(m - h * g.x[i]) + f(m + h * g.x[i]));
   }
   return sum;
 }
