@@ -68,6 +68,27 @@ CEstimatedNormals estimate(CSampleCloud const & t,
   return r;
 }
 
+// A closed box of half sizes (a, a, h) sampled uniformly by area.
+CSampleCloud box(int n, double a, double h, std::uint64_t seed)
+{
+  QZTest::CCloudRandom rnd(seed);
+  double const areas[3] = {4 * a * a, 4 * a * h, 4 * a * h}; // faces normal to z, x, y (each of two)
+  CSampleCloud t;
+  for (int i = 0; i < n; ++i)
+  {
+    double const pick = rnd.uniform() * (areas[0] + areas[1] + areas[2]),
+                 s = rnd.uniform() < 0.5 ? -1.0 : 1.0;
+    double const u = rnd.uniform(-1, 1), v = rnd.uniform(-1, 1);
+    if (pick < areas[0])
+      t.add(a * u, a * v, s * h, 0, 0, s);
+    else if (pick < areas[0] + areas[1])
+      t.add(s * a, a * u, h * v, s, 0, 0);
+    else
+      t.add(a * u, s * a, h * v, 0, s, 0);
+  }
+  return t;
+}
+
 class NormalEstimationThreads : public ::testing::Test
 {
 protected:
@@ -170,12 +191,13 @@ TEST(NormalEstimation, ClosedSurfacesWithNoiseFaceOutward)
 {
   // Half a percent of the size as position noise on each coordinate.
   CSampleCloud sphere = QZTest::makeSphereCloud(30000, 1.0, 21),
+               torus = QZTest::makeTorusCloud(30000, 1.0, 0.35, 22),
                nested = QZTest::makeSphereCloud(24000, 1.0, 23);
   appendFlipped(nested, QZTest::makeSphereCloud(6000, 0.5, 24)); // the cavity: inward
-  for (CSampleCloud * t : {&sphere, &nested})
+  for (CSampleCloud * t : {&sphere, &torus, &nested})
     jitter(*t, 0.005, 25);
-  CEstimatedNormals const s = estimate(sphere), ne = estimate(nested);
-  EXPECT_GE(std::min(agreeing(sphere, s), agreeing(nested, ne)), 0.999);
+  CEstimatedNormals const s = estimate(sphere), to = estimate(torus), ne = estimate(nested);
+  EXPECT_GE(std::min({agreeing(sphere, s), agreeing(torus, to), agreeing(nested, ne)}), 0.999);
   EXPECT_EQ(s.getComponentCount(), 1);
   EXPECT_EQ(ne.getComponentCount(), 2);
   EXPECT_EQ(ne.getInwardComponentCount(), 1);
@@ -195,6 +217,15 @@ TEST(NormalEstimation, ClosedSurfacesWithNoiseFaceOutward)
   CEstimatedNormals const flat = estimate(nested, p);
   EXPECT_EQ(flat.getInwardComponentCount(), 0);
   EXPECT_NEAR(agreeing(nested, flat), 0.8, 0.01);
+
+  // Closed plates whose two large faces come closer than a neighbourhood's
+  // reach: neighbours of a face point include points of the other face, and
+  // the propagation must still not cross over.
+  for (double h : {0.05, 0.02})
+  {
+    CSampleCloud t = box(40000, 1.0, h, 31);
+    EXPECT_GE(agreeing(t, estimate(t)), 0.995) << "half thickness " << h;
+  }
 }
 
 TEST(NormalEstimation, ViewpointOrientsAScan)
