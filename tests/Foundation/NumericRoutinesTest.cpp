@@ -130,14 +130,9 @@ TYPED_TEST(SymmetricEigen, DecomposesRandomMatricesAndKnownSpectra)
         }
     }
 
-  // A diagonal matrix needs no sweep: the diagonal comes back exactly and in
-  // its own order (nothing sorts), with the unit axes as vectors.
-  std::vector<T> d, z;
-  ASSERT_EQ(symmetricEigen(std::vector<T>{4, 0, 0, 0, -1, 0, 0, 0, 2}, 3, d, z), 1);
-  EXPECT_TRUE(d == (std::vector<T>{4, -1, 2}) && z == (std::vector<T>{1, 0, 0, 0, 1, 0, 0, 0, 1}));
-
   // NaN never converges: the sweep limit ends it.
   T const nan = std::numeric_limits<T>::quiet_NaN();
+  std::vector<T> d, z;
   EXPECT_EQ(symmetricEigen(std::vector<T>{1, nan, 1, nan, 1, 1, 1, 1, 1}, 3, d, z), 0);
   EXPECT_EQ(symmetricEigen(std::vector<T>{}, 0, d, z), 1);
 }
@@ -221,7 +216,6 @@ TEST(BrentZeroFun, RootsAndFailures)
       << "the value tolerance ends the search";
   // A root exactly at an end costs no iteration.
   EXPECT_EQ(brent(shifted, 0.0, 2.0, 0.0, 9, &target), std::make_tuple(0, 0, 2.0));
-  EXPECT_EQ(std::get<2>(brent(shifted, 2.0, 5.0, 0.0, 9, &target)), 2.0);
   // No sign change, or NaN at an end: status -1, one iteration, root b.
   for (auto f : {shifted, notANumber})
     EXPECT_EQ(brent(f, 3.0, 4.0, 0.0, 9, &target), std::make_tuple(-1, 1, 4.0));

