@@ -210,8 +210,6 @@ TEST(BrentZeroFun, RootsAndFailures)
   EXPECT_EQ(std::get<0>(found), 0);
   EXPECT_NEAR(std::get<2>(found), M_PI / 2, 1e-12);
   EXPECT_EQ(calls, std::get<1>(found) + 2) << "the ends, then one evaluation per iteration";
-  EXPECT_NEAR(std::get<2>(brent(cubic, 3.0, 1.0, 0.0, 0, nullptr)), 2.0945514815423265, 2e-9)
-      << "0 digits: 9";
   EXPECT_LE(std::fabs(std::get<2>(brent(shifted, 0.0, 5.0, 0.25, 15, &target)) - target), 0.25)
       << "the value tolerance ends the search";
   // A root exactly at an end costs no iteration.

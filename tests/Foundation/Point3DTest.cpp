@@ -2,16 +2,11 @@
 
 #include <cmath>
 #include <cstring>
-#include <limits>
 #include <random>
-#include <vector>
 
 #include "QZmath/Foundation/Point3D.h"
-#include "QZsys/CpuConf.h"
 
 using namespace REmath;
-
-TEST(Library, SettlesCpuConfigurationWhenLoaded) { EXPECT_TRUE(IsCPUconfSettled()); }
 
 // Float points take double operands in double and round once; float
 // operands stay float, division included. The length is summed in float and

@@ -118,8 +118,7 @@ TEST(VectorGeometry, MakeRotationMatrixRowsAreTurnedAxes)
   REmath::Matrix<double> m(5, 2);
   V const axis = {1, 2, 2}; // along no coordinate axis
   MakeRotationMatrix(m, axis.data(), 0.7);
-  ASSERT_EQ(m.rows(), 3);
-  ASSERT_EQ(m.cols(), 3);
+  ASSERT_TRUE(m.rows() == 3 && m.cols() == 3);
   for (int i = 0; i < 3; ++i)
   {
     V e = {0, 0, 0}, row;

@@ -6,7 +6,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <typeinfo>
 #include <vector>
 
 #include "LinSysTestSupport.h"
@@ -152,9 +151,8 @@ TYPED_TEST(Solvers, AgreeWithTheDenseReferenceForSeveralRightPartsRepeatedSolves
         for (int k = 0; k < parts.count(); ++k)
           EXPECT_LT(parts.error(k), tolerance<T>(kind.iterative)) << "right part " << first + k;
       }
-      // A copy is a solver of the same class with the same system.
+      // A copy solves the same system.
       std::unique_ptr<IVertexPosLinearSystem<T>> copy(solver->Copy());
-      EXPECT_EQ(typeid(*copy), typeid(*solver));
       CRightParts<T> again(problem, 1, 7);
       ASSERT_TRUE(again.solveBy(*copy));
       EXPECT_LT(again.error(0), tolerance<T>(kind.iterative));
