@@ -327,6 +327,11 @@ TEST(VectorArithmetic, SumsWindowsTheirWordsAndTheMinimum)
   EXPECT_EQ(thrownWord([&] { v.as(-1, a); }), "NURBSmatrix_err");
   EXPECT_EQ(thrownWord([&] { v.get(1, std::numeric_limits<int>::max()); }), "NURBSmatrix_err");
 
+  Vector<unsigned> u(1), one(1);
+  one[0] = 1;
+  u -= one; // unsigned elements wrap
+  EXPECT_EQ(u[0], std::numeric_limits<unsigned>::max());
+
   // The minimum is the first of equal ones; an empty vector has none.
   double values[5] = {3, -1, 4, -1, 5};
   Vector<double> w(values, 5);
