@@ -30,6 +30,7 @@ TEST(ThreadTrace, FormattedTextsAreCutAt255Characters)
 
 TEST(ThreadTrace, NullLogAndNullTexts)
 {
+  EXPECT_TRUE(b_DEBUG_THREADS_On); // exported, initially on
   // Nothing to write to: no line, and no formatting of the text either.
   DebugThreadMessage(nullptr, 1, "%d", 1);
   DebugThreadMgrMessage(nullptr, "Mutex %p", static_cast<void *>(nullptr));
