@@ -12,7 +12,9 @@ ratio() { awk -v t="$1" -v c="$2" 'BEGIN { printf "%.1f %%", c ? 100 * t / c : 0
 
 code=$(count QZmath QZsys tools bench)
 tests=$(count tests)
-echo "test ratio: $tests lines of tests / $code lines of code = $(ratio "$tests" "$code")"
+# The aim is at most a third: 3 * tests <= code.
+if [ $((3 * tests)) -le "$code" ]; then verdict="within the aim of at most a third"; else verdict="ABOVE the aim of at most a third"; fi
+echo "test ratio: $tests lines of tests / $code lines of code = $(ratio "$tests" "$code") ($verdict)"
 if [ "${1:-}" = --suites ]; then
   for d in $(git ls-files tests | cut -d/ -f2 | sort -u); do
     [ -d "tests/$d" ] || continue
