@@ -98,6 +98,11 @@ TEST(CCSFunc3, PlacedKernelItsPolynomialAndItsSupportAgree)
     double const ref = n * kernelReference(q);
     EXPECT_NEAR(fp.eval(p), ref, 1e-12);
     EXPECT_NEAR(pp.eval(p), ref, 1e-9);
+    // The summand factors multiply back to the function.
+    double prod = 1;
+    for (int a = 0; a < 3; ++a)
+      prod *= summandByShiftedKernel(fp, 0, a).eval(p[a]);
+    EXPECT_NEAR(prod, ref, 1e-9);
   }
   // Integral of a level-0 function scaled by s with N = s^3 is 1.
   EXPECT_NEAR(integrateOnSupport(pp), 1.0, 1e-12);

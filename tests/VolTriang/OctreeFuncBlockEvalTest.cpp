@@ -66,6 +66,7 @@ void expectSameValues(Fixture & fx, int points, unsigned seed)
     nonZero += ref != 0.0;
   }
   EXPECT_GT(nonZero, points / 2);
+  EXPECT_GT(fast.blocksBuilt(), 1) << "the default block size is a few cells, not the whole box";
   float const pf[3] = {0.25f, -0.5f, 0.75f};
   double const pd[3] = {0.25, -0.5, 0.75}, far[3] = {1e200, -1e200, 0.0}, nan[3] = {std::nan(""), 0.0, 0.0};
   EXPECT_EQ(fast.eval(pf), fx.x->eval(pd, nullptr));
