@@ -133,7 +133,11 @@ TEST_F(FitCircle, TangentConditionsAreMet)
   EXPECT_NEAR(dist(P, c), r, 1e-9);
   EXPECT_LT(std::fabs(dot(unit(P - c), unit(tangent))), 1e-6);
   EXPECT_NEAR(r, R0, 0.3);
-  EXPECT_FALSE(FitCircleByPointsWithDirs(pts, {P, Q}, {v}, c, n, r));
+  // Two points need two tangents, even when a second one lies in memory just
+  // past the end of the array.
+  std::vector<Point3D_d> oneDir = {v, u * -3.0};
+  oneDir.pop_back();
+  EXPECT_FALSE(FitCircleByPointsWithDirs(pts, {P, Q}, oneDir, c, n, r));
   EXPECT_FALSE(FitCircleByPointsWithDirs(pts, {}, {}, c, n, r));
 }
 
